@@ -1,0 +1,10 @@
+# Third-party libraries, all from Debian packages (scripts/install-deps.sh).
+find_package(Threads REQUIRED)
+find_package(Boost 1.74 REQUIRED COMPONENTS log log_setup date_time iostreams filesystem thread)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(CRYPTOPP REQUIRED IMPORTED_TARGET libcrypto++)
+pkg_check_modules(ICU REQUIRED IMPORTED_TARGET icu-uc)
+find_package(GTest REQUIRED)
+if(OVERLAY_BUILD_BENCHMARKS)
+  find_package(benchmark REQUIRED)
+endif()

@@ -1,0 +1,34 @@
+# One helper per kind of target keeps the folder CMakeLists short.
+
+# project_library(NAME SOURCES ... [PUBLIC_DEPS ...] [PRIVATE_DEPS ...] [INCLUDE dir])
+function(project_library name)
+  cmake_parse_arguments(ARG "SHARED" "INCLUDE" "SOURCES;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
+  if(ARG_SHARED)
+    add_library(${name} SHARED ${ARG_SOURCES})
+  else()
+    add_library(${name} STATIC ${ARG_SOURCES})
+  endif()
+  if(ARG_INCLUDE)
+    target_include_directories(${name} PUBLIC ${ARG_INCLUDE})
+  endif()
+  target_link_libraries(${name} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+endfunction()
+
+# project_test(NAME SOURCES ... [DEPS ...]): a GoogleTest binary registered with CTest.
+function(project_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()
+
+# project_benchmark(NAME SOURCES ... [DEPS ...])
+function(project_benchmark name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  if(OVERLAY_BUILD_BENCHMARKS)
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE ${ARG_DEPS} benchmark::benchmark)
+  endif()
+endfunction()
+
+include(GoogleTest)

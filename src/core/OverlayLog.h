@@ -1,0 +1,14 @@
+// The overlay's diagnostic logger: one channel, "storage::overlayprovider", made once on
+// first use and shared by every class of the overlay. Safe to use from any thread.
+#pragma once
+
+#include <foundation/log/DiagnosticLogger.h>
+
+namespace storage::overlayprovider {
+
+const foundation::log::diagnostic_logger& overlayLogger();
+
+}  // namespace storage::overlayprovider
+
+// Shorthands for the overlay's records: OVERLAY_LOG(foundation::log::error) << "...";
+#define OVERLAY_LOG(severity) FOUNDATION_LOG(::storage::overlayprovider::overlayLogger(), severity)
