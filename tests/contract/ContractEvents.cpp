@@ -1,0 +1,185 @@
+// Change events: created, modified, removed and moved entries, kind filters and stopping.
+// Events arrive on the provider's own thread, so every expectation is a bounded wait; a
+// "nothing else arrived" check first waits for a later marker event, relying on a provider
+// delivering the changes of one store in the order they happened.
+#include "ProviderContract.h"
+
+#include <foundation/text/Unicode.h>
+
+#include <algorithm>
+#include <sstream>
+
+namespace contract {
+
+using foundation::storage::events::EntryType;
+using foundation::storage::events::Kind;
+using fsp::RecursiveFileWatching;
+
+EventRecorder::EventRecorder() : state_(std::make_shared<State>()) {}
+
+fsp::EventPublisher EventRecorder::publisher() const {
+  return [state = state_](Kind kind, const fsp::StorageIRI& location, const fsp::StorageIRI& other,
+                          EntryType type, const boost::property_tree::ptree&) {
+    std::lock_guard lock(state->mutex);
+    state->events.push_back({kind, location.getPath(), other.getPath(), type});
+    state->changed.notify_all();
+  };
+}
+
+bool EventRecorder::waitFor(const Predicate& done, const std::string& expectation,
+                            std::chrono::seconds bound) const {
+  std::unique_lock lock(state_->mutex);
+  if (state_->changed.wait_for(lock, bound, [&] { return done(state_->events); })) return true;
+  ADD_FAILURE() << "no " << expectation << " within " << bound.count()
+                << " s; events seen: " << describe(state_->events);
+  return false;
+}
+
+bool EventRecorder::waitForEvent(Kind kind, const std::u16string& path) const {
+  std::ostringstream expectation;
+  expectation << "event of kind " << static_cast<unsigned>(kind) << " for "
+              << foundation::text::toUtf8(path);
+  return waitFor([&](const auto& events) { return contains(events, kind, path); },
+                 expectation.str());
+}
+
+std::vector<EventRecorder::Event> EventRecorder::events() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->events;
+}
+
+void EventRecorder::clear() {
+  std::lock_guard lock(state_->mutex);
+  state_->events.clear();
+}
+
+bool EventRecorder::contains(const std::vector<Event>& events, Kind kind,
+                             const std::u16string& path) {
+  return std::any_of(events.begin(), events.end(),
+                     [&](const Event& e) { return e.kind == kind && e.path == path; });
+}
+
+std::string EventRecorder::describe(const std::vector<Event>& events) {
+  std::ostringstream text;
+  text << "[";
+  for (const auto& e : events) {
+    text << " (kind " << static_cast<unsigned>(e.kind) << ", " << foundation::text::toUtf8(e.path)
+         << " -> " << foundation::text::toUtf8(e.otherPath) << ", type "
+         << static_cast<unsigned>(e.type) << ")";
+  }
+  text << " ]";
+  return text.str();
+}
+
+namespace {
+
+const EventRecorder::Event* find(const std::vector<EventRecorder::Event>& events, Kind kind,
+                                 const std::u16string& path) {
+  for (const auto& e : events) {
+    if (e.kind == kind && e.path == path) return &e;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+TEST_P(ProviderContract, EventsForCreateModifyRemove) {
+  at(u"/w").createFolder();
+  EventRecorder folder;
+  at(u"/w").publishFolderEvents(folder.publisher(), {}, RecursiveFileWatching::No);
+
+  at(u"/w/a.txt").createFile();
+  ASSERT_TRUE(folder.waitForEvent(Kind::Created, u"/w/a.txt"));
+  EXPECT_EQ(EntryType::File, find(folder.events(), Kind::Created, u"/w/a.txt")->type);
+
+  // Whatever the creation itself still reports has arrived once a later change has.
+  at(u"/w/marker").createFile();
+  ASSERT_TRUE(folder.waitForEvent(Kind::Created, u"/w/marker"));
+  folder.clear();
+
+  writeFile(u"/w/a.txt", "new body");
+  ASSERT_TRUE(folder.waitForEvent(Kind::Modified, u"/w/a.txt"));
+
+  at(u"/w/a.txt").removeFile();
+  ASSERT_TRUE(folder.waitForEvent(Kind::Removed, u"/w/a.txt"));
+  at(u"/w").stopPublishingFolderEvents();
+}
+
+TEST_P(ProviderContract, FileSubscriptionHearsItsFile) {
+  at(u"/w").createFolder();
+  writeFile(u"/w/watched", "before");
+  writeFile(u"/w/other", "before");
+  EventRecorder folder, file;
+  at(u"/w").publishFolderEvents(folder.publisher(), {}, RecursiveFileWatching::No);
+  at(u"/w/watched").publishFileEvents(file.publisher(), {});
+  at(u"/w/marker").createFile();
+  ASSERT_TRUE(folder.waitForEvent(Kind::Created, u"/w/marker"));
+  file.clear();
+
+  writeFile(u"/w/other", "changed");
+  writeFile(u"/w/watched", "changed");
+  ASSERT_TRUE(file.waitForEvent(Kind::Modified, u"/w/watched"));
+  ASSERT_TRUE(folder.waitForEvent(Kind::Modified, u"/w/other"));
+  for (const auto& e : file.events()) {
+    EXPECT_EQ(u"/w/watched", e.path) << "a file subscription hears only its file";
+  }
+  at(u"/w/watched").stopPublishingFileEvents();
+  at(u"/w").stopPublishingFolderEvents();
+}
+
+TEST_P(ProviderContract, EventKindsFilterAndStopping) {
+  makeFolders({u"/w", u"/v"});
+  EventRecorder removals, stopped, barrier;
+  at(u"/w").publishFolderEvents(removals.publisher(), {Kind::Removed}, RecursiveFileWatching::No);
+  at(u"/v").publishFolderEvents(barrier.publisher(), {}, RecursiveFileWatching::No);
+
+  at(u"/w/a.txt").createFile();
+  at(u"/w/a.txt").removeFile();
+  ASSERT_TRUE(removals.waitForEvent(Kind::Removed, u"/w/a.txt"));
+  for (const auto& e : removals.events()) {
+    EXPECT_EQ(Kind::Removed, e.kind) << "only the kinds asked for are heard";
+  }
+
+  at(u"/w").stopPublishingFolderEvents();
+  at(u"/w").publishFolderEvents(stopped.publisher(), {}, RecursiveFileWatching::No);
+  at(u"/w").stopPublishingFolderEvents();
+  removals.clear();
+  at(u"/w/b.txt").createFile();
+  at(u"/w/b.txt").removeFile();
+  at(u"/v/marker").createFile();
+  ASSERT_TRUE(barrier.waitForEvent(Kind::Created, u"/v/marker"));
+  EXPECT_TRUE(removals.events().empty()) << EventRecorder::describe(removals.events());
+  EXPECT_TRUE(stopped.events().empty()) << EventRecorder::describe(stopped.events());
+  at(u"/v").stopPublishingFolderEvents();
+}
+
+TEST_P(ProviderContract, EventsForMovesAndRecursiveWatches) {
+  makeFolders({u"/w/deep/er"});
+  writeFile(u"/w/from.txt", "x");
+  EventRecorder top, tree;
+  at(u"/w").publishFolderEvents(top.publisher(), {}, RecursiveFileWatching::No);
+  at(u"/w").publishFolderEvents(tree.publisher(), {}, RecursiveFileWatching::Yes);
+
+  at(u"/w/from.txt").moveFile(loc(u"/w/to.txt"), fsp::ReplacementPolicy::Fail);
+  ASSERT_TRUE(top.waitFor(
+      [](const auto& events) {
+        for (const auto& e : events) {
+          if (e.kind == Kind::Moved && e.path == u"/w/from.txt" && e.otherPath == u"/w/to.txt")
+            return true;
+        }
+        return EventRecorder::contains(events, Kind::Removed, u"/w/from.txt") &&
+               EventRecorder::contains(events, Kind::Created, u"/w/to.txt");
+      },
+      "Moved(/w/from.txt, /w/to.txt) or Removed + Created"));
+
+  at(u"/w/deep/er/inner.txt").createFile();
+  ASSERT_TRUE(tree.waitForEvent(Kind::Created, u"/w/deep/er/inner.txt"))
+      << "a recursive subscription hears changes at any depth";
+  at(u"/w/marker").createFile();
+  ASSERT_TRUE(top.waitForEvent(Kind::Created, u"/w/marker"));
+  EXPECT_FALSE(EventRecorder::contains(top.events(), Kind::Created, u"/w/deep/er/inner.txt"))
+      << "a non-recursive subscription hears only direct children";
+  at(u"/w").stopPublishingFolderEvents();
+}
+
+}  // namespace contract

@@ -1,0 +1,32 @@
+# The provider contract suite, for every test folder that checks a provider against it.
+#
+#   add_contract_tests(<name> SOURCES <instantiation.cpp...> DEPS <libraries...>)
+#
+# builds the executable <name> from the suite and the instantiations and registers its tests.
+# GoogleTest registers TEST_P cases from static initialisers, so the suite must not sit in a
+# static library (the linker would drop its unreferenced objects): it is an OBJECT library,
+# whose objects are linked whole into every executable that names it.
+include_guard(GLOBAL)
+include(GoogleTest)
+
+set(CONTRACT_SUITE_DIR ${CMAKE_CURRENT_LIST_DIR} CACHE INTERNAL "Folder of ProviderContract.h")
+set(CONTRACT_SUITE_SOURCES
+    ${CONTRACT_SUITE_DIR}/ProviderContract.cpp
+    ${CONTRACT_SUITE_DIR}/ContractAttributes.cpp
+    ${CONTRACT_SUITE_DIR}/ContractBacking.cpp
+    ${CONTRACT_SUITE_DIR}/ContractEvents.cpp
+    ${CONTRACT_SUITE_DIR}/ContractListings.cpp
+    ${CONTRACT_SUITE_DIR}/ContractMutations.cpp
+    ${CONTRACT_SUITE_DIR}/ContractStreams.cpp
+    CACHE INTERNAL "Sources of the provider contract suite")
+
+add_library(contract_suite OBJECT ${CONTRACT_SUITE_SOURCES})
+target_include_directories(contract_suite PUBLIC ${CONTRACT_SUITE_DIR})
+target_link_libraries(contract_suite PUBLIC foundation GTest::gtest)
+
+function(add_contract_tests name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE contract_suite ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()

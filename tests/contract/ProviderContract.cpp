@@ -1,0 +1,226 @@
+// The fixture, the shared helpers and the whole-store behaviour of the contract suite
+// (root, locations, storage information, name sensitivity, shutdown).
+#include "ProviderContract.h"
+
+#include <foundation/text/Unicode.h>
+
+#include <algorithm>
+#include <sstream>
+
+namespace contract {
+
+using fsp::ErrorCode;
+using fsp::StorageIRI;
+using fsp::StorageItem;
+
+ProviderUnderTest::~ProviderUnderTest() = default;
+
+void PrintTo(const ContractParam& param, std::ostream* out) { *out << param.name; }
+
+std::string paramName(const ::testing::TestParamInfo<ContractParam>& info) {
+  return info.param.name;
+}
+
+void ProviderContract::SetUp() {
+  underTest_ = GetParam().make();
+  ASSERT_TRUE(underTest_) << "the instantiation made no provider";
+  root_ = underTest_->root();
+  ASSERT_TRUE(root_->getProvider()) << "the root item has no provider";
+}
+
+void ProviderContract::TearDown() {
+  root_.reset();
+  underTest_.reset();
+}
+
+StorageItem ProviderContract::at(const std::u16string& path) const {
+  return StorageItem(*root_, path);
+}
+
+void ProviderContract::writeFile(const std::u16string& path, std::string_view bytes) const {
+  contract::writeFile(at(path), bytes);
+}
+
+void ProviderContract::makeFolders(const std::vector<std::u16string>& paths) const {
+  for (const auto& path : paths) {
+    if (!at(path).folderExists()) at(path).createFolderRecursive();
+  }
+}
+
+StorageItem below(const StorageItem& base, const std::u16string& relative) {
+  return StorageItem(base.getProvider(), StorageIRI(base.getLocation(), relative));
+}
+
+void writeFile(const StorageItem& item, std::string_view bytes) {
+  auto stream = item.openStream(fsp::ByteStreamOpenOptions::overwrite());
+  ASSERT_TRUE(stream);
+  if (!bytes.empty()) {
+    EXPECT_EQ(static_cast<long>(bytes.size()),
+              stream->write(bytes.data(), static_cast<long>(bytes.size())));
+  }
+  stream->close();
+}
+
+std::string readRest(fsp::ByteStream& stream) {
+  std::string content;
+  std::vector<char> buffer(64 * 1024);
+  for (;;) {
+    long n = stream.read(buffer.data(), static_cast<long>(buffer.size()));
+    if (n < 0) break;
+    if (n == 0) {
+      // The end is reported as -1; a 0 here would make every read loop spin forever.
+      ADD_FAILURE() << "read returned 0 instead of -1 at the end";
+      break;
+    }
+    content.append(buffer.data(), static_cast<std::size_t>(n));
+  }
+  return content;
+}
+
+std::string readFile(const StorageItem& item) {
+  auto stream = item.openReadOnlyStream();
+  if (!stream) {
+    ADD_FAILURE() << "openReadOnlyStream returned no stream";
+    return {};
+  }
+  std::string content = readRest(*stream);
+  stream->close();
+  return content;
+}
+
+std::vector<fsp::FolderEntry> rows(fsp::FolderEntryIteratorPtr it) {
+  if (!it) {
+    ADD_FAILURE() << "listing returned no iterator";
+    return {};
+  }
+  return fsp::collectRows(*it);
+}
+
+std::vector<std::string> names(fsp::FolderEntryIteratorPtr it) {
+  std::vector<std::string> result;
+  for (const auto& row : rows(std::move(it))) {
+    result.push_back(foundation::text::toUtf8(row.getName()));
+  }
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
+std::vector<std::string> sortedUtf8(const fsp::NameList& list) {
+  std::vector<std::string> result;
+  for (const auto& name : list) result.push_back(foundation::text::toUtf8(name));
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
+std::string patternBytes(std::size_t size) {
+  std::string bytes(size, '\0');
+  std::uint32_t state = 2463534242u;
+  for (auto& byte : bytes) {
+    state ^= state << 13;
+    state ^= state >> 17;
+    state ^= state << 5;
+    byte = static_cast<char>(state & 0xff);
+  }
+  return bytes;
+}
+
+boost::posix_time::ptime toSeconds(const boost::posix_time::ptime& time) {
+  return boost::posix_time::ptime(time.date(),
+                                  boost::posix_time::seconds(time.time_of_day().total_seconds()));
+}
+
+void expectError(ErrorCode code, const StorageIRI& location, const std::function<void()>& operation,
+                 std::source_location where) {
+  try {
+    operation();
+    ADD_FAILURE_AT(where.file_name(), where.line())
+        << "expected " << code << " at " << location << ", but nothing was thrown";
+  } catch (const fsp::Exception& e) {
+    if (e.getErrorCode() != code || e.getLocation() != location) {
+      ADD_FAILURE_AT(where.file_name(), where.line())
+          << "expected " << code << " at " << location << ", caught: " << e.what();
+    }
+  } catch (const std::exception& e) {
+    ADD_FAILURE_AT(where.file_name(), where.line())
+        << "expected Exception(" << code << "), caught another exception: " << e.what();
+  }
+}
+
+void expectErrorCode(ErrorCode code, const std::function<void()>& operation,
+                     std::source_location where) {
+  try {
+    operation();
+    ADD_FAILURE_AT(where.file_name(), where.line())
+        << "expected " << code << ", but nothing was thrown";
+  } catch (const fsp::Exception& e) {
+    if (e.getErrorCode() != code) {
+      ADD_FAILURE_AT(where.file_name(), where.line())
+          << "expected " << code << ", caught: " << e.what();
+    }
+  } catch (const std::exception& e) {
+    ADD_FAILURE_AT(where.file_name(), where.line())
+        << "expected Exception(" << code << "), caught another exception: " << e.what();
+  }
+}
+
+// --- whole-store behaviour ---
+
+TEST_P(ProviderContract, RootAlwaysExists) {
+  EXPECT_EQ(u"/", root().getLocation().getPath());
+  EXPECT_TRUE(root().folderExists());
+  EXPECT_FALSE(root().fileExists());
+  EXPECT_NO_THROW(root().getFolderAttributes());
+  expectError(ErrorCode::NotFound, root().getLocation(), [&] { root().getFileAttributes(); });
+  EXPECT_TRUE(names(root().listAll()).empty()) << "a fresh store must be empty";
+
+  // Emptying the store never takes the root with it.
+  writeFile(u"/a.txt", "x");
+  at(u"/a.txt").removeFile();
+  EXPECT_TRUE(root().folderExists());
+}
+
+TEST_P(ProviderContract, ForeignSchemeIsRefused) {
+  const StorageIRI foreign(u"contract-foreign", u"/a.txt");
+  const StorageIRI foreignFolder(u"contract-foreign", u"/dir");
+  writeFile(u"/a.txt", "kept");
+
+  expectError(ErrorCode::InvalidLocation, foreign, [&] { provider().createFile(foreign); });
+  expectError(ErrorCode::InvalidLocation, foreignFolder,
+              [&] { provider().createFolder(foreignFolder); });
+  expectError(ErrorCode::InvalidLocation, foreign, [&] { provider().removeFile(foreign); });
+  expectError(ErrorCode::InvalidLocation, foreign,
+              [&] { provider().openStream(foreign, fsp::ByteStreamOpenOptions::overwrite()); });
+  EXPECT_EQ("kept", readFile(at(u"/a.txt"))) << "a refused location must not reach the store";
+  EXPECT_FALSE(at(u"/dir").folderExists());
+}
+
+TEST_P(ProviderContract, StorageInformationIsPlausible) {
+  writeFile(u"/a.bin", patternBytes(4096));
+  const auto info = root().getProviderStorageInfo();
+  EXPECT_GT(info.getStorageCapacity(), 0u);
+  EXPECT_LE(info.getSpaceOccupied(), info.getStorageCapacity());
+}
+
+TEST_P(ProviderContract, NamesCompareAsTheReportedSensitivitySays) {
+  const auto sensitivity = root().getFilenameSensitivity();
+  writeFile(u"/Name.txt", "upper");
+  if (sensitivity == fsp::FilenameSensitivity::CaseSensitive) {
+    at(u"/name.txt").createFile();
+    EXPECT_EQ("upper", readFile(at(u"/Name.txt")));
+    EXPECT_EQ("", readFile(at(u"/name.txt")));
+    EXPECT_EQ((std::vector<std::string>{"Name.txt", "name.txt"}), names(root().listAll()));
+  } else {
+    expectError(ErrorCode::AlreadyExists, loc(u"/name.txt"),
+                [&] { at(u"/name.txt").createFile(); });
+    EXPECT_TRUE(at(u"/NAME.TXT").fileExists());
+    EXPECT_EQ("upper", readFile(at(u"/nAmE.txt")));
+  }
+}
+
+TEST_P(ProviderContract, ShutdownTwiceIsHarmless) {
+  writeFile(u"/a.txt", "x");
+  EXPECT_NO_THROW(root().shutdownProvider());
+  EXPECT_NO_THROW(root().shutdownProvider());
+}
+
+}  // namespace contract
