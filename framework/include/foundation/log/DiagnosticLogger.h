@@ -58,6 +58,13 @@ class basic_diagnostic_logger {
   mutable source_type source_;
 };
 
+// The narrow logger is the one the framework builds (in its library).
+template <>
+basic_diagnostic_logger<char>::basic_diagnostic_logger(std::string channel);
+template <>
+void basic_diagnostic_logger<char>::write(unsigned severity, const std::string& message,
+                                          const char* file, const char* function, int line) const;
+
 using diagnostic_logger = basic_diagnostic_logger<char>;
 
 // Builds one record's text and writes it at the end of the statement; used by FOUNDATION_LOG.
@@ -65,7 +72,11 @@ class RecordBuilder {
  public:
   RecordBuilder(const diagnostic_logger& logger, unsigned severity, const char* file,
                 const char* function, int line)
-      : logger_(logger), severity_(severity), file_(file), function_(function), line_(line),
+      : logger_(logger),
+        severity_(severity),
+        file_(file),
+        function_(function),
+        line_(line),
         open_(logger.isEnabled(severity)) {}
   bool open() const { return open_; }
   std::ostringstream& stream() { return text_; }
@@ -90,7 +101,10 @@ class RecordBuilder {
 class ScopedTrace {
  public:
   ScopedTrace(const diagnostic_logger& logger, const char* file, const char* function, int line)
-      : logger_(logger), file_(file), function_(function), line_(line),
+      : logger_(logger),
+        file_(file),
+        function_(function),
+        line_(line),
         enabled_(logger.isEnabled(trace)) {}
   ScopedTrace(const ScopedTrace&) = delete;
   ScopedTrace& operator=(const ScopedTrace&) = delete;
@@ -118,13 +132,14 @@ class ScopedTrace {
 
 }  // namespace foundation::log
 
-#define FOUNDATION_LOG_FROM(logger, severity, file)                                          \
-  for (::foundation::log::RecordBuilder foundation_record_((logger), (severity), (file),    \
+#define FOUNDATION_LOG_FROM(logger, severity, file)                                           \
+  for (::foundation::log::RecordBuilder foundation_record_((logger), (severity), (file),      \
                                                            BOOST_CURRENT_FUNCTION, __LINE__); \
-       foundation_record_.open(); foundation_record_.commit())                              \
+       foundation_record_.open(); foundation_record_.commit())                                \
   foundation_record_.stream()
 
 #define FOUNDATION_LOG(logger, severity) FOUNDATION_LOG_FROM(logger, severity, __FILE__)
 
-#define FOUNDATION_TRACE_SCOPE(logger, file) \
-  ::foundation::log::ScopedTrace foundation_trace_scope_((logger), (file), BOOST_CURRENT_FUNCTION, __LINE__)
+#define FOUNDATION_TRACE_SCOPE(logger, file)                                                       \
+  ::foundation::log::ScopedTrace foundation_trace_scope_((logger), (file), BOOST_CURRENT_FUNCTION, \
+                                                         __LINE__)

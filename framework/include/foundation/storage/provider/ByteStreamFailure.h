@@ -58,8 +58,7 @@ class ByteStreamReadFailure final : public detail::ByteStreamFailureKind<ByteStr
   using ByteStreamFailureKind::ByteStreamFailureKind;
 };
 
-class ByteStreamWriteFailure final
-    : public detail::ByteStreamFailureKind<ByteStreamWriteFailure> {
+class ByteStreamWriteFailure final : public detail::ByteStreamFailureKind<ByteStreamWriteFailure> {
  public:
   static constexpr const char* kName = "ByteStreamWriteFailure";
   using ByteStreamFailureKind::ByteStreamFailureKind;
@@ -71,8 +70,7 @@ class ByteStreamSeekFailure final : public detail::ByteStreamFailureKind<ByteStr
   using ByteStreamFailureKind::ByteStreamFailureKind;
 };
 
-class ByteStreamCloseFailure final
-    : public detail::ByteStreamFailureKind<ByteStreamCloseFailure> {
+class ByteStreamCloseFailure final : public detail::ByteStreamFailureKind<ByteStreamCloseFailure> {
  public:
   static constexpr const char* kName = "ByteStreamCloseFailure";
   using ByteStreamFailureKind::ByteStreamFailureKind;

@@ -14,8 +14,7 @@
 
 namespace foundation::storage::provider {
 
-using EventPublisher =
-    std::function<void(events::Kind, const StorageIRI&, const StorageIRI&, events::EntryType,
-                       boost::property_tree::ptree)>;
+using EventPublisher = std::function<void(events::Kind, const StorageIRI&, const StorageIRI&,
+                                          events::EntryType, boost::property_tree::ptree)>;
 
 }  // namespace foundation::storage::provider

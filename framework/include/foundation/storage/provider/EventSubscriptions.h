@@ -32,7 +32,8 @@ class EventSubscriptions {
   bool empty() const;
 
   // Calls every publisher that hears this change. Exceptions thrown by publishers are
-  // swallowed (a subscriber's failure must not stop the provider's event thread).
+  // logged and not passed on (a subscriber's failure must not stop the provider's event
+  // thread).
   void deliver(events::Kind kind, const StorageIRI& location, const StorageIRI& other,
                events::EntryType type) const;
 

@@ -14,9 +14,13 @@ namespace foundation::storage::provider {
 class FolderEntry {
  public:
   FolderEntry(std::u16string name, FileAttributes attributes, ExtendedAttributes extended = {})
-      : name_(std::move(name)), attributes_(std::move(attributes)), extended_(std::move(extended)) {}
+      : name_(std::move(name)),
+        attributes_(std::move(attributes)),
+        extended_(std::move(extended)) {}
   FolderEntry(std::u16string name, FolderAttributes attributes, ExtendedAttributes extended = {})
-      : name_(std::move(name)), attributes_(std::move(attributes)), extended_(std::move(extended)) {}
+      : name_(std::move(name)),
+        attributes_(std::move(attributes)),
+        extended_(std::move(extended)) {}
 
   const std::u16string& getName() const { return name_; }
   bool isFile() const { return attributes_.index() == 0; }

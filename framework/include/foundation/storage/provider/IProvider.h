@@ -61,8 +61,7 @@ class IProvider {
   }
   void removeFolder(const StorageIRI& iri) const { doRemoveFolder(iri); }
   void removeFolderRecursively(const StorageIRI& iri) const { doRemoveFolderRecursively(iri); }
-  void moveFolder(const StorageIRI& from, const StorageIRI& to,
-                  const ReplacementPolicy& p) const {
+  void moveFolder(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& p) const {
     doMoveFolder(from, to, p);
   }
   FileAttributes getFileAttributes(const StorageIRI& iri) const { return doGetFileAttributes(iri); }
@@ -87,8 +86,7 @@ class IProvider {
   // Listings. An empty pattern lists everything; otherwise names are matched against the
   // glob pattern ("*", "?", "[...]"; "*" matches every name).
   FolderEntryIteratorPtr listAll(const StorageIRI& iri, const std::u16string& pattern = {}) const;
-  FolderEntryIteratorPtr listFiles(const StorageIRI& iri,
-                                   const std::u16string& pattern = {}) const;
+  FolderEntryIteratorPtr listFiles(const StorageIRI& iri, const std::u16string& pattern = {}) const;
   FolderEntryIteratorPtr listFolders(const StorageIRI& iri,
                                      const std::u16string& pattern = {}) const;
   NameList listAllNamesOnly(const StorageIRI& iri, const std::u16string& pattern = {}) const;
@@ -128,9 +126,7 @@ class IProvider {
   }
   void stopChangePolling(const StorageIRI& iri) const { doStopChangePollingMechanism(iri); }
   bool hasFeature(const ExtendedFeature& feature) const { return doHasFeature(feature); }
-  PathComparator getPathComparator(const StorageIRI& iri) const {
-    return doGetPathComparator(iri);
-  }
+  PathComparator getPathComparator(const StorageIRI& iri) const { return doGetPathComparator(iri); }
   StorageIRI getCanonicalLocation(const StorageIRI& iri) const {
     return doGetCanonicalLocation(iri);
   }
@@ -156,23 +152,23 @@ class IProvider {
 
  protected:
   // --- slots, in slot order (the destructor pair is slots 1 and 2) ---
-  virtual void doCreateFile(const StorageIRI&) const = 0;                        // [own]
-  virtual void doCreateFolder(const StorageIRI&) const = 0;                      // [own]
-  virtual void doCreateFolderRecursive(const StorageIRI&) const = 0;             // [own]
-  virtual bool doFileExists(const StorageIRI&) const = 0;                        // [own]
-  virtual bool doFolderExists(const StorageIRI&) const = 0;                      // [own]
-  virtual void doRemoveFile(const StorageIRI&) const = 0;                        // [own]
+  virtual void doCreateFile(const StorageIRI&) const = 0;             // [own]
+  virtual void doCreateFolder(const StorageIRI&) const = 0;           // [own]
+  virtual void doCreateFolderRecursive(const StorageIRI&) const = 0;  // [own]
+  virtual bool doFileExists(const StorageIRI&) const = 0;             // [own]
+  virtual bool doFolderExists(const StorageIRI&) const = 0;           // [own]
+  virtual void doRemoveFile(const StorageIRI&) const = 0;             // [own]
   virtual void doMoveFile(const StorageIRI& from, const StorageIRI& to,
-                          const ReplacementPolicy&) const = 0;                   // [own]
-  virtual void doRemoveFolder(const StorageIRI&) const = 0;                      // [own]
-  virtual void doRemoveFolderRecursively(const StorageIRI&) const = 0;           // [own]
+                          const ReplacementPolicy&) const = 0;          // [own]
+  virtual void doRemoveFolder(const StorageIRI&) const = 0;             // [own]
+  virtual void doRemoveFolderRecursively(const StorageIRI&) const = 0;  // [own]
   virtual void doMoveFolder(const StorageIRI& from, const StorageIRI& to,
-                            const ReplacementPolicy&) const = 0;                 // [own]
-  virtual FileAttributes doGetFileAttributes(const StorageIRI&) const = 0;       // [own]
-  virtual FolderAttributes doGetFolderAttributes(const StorageIRI&) const = 0;   // [own]
+                            const ReplacementPolicy&) const = 0;                // [own]
+  virtual FileAttributes doGetFileAttributes(const StorageIRI&) const = 0;      // [own]
+  virtual FolderAttributes doGetFolderAttributes(const StorageIRI&) const = 0;  // [own]
   virtual ByteStreamPtr doOpenStream(const StorageIRI&,
-                                     const ByteStreamOpenOptions&) const = 0;    // [own]
-  virtual ByteStreamPtr doOpenReadOnlyStream(const StorageIRI&) const = 0;      // [own]
+                                     const ByteStreamOpenOptions&) const = 0;  // [own]
+  virtual ByteStreamPtr doOpenReadOnlyStream(const StorageIRI&) const = 0;     // [own]
   // [framework] Writes go to a scratch file beside the target ("<name>.~tx-<uuid>"), which
   // replaces the target when the stream is closed.
   virtual ByteStreamPtr doOpenTransactionalStream(const StorageIRI&,
@@ -180,20 +176,19 @@ class IProvider {
   // [framework] As above with a scratch location of the caller's choice.
   virtual ByteStreamPtr doOpenTransactionalStreamAtScratchLocation(
       const StorageIRI&, const StorageIRI& scratch, const ByteStreamOpenOptions&) const;
-  virtual FolderEntryIteratorPtr doListAll(const StorageIRI&) const = 0;         // [own]
+  virtual FolderEntryIteratorPtr doListAll(const StorageIRI&) const = 0;  // [own]
   virtual FolderEntryIteratorPtr doListAllWildcards(const StorageIRI&,
                                                     std::u16string pattern) const;
-  virtual FolderEntryIteratorPtr doListFiles(const StorageIRI&) const = 0;       // [own]
+  virtual FolderEntryIteratorPtr doListFiles(const StorageIRI&) const = 0;  // [own]
   virtual FolderEntryIteratorPtr doListFilesWildcards(const StorageIRI&,
                                                       std::u16string pattern) const;
-  virtual FolderEntryIteratorPtr doListFolders(const StorageIRI&) const = 0;     // [own]
+  virtual FolderEntryIteratorPtr doListFolders(const StorageIRI&) const = 0;  // [own]
   virtual FolderEntryIteratorPtr doListFoldersWildcards(const StorageIRI&,
                                                         std::u16string pattern) const;
   virtual NameList doListAllNamesOnly(const StorageIRI&) const;
   virtual NameList doListAllNamesOnlyWildcards(const StorageIRI&, std::u16string pattern) const;
   virtual NameList doListFoldersNamesOnly(const StorageIRI&) const;
-  virtual NameList doListFoldersNamesOnlyWildcards(const StorageIRI&,
-                                                   std::u16string pattern) const;
+  virtual NameList doListFoldersNamesOnlyWildcards(const StorageIRI&, std::u16string pattern) const;
   virtual NameList doListFilesNamesOnly(const StorageIRI&) const;
   virtual NameList doListFilesNamesOnlyWildcards(const StorageIRI&, std::u16string pattern) const;
   virtual FolderEntryIteratorPtr doListAllRecursive(const StorageIRI&) const;
@@ -203,26 +198,26 @@ class IProvider {
   virtual NameList doListAllRecursiveNamesOnlyWildcards(const StorageIRI&,
                                                         std::u16string pattern) const;
   virtual void doCopyFile(const StorageIRI& from, const StorageIRI& to,
-                          const ReplacementPolicy&) const = 0;                   // [own]
+                          const ReplacementPolicy&) const = 0;  // [own]
   // [framework] Copies to a scratch file beside the destination, asking `interrupt` between
   // chunks (Interrupted when it says so), then moves the scratch file onto the destination.
   virtual void doCopyFileAtomic(const StorageIRI& from, const StorageIRI& to,
                                 const ReplacementPolicy&, const InterruptCallback&) const;
   virtual void doSetLastModified(const StorageIRI&, const posix_time::ptime&) const = 0;  // [own]
-  virtual void doSetWritable(const StorageIRI&, bool) const = 0;                 // [own]
+  virtual void doSetWritable(const StorageIRI&, bool) const = 0;                          // [own]
   virtual void doPublishFolderEventsFor(const StorageIRI&, const EventPublisher&,
                                         const std::vector<events::Kind>&,
-                                        RecursiveFileWatching) const = 0;        // [own]
+                                        RecursiveFileWatching) const = 0;  // [own]
   virtual void doPublishFileEventsFor(const StorageIRI&, const EventPublisher&,
                                       const std::vector<events::Kind>&) const = 0;  // [own]
-  virtual void doStopPublishingEventsFor(const StorageIRI&) const = 0;           // [own]
+  virtual void doStopPublishingEventsFor(const StorageIRI&) const = 0;              // [own]
   // [framework] A thread lists the location every period and publishes the differences
   // (Created, Removed, Modified) between consecutive listings.
   virtual void doStartChangePollingMechanism(const StorageIRI&, const EventPublisher&,
                                              const std::vector<events::Kind>&, long periodMs,
                                              RecursiveChangePolling) const;
   virtual void doStopChangePollingMechanism(const StorageIRI&) const;
-  virtual bool doHasFeature(const ExtendedFeature&) const = 0;                  // [own]
+  virtual bool doHasFeature(const ExtendedFeature&) const = 0;  // [own]
   // [framework] Compares paths component by component, folding case with ICU when the
   // provider's names are case-insensitive.
   virtual PathComparator doGetPathComparator(const StorageIRI&) const;
@@ -230,11 +225,11 @@ class IProvider {
   virtual StorageIRI doGetCanonicalLocation(const StorageIRI&) const;
   // [framework] Case-sensitive.
   virtual FilenameSensitivity doGetFilenameSensitivity(const StorageIRI&) const;
-  virtual void doShutdown() = 0;                                                 // [own]
+  virtual void doShutdown() = 0;  // [own]
   // [framework] fileExists || folderExists.
   virtual bool doExists(const StorageIRI&) const;
   virtual Existence doExistsExtended(const StorageIRI&) const;
-  virtual ExtendedAttributes doGetExtendedAttributes(const StorageIRI&) const = 0;  // [own]
+  virtual ExtendedAttributes doGetExtendedAttributes(const StorageIRI&) const = 0;    // [own]
   virtual ProviderStorageInfo doGetProviderStorageInfo(const StorageIRI&) const = 0;  // [own]
   // [framework] Rewrites the file through a transactional stream, keeping the first `size`
   // bytes and padding with zero bytes when the file is shorter.

@@ -33,9 +33,8 @@ namespace foundation::storage::provider {
 class StorageIRI;
 
 // Iteration over the components of a path, from the root down ("/a/b" gives "a", "b").
-class PathViewIterator
-    : public boost::iterator_facade<PathViewIterator, const std::u16string,
-                                    boost::forward_traversal_tag> {
+class PathViewIterator : public boost::iterator_facade<PathViewIterator, const std::u16string,
+                                                       boost::forward_traversal_tag> {
  public:
   PathViewIterator() = default;
   PathViewIterator(std::shared_ptr<const std::vector<std::u16string>> parts, std::size_t index)

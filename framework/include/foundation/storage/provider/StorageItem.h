@@ -45,9 +45,7 @@ class StorageItem {
   bool fileExists() const { return provider().fileExists(location_); }
   bool folderExists() const { return provider().folderExists(location_); }
   FileAttributes getFileAttributes() const { return provider().getFileAttributes(location_); }
-  FolderAttributes getFolderAttributes() const {
-    return provider().getFolderAttributes(location_);
-  }
+  FolderAttributes getFolderAttributes() const { return provider().getFolderAttributes(location_); }
   ExtendedAttributes getExtendedAttributes() const {
     return provider().getExtendedAttributes(location_);
   }
