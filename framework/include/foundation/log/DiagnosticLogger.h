@@ -143,3 +143,8 @@ class ScopedTrace {
 #define FOUNDATION_TRACE_SCOPE(logger, file)                                                       \
   ::foundation::log::ScopedTrace foundation_trace_scope_((logger), (file), BOOST_CURRENT_FUNCTION, \
                                                          __LINE__)
+
+// As FOUNDATION_TRACE_SCOPE, with " iri=<location>" on the entry record.
+#define FOUNDATION_TRACE_SCOPE_IRI(logger, file, iri) \
+  FOUNDATION_TRACE_SCOPE(logger, file);               \
+  foundation_trace_scope_.withIri(iri)
