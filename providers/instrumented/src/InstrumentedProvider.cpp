@@ -1,0 +1,353 @@
+#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
+
+#include "InstrumentedByteStream.h"
+
+#include <stdexcept>
+
+namespace foundation::storage::provider::instrumented {
+
+InstrumentedProvider::InstrumentedProvider(std::shared_ptr<IProvider> inner)
+    : inner_(std::move(inner)), instrumentation_(std::make_shared<Instrumentation>()) {
+  if (!inner_) throw std::invalid_argument("InstrumentedProvider needs an inner provider");
+}
+
+std::uint64_t InstrumentedProvider::callCount(std::string_view operation) const {
+  return instrumentation_->counters.count(operation);
+}
+
+std::uint64_t InstrumentedProvider::totalCalls() const {
+  return instrumentation_->counters.total();
+}
+
+void InstrumentedProvider::resetCounters() { instrumentation_->counters.reset(); }
+
+void InstrumentedProvider::failNext(const std::string& operation, unsigned count, ErrorCode code) {
+  instrumentation_->faults.failNext(operation, count, code);
+}
+
+void InstrumentedProvider::throwNextUnexpected(const std::string& operation, unsigned count) {
+  instrumentation_->faults.throwNextUnexpected(operation, count);
+}
+
+void InstrumentedProvider::setCallLatency(std::chrono::microseconds delay) {
+  instrumentation_->latency.setCallDelay(delay);
+}
+
+void InstrumentedProvider::setStreamLatency(std::chrono::microseconds delay) {
+  instrumentation_->latency.setStreamDelay(delay);
+}
+
+void InstrumentedProvider::enter(std::string_view operation, const StorageIRI& location) const {
+  instrumentation_->enterCall(operation, location);
+}
+
+ByteStreamPtr InstrumentedProvider::wrap(ByteStreamPtr stream) const {
+  return std::make_unique<InstrumentedByteStream>(std::move(stream), instrumentation_);
+}
+
+// --- creation, existence, removal, moves ---
+
+void InstrumentedProvider::doCreateFile(const StorageIRI& iri) const {
+  enter("createFile", iri);
+  inner_->createFile(iri);
+}
+
+void InstrumentedProvider::doCreateFolder(const StorageIRI& iri) const {
+  enter("createFolder", iri);
+  inner_->createFolder(iri);
+}
+
+void InstrumentedProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
+  enter("createFolderRecursive", iri);
+  inner_->createFolderRecursive(iri);
+}
+
+bool InstrumentedProvider::doFileExists(const StorageIRI& iri) const {
+  enter("fileExists", iri);
+  return inner_->fileExists(iri);
+}
+
+bool InstrumentedProvider::doFolderExists(const StorageIRI& iri) const {
+  enter("folderExists", iri);
+  return inner_->folderExists(iri);
+}
+
+void InstrumentedProvider::doRemoveFile(const StorageIRI& iri) const {
+  enter("removeFile", iri);
+  inner_->removeFile(iri);
+}
+
+void InstrumentedProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
+                                      const ReplacementPolicy& policy) const {
+  enter("moveFile", from);
+  inner_->moveFile(from, to, policy);
+}
+
+void InstrumentedProvider::doRemoveFolder(const StorageIRI& iri) const {
+  enter("removeFolder", iri);
+  inner_->removeFolder(iri);
+}
+
+void InstrumentedProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
+  enter("removeFolderRecursively", iri);
+  inner_->removeFolderRecursively(iri);
+}
+
+void InstrumentedProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
+                                        const ReplacementPolicy& policy) const {
+  enter("moveFolder", from);
+  inner_->moveFolder(from, to, policy);
+}
+
+void InstrumentedProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
+                                      const ReplacementPolicy& policy) const {
+  enter("copyFile", from);
+  inner_->copyFile(from, to, policy);
+}
+
+void InstrumentedProvider::doCopyFileAtomic(const StorageIRI& from, const StorageIRI& to,
+                                            const ReplacementPolicy& policy,
+                                            const InterruptCallback& interrupt) const {
+  enter("copyFileAtomic", from);
+  inner_->copyFileAtomic(from, to, policy, interrupt);
+}
+
+void InstrumentedProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t size) const {
+  enter("truncateToSize", iri);
+  inner_->truncateToSize(iri, size);
+}
+
+bool InstrumentedProvider::doExists(const StorageIRI& iri) const {
+  enter("exists", iri);
+  return inner_->exists(iri);
+}
+
+Existence InstrumentedProvider::doExistsExtended(const StorageIRI& iri) const {
+  enter("existsExtended", iri);
+  return inner_->existsExtended(iri);
+}
+
+// --- attributes ---
+
+FileAttributes InstrumentedProvider::doGetFileAttributes(const StorageIRI& iri) const {
+  enter("getFileAttributes", iri);
+  return inner_->getFileAttributes(iri);
+}
+
+FolderAttributes InstrumentedProvider::doGetFolderAttributes(const StorageIRI& iri) const {
+  enter("getFolderAttributes", iri);
+  return inner_->getFolderAttributes(iri);
+}
+
+void InstrumentedProvider::doSetLastModified(const StorageIRI& iri,
+                                             const posix_time::ptime& time) const {
+  enter("setLastModified", iri);
+  inner_->setLastModified(iri, time);
+}
+
+void InstrumentedProvider::doSetWritable(const StorageIRI& iri, bool writable) const {
+  enter("setWritable", iri);
+  inner_->setWritable(iri, writable);
+}
+
+ExtendedAttributes InstrumentedProvider::doGetExtendedAttributes(const StorageIRI& iri) const {
+  enter("getExtendedAttributes", iri);
+  return inner_->getExtendedAttributes(iri);
+}
+
+ProviderStorageInfo InstrumentedProvider::doGetProviderStorageInfo(const StorageIRI& iri) const {
+  enter("getProviderStorageInfo", iri);
+  return inner_->getProviderStorageInfo(iri);
+}
+
+ProviderCacheUsage InstrumentedProvider::doGetProviderCacheUsage(const StorageIRI& iri) const {
+  enter("getProviderCacheUsage", iri);
+  return inner_->getProviderCacheUsage(iri);
+}
+
+// --- streams ---
+
+ByteStreamPtr InstrumentedProvider::doOpenStream(const StorageIRI& iri,
+                                                 const ByteStreamOpenOptions& options) const {
+  enter("openStream", iri);
+  return wrap(inner_->openStream(iri, options));
+}
+
+ByteStreamPtr InstrumentedProvider::doOpenReadOnlyStream(const StorageIRI& iri) const {
+  enter("openReadOnlyStream", iri);
+  return wrap(inner_->openReadOnlyStream(iri));
+}
+
+ByteStreamPtr InstrumentedProvider::doOpenTransactionalStream(
+    const StorageIRI& iri, const ByteStreamOpenOptions& options) const {
+  enter("openTransactionalStream", iri);
+  return wrap(inner_->openTransactionalStream(iri, options));
+}
+
+ByteStreamPtr InstrumentedProvider::doOpenTransactionalStreamAtScratchLocation(
+    const StorageIRI& iri, const StorageIRI& scratch, const ByteStreamOpenOptions& options) const {
+  enter("openTransactionalStreamAtScratchLocation", iri);
+  return wrap(inner_->openTransactionalStreamAtScratchLocation(iri, scratch, options));
+}
+
+// --- listings ---
+
+FolderEntryIteratorPtr InstrumentedProvider::doListAll(const StorageIRI& iri) const {
+  enter("listAll", iri);
+  return inner_->listAll(iri);
+}
+
+FolderEntryIteratorPtr InstrumentedProvider::doListAllWildcards(const StorageIRI& iri,
+                                                                std::u16string pattern) const {
+  enter("listAll", iri);
+  return inner_->listAll(iri, pattern);
+}
+
+FolderEntryIteratorPtr InstrumentedProvider::doListFiles(const StorageIRI& iri) const {
+  enter("listFiles", iri);
+  return inner_->listFiles(iri);
+}
+
+FolderEntryIteratorPtr InstrumentedProvider::doListFilesWildcards(const StorageIRI& iri,
+                                                                  std::u16string pattern) const {
+  enter("listFiles", iri);
+  return inner_->listFiles(iri, pattern);
+}
+
+FolderEntryIteratorPtr InstrumentedProvider::doListFolders(const StorageIRI& iri) const {
+  enter("listFolders", iri);
+  return inner_->listFolders(iri);
+}
+
+FolderEntryIteratorPtr InstrumentedProvider::doListFoldersWildcards(const StorageIRI& iri,
+                                                                    std::u16string pattern) const {
+  enter("listFolders", iri);
+  return inner_->listFolders(iri, pattern);
+}
+
+NameList InstrumentedProvider::doListAllNamesOnly(const StorageIRI& iri) const {
+  enter("listAllNamesOnly", iri);
+  return inner_->listAllNamesOnly(iri);
+}
+
+NameList InstrumentedProvider::doListAllNamesOnlyWildcards(const StorageIRI& iri,
+                                                           std::u16string pattern) const {
+  enter("listAllNamesOnly", iri);
+  return inner_->listAllNamesOnly(iri, pattern);
+}
+
+NameList InstrumentedProvider::doListFoldersNamesOnly(const StorageIRI& iri) const {
+  enter("listFoldersNamesOnly", iri);
+  return inner_->listFoldersNamesOnly(iri);
+}
+
+NameList InstrumentedProvider::doListFoldersNamesOnlyWildcards(const StorageIRI& iri,
+                                                               std::u16string pattern) const {
+  enter("listFoldersNamesOnly", iri);
+  return inner_->listFoldersNamesOnly(iri, pattern);
+}
+
+NameList InstrumentedProvider::doListFilesNamesOnly(const StorageIRI& iri) const {
+  enter("listFilesNamesOnly", iri);
+  return inner_->listFilesNamesOnly(iri);
+}
+
+NameList InstrumentedProvider::doListFilesNamesOnlyWildcards(const StorageIRI& iri,
+                                                             std::u16string pattern) const {
+  enter("listFilesNamesOnly", iri);
+  return inner_->listFilesNamesOnly(iri, pattern);
+}
+
+FolderEntryIteratorPtr InstrumentedProvider::doListAllRecursive(const StorageIRI& iri) const {
+  enter("listAllRecursive", iri);
+  return inner_->listAllRecursive(iri);
+}
+
+FolderEntryIteratorPtr InstrumentedProvider::doListAllRecursiveWildcards(
+    const StorageIRI& iri, std::u16string pattern) const {
+  enter("listAllRecursive", iri);
+  return inner_->listAllRecursive(iri, pattern);
+}
+
+NameList InstrumentedProvider::doListAllRecursiveNamesOnly(const StorageIRI& iri) const {
+  enter("listAllRecursiveNamesOnly", iri);
+  return inner_->listAllRecursiveNamesOnly(iri);
+}
+
+NameList InstrumentedProvider::doListAllRecursiveNamesOnlyWildcards(const StorageIRI& iri,
+                                                                    std::u16string pattern) const {
+  enter("listAllRecursiveNamesOnly", iri);
+  return inner_->listAllRecursiveNamesOnly(iri, pattern);
+}
+
+// --- events and polling ---
+
+void InstrumentedProvider::doPublishFolderEventsFor(const StorageIRI& iri,
+                                                    const EventPublisher& publisher,
+                                                    const std::vector<events::Kind>& kinds,
+                                                    RecursiveFileWatching recursive) const {
+  enter("publishFolderEventsFor", iri);
+  inner_->publishFolderEventsFor(iri, publisher, kinds, recursive);
+}
+
+void InstrumentedProvider::doPublishFileEventsFor(const StorageIRI& iri,
+                                                  const EventPublisher& publisher,
+                                                  const std::vector<events::Kind>& kinds) const {
+  enter("publishFileEventsFor", iri);
+  inner_->publishFileEventsFor(iri, publisher, kinds);
+}
+
+void InstrumentedProvider::doStopPublishingEventsFor(const StorageIRI& iri) const {
+  enter("stopPublishingEventsFor", iri);
+  inner_->stopPublishingEventsFor(iri);
+}
+
+void InstrumentedProvider::doStartChangePollingMechanism(const StorageIRI& iri,
+                                                         const EventPublisher& publisher,
+                                                         const std::vector<events::Kind>& kinds,
+                                                         long periodMs,
+                                                         RecursiveChangePolling recursive) const {
+  enter("startChangePolling", iri);
+  inner_->startChangePolling(iri, publisher, kinds, periodMs, recursive);
+}
+
+void InstrumentedProvider::doStopChangePollingMechanism(const StorageIRI& iri) const {
+  enter("stopChangePolling", iri);
+  inner_->stopChangePolling(iri);
+}
+
+// --- store properties, configuration, shutdown ---
+
+bool InstrumentedProvider::doHasFeature(const ExtendedFeature& feature) const {
+  enter("hasFeature", StorageIRI());
+  return inner_->hasFeature(feature);
+}
+
+PathComparator InstrumentedProvider::doGetPathComparator(const StorageIRI& iri) const {
+  enter("getPathComparator", iri);
+  return inner_->getPathComparator(iri);
+}
+
+StorageIRI InstrumentedProvider::doGetCanonicalLocation(const StorageIRI& iri) const {
+  enter("getCanonicalLocation", iri);
+  return inner_->getCanonicalLocation(iri);
+}
+
+FilenameSensitivity InstrumentedProvider::doGetFilenameSensitivity(const StorageIRI& iri) const {
+  enter("getFilenameSensitivity", iri);
+  return inner_->getFilenameSensitivity(iri);
+}
+
+void InstrumentedProvider::doConfigure(boost::property_tree::ptree config) {
+  enter("configure", StorageIRI());
+  if (auto* configurable = dynamic_cast<IConfigurableProvider*>(inner_.get())) {
+    configurable->configure(std::move(config));
+  }
+}
+
+void InstrumentedProvider::doShutdown() {
+  instrumentation_->counters.increment("shutdown");
+  inner_->shutdown();
+}
+
+}  // namespace foundation::storage::provider::instrumented
