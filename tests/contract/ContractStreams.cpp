@@ -1,8 +1,6 @@
 // Streams: reading, writing, seeking, the open options, closing, and two streams on one file.
 #include "ProviderContract.h"
 
-#include <foundation/storage/provider/ByteStreamFailure.h>
-
 namespace contract {
 namespace {
 

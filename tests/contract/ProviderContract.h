@@ -13,6 +13,7 @@
 // provider's event threads (it takes its own mutex, see below).
 #pragma once
 
+#include <foundation/storage/provider/ByteStreamFailure.h>
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/storage/provider/StorageItem.h>
 
