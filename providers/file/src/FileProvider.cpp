@@ -65,9 +65,12 @@ FileProvider::FileProvider(const std::filesystem::path& root)
 
 FileProvider::~FileProvider() {
   try {
-    watcher_->stop();
+    // Polling threads call this provider's slots: stop them while the members still exist
+    // (the base destructor would only do it after they are gone).
+    shutdown();
   } catch (const std::exception& e) {
-    FOUNDATION_LOG(fileLogger(), log::error) << "Stopping the event thread failed: " << e.what();
+    FOUNDATION_LOG(fileLogger(), log::error)
+        << "Stopping the background threads failed: " << e.what();
   }
 }
 

@@ -28,8 +28,9 @@
 //
 // Threads: all operations may run concurrently from any thread. The provider has no lock of
 // its own over the file system (the kernel orders the calls); the watcher and the
-// subscription table each take only their own mutex. doShutdown and the destructor stop the
-// event thread (idempotent).
+// subscription table each take only their own mutex. doShutdown stops the event thread
+// (idempotent); the destructor calls shutdown(), which stops change polling first, so no
+// polling thread runs on a half-destroyed provider.
 // Ownership: owned through std::shared_ptr like every provider; owns its watcher.
 #pragma once
 
