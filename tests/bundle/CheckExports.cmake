@@ -1,0 +1,20 @@
+# Checks that a bundle's dynamic symbol table defines exactly the expected entry points:
+#   cmake -DNM=<nm> -DBUNDLE=<library> -DEXPECTED=<a;b;...> -P CheckExports.cmake
+execute_process(COMMAND "${NM}" -D --defined-only --format=posix "${BUNDLE}"
+                OUTPUT_VARIABLE table RESULT_VARIABLE result)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "${NM} could not read ${BUNDLE}")
+endif()
+string(REGEX MATCHALL "[^\n]+" lines "${table}")
+set(exported)
+foreach(line IN LISTS lines)
+  string(REGEX REPLACE " .*" "" name "${line}")
+  list(APPEND exported "${name}")
+endforeach()
+list(SORT exported)
+list(SORT EXPECTED)
+if(NOT exported STREQUAL EXPECTED)
+  string(REPLACE ";" "\n  " got "${exported}")
+  message(FATAL_ERROR "${BUNDLE} exports\n  ${got}\nbut only these entry points should be: ${EXPECTED}")
+endif()
+message(STATUS "${BUNDLE} exports exactly its entry points")
