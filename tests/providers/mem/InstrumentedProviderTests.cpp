@@ -1,0 +1,191 @@
+// The instrumented wrapper: each public operation counted once, injected failures that
+// stop before the inner provider and then recover, added latency, exact counts under
+// concurrency, and configuration, shutdown and events passing through.
+#include <foundation/storage/provider/ByteStreamFailure.h>
+#include <foundation/storage/provider/Exception.h>
+#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
+#include <foundation/storage/provider/mem/MemProvider.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <latch>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fsp = foundation::storage::provider;
+using fsp::ErrorCode;
+using fsp::StorageIRI;
+using fsp::instrumented::InstrumentedProvider;
+using fsp::mem::MemProvider;
+using Clock = std::chrono::steady_clock;
+
+StorageIRI at(const std::u16string& path) { return StorageIRI(u"mem", path); }
+
+class InstrumentedProviderTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<MemProvider> mem = std::make_shared<MemProvider>();
+  InstrumentedProvider wrapper{mem};
+};
+
+TEST_F(InstrumentedProviderTest, CountsEachPublicOperationOnceEvenWhereTheInnerOneRecurses) {
+  mem->createFolderRecursive(at(u"/a/b/c"));
+  mem->createFile(at(u"/a/b/c/f"));
+
+  EXPECT_EQ(wrapper.listAllRecursive(at(u"/"))->hasNext(), true);
+  wrapper.listAllRecursiveNamesOnly(at(u"/"), u"*");
+  wrapper.listAllNamesOnly(at(u"/a"));  // the inner default lists through its own listAll
+  wrapper.exists(at(u"/a"));            // the inner default asks fileExists and folderExists
+  wrapper.listAll(at(u"/a"), u"b*");
+
+  EXPECT_EQ(wrapper.callCount("listAllRecursive"), 1u);
+  EXPECT_EQ(wrapper.callCount("listAllRecursiveNamesOnly"), 1u);
+  EXPECT_EQ(wrapper.callCount("listAllNamesOnly"), 1u);
+  EXPECT_EQ(wrapper.callCount("exists"), 1u);
+  EXPECT_EQ(wrapper.callCount("listAll"), 1u);
+  EXPECT_EQ(wrapper.callCount("fileExists"), 0u);
+  EXPECT_EQ(wrapper.totalCalls(), 5u);
+
+  wrapper.resetCounters();
+  EXPECT_EQ(wrapper.totalCalls(), 0u);
+  EXPECT_EQ(wrapper.callCount("listAll"), 0u);
+}
+
+TEST_F(InstrumentedProviderTest, CountsStreamCallsOnTheStreamsItOpens) {
+  auto stream = wrapper.openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
+  stream->write("abc", 3);
+  stream->seek(0, std::ios_base::beg);
+  char buffer[4];
+  EXPECT_EQ(stream->read(buffer, 4), 3);
+  stream->close();
+  EXPECT_EQ(wrapper.callCount("openStream"), 1u);
+  EXPECT_EQ(wrapper.callCount("streamWrite"), 1u);
+  EXPECT_EQ(wrapper.callCount("streamSeek"), 1u);
+  EXPECT_EQ(wrapper.callCount("streamRead"), 1u);
+  EXPECT_EQ(wrapper.callCount("streamClose"), 1u);
+  EXPECT_EQ(mem->getFileAttributes(at(u"/f")).getSize(), 3u);
+}
+
+TEST_F(InstrumentedProviderTest, FailNextFailsThatManyCallsBeforeTheInnerStoreThenRecovers) {
+  wrapper.failNext("createFile", 2, ErrorCode::Unavailable);
+  for (int i = 0; i < 2; ++i) {
+    try {
+      wrapper.createFile(at(u"/f"));
+      FAIL() << "call " << i << " was not failed";
+    } catch (const fsp::Exception& e) {
+      EXPECT_EQ(e.getErrorCode(), ErrorCode::Unavailable);
+      EXPECT_EQ(e.getLocation(), at(u"/f"));
+    }
+    EXPECT_FALSE(mem->fileExists(at(u"/f")));
+  }
+  wrapper.createFile(at(u"/f"));
+  EXPECT_TRUE(mem->fileExists(at(u"/f")));
+  EXPECT_EQ(wrapper.callCount("createFile"), 3u);
+  wrapper.createFolder(at(u"/other"));  // other operations were never armed
+}
+
+TEST_F(InstrumentedProviderTest, ThrowNextUnexpectedThrowsAForeignExceptionThenRecovers) {
+  wrapper.throwNextUnexpected("listAll", 1);
+  try {
+    wrapper.listAll(at(u"/"));
+    FAIL() << "not failed";
+  } catch (const fsp::Exception&) {
+    FAIL() << "a framework exception, not an unexpected one";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "injected failure");
+  }
+  EXPECT_NO_THROW(wrapper.listAll(at(u"/")));
+}
+
+TEST_F(InstrumentedProviderTest, StreamFailuresAreThrownAsTheStreamFailureKind) {
+  auto stream = wrapper.openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
+  wrapper.failNext("streamWrite", 1, ErrorCode::IOError);
+  try {
+    stream->write("x", 1);
+    FAIL() << "not failed";
+  } catch (const fsp::ByteStreamWriteFailure& e) {
+    EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError);
+  }
+  EXPECT_EQ(stream->write("y", 1), 1);
+  stream->close();
+  EXPECT_EQ(mem->getFileAttributes(at(u"/f")).getSize(), 1u);
+}
+
+TEST_F(InstrumentedProviderTest, LatencyDelaysProviderAndStreamCallsByAtLeastTheSetTime) {
+  using std::chrono::milliseconds;
+  wrapper.setCallLatency(milliseconds(20));
+  auto start = Clock::now();
+  wrapper.fileExists(at(u"/f"));
+  wrapper.folderExists(at(u"/"));
+  EXPECT_GE(Clock::now() - start, milliseconds(40));
+
+  wrapper.setCallLatency(milliseconds(0));
+  wrapper.setStreamLatency(milliseconds(15));
+  auto stream = wrapper.openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
+  start = Clock::now();
+  stream->write("x", 1);
+  EXPECT_GE(Clock::now() - start, milliseconds(15));
+  stream->close();
+}
+
+TEST_F(InstrumentedProviderTest, CountsAndFaultsAreExactUnderConcurrentCalls) {
+  constexpr int kThreads = 4;
+  constexpr int kCalls = 500;
+  wrapper.failNext("fileExists", 37, ErrorCode::IOError);
+  std::latch start(kThreads);
+  std::vector<std::future<int>> failures;
+  for (int t = 0; t < kThreads; ++t) {
+    failures.push_back(std::async(std::launch::async, [&] {
+      start.arrive_and_wait();
+      int failed = 0;
+      for (int i = 0; i < kCalls; ++i) {
+        wrapper.folderExists(at(u"/"));
+        try {
+          wrapper.fileExists(at(u"/x"));
+        } catch (const fsp::Exception&) {
+          ++failed;
+        }
+      }
+      return failed;
+    }));
+  }
+  int failed = 0;
+  for (auto& f : failures) failed += f.get();
+  EXPECT_EQ(failed, 37);
+  EXPECT_EQ(wrapper.callCount("folderExists"), static_cast<std::uint64_t>(kThreads * kCalls));
+  EXPECT_EQ(wrapper.callCount("fileExists"), static_cast<std::uint64_t>(kThreads * kCalls));
+}
+
+TEST_F(InstrumentedProviderTest, EventsComeFromTheInnerProvider) {
+  std::promise<std::u16string> created;
+  wrapper.publishFileEventsFor(
+      at(u"/e"),
+      [&](foundation::storage::events::Kind, const StorageIRI& location, const StorageIRI&,
+          foundation::storage::events::EntryType,
+          boost::property_tree::ptree) { created.set_value(location.getPath()); },
+      {foundation::storage::events::Kind::Created});
+  wrapper.createFile(at(u"/e"));
+  auto future = created.get_future();
+  ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_EQ(future.get(), u"/e");
+}
+
+TEST(InstrumentedProviderChain, ConfigureAndShutdownReachAConfigurableInnerProvider) {
+  auto inner = std::make_shared<InstrumentedProvider>(std::make_shared<MemProvider>());
+  InstrumentedProvider outer(inner);
+  outer.configure(boost::property_tree::ptree());
+  outer.shutdown();
+  EXPECT_EQ(inner->callCount("configure"), 1u);
+  EXPECT_EQ(inner->callCount("shutdown"), 1u);
+  EXPECT_EQ(outer.callCount("configure"), 1u);
+}
+
+TEST(InstrumentedProviderChain, RefusesANullInnerProvider) {
+  EXPECT_THROW(InstrumentedProvider(nullptr), std::invalid_argument);
+}
+
+}  // namespace

@@ -1,0 +1,299 @@
+// What the mem provider does beyond the shared provider contract: case-insensitive names,
+// its capacity, its event thread and streams on removed files.
+#include <foundation/storage/provider/ByteStreamFailure.h>
+#include <foundation/storage/provider/Exception.h>
+#include <foundation/storage/provider/ProviderRegistry.h>
+#include <foundation/storage/provider/mem/MemProvider.h>
+#include <foundation/storage/provider/mem/MemProviderFactory.h>
+#include <foundation/text/Unicode.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fsp = foundation::storage::provider;
+using fsp::ErrorCode;
+using fsp::StorageIRI;
+using fsp::mem::MemProvider;
+using Kind = foundation::storage::events::Kind;
+
+StorageIRI at(const std::u16string& path) { return StorageIRI(u"mem", path); }
+
+fsp::ErrorCode codeOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const fsp::Exception& e) {
+    return e.getErrorCode();
+  }
+  ADD_FAILURE() << "no Exception thrown";
+  return ErrorCode::Interrupted;
+}
+
+void writeAll(fsp::ByteStream& stream, const std::string& bytes) {
+  ASSERT_EQ(stream.write(bytes.data(), static_cast<long>(bytes.size())),
+            static_cast<long>(bytes.size()));
+}
+
+std::string readAll(fsp::ByteStream& stream) {
+  std::string out;
+  char buffer[16];
+  for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) out.append(buffer, n);
+  return out;
+}
+
+std::string contentOf(const MemProvider& provider, const std::u16string& path) {
+  auto stream = provider.openReadOnlyStream(at(path));
+  return readAll(*stream);
+}
+
+// Events seen by a subscriber, with the thread that delivered each; waits are bounded.
+struct Seen {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::pair<Kind, std::u16string>> events;
+  std::vector<std::thread::id> threads;
+
+  fsp::EventPublisher publisher() {
+    return [this](Kind kind, const StorageIRI& location, const StorageIRI&,
+                  foundation::storage::events::EntryType, boost::property_tree::ptree) {
+      std::lock_guard lock(mutex);
+      events.emplace_back(kind, location.getPath());
+      threads.push_back(std::this_thread::get_id());
+      changed.notify_all();
+    };
+  }
+  bool waitForCount(std::size_t count) {
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, std::chrono::seconds(10), [&] { return events.size() >= count; });
+  }
+  std::size_t count() {
+    std::lock_guard lock(mutex);
+    return events.size();
+  }
+};
+
+MemProvider::Options caseInsensitive() {
+  MemProvider::Options options;
+  options.sensitivity = fsp::FilenameSensitivity::CaseInsensitive;
+  return options;
+}
+
+TEST(MemProviderNames, CaseInsensitiveStoreFindsAnySpellingAndKeepsTheOriginal) {
+  MemProvider provider(caseInsensitive());
+  provider.createFolder(at(u"/Docs"));
+  provider.createFile(at(u"/Docs/A.txt"));
+  provider.createFile(at(u"/Docs/\u00C4rger.txt"));  // "Ärger": lower-casing beyond ASCII
+
+  EXPECT_TRUE(provider.fileExists(at(u"/docs/a.TXT")));
+  EXPECT_TRUE(provider.fileExists(at(u"/DOCS/\u00E4rger.txt")));
+  EXPECT_EQ(provider.getFilenameSensitivity(at(u"/")), fsp::FilenameSensitivity::CaseInsensitive);
+  EXPECT_EQ(provider.listAllNamesOnly(at(u"/")), fsp::NameList{u"Docs"});
+  auto names = provider.listAllNamesOnly(at(u"/docs"));
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (fsp::NameList{u"A.txt", u"\u00C4rger.txt"}));
+
+  EXPECT_EQ(codeOf([&] { provider.createFile(at(u"/Docs/a.txt")); }), ErrorCode::AlreadyExists);
+  EXPECT_EQ(codeOf([&] { provider.createFolder(at(u"/docs")); }), ErrorCode::AlreadyExists);
+  provider.removeFile(at(u"/DOCS/a.txt"));
+  EXPECT_FALSE(provider.fileExists(at(u"/Docs/A.txt")));
+}
+
+TEST(MemProviderNames, CaseInsensitiveMoveOntoItselfTakesTheNewSpelling) {
+  MemProvider provider(caseInsensitive());
+  provider.createFile(at(u"/a.txt"));
+  provider.moveFile(at(u"/a.txt"), at(u"/A.TXT"), fsp::ReplacementPolicy::Fail);
+  EXPECT_EQ(provider.listAllNamesOnly(at(u"/")), fsp::NameList{u"A.TXT"});
+}
+
+TEST(MemProviderNames, CaseSensitiveStoreKeepsSpellingsApart) {
+  MemProvider provider;
+  provider.createFile(at(u"/A.txt"));
+  provider.createFile(at(u"/a.txt"));
+  EXPECT_FALSE(provider.fileExists(at(u"/A.TXT")));
+  EXPECT_EQ(provider.listAllNamesOnly(at(u"/")).size(), 2u);
+}
+
+TEST(MemProviderNames, RefusesControlCharactersAndForeignSchemes) {
+  MemProvider provider;
+  EXPECT_EQ(codeOf([&] { provider.createFile(at(u"/bad\nname")); }), ErrorCode::InvalidName);
+  EXPECT_EQ(codeOf([&] { provider.createFile(StorageIRI(u"file", u"/x")); }),
+            ErrorCode::InvalidLocation);
+}
+
+MemProvider::Options capacity(std::uint64_t bytes) {
+  MemProvider::Options options;
+  options.capacityBytes = bytes;
+  return options;
+}
+
+TEST(MemProviderCapacity, WriteBeyondCapacityFailsWithQuotaExceededAndKeepsTheFile) {
+  MemProvider provider(capacity(10));
+  auto stream = provider.openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
+  writeAll(*stream, "12345678");
+  try {
+    stream->write("abc", 3);
+    FAIL() << "write beyond capacity accepted";
+  } catch (const fsp::ByteStreamWriteFailure& e) {
+    EXPECT_EQ(e.getErrorCode(), ErrorCode::QuotaExceeded);
+  }
+  writeAll(*stream, "ab");  // exactly up to the capacity
+  stream->close();
+  EXPECT_EQ(contentOf(provider, u"/f"), "12345678ab");
+  auto info = provider.getProviderStorageInfo(at(u"/"));
+  EXPECT_EQ(info.getStorageCapacity(), 10u);
+  EXPECT_EQ(info.getSpaceOccupied(), 10u);
+}
+
+TEST(MemProviderCapacity, OccupiedSpaceFollowsRemovalsTruncationsAndCopies) {
+  MemProvider provider(capacity(10));
+  provider.createFolder(at(u"/d"));
+  writeAll(*provider.openStream(at(u"/d/a"), fsp::ByteStreamOpenOptions::overwrite()), "123456");
+  EXPECT_EQ(
+      codeOf([&] { provider.copyFile(at(u"/d/a"), at(u"/b"), fsp::ReplacementPolicy::Fail); }),
+      ErrorCode::QuotaExceeded);
+  EXPECT_FALSE(provider.fileExists(at(u"/b")));
+
+  provider.openStream(at(u"/d/a"), fsp::ByteStreamOpenOptions::overwrite())->close();
+  EXPECT_EQ(provider.getProviderStorageInfo(at(u"/")).getSpaceOccupied(), 0u);
+  writeAll(*provider.openStream(at(u"/d/a"), fsp::ByteStreamOpenOptions::overwrite()), "1234");
+  provider.copyFile(at(u"/d/a"), at(u"/b"), fsp::ReplacementPolicy::Fail);
+  EXPECT_EQ(provider.getProviderStorageInfo(at(u"/")).getSpaceOccupied(), 8u);
+  provider.removeFolderRecursively(at(u"/d"));
+  EXPECT_EQ(provider.getProviderStorageInfo(at(u"/")).getSpaceOccupied(), 4u);
+}
+
+TEST(MemProviderStreams, StreamOnRemovedFileKeepsItsBytesApartFromTheStore) {
+  MemProvider provider(capacity(100));
+  auto stream = provider.openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
+  writeAll(*stream, "abc");
+  provider.removeFile(at(u"/f"));
+
+  writeAll(*stream, "def");
+  EXPECT_EQ(stream->seek(0, std::ios_base::beg), 0);
+  EXPECT_EQ(readAll(*stream), "abcdef");
+  EXPECT_FALSE(provider.fileExists(at(u"/f")));
+  EXPECT_EQ(provider.getProviderStorageInfo(at(u"/")).getSpaceOccupied(), 0u);
+
+  provider.createFile(at(u"/f"));  // a new file at the same place does not share the old bytes
+  EXPECT_EQ(contentOf(provider, u"/f"), "");
+  stream->close();
+  EXPECT_THROW(stream->read(nullptr, 0), fsp::ByteStreamReadFailure);
+}
+
+TEST(MemProviderStreams, StreamOutlivesItsProvider) {
+  auto provider = std::make_shared<MemProvider>();
+  auto stream = provider->openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
+  provider.reset();
+  writeAll(*stream, "still here");
+  EXPECT_EQ(stream->seek(0, std::ios_base::beg), 0);
+  EXPECT_EQ(readAll(*stream), "still here");
+  stream->close();
+}
+
+TEST(MemProviderEvents, DeliveredOnTheProvidersThreadNotTheCallers) {
+  MemProvider provider;
+  Seen seen;
+  provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::Yes);
+  provider.createFile(at(u"/a"));
+  ASSERT_TRUE(seen.waitForCount(1));
+  std::lock_guard lock(seen.mutex);
+  EXPECT_EQ(seen.events[0], std::make_pair(Kind::Created, std::u16string(u"/a")));
+  EXPECT_NE(seen.threads[0], std::this_thread::get_id());
+}
+
+TEST(MemProviderEvents, WaitForEventsDeliveredReturnsAfterEveryQueuedEvent) {
+  MemProvider provider;
+  Seen seen;
+  provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::Yes);
+  constexpr int kFiles = 200;
+  for (int i = 0; i < kFiles; ++i) {
+    provider.createFile(at(u"/f" + foundation::text::toUtf16(std::to_string(i))));
+  }
+  provider.waitForEventsDelivered();
+  EXPECT_EQ(seen.count(), static_cast<std::size_t>(kFiles));
+}
+
+TEST(MemProviderEvents, SubscriptionSpelledDifferentlyHearsTheStoredSpelling) {
+  MemProvider provider(caseInsensitive());
+  provider.createFolder(at(u"/Docs"));
+  Seen seen;
+  provider.publishFolderEventsFor(at(u"/DOCS"), seen.publisher(), {Kind::Created},
+                                  fsp::RecursiveFileWatching::No);
+  provider.createFile(at(u"/docs/x"));
+  ASSERT_TRUE(seen.waitForCount(1));
+  std::lock_guard lock(seen.mutex);
+  EXPECT_EQ(seen.events[0].second, u"/Docs/x");
+}
+
+TEST(MemProviderEvents, ShutdownStopsDeliveryAndIsIdempotent) {
+  MemProvider provider;
+  Seen seen;
+  provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::No);
+  provider.createFile(at(u"/a"));
+  provider.waitForEventsDelivered();
+  provider.shutdown();
+  provider.shutdown();
+  provider.createFile(at(u"/b"));  // the tree still works without events
+  provider.waitForEventsDelivered();
+  EXPECT_TRUE(provider.fileExists(at(u"/b")));
+  EXPECT_EQ(seen.count(), 1u);
+}
+
+TEST(MemProviderEvents, WaitingFromInsideASubscriberDoesNotDeadlock) {
+  MemProvider provider;
+  std::promise<void> returned;
+  provider.publishFileEventsFor(
+      at(u"/a"),
+      [&](Kind, const StorageIRI&, const StorageIRI&, foundation::storage::events::EntryType,
+          boost::property_tree::ptree) {
+        provider.waitForEventsDelivered();
+        returned.set_value();
+      },
+      {Kind::Created});
+  provider.createFile(at(u"/a"));
+  EXPECT_EQ(returned.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
+
+TEST(MemProviderEvents, SubscriberMayDropTheLastReferenceToTheProvider) {
+  auto provider = std::make_shared<MemProvider>();
+  std::promise<void> released;
+  std::promise<void> dropped;
+  auto holder = std::make_shared<std::shared_ptr<MemProvider>>(provider);
+  provider->publishFileEventsFor(
+      at(u"/a"),
+      [holder, &released, &dropped](Kind, const StorageIRI&, const StorageIRI&,
+                                    foundation::storage::events::EntryType,
+                                    boost::property_tree::ptree) {
+        released.get_future().wait();
+        holder->reset();  // the last reference: the provider is destroyed on its own thread
+        dropped.set_value();
+      },
+      {Kind::Created});
+  provider->createFile(at(u"/a"));
+  provider.reset();
+  released.set_value();
+  EXPECT_EQ(dropped.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
+
+TEST(MemProviderFactory, RegistryOpensIndependentEmptyStoresAtMemRoot) {
+  fsp::ProviderRegistry registry;
+  fsp::mem::registerMemProvider(registry);
+  fsp::StorageItem container(StorageIRI(u"file", u"/ignored"));
+  fsp::StorageItem first = registry.open(u"mem", container);
+  fsp::StorageItem second = registry.open(u"mem", container);
+  EXPECT_EQ(first.getLocation(), MemProvider::rootLocation());
+  fsp::StorageItem(first, u"/x").createFile();
+  EXPECT_TRUE(fsp::StorageItem(first, u"/x").fileExists());
+  EXPECT_FALSE(fsp::StorageItem(second, u"/x").fileExists());
+}
+
+}  // namespace
