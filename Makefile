@@ -1,5 +1,5 @@
 # Entry points. Each target installs what is missing, configures, builds and runs.
-.PHONY: all deps build test test-sanitize format clean
+.PHONY: all deps build test test-sanitize format clean demo
 
 all: build
 
@@ -23,3 +23,6 @@ format:
 
 clean:
 	rm -rf build
+
+demo: build
+	./build/default/demo/overlay_demo
