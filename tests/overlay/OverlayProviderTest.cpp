@@ -1,0 +1,136 @@
+#include "OverlayTestSupport.h"
+#include "core/BackendExecutor.h"
+
+#include <foundation/log/LogCapture.h>
+#include <foundation/storage/provider/Exception.h>
+
+using namespace overlaytest;
+using foundation::log::LogCapture;
+using fsp::ErrorCode;
+using fsp::Exception;
+using fsp::StorageIRI;
+
+namespace {
+
+ErrorCode codeOf(const std::function<void()>& operation) {
+  try {
+    operation();
+  } catch (const Exception& e) {
+    return e.getErrorCode();
+  }
+  ADD_FAILURE() << "no Exception was thrown";
+  return ErrorCode::IOError;
+}
+
+}  // namespace
+
+TEST(OverlayProvider, InitialisesOnItsFirstOperationOnly) {
+  OverlayOverMem env;
+  EXPECT_EQ(env.instrumented->totalCalls(), 0u);
+  EXPECT_EQ(env.overlay->executor(), nullptr);
+  env.overlay->createFolder(env.at(u"docs"));
+  const auto executor = env.overlay->executor();
+  ASSERT_NE(executor, nullptr);
+  EXPECT_NE(std::dynamic_pointer_cast<storage::overlayprovider::BackendExecutor>(executor),
+            nullptr);
+  env.overlay->createFile(env.at(u"docs/a.txt"));
+  EXPECT_EQ(env.overlay->executor(), executor);
+  EXPECT_TRUE(env.mem->fileExists(StorageIRI(u"mem", u"/docs/a.txt")));
+}
+
+TEST(OverlayProvider, ResolvesItsOwnComposedAndInnerLocations) {
+  OverlayOverMem env;
+  EXPECT_EQ(env.overlay->resolve(env.at(u"a/b")), StorageIRI(u"overlay", u"/a/b"));
+  EXPECT_EQ(env.overlay->resolve(StorageIRI(u"overlay+mem:/a/b")), StorageIRI(u"overlay", u"/a/b"));
+  EXPECT_EQ(env.overlay->resolve(StorageIRI(u"mem", u"/a/b")), StorageIRI(u"overlay", u"/a/b"));
+  EXPECT_EQ(codeOf([&] { env.overlay->resolve(StorageIRI(u"file", u"/a")); }),
+            ErrorCode::InvalidLocation);
+  EXPECT_EQ(codeOf([&] { env.overlay->createFile(StorageIRI(u"file", u"/a")); }),
+            ErrorCode::InvalidLocation);
+}
+
+TEST(OverlayProvider, BackslashesBecomeSeparatorsOnlyWhenConfigured) {
+  OverlayOverMem env;
+  EXPECT_EQ(env.overlay->resolve(env.at(u"a\\b")).getName(), u"a\\b");
+  boost::property_tree::ptree config;
+  config.put("overlay.backslashToForwardSlash", "true");
+  env.overlay->configure(config);
+  EXPECT_EQ(env.overlay->resolve(env.at(u"a\\b")), StorageIRI(u"overlay", u"/a/b"));
+}
+
+TEST(OverlayProvider, RefusesControlCharactersInNewNamesBeforeTheInnerStoreIsAsked) {
+  OverlayOverMem env;
+  for (const auto* name : {u"a\tb", u"bell\u0007", u"del\u007f", u"c1\u0085"}) {
+    EXPECT_EQ(codeOf([&] { env.overlay->createFile(env.at(name)); }), ErrorCode::InvalidName);
+    EXPECT_EQ(codeOf([&] { env.overlay->createFolder(env.at(name)); }), ErrorCode::InvalidName);
+  }
+  EXPECT_EQ(env.innerCalls("createFile"), 0u);
+  EXPECT_EQ(env.innerCalls("createFolder"), 0u);
+  // Characters above the C1 range are ordinary.
+  env.overlay->createFile(env.at(u"caf\u00e9"));
+  EXPECT_TRUE(env.mem->fileExists(StorageIRI(u"mem", u"/caf\u00e9")));
+}
+
+TEST(OverlayProvider, RootQueriesNeedNoInnerCall) {
+  OverlayOverMem env;
+  EXPECT_TRUE(env.overlay->folderExists(env.root));
+  EXPECT_FALSE(env.overlay->fileExists(env.root));
+  EXPECT_EQ(env.innerCalls("folderExists") + env.innerCalls("fileExists"), 0u);
+}
+
+TEST(OverlayProvider, ClaimsOnlyTheReadWriteFeatureOfItsInnerStore) {
+  OverlayOverMem env;
+  EXPECT_TRUE(env.overlay->hasFeature(fsp::ExtendedFeature::ReadWrite));
+  EXPECT_TRUE(env.mem->hasFeature(fsp::ExtendedFeature::RecursiveListing));
+  EXPECT_FALSE(env.overlay->hasFeature(fsp::ExtendedFeature::RecursiveListing));
+  EXPECT_FALSE(env.overlay->hasFeature(fsp::ExtendedFeature::RemoveWhileOpen));
+}
+
+TEST(OverlayProvider, InnerRefusalsPassThroughWithTheirCode) {
+  OverlayOverMem env;
+  EXPECT_EQ(codeOf([&] { env.overlay->createFile(env.at(u"missing/a.txt")); }),
+            ErrorCode::NotFound);
+  env.instrumented->failNext("removeFile", 1, ErrorCode::ResourceBusy);
+  env.overlay->createFile(env.at(u"a.txt"));
+  EXPECT_EQ(codeOf([&] { env.overlay->removeFile(env.at(u"a.txt")); }), ErrorCode::ResourceBusy);
+}
+
+TEST(OverlayProvider, DestructionShutsTheInnerProviderDownEvenAfterAnExplicitShutdown) {
+  OverlayOverMem env;
+  env.overlay->createFile(env.at(u"a.txt"));
+  env.overlay.reset();
+  EXPECT_EQ(env.innerCalls("shutdown"), 1u);
+
+  OverlayOverMem again;
+  again.overlay->createFile(again.at(u"a.txt"));
+  again.overlay->shutdown();
+  EXPECT_TRUE(again.overlay->executor()->isStopped());
+  again.overlay.reset();
+  EXPECT_EQ(again.innerCalls("shutdown"), 2u);
+}
+
+TEST(OverlayProvider, FlushingAnIdleProviderReportsZeroMilliseconds) {
+  OverlayOverMem env;
+  LogCapture capture(foundation::log::info | foundation::log::error);
+  env.overlay->flushFilesystem();
+  EXPECT_EQ(capture.count("Flushing filesystem", foundation::log::info), 1u);
+  EXPECT_EQ(capture.count("Flush took 0ms", foundation::log::info), 1u);
+  EXPECT_EQ(capture.count("", foundation::log::error), 0u);
+}
+
+TEST(OverlayProvider, FlushWaitsForWorkAlreadyQueued) {
+  OverlayOverMem env;
+  env.overlay->flushFilesystem();  // initialises
+  std::atomic<bool> ran{false};
+  env.overlay->executor()->execute(
+      [&] { ran = true; }, storage::overlayprovider::ObservableTransactionType::FILE_WRITE, 1.0);
+  env.overlay->flushFilesystem();
+  EXPECT_TRUE(ran);
+}
+
+TEST(OverlayProvider, InvalidationRefusesLocationsOfOtherStores) {
+  OverlayOverMem env;
+  env.overlay->invalidate(env.at(u"a"));
+  EXPECT_EQ(codeOf([&] { env.overlay->invalidate(StorageIRI(u"file", u"/a")); }),
+            ErrorCode::InvalidLocation);
+}

@@ -1,0 +1,34 @@
+// An overlay over an instrumented in-memory store, for the overlay's own unit tests: the
+// instrumentation counts what reaches the inner store and injects its failures.
+#pragma once
+
+#include "core/OverlayProvider.h"
+
+#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
+#include <foundation/storage/provider/mem/MemProvider.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace overlaytest {
+
+namespace fsp = foundation::storage::provider;
+
+struct OverlayOverMem {
+  OverlayOverMem();
+
+  // The overlay location of `path`.
+  fsp::StorageIRI at(const std::u16string& path) const { return fsp::StorageIRI(root, path); }
+  std::uint64_t innerCalls(std::string_view operation) const {
+    return instrumented->callCount(operation);
+  }
+
+  std::shared_ptr<fsp::mem::MemProvider> mem;
+  std::shared_ptr<fsp::instrumented::InstrumentedProvider> instrumented;
+  fsp::StorageItem innerRoot;
+  std::shared_ptr<storage::overlayprovider::OverlayProvider> overlay;
+  fsp::StorageIRI root;
+};
+
+}  // namespace overlaytest
