@@ -4,6 +4,7 @@
 #include "core/OverlayProvider.h"
 
 #include "core/BackendExecutor.h"
+#include "core/InnerLocation.h"
 #include "core/OverlayLog.h"
 #include "core/SynchronousExecutor.h"
 
@@ -84,9 +85,7 @@ StorageIRI OverlayProvider::resolve(const StorageIRI& iri) const {
 }
 
 StorageItem OverlayProvider::innerItem(const StorageIRI& location) const {
-  const auto& rootPath = inner_->getLocation().getPath();
-  if (rootPath == u"/") return StorageItem(*inner_, location.getPath());
-  return StorageItem(*inner_, location.hasParent() ? rootPath + location.getPath() : rootPath);
+  return innerItemFor(*inner_, location);
 }
 
 PathGuardTable::Guard OverlayProvider::guard(const StorageIRI& location) const {
