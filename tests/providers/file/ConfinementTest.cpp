@@ -1,0 +1,133 @@
+// Confinement of the file provider to its root: escaping and dangling links, "..", foreign
+// schemes, and links that stay inside.
+#include "TestSupport.h"
+
+#include <foundation/storage/provider/file/FileProvider.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace foundation::storage::provider::file::test {
+namespace {
+
+StorageIRI at(const std::u16string& path) { return StorageIRI(u"file", path); }
+
+std::vector<std::u16string> names(IFolderEntryIterator& it) {
+  std::vector<std::u16string> result;
+  for (const auto& row : collectRows(it)) result.push_back(row.getName());
+  return result;
+}
+
+bool contains(const std::vector<std::u16string>& list, const std::u16string& name) {
+  return std::find(list.begin(), list.end(), name) != list.end();
+}
+
+class ConfinementTest : public ::testing::Test {
+ protected:
+  ConfinementTest() {
+    fs::create_directories(root() / "sub");
+    fs::create_directories(outside());
+    writeText(outside() / "secret.txt", "secret");
+    writeText(root() / "sub" / "a.txt", "inside");
+    fs::create_directory_symlink(outside(), root() / "out");
+    fs::create_symlink(outside() / "secret.txt", root() / "outfile");
+    fs::create_directory_symlink(root() / "sub", root() / "inside");
+    fs::create_symlink(temp_.path() / "missing", root() / "dangling");
+    provider_ = std::make_shared<FileProvider>(root());
+  }
+
+  fs::path root() const { return temp_.path() / "root"; }
+  fs::path outside() const { return temp_.path() / "outside"; }
+
+  TempDir temp_;
+  std::shared_ptr<FileProvider> provider_;
+};
+
+TEST_F(ConfinementTest, LinksLeadingOutsideAreRefusedForEveryKindOfAccess) {
+  const auto& p = *provider_;
+  const auto invalid = ErrorCode::InvalidLocation;
+  EXPECT_EQ(invalid, errorOf([&] { p.openReadOnlyStream(at(u"/outfile")); }));
+  EXPECT_EQ(invalid, errorOf([&] { p.openReadOnlyStream(at(u"/out/secret.txt")); }));
+  EXPECT_EQ(invalid, errorOf([&] { p.getFileAttributes(at(u"/outfile")); }));
+  EXPECT_EQ(invalid, errorOf([&] { p.fileExists(at(u"/out/secret.txt")); }));
+  EXPECT_EQ(invalid, errorOf([&] { p.listAll(at(u"/out")); }));
+  EXPECT_EQ(invalid, errorOf([&] { p.listAllRecursive(at(u"/out")); }));
+  EXPECT_EQ(invalid,
+            errorOf([&] { p.openStream(at(u"/outfile"), ByteStreamOpenOptions::overwrite()); }));
+  EXPECT_EQ(invalid, errorOf([&] { p.createFile(at(u"/out/new.txt")); }));
+  EXPECT_EQ(invalid, errorOf([&] { p.createFolderRecursive(at(u"/out/x/y")); }));
+  EXPECT_EQ(invalid, errorOf([&] {
+              p.copyFile(at(u"/sub/a.txt"), at(u"/out/copy.txt"), ReplacementPolicy::Overwrite);
+            }));
+  EXPECT_EQ(invalid, errorOf([&] {
+              p.moveFile(at(u"/sub/a.txt"), at(u"/out/a.txt"), ReplacementPolicy::Overwrite);
+            }));
+  EXPECT_EQ(invalid, errorOf([&] { p.removeFile(at(u"/outfile")); }));
+
+  // Nothing outside changed and nothing inside moved away.
+  std::ifstream secret(outside() / "secret.txt");
+  EXPECT_EQ("secret", std::string(std::istreambuf_iterator<char>(secret), {}));
+  EXPECT_EQ(1, std::distance(fs::directory_iterator(outside()), fs::directory_iterator()));
+  EXPECT_TRUE(fs::exists(root() / "sub" / "a.txt"));
+}
+
+TEST_F(ConfinementTest, DanglingLinkIsRefusedAndNothingIsCreatedWhereItPoints) {
+  EXPECT_EQ(ErrorCode::InvalidLocation, errorOf([&] {
+              provider_->openStream(at(u"/dangling"), ByteStreamOpenOptions::overwrite());
+            }));
+  EXPECT_EQ(ErrorCode::InvalidLocation, errorOf([&] { provider_->createFile(at(u"/dangling")); }));
+  EXPECT_FALSE(fs::exists(temp_.path() / "missing"));
+}
+
+TEST_F(ConfinementTest, DotDotNeverClimbsAboveTheRoot) {
+  provider_->createFile(at(u"/../../escape.txt"));
+  EXPECT_TRUE(fs::exists(root() / "escape.txt"));
+  EXPECT_FALSE(fs::exists(temp_.path() / "escape.txt"));
+  EXPECT_TRUE(provider_->fileExists(StorageIRI(u"file:/sub/../../../escape.txt")));
+}
+
+TEST_F(ConfinementTest, ForeignSchemesAndNulCharactersAreRefused) {
+  EXPECT_EQ(ErrorCode::InvalidLocation,
+            errorOf([&] { provider_->fileExists(StorageIRI(u"mem", u"/sub/a.txt")); }));
+  const std::u16string withNul(u"/sub/a.txt\0x", 12);
+  EXPECT_EQ(ErrorCode::InvalidName, errorOf([&] { provider_->createFile(at(withNul)); }));
+}
+
+TEST_F(ConfinementTest, LinksInsideAreFollowedAndEscapingOnesAreLeftOutOfListings) {
+  auto stream = provider_->openReadOnlyStream(at(u"/inside/a.txt"));
+  char buffer[16] = {};
+  EXPECT_EQ(6, stream->read(buffer, sizeof buffer));
+  EXPECT_EQ("inside", std::string(buffer, 6));
+  stream->close();
+
+  const auto top = names(*provider_->listAll(at(u"/")));
+  EXPECT_TRUE(contains(top, u"sub"));
+  EXPECT_TRUE(contains(top, u"inside"));
+  EXPECT_FALSE(contains(top, u"out"));
+  EXPECT_FALSE(contains(top, u"outfile"));
+  EXPECT_FALSE(contains(top, u"dangling"));
+
+  // Removing the link removes the link only.
+  provider_->removeFolder(at(u"/inside"));
+  EXPECT_FALSE(fs::exists(root() / "inside"));
+  EXPECT_TRUE(fs::exists(root() / "sub" / "a.txt"));
+}
+
+TEST_F(ConfinementTest, RecursiveListingIsPreOrderAndStopsAtLinkLoops) {
+  fs::create_directory_symlink(root(), root() / "sub" / "loop");
+  const auto rows = names(*provider_->listAllRecursive(at(u"/")));
+  const auto position = [&](const std::u16string& name) {
+    return std::find(rows.begin(), rows.end(), name) - rows.begin();
+  };
+  ASSERT_TRUE(contains(rows, u"sub"));
+  ASSERT_TRUE(contains(rows, u"sub/a.txt"));
+  EXPECT_LT(position(u"sub"), position(u"sub/a.txt"));
+  EXPECT_TRUE(contains(rows, u"sub/loop"));
+  EXPECT_FALSE(contains(rows, u"sub/loop/sub"));
+  EXPECT_FALSE(contains(rows, u"out/secret.txt"));
+  EXPECT_FALSE(contains(rows, u"outfile"));
+}
+
+}  // namespace
+}  // namespace foundation::storage::provider::file::test

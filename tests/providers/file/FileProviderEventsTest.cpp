@@ -1,0 +1,141 @@
+// The file provider's inotify events: folders made (with contents) by other processes,
+// folders made after subscribing, paired moves, queue overflow, shutdown.
+#include "TestSupport.h"
+
+#include <foundation/storage/provider/file/FileProvider.h>
+#include <foundation/text/Unicode.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <latch>
+
+namespace foundation::storage::provider::file::test {
+namespace {
+
+using events::EntryType;
+using events::Kind;
+
+StorageIRI at(const std::u16string& path) { return StorageIRI(u"file", path); }
+
+class FileProviderEventsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(root());
+    provider_ = std::make_shared<FileProvider>(root());
+  }
+  void subscribeToEverything() {
+    provider_->publishFolderEventsFor(at(u"/"), log_.publisher(), {}, RecursiveFileWatching::Yes);
+  }
+  fs::path root() const { return temp_.path() / "root"; }
+
+  // Destroyed in reverse order: the provider (and its event thread) before the log.
+  TempDir temp_;
+  EventLog log_;
+  std::shared_ptr<FileProvider> provider_;
+};
+
+TEST_F(FileProviderEventsTest, TreeMadeByAnotherProcessIsReportedEntryByEntry) {
+  subscribeToEverything();
+  const std::string command = "mkdir -p '" + root().string() + "/tree/a/b' && echo x > '" +
+                              root().string() + "/tree/a/b/f.txt'";
+  ASSERT_EQ(0, std::system(command.c_str()));
+  for (const auto* path : {u"/tree", u"/tree/a", u"/tree/a/b", u"/tree/a/b/f.txt"}) {
+    EXPECT_TRUE(log_.waitFor(Kind::Created, path)) << text::toUtf8(path);
+  }
+}
+
+TEST_F(FileProviderEventsTest, TreeMovedInFromOutsideIsScannedAndWatched) {
+  fs::create_directories(temp_.path() / "staged" / "inner");
+  writeText(temp_.path() / "staged" / "inner" / "g.txt", "g");
+  subscribeToEverything();
+  const std::string command =
+      "mv '" + (temp_.path() / "staged").string() + "' '" + (root() / "moved").string() + "'";
+  ASSERT_EQ(0, std::system(command.c_str()));
+  EXPECT_TRUE(log_.waitUntil([](const SeenEvent& e) {
+    return e.kind == Kind::Created && e.path == u"/moved" && e.type == EntryType::Folder;
+  }));
+  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/moved/inner"));
+  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/moved/inner/g.txt"));
+  // The scanned folder got a watch of its own.
+  provider_->createFile(at(u"/moved/inner/later.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/moved/inner/later.txt"));
+}
+
+TEST_F(FileProviderEventsTest, FolderMadeAfterSubscribingIsWatched) {
+  subscribeToEverything();
+  provider_->createFolder(at(u"/sub"));
+  // Once its Created is delivered the folder has its own watch; a file written before that
+  // could only be reported as Created by the scan of the new folder.
+  ASSERT_TRUE(log_.waitFor(Kind::Created, u"/sub"));
+  auto stream = provider_->openStream(at(u"/sub/x.txt"), ByteStreamOpenOptions::overwrite());
+  stream->write("abc", 3);
+  stream->close();
+  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/sub/x.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Modified, u"/sub/x.txt"));
+  provider_->removeFile(at(u"/sub/x.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Removed, u"/sub/x.txt"));
+}
+
+TEST_F(FileProviderEventsTest, MovedFolderIsPairedAndItsWatchFollowsIt) {
+  fs::create_directories(root() / "d1");
+  subscribeToEverything();
+  provider_->moveFolder(at(u"/d1"), at(u"/d2"), ReplacementPolicy::Fail);
+  EXPECT_TRUE(log_.waitUntil([](const SeenEvent& e) {
+    return e.kind == Kind::Moved && e.path == u"/d1" && e.other == u"/d2" &&
+           e.type == EntryType::Folder;
+  }));
+  provider_->createFile(at(u"/d2/n.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/d2/n.txt"));
+  for (const auto& e : log_.snapshot()) EXPECT_NE(u"/d1/n.txt", e.path);
+}
+
+TEST_F(FileProviderEventsTest, QueueOverflowAsksForARescanOfTheRoot) {
+  std::ifstream limitFile("/proc/sys/fs/inotify/max_queued_events");
+  long limit = 0;
+  if (!(limitFile >> limit) || limit > 100000) GTEST_SKIP() << "queue limit " << limit;
+
+  // The first delivery blocks the event thread, so the kernel queue fills up behind it.
+  std::latch entered(1), release(1);
+  std::atomic<bool> first{true};
+  provider_->publishFolderEventsFor(
+      at(u"/"),
+      [&](Kind, const StorageIRI&, const StorageIRI&, EntryType, boost::property_tree::ptree) {
+        if (first.exchange(false)) {
+          entered.count_down();
+          release.wait();
+        }
+      },
+      {}, RecursiveFileWatching::Yes);
+  subscribeToEverything();
+  fs::create_directories(root() / "spin");
+  entered.wait();
+  // Each create + close + unlink queues three events (files: folders are slow to make on
+  // journaling file systems); the queue limit plus a margin overflows the queue.
+  const std::string spun = (root() / "spin" / "n").string();
+  for (long i = 0; i < limit / 3 + 64; ++i) {
+    ::close(::open(spun.c_str(), O_WRONLY | O_CREAT, 0644));
+    ::unlink(spun.c_str());
+  }
+  release.count_down();
+  EXPECT_TRUE(log_.waitUntil([](const SeenEvent& e) {
+    return e.kind == Kind::Rescan && e.path == u"/" && e.type == EntryType::Unknown;
+  }));
+  // Watching carries on after the overflow.
+  provider_->createFile(at(u"/spin/after.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/spin/after.txt"));
+  provider_->shutdown();  // the blocking publisher refers to this test's locals
+}
+
+TEST_F(FileProviderEventsTest, ShutdownIsIdempotentAndRefusesNewSubscriptions) {
+  subscribeToEverything();
+  provider_->shutdown();
+  provider_->shutdown();
+  EXPECT_EQ(ErrorCode::OperationRefused, errorOf([&] { subscribeToEverything(); }));
+}
+
+}  // namespace
+}  // namespace foundation::storage::provider::file::test

@@ -1,0 +1,225 @@
+// What the file provider does with the local file system beyond the shared contract: errno
+// translation, stat-based attributes, user xattrs, statvfs, merge checks, registration.
+#include "TestSupport.h"
+
+#include <foundation/storage/provider/ByteStreamFailure.h>
+#include <foundation/storage/provider/file/ErrnoTranslation.h>
+#include <foundation/storage/provider/file/FileProvider.h>
+#include <foundation/storage/provider/file/FileProviderFactory.h>
+#include <foundation/text/Unicode.h>
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/xattr.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace foundation::storage::provider::file::test {
+namespace {
+
+StorageIRI at(const std::u16string& path) { return StorageIRI(u"file", path); }
+
+unsigned modeOf(const fs::path& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? (status.st_mode & 0777) : ~0u;
+}
+
+std::string readAll(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+class FileProviderLocalTest : public ::testing::Test {
+ protected:
+  fs::path root() const { return temp_.path(); }
+
+  TempDir temp_;
+  std::shared_ptr<FileProvider> provider_ = std::make_shared<FileProvider>(temp_.path());
+};
+
+TEST(ErrnoTranslationTest, MapsEachErrnoToItsCodeAndNamesPathAndCause) {
+  const std::pair<int, ErrorCode> table[] = {
+      {ENOENT, ErrorCode::NotFound},      {ENOTDIR, ErrorCode::NotFound},
+      {EEXIST, ErrorCode::AlreadyExists}, {ENOTEMPTY, ErrorCode::FolderNotEmpty},
+      {EACCES, ErrorCode::AccessDenied},  {EPERM, ErrorCode::AccessDenied},
+      {ENOSPC, ErrorCode::QuotaExceeded}, {EDQUOT, ErrorCode::QuotaExceeded},
+      {EIO, ErrorCode::IOError},          {ENAMETOOLONG, ErrorCode::IOError},
+  };
+  for (const auto& [error, code] : table) EXPECT_EQ(code, errorCodeFromErrno(error)) << error;
+
+  const Exception e = errnoException(ENOENT, at(u"/a"), "open", "/srv/a");
+  EXPECT_EQ(ErrorCode::NotFound, e.getErrorCode());
+  EXPECT_EQ(at(u"/a"), e.getLocation());
+  EXPECT_NE(std::string(e.what()).find("open '/srv/a': No such file or directory"),
+            std::string::npos)
+      << e.what();
+}
+
+TEST_F(FileProviderLocalTest, SystemErrorsOutsideTheContractChecksAreTranslated) {
+  const StorageIRI tooLong = at(u"/" + std::u16string(300, u'n'));
+  try {
+    provider_->createFile(tooLong);
+    FAIL() << "a 300-byte name was accepted";
+  } catch (const Exception& e) {
+    EXPECT_EQ(ErrorCode::IOError, e.getErrorCode());
+    EXPECT_EQ(tooLong, e.getLocation());
+    EXPECT_NE(std::string(e.what()).find("File name too long"), std::string::npos) << e.what();
+  }
+}
+
+TEST_F(FileProviderLocalTest, ConstructionRequiresAnExistingDirectory) {
+  writeText(root() / "plain.txt", "x");
+  for (const fs::path& bad : {root() / "missing", root() / "plain.txt"}) {
+    try {
+      FileProvider provider(bad);
+      FAIL() << bad << " was accepted";
+    } catch (const Exception& e) {
+      EXPECT_EQ(ErrorCode::NotFound, e.getErrorCode());
+      EXPECT_NE(std::string(e.what()).find(bad.string()), std::string::npos) << e.what();
+    }
+  }
+}
+
+TEST_F(FileProviderLocalTest, TimesKeepMicrosecondsAndWritableFollowsTheWriteBits) {
+  provider_->createFolder(at(u"/d"));
+  provider_->createFile(at(u"/d/f"));
+  const posix_time::ptime time(boost::gregorian::date(2021, 3, 4),
+                               posix_time::hours(5) + posix_time::microseconds(123456789));
+  provider_->setLastModified(at(u"/d/f"), time);
+  provider_->setLastModified(at(u"/d"), time);
+  EXPECT_EQ(time, provider_->getFileAttributes(at(u"/d/f")).getLastModified());
+  EXPECT_EQ(time, provider_->getFolderAttributes(at(u"/d")).getLastModified());
+
+  ::chmod((root() / "d" / "f").c_str(), 0666);
+  provider_->setWritable(at(u"/d/f"), false);
+  EXPECT_EQ(0444u, modeOf(root() / "d" / "f"));
+  EXPECT_FALSE(provider_->getFileAttributes(at(u"/d/f")).isWritable());
+  provider_->setWritable(at(u"/d/f"), true);
+  EXPECT_EQ(0644u, modeOf(root() / "d" / "f"));
+  EXPECT_TRUE(provider_->getFileAttributes(at(u"/d/f")).isWritable());
+}
+
+TEST_F(FileProviderLocalTest, UserExtendedAttributesAreReportedWithoutTheirPrefix) {
+  writeText(root() / "f.txt", "x");
+  fs::create_directory(root() / "d");
+  const std::string file = (root() / "f.txt").string(), folder = (root() / "d").string();
+  if (::setxattr(file.c_str(), "user.color", "blue", 4, 0) != 0) {
+    GTEST_SKIP() << "no user xattrs on this file system: " << std::strerror(errno);
+  }
+  ASSERT_EQ(0, ::setxattr(file.c_str(), "user.empty", "", 0, 0));
+  ASSERT_EQ(0, ::setxattr(folder.c_str(), "user.kind", "box", 3, 0));
+
+  const ExtendedAttributes expected(ExtendedAttributes::Map{{"color", "blue"}, {"empty", ""}});
+  EXPECT_EQ(expected, provider_->getExtendedAttributes(at(u"/f.txt")));
+  EXPECT_EQ("box", provider_->getExtendedAttributes(at(u"/d")).getAttribute("kind"));
+  int rowsSeen = 0;
+  for (const auto& row : collectRows(*provider_->listAll(at(u"/")))) {
+    if (row.getName() != u"f.txt") continue;
+    ++rowsSeen;
+    EXPECT_EQ(expected, row.getExtendedAttributes());
+  }
+  EXPECT_EQ(1, rowsSeen);
+  EXPECT_EQ(ErrorCode::NotFound,
+            errorOf([&] { provider_->getExtendedAttributes(at(u"/missing")); }));
+}
+
+TEST_F(FileProviderLocalTest, StorageInformationComesFromStatvfs) {
+  struct statvfs info {};
+  ASSERT_EQ(0, ::statvfs(root().c_str(), &info));
+  const auto storage = provider_->getProviderStorageInfo(FileProvider::rootLocation());
+  EXPECT_EQ(std::uint64_t{info.f_blocks} * info.f_frsize, storage.getStorageCapacity());
+  EXPECT_GT(storage.getSpaceOccupied(), 0u);
+  EXPECT_LE(storage.getSpaceOccupied(), storage.getStorageCapacity());
+}
+
+TEST_F(FileProviderLocalTest, MergeRefusesAFolderMeetingAFileBeforeChangingAnything) {
+  fs::create_directories(root() / "a" / "d");
+  writeText(root() / "a" / "x.txt", "new");
+  fs::create_directories(root() / "b");
+  writeText(root() / "b" / "x.txt", "old");
+  writeText(root() / "b" / "d", "a file where a has a folder");
+
+  try {
+    provider_->moveFolder(at(u"/a"), at(u"/b"), ReplacementPolicy::Merge);
+    FAIL() << "the merge was accepted";
+  } catch (const Exception& e) {
+    EXPECT_EQ(ErrorCode::AlreadyExists, e.getErrorCode());
+    EXPECT_EQ(at(u"/b/d"), e.getLocation());
+  }
+  EXPECT_EQ("new", readAll(root() / "a" / "x.txt"));
+  EXPECT_EQ("old", readAll(root() / "b" / "x.txt"));
+}
+
+TEST_F(FileProviderLocalTest, MergeDescendsIntoFoldersPresentOnBothSides) {
+  fs::create_directories(root() / "a" / "d");
+  writeText(root() / "a" / "d" / "y.txt", "y");
+  writeText(root() / "a" / "d" / "z.txt", "new z");
+  fs::create_directories(root() / "b" / "d");
+  writeText(root() / "b" / "d" / "z.txt", "old z");
+  writeText(root() / "b" / "d" / "w.txt", "w");
+
+  provider_->moveFolder(at(u"/a"), at(u"/b"), ReplacementPolicy::Merge);
+  EXPECT_FALSE(fs::exists(root() / "a"));
+  EXPECT_EQ("y", readAll(root() / "b" / "d" / "y.txt"));
+  EXPECT_EQ("new z", readAll(root() / "b" / "d" / "z.txt"));
+  EXPECT_EQ("w", readAll(root() / "b" / "d" / "w.txt"));
+}
+
+TEST_F(FileProviderLocalTest, CopyOntoAnotherNameOfTheSameFileKeepsItsBytes) {
+  writeText(root() / "f.txt", "precious");
+  fs::create_hard_link(root() / "f.txt", root() / "g.txt");
+  provider_->copyFile(at(u"/f.txt"), at(u"/g.txt"), ReplacementPolicy::Overwrite);
+  EXPECT_EQ("precious", readAll(root() / "f.txt"));
+}
+
+TEST_F(FileProviderLocalTest, ClosedStreamRefusesEveryOperation) {
+  auto stream = provider_->openStream(at(u"/s"), ByteStreamOpenOptions::overwrite());
+  stream->close();
+  char c = 0;
+  const auto refused = [](const ByteStreamFailure& f) {
+    return f.getErrorCode() == ErrorCode::OperationRefused;
+  };
+  try {
+    stream->read(&c, 1);
+    FAIL();
+  } catch (const ByteStreamReadFailure& f) {
+    EXPECT_TRUE(refused(f));
+  }
+  try {
+    stream->write(&c, 1);
+    FAIL();
+  } catch (const ByteStreamWriteFailure& f) {
+    EXPECT_TRUE(refused(f));
+  }
+  try {
+    stream->seek(0, std::ios_base::beg);
+    FAIL();
+  } catch (const ByteStreamSeekFailure& f) {
+    EXPECT_TRUE(refused(f));
+  }
+  try {
+    stream->close();
+    FAIL();
+  } catch (const ByteStreamCloseFailure& f) {
+    EXPECT_TRUE(refused(f));
+  }
+}
+
+TEST_F(FileProviderLocalTest, RegisteredFactoryOpensTheContainerDirectory) {
+  writeText(root() / "hello.txt", "hi");
+  ProviderRegistry registry;
+  registerFileProvider(registry);
+  ASSERT_NE(nullptr, registry.findFactory(u"file"));
+
+  const StorageItem container(StorageIRI(u"file", text::toUtf16(root().string())));
+  EXPECT_EQ(FileProvider::rootLocation(),
+            registry.findFactory(u"file")->getRootLocation(container));
+  const StorageItem opened = registry.open(u"file", container);
+  EXPECT_EQ(FileProvider::rootLocation(), opened.getLocation());
+  EXPECT_TRUE(StorageItem(opened, u"/hello.txt").fileExists());
+}
+
+}  // namespace
+}  // namespace foundation::storage::provider::file::test

@@ -1,0 +1,102 @@
+// Shared helpers of the file provider's tests: a temporary directory per test and a
+// collector of change events that tests wait on with a bounded condition-variable wait.
+#pragma once
+
+#include <foundation/storage/provider/EventPublisher.h>
+#include <foundation/storage/provider/Exception.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace foundation::storage::provider::file::test {
+
+namespace fs = std::filesystem;
+
+// A fresh directory under the system's temporary directory, removed with its contents.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "fileprovider-XXXXXX").string();
+    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+inline void writeText(const fs::path& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+struct SeenEvent {
+  events::Kind kind;
+  std::u16string path;
+  std::u16string other;
+  events::EntryType type;
+};
+
+class EventLog {
+ public:
+  EventPublisher publisher() {
+    return [this](events::Kind kind, const StorageIRI& location, const StorageIRI& other,
+                  events::EntryType type, const boost::property_tree::ptree&) {
+      std::lock_guard lock(mutex_);
+      events_.push_back({kind, location.getPath(), other.getPath(), type});
+      changed_.notify_all();
+    };
+  }
+  // Waits (at most 20 s, so a lost event fails instead of hanging) for a matching event.
+  bool waitFor(events::Kind kind, const std::u16string& path) {
+    return waitUntil([&](const SeenEvent& e) { return e.kind == kind && e.path == path; });
+  }
+  bool waitUntil(const std::function<bool(const SeenEvent&)>& matches) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20), [&] {
+      for (const auto& e : events_) {
+        if (matches(e)) return true;
+      }
+      return false;
+    });
+  }
+  std::vector<SeenEvent> snapshot() const {
+    std::lock_guard lock(mutex_);
+    return events_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<SeenEvent> events_;
+};
+
+// Runs `action` and returns the ErrorCode of the provider Exception it throws.
+template <class Action>
+ErrorCode errorOf(Action&& action) {
+  try {
+    action();
+  } catch (const Exception& e) {
+    return e.getErrorCode();
+  }
+  ADD_FAILURE() << "no Exception was thrown";
+  return ErrorCode::Interrupted;  // a value no test expects
+}
+
+}  // namespace foundation::storage::provider::file::test
