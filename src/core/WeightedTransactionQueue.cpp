@@ -136,7 +136,7 @@ void WeightedTransactionQueue::recordQueueTime(const QueuedTransaction& entry) {
     writeSnapshotLocked();
     lastSnapshot_ = now;
   }
-  if (entries_.empty()) {
+  if (entries_.empty() && foundation::log::isSeverityEnabled(foundation::log::notice)) {
     boost::property_tree::ptree tree;
     tree.put("overlay.queueStats.timeToEmpty", millisBetween(periodStart_, now));
     OVERLAY_LOG(foundation::log::notice) << toCompactJson(tree);

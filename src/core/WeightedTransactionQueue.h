@@ -12,8 +12,10 @@
 // the queue took to drain. They are written as compact JSON records at severity notice.
 //
 // Owned by value by the BackendExecutor. Locking: one mutex guards everything except
-// maxWeight, which is an atomic so that setMaxWeight can store it without the mutex. No other
-// lock is taken while it is held (the log sink has its own). push, isEmpty, waitUntilEmpty,
+// maxWeight, which is an atomic so that setMaxWeight can store it without the mutex. While it
+// is held only the logging core's own locks are taken (statistics records are written under
+// it). No task runs under it, but discardAll destroys entries under it, so what a task
+// captures must not call back into the executor when destroyed. push, isEmpty, waitUntilEmpty,
 // discardAll and captureMetrics may be called from any thread; take only by the worker.
 #pragma once
 

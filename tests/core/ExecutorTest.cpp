@@ -71,12 +71,5 @@ TEST_F(SynchronousExecutorTest, ThrowingTaskLeavesTimeAndCallbackUntouched) {
   EXPECT_EQ(callbacks, 0);
 }
 
-TEST(SynchronousExecutorCallbackTest, EmptyCallbackThrowsAfterTheTaskRan) {
-  SynchronousExecutor executor{std::function<void()>{}};
-  int runs = 0;
-  EXPECT_THROW(executor.execute([&] { ++runs; }, FILE_CLOSE, 0.0), std::bad_function_call);
-  EXPECT_EQ(runs, 1);
-}
-
 }  // namespace
 }  // namespace storage::overlayprovider
