@@ -1,0 +1,500 @@
+// MetadataCache over an in-memory inner store: one listing per folder (also for concurrent
+// first lookups), lookups by case, failures of listings, the provider's own updates, frozen
+// records across invalidations, confirmations, and the whole-tree population.
+#include "core/MetadataCache.h"
+
+#include <foundation/log/LogCapture.h>
+#include <foundation/storage/provider/Exception.h>
+#include <foundation/storage/provider/FolderEntryIterator.h>
+#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
+#include <foundation/storage/provider/mem/MemProvider.h>
+#include <gtest/gtest.h>
+
+#include <future>
+#include <latch>
+#include <thread>
+
+namespace storage::overlayprovider {
+namespace {
+
+using foundation::log::LogCapture;
+using fsp::ErrorCode;
+using fsp::FolderEntry;
+using fsp::StorageIRI;
+using fsp::instrumented::InstrumentedProvider;
+using fsp::mem::MemProvider;
+
+StorageIRI ov(const std::u16string& path) { return StorageIRI(u"overlay", path); }
+StorageIRI mem(const std::u16string& path) { return StorageIRI(u"mem", path); }
+
+// Forwards what the cache asks of an inner store, after a hook that a test may use to hold a
+// call or make it throw; listAll rows pass through a filter a test may set. Everything else
+// is refused: the cache must not need it.
+class HookedProvider final : public fsp::IProvider {
+ public:
+  using Rows = std::vector<FolderEntry>;
+  explicit HookedProvider(std::shared_ptr<fsp::IProvider> inner) : inner_(std::move(inner)) {}
+
+  std::function<void(std::string_view, const StorageIRI&)> before = [](auto, const auto&) {};
+  std::function<Rows(const StorageIRI&, Rows)> rowFilter = [](const auto&, Rows rows) {
+    return rows;
+  };
+
+ protected:
+  using Iterator = fsp::FolderEntryIteratorPtr;
+  fsp::FileAttributes doGetFileAttributes(const StorageIRI& i) const override {
+    before("getFileAttributes", i);
+    return inner_->getFileAttributes(i);
+  }
+  fsp::FolderAttributes doGetFolderAttributes(const StorageIRI& i) const override {
+    before("getFolderAttributes", i);
+    return inner_->getFolderAttributes(i);
+  }
+  fsp::ExtendedAttributes doGetExtendedAttributes(const StorageIRI& i) const override {
+    before("getExtendedAttributes", i);
+    return inner_->getExtendedAttributes(i);
+  }
+  Iterator doListAll(const StorageIRI& i) const override {
+    before("listAll", i);
+    auto rows = inner_->listAll(i);
+    return std::make_unique<fsp::VectorFolderEntryIterator>(rowFilter(i, fsp::collectRows(*rows)));
+  }
+  Iterator doListAllRecursiveWildcards(const StorageIRI& i, std::u16string p) const override {
+    before("listAllRecursive", i);
+    return inner_->listAllRecursive(i, p);
+  }
+  bool doHasFeature(const fsp::ExtendedFeature& f) const override { return inner_->hasFeature(f); }
+  void doShutdown() override {}
+
+  [[noreturn]] static void refuse(const StorageIRI& i) {
+    throw fsp::Exception(ErrorCode::NotSupported, i, "not used by the cache");
+  }
+  void doCreateFile(const StorageIRI& i) const override { refuse(i); }
+  void doCreateFolder(const StorageIRI& i) const override { refuse(i); }
+  void doCreateFolderRecursive(const StorageIRI& i) const override { refuse(i); }
+  bool doFileExists(const StorageIRI& i) const override { refuse(i); }
+  bool doFolderExists(const StorageIRI& i) const override { refuse(i); }
+  void doRemoveFile(const StorageIRI& i) const override { refuse(i); }
+  void doMoveFile(const StorageIRI& i, const StorageIRI&,
+                  const fsp::ReplacementPolicy&) const override {
+    refuse(i);
+  }
+  void doRemoveFolder(const StorageIRI& i) const override { refuse(i); }
+  void doRemoveFolderRecursively(const StorageIRI& i) const override { refuse(i); }
+  void doMoveFolder(const StorageIRI& i, const StorageIRI&,
+                    const fsp::ReplacementPolicy&) const override {
+    refuse(i);
+  }
+  fsp::ByteStreamPtr doOpenStream(const StorageIRI& i,
+                                  const fsp::ByteStreamOpenOptions&) const override {
+    refuse(i);
+  }
+  fsp::ByteStreamPtr doOpenReadOnlyStream(const StorageIRI& i) const override { refuse(i); }
+  Iterator doListFiles(const StorageIRI& i) const override { refuse(i); }
+  Iterator doListFolders(const StorageIRI& i) const override { refuse(i); }
+  void doCopyFile(const StorageIRI& i, const StorageIRI&,
+                  const fsp::ReplacementPolicy&) const override {
+    refuse(i);
+  }
+  void doSetLastModified(const StorageIRI& i, const fsp::posix_time::ptime&) const override {
+    refuse(i);
+  }
+  void doSetWritable(const StorageIRI& i, bool) const override { refuse(i); }
+  void doPublishFolderEventsFor(const StorageIRI& i, const fsp::EventPublisher&,
+                                const std::vector<foundation::storage::events::Kind>&,
+                                fsp::RecursiveFileWatching) const override {
+    refuse(i);
+  }
+  void doPublishFileEventsFor(
+      const StorageIRI& i, const fsp::EventPublisher&,
+      const std::vector<foundation::storage::events::Kind>&) const override {
+    refuse(i);
+  }
+  void doStopPublishingEventsFor(const StorageIRI& i) const override { refuse(i); }
+  fsp::ProviderStorageInfo doGetProviderStorageInfo(const StorageIRI& i) const override {
+    refuse(i);
+  }
+
+ private:
+  std::shared_ptr<fsp::IProvider> inner_;
+};
+
+// Holds the first matching call until released.
+struct Gate {
+  std::promise<void> entered;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  std::atomic<bool> armed{true};
+  void pass() {
+    if (!armed.exchange(false)) return;
+    entered.set_value();
+    released.wait();
+  }
+};
+
+class MetadataCacheTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    store->createFolder(mem(u"/a"));
+    store->createFolder(mem(u"/a/sub"));
+    store->createFolder(mem(u"/ab"));
+    write(u"/a/b.txt", "12345");
+    write(u"/a/sub/c.txt", "123");
+    write(u"/ab/x.txt", "1");
+  }
+  void write(const std::u16string& path, const std::string& bytes) {
+    auto stream = store->openStream(mem(path), fsp::ByteStreamOpenOptions::overwrite());
+    stream->write(bytes.data(), static_cast<long>(bytes.size()));
+    stream->close();
+  }
+  MetadataCache& cache(
+      fsp::FilenameSensitivity sensitivity = fsp::FilenameSensitivity::CaseSensitive) {
+    if (!cache_) cache_ = std::make_unique<MetadataCache>(root, sensitivity);
+    return *cache_;
+  }
+  std::uint64_t listings() const { return counted->callCount("listAll"); }
+  std::set<std::u16string> names(const std::u16string& folder) {
+    std::set<std::u16string> result;
+    for (const auto& [iri, node] : cache().getFolderEntry(ov(folder))->getChildren()) {
+      result.insert(iri.getName());
+    }
+    return result;
+  }
+
+  std::shared_ptr<MemProvider> store = std::make_shared<MemProvider>();
+  std::shared_ptr<InstrumentedProvider> counted = std::make_shared<InstrumentedProvider>(store);
+  std::shared_ptr<HookedProvider> hooked = std::make_shared<HookedProvider>(counted);
+  std::shared_ptr<fsp::StorageItem> root =
+      std::make_shared<fsp::StorageItem>(hooked, MemProvider::rootLocation());
+  std::unique_ptr<MetadataCache> cache_;
+};
+
+ErrorCode codeOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const fsp::Exception& e) {
+    return e.getErrorCode();
+  }
+  ADD_FAILURE() << "no exception";
+  return ErrorCode::Interrupted;
+}
+
+TEST_F(MetadataCacheTest, FolderIsListedOnceAndThenAnsweredFromTheCache) {
+  EXPECT_EQ(cache().getFileMetadata(ov(u"/a/b.txt"))->getSize(), 5u);
+  EXPECT_EQ(cache().getFileSize(ov(u"/a/b.txt")), 5u);
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/a/none.txt")));
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/a/sub")));  // a folder is not a file
+  EXPECT_EQ(cache().getFileSize(ov(u"/a/none.txt")), 0u);
+  EXPECT_EQ(listings(), 1u);
+  EXPECT_TRUE(cache().getFolderMetadata(ov(u"/a/sub")));
+  EXPECT_EQ(listings(), 1u);
+  EXPECT_TRUE(cache().getFolderMetadata(ov(u"/a")));  // lists the root
+  EXPECT_EQ(listings(), 2u);
+}
+
+TEST_F(MetadataCacheTest, RootFolderComesFromItsOwnEntryAndIsNoFile) {
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/")));
+  EXPECT_EQ(listings(), 0u);
+  auto rootRecord = cache().getFolderMetadata(ov(u"/"));
+  ASSERT_TRUE(rootRecord);
+  EXPECT_EQ(rootRecord->getIRI(), ov(u"/"));
+  EXPECT_EQ(names(u"/"), (std::set<std::u16string>{u"a", u"ab"}));
+  EXPECT_EQ(listings(), 1u);
+}
+
+TEST_F(MetadataCacheTest, ConcurrentFirstLookupsShareOneListing) {
+  Gate gate;
+  hooked->before = [&](std::string_view op, const StorageIRI&) {
+    if (op == "listAll") gate.pass();
+  };
+  auto first =
+      std::async(std::launch::async, [&] { return cache().getFileMetadata(ov(u"/a/b.txt")); });
+  gate.entered.get_future().wait();  // the listing of /a is under way and held
+  std::latch started(1);
+  auto second = std::async(std::launch::async, [&] {
+    started.count_down();
+    return cache().getFileMetadata(ov(u"/a/b.txt"));
+  });
+  started.wait();
+  gate.release.set_value();
+  EXPECT_EQ(first.get()->getSize(), 5u);
+  EXPECT_EQ(second.get(), cache().getFileMetadata(ov(u"/a/b.txt")));
+  EXPECT_EQ(listings(), 1u);
+}
+
+TEST(MetadataCacheCaseTest, CaseInsensitiveStoreFindsDifferentlySpelledNames) {
+  MemProvider::Options options;
+  options.sensitivity = fsp::FilenameSensitivity::CaseInsensitive;
+  auto store = std::make_shared<MemProvider>(options);
+  store->createFolder(mem(u"/a"));
+  store->createFile(mem(u"/a/b.txt"));
+  auto counted = std::make_shared<InstrumentedProvider>(store);
+  MetadataCache cache(std::make_shared<fsp::StorageItem>(counted, MemProvider::rootLocation()),
+                      fsp::FilenameSensitivity::CaseInsensitive);
+  EXPECT_FALSE(cache.isCaseSensitive());
+  auto record = cache.getFileMetadata(ov(u"/A/B.TXT"));
+  ASSERT_TRUE(record);
+  EXPECT_EQ(cache.getFileMetadata(ov(u"/a/b.txt")), record);
+  EXPECT_EQ(counted->callCount("listAll"), 1u);  // "/A" and "/a" are one folder
+}
+
+TEST_F(MetadataCacheTest, CaseSensitiveStoreDoesNotMatchOtherSpellings) {
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/a/B.TXT")));
+}
+
+TEST_F(MetadataCacheTest, MissingFolderGivesEmptyResultAndIsListedAgainNextTime) {
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/nope/x.txt")));
+  EXPECT_FALSE(cache().getFolderMetadata(ov(u"/nope/y")));
+  EXPECT_EQ(codeOf([&] { cache().getFolderEntry(ov(u"/nope")); }), ErrorCode::NotFound);
+  EXPECT_EQ(counted->callCount("getFolderAttributes"), 3u);
+  store->createFolder(mem(u"/nope"));
+  write(u"/nope/x.txt", "xy");
+  EXPECT_EQ(cache().getFileSize(ov(u"/nope/x.txt")), 2u);
+}
+
+TEST_F(MetadataCacheTest, OtherListingFailureStaysUntilInvalidated) {
+  counted->failNext("listAll", 1, ErrorCode::IOError);
+  EXPECT_EQ(codeOf([&] { cache().getFileMetadata(ov(u"/a/b.txt")); }), ErrorCode::IOError);
+  EXPECT_EQ(codeOf([&] { cache().getFolderMetadata(ov(u"/a/sub")); }), ErrorCode::IOError);
+  EXPECT_EQ(codeOf([&] { cache().getFolderEntry(ov(u"/a")); }), ErrorCode::IOError);
+  EXPECT_EQ(listings(), 1u);
+  cache().invalidate(ov(u"/a"));
+  EXPECT_EQ(cache().getFileSize(ov(u"/a/b.txt")), 5u);
+  EXPECT_EQ(listings(), 2u);
+}
+
+TEST_F(MetadataCacheTest, ChildWhoseMetadataCannotBeReadIsSkipped) {
+  write(u"/a/bad.txt", "zz");
+  // The store reports no size for bad.txt, and reading its attributes again fails.
+  hooked->rowFilter = [](const StorageIRI&, HookedProvider::Rows rows) {
+    for (auto& row : rows) {
+      if (row.getName() == u"bad.txt") {
+        row = FolderEntry(
+            row.getName(),
+            fsp::FileAttributes(std::nullopt, row.getFileAttributes().getLastModified(), true));
+      }
+    }
+    return rows;
+  };
+  hooked->before = [](std::string_view op, const StorageIRI& iri) {
+    if (op == "getFileAttributes" && iri.getName() == u"bad.txt") {
+      throw fsp::Exception(ErrorCode::IOError, iri);
+    }
+  };
+  LogCapture capture;
+  EXPECT_EQ(names(u"/a"), (std::set<std::u16string>{u"b.txt", u"sub"}));
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/a/bad.txt")));
+  EXPECT_EQ(capture.count("Couldn't read file/folder metadata during a backend folder listing "
+                          "operation. This is possibly due to a bad filename (k7305521).",
+                          foundation::log::error),
+            1u);
+}
+
+TEST_F(MetadataCacheTest, InvalidatingAFolderKeepsSiblingsWithTheSamePrefix) {
+  cache().getFolderEntry(ov(u"/a"));
+  cache().getFolderEntry(ov(u"/a/sub"));
+  cache().getFolderEntry(ov(u"/ab"));
+  EXPECT_EQ(listings(), 3u);
+  cache().invalidate(ov(u"/a"));
+  cache().getFolderEntry(ov(u"/ab"));
+  EXPECT_EQ(listings(), 3u);
+  cache().getFolderEntry(ov(u"/a/sub"));
+  cache().getFolderEntry(ov(u"/a"));
+  EXPECT_EQ(listings(), 5u);
+}
+
+TEST_F(MetadataCacheTest, InvalidatingTheRootEmptiesTheCache) {
+  cache().getFolderEntry(ov(u"/"));
+  cache().getFolderEntry(ov(u"/ab"));
+  LogCapture capture;
+  cache().invalidate(ov(u"/"));
+  EXPECT_EQ(capture.count("Invalidating root.", foundation::log::notice), 1u);
+  cache().getFolderEntry(ov(u"/"));
+  cache().getFolderEntry(ov(u"/ab"));
+  EXPECT_EQ(listings(), 4u);
+}
+
+TEST_F(MetadataCacheTest, EventMarksAreActedUponAtTheNextLookup) {
+  cache().getFolderEntry(ov(u"/a"));
+  write(u"/a/later.txt", "abc");
+  cache().markForInvalidation(ov(u"/a/later.txt"));
+  EXPECT_EQ(listings(), 1u);  // nothing happens before a lookup
+  EXPECT_EQ(cache().getFileSize(ov(u"/a/later.txt")), 3u);
+  EXPECT_EQ(listings(), 2u);
+}
+
+TEST_F(MetadataCacheTest, FrozenFileSurvivesInvalidationUntilConfirmed) {
+  auto created = cache().createFileMetadata(ov(u"/a/new.txt"));
+  EXPECT_TRUE(created->isFrozen());
+  LogCapture capture;
+  cache().markForInvalidation(ov(u"/a/new.txt"));
+  // The store does not hold the file yet; the fresh listing lacks it, the cache keeps it.
+  EXPECT_TRUE(names(u"/a").count(u"new.txt"));
+  EXPECT_EQ(listings(), 2u);
+  EXPECT_EQ(capture.count("overlay:/a/new.txt is frozen.", foundation::log::debug), 1u);
+  EXPECT_EQ(capture.count("overlay:/a/b.txt is not frozen.", foundation::log::debug), 1u);
+
+  cache().confirmFile(ov(u"/a/new.txt"));
+  EXPECT_FALSE(created->isFrozen());
+  cache().markForInvalidation(ov(u"/a/new.txt"));
+  EXPECT_FALSE(names(u"/a").count(u"new.txt"));  // the inner store's truth
+}
+
+TEST_F(MetadataCacheTest, CreatedFileTakesParentAttributesAndSetsItsTime) {
+  store->setExtendedAttribute(mem(u"/a"), "team", "blue");
+  auto created = cache().createFileMetadata(ov(u"/a/new.txt"));
+  EXPECT_EQ(created->getSize(), 0u);
+  EXPECT_TRUE(created->isWritable());
+  EXPECT_EQ(created->getExtendedAttributes().getAttribute("team"), "blue");
+  auto entry = cache().getFolderEntry(ov(u"/a"));
+  EXPECT_EQ(entry->getFileMetadata(ov(u"/a/new.txt"), true), created);
+  EXPECT_EQ(entry->getFolderMetadata()->getLastModified(), created->getLastModified());
+}
+
+TEST_F(MetadataCacheTest, CreatedFolderIsCompleteAndEmptyWithoutAskingTheStore) {
+  auto folder = cache().createFolderMetadata(ov(u"/a/fresh"));
+  EXPECT_TRUE(folder->isFrozen());
+  const auto calls = counted->totalCalls();
+  auto entry = cache().getFolderEntry(ov(u"/a/fresh"));
+  EXPECT_TRUE(entry->isEmpty());
+  EXPECT_EQ(entry->getFolderMetadata(), folder);
+  EXPECT_EQ(cache().getFolderMetadata(ov(u"/a/fresh")), folder);
+  auto file = cache().createFileMetadata(ov(u"/a/fresh/f.txt"));
+  EXPECT_EQ(cache().getFileMetadata(ov(u"/a/fresh/f.txt")), file);
+  EXPECT_EQ(counted->totalCalls(), calls);
+}
+
+TEST_F(MetadataCacheTest, FrozenFolderAndItsFileSurviveInvalidationOfTheParent) {
+  cache().createFolderMetadata(ov(u"/a/fresh"));
+  cache().createFileMetadata(ov(u"/a/fresh/f.txt"));
+  cache().markForInvalidation(ov(u"/a/fresh"));
+  cache().markForInvalidation(ov(u"/a/sub"));
+  EXPECT_TRUE(names(u"/a").count(u"fresh"));
+  EXPECT_EQ(names(u"/a/fresh"), (std::set<std::u16string>{u"f.txt"}));
+}
+
+TEST_F(MetadataCacheTest, RemovedFileIsGoneAndNotBroughtBackByReapplication) {
+  cache().createFileMetadata(ov(u"/a/new.txt"));
+  cache().markForInvalidation(ov(u"/a/new.txt"));
+  cache().getFileMetadata(ov(u"/a/b.txt"));  // collects the frozen record
+  cache().removeFileMetadata(ov(u"/a/new.txt"));
+  EXPECT_FALSE(names(u"/a").count(u"new.txt"));
+  cache().removeFileMetadata(ov(u"/a/b.txt"));
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/a/b.txt")));
+}
+
+TEST_F(MetadataCacheTest, MovedFileKeepsItsMetadataFrozenAtTheDestination) {
+  cache().moveFileMetadata(ov(u"/a/b.txt"), ov(u"/ab/b2.txt"));
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/a/b.txt")));
+  auto moved = cache().getFileMetadata(ov(u"/ab/b2.txt"));
+  ASSERT_TRUE(moved);
+  EXPECT_EQ(moved->getSize(), 5u);
+  EXPECT_TRUE(moved->isFrozen());
+  cache().moveFileMetadata(ov(u"/ab/b2.txt"), ov(u"/ab/x.txt"));  // replaces x.txt
+  EXPECT_EQ(cache().getFileSize(ov(u"/ab/x.txt")), 5u);
+  EXPECT_EQ(names(u"/ab"), (std::set<std::u16string>{u"x.txt"}));
+}
+
+TEST_F(MetadataCacheTest, MovedFolderTreeIsRebuiltFrozenAndConfirmedRecursively) {
+  cache().getFolderEntry(ov(u"/"));
+  cache().moveFolderMetadata(ov(u"/a"), ov(u"/ab/moved"), fsp::ReplacementPolicy::Fail);
+  EXPECT_FALSE(cache().getFolderMetadata(ov(u"/a")));
+  EXPECT_FALSE(names(u"/").count(u"a"));
+  EXPECT_EQ(names(u"/ab"), (std::set<std::u16string>{u"moved", u"x.txt"}));
+  const auto calls = listings();
+  auto c = cache().getFileMetadata(ov(u"/ab/moved/sub/c.txt"));
+  ASSERT_TRUE(c);
+  EXPECT_EQ(c->getSize(), 3u);
+  EXPECT_TRUE(c->isFrozen());
+  EXPECT_EQ(listings(), calls);  // the destination needs no listing
+  EXPECT_EQ(cache().getFolderTreeSize(ov(u"/ab/moved")), 8u);
+  EXPECT_EQ(cache().getFolderTreeSize(ov(u"/ab")), 9u);
+
+  cache().confirmFolder(ov(u"/ab/moved"), true);
+  EXPECT_FALSE(c->isFrozen());
+  EXPECT_FALSE(cache().getFolderMetadata(ov(u"/ab/moved/sub"))->isFrozen());
+  EXPECT_FALSE(cache().getFolderMetadata(ov(u"/ab/moved"))->isFrozen());
+}
+
+TEST_F(MetadataCacheTest, FolderTreeSizeCountsOnlyCachedFolders) {
+  EXPECT_EQ(cache().getFolderTreeSize(ov(u"/a")), 0u);
+  cache().getFolderEntry(ov(u"/a"));
+  EXPECT_EQ(cache().getFolderTreeSize(ov(u"/a")), 5u);
+  cache().getFolderEntry(ov(u"/a/sub"));
+  EXPECT_EQ(cache().getFolderTreeSize(ov(u"/a")), 8u);
+  EXPECT_EQ(listings(), 2u);
+}
+
+TEST_F(MetadataCacheTest, RemovedFolderDropsItsSubtree) {
+  cache().getFolderEntry(ov(u"/"));
+  cache().getFolderEntry(ov(u"/a/sub"));
+  cache().removeFolderMetadata(ov(u"/a"));
+  EXPECT_FALSE(cache().getFolderMetadata(ov(u"/a")));
+  EXPECT_EQ(listings(), 2u);
+  cache().getFolderEntry(ov(u"/a/sub"));  // the store still holds it: listed afresh
+  EXPECT_EQ(listings(), 3u);
+}
+
+TEST_F(MetadataCacheTest, UpdateWhileTheParentIsListedIsNotLost) {
+  Gate gate;
+  hooked->before = [&](std::string_view op, const StorageIRI&) {
+    if (op == "listAll") gate.pass();
+  };
+  auto lookup = std::async(std::launch::async, [&] { return names(u"/a"); });
+  gate.entered.get_future().wait();
+  auto record = std::make_shared<FileMetadata>(ov(u"/a/streamed.txt"), true);
+  record->setSize(9);
+  cache().addFileMetadata(record);  // must not wait for the held listing
+  gate.release.set_value();
+  EXPECT_EQ(lookup.get(), (std::set<std::u16string>{u"b.txt", u"sub", u"streamed.txt"}));
+  EXPECT_EQ(cache().getFileSize(ov(u"/a/streamed.txt")), 9u);
+}
+
+TEST_F(MetadataCacheTest, ClearForgetsEverything) {
+  cache().getFolderEntry(ov(u"/a"));
+  cache().clear();
+  cache().getFolderEntry(ov(u"/a"));
+  EXPECT_EQ(listings(), 2u);
+}
+
+TEST_F(MetadataCacheTest, PopulationFillsTheTreeFromOneRecursiveListing) {
+  store->createFolder(mem(u"/lazy"));
+  write(u"/lazy/l.txt", "l");
+  store->setExtendedAttribute(mem(u"/lazy"), "initiallyInvalid", "1");
+  cache().populateWholeFolderTreeWhenPossible(true);
+  cache().waitForPopulation();
+  EXPECT_EQ(counted->callCount("listAllRecursive"), 1u);
+  EXPECT_EQ(cache().getFileSize(ov(u"/a/sub/c.txt")), 3u);
+  EXPECT_EQ(cache().getFileSize(ov(u"/ab/x.txt")), 1u);
+  EXPECT_EQ(names(u"/"), (std::set<std::u16string>{u"a", u"ab", u"lazy"}));
+  EXPECT_EQ(names(u"/a"), (std::set<std::u16string>{u"b.txt", u"sub"}));
+  EXPECT_EQ(cache().getFileSize(ov(u"/lazy/l.txt")), 1u);
+  EXPECT_EQ(listings(), 1u);  // only the folder marked initially invalid lists itself
+}
+
+TEST_F(MetadataCacheTest, PopulationFailureIsReportedOnceAndTheCacheFillsOnDemand) {
+  counted->failNext("listAllRecursive", 1, ErrorCode::IOError);
+  cache().populateWholeFolderTreeWhenPossible(true);
+  EXPECT_EQ(codeOf([&] { cache().waitForPopulation(); }), ErrorCode::IOError);
+  cache().waitForPopulation();
+  EXPECT_EQ(cache().getFileSize(ov(u"/a/b.txt")), 5u);
+  EXPECT_EQ(listings(), 1u);
+}
+
+TEST_F(MetadataCacheTest, NoPopulationWithoutRecursiveListing) {
+  MemProvider::Options options;
+  options.features = {fsp::ExtendedFeature::ReadWrite};
+  auto plain = std::make_shared<InstrumentedProvider>(std::make_shared<MemProvider>(options));
+  MetadataCache flat(std::make_shared<fsp::StorageItem>(plain, MemProvider::rootLocation()),
+                     fsp::FilenameSensitivity::CaseSensitive);
+  flat.populateWholeFolderTreeWhenPossible(true);
+  flat.waitForPopulation();
+  flat.populateWholeFolderTreeWhenPossible(false);
+  EXPECT_EQ(plain->callCount("listAllRecursive"), 0u);
+  EXPECT_EQ(plain->callCount("listAll"), 0u);
+  cache().populateWholeFolderTreeWhenPossible(false);  // lists the root at once
+  EXPECT_EQ(listings(), 1u);
+}
+
+}  // namespace
+}  // namespace storage::overlayprovider
