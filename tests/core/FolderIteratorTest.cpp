@@ -1,0 +1,167 @@
+// FolderIterator over folder entries of the metadata cache: which children each listing
+// kind yields and in what order, snapshots against later changes, and clones.
+#include "core/FolderIterator.h"
+
+#include "core/ListingPredicates.h"
+#include "core/MetadataCache.h"
+
+#include <foundation/storage/provider/mem/MemProvider.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace storage::overlayprovider {
+namespace {
+
+namespace fsp = foundation::storage::provider;
+using fsp::StorageIRI;
+using ::testing::ElementsAre;
+
+const StorageIRI kFolder(u"overlay", u"/d");
+
+std::shared_ptr<FileMetadata> file(const std::u16string& name, std::uint64_t size) {
+  auto record = std::make_shared<FileMetadata>(StorageIRI(kFolder, name), false);
+  record->setSize(size).setWritable(true).setLastModified(
+      boost::posix_time::ptime(boost::gregorian::date(2024, 5, 17)));
+  return record;
+}
+
+std::shared_ptr<FolderMetadata> folder(const std::u16string& name) {
+  auto record = std::make_shared<FolderMetadata>(StorageIRI(kFolder, name), false);
+  record->setWritable(false).setLastModified(
+      boost::posix_time::ptime(boost::gregorian::date(2023, 1, 2)));
+  return record;
+}
+
+// The names of the remaining rows, draining the iterator.
+std::vector<std::u16string> names(fsp::IFolderEntryIterator& it) {
+  std::vector<std::u16string> result;
+  for (const auto& row : fsp::collectRows(it)) result.push_back(row.getName());
+  return result;
+}
+
+// Children added in an order different from their IRI order: files ahead of the folders.
+std::shared_ptr<IFolderEntry> mixedEntry() {
+  auto entry = std::make_shared<IFolderEntry>(kFolder);
+  entry->addFolder(folder(u"n"), true);
+  entry->addFile(file(u"z.txt", 3), true);
+  entry->addFolder(folder(u"m"), true);
+  entry->addFile(file(u"b.txt", 2), true);
+  entry->addFile(file(u"a.txt", 1), true);
+  return entry;
+}
+
+TEST(FolderIteratorTest, EmptyFolderHasNoRowsForAnyKind) {
+  IFolderEntry entry(kFolder);
+  EXPECT_FALSE(FolderIterator<ListAllPred>(entry.getChildren()).hasNext());
+  EXPECT_FALSE(FolderIterator<ListFilesPred>(entry.getChildren()).hasNext());
+  EXPECT_FALSE(FolderIterator<ListFoldersPred>(entry.getChildren()).hasNext());
+}
+
+TEST(FolderIteratorTest, EachKindYieldsItsChildrenInIriOrder) {
+  const auto entry = mixedEntry();
+  FolderIterator<ListAllPred> all(entry->getChildren());
+  EXPECT_THAT(names(all), ElementsAre(u"a.txt", u"b.txt", u"m", u"n", u"z.txt"));
+  FolderIterator<ListFilesPred> files(entry->getChildren());
+  EXPECT_THAT(names(files), ElementsAre(u"a.txt", u"b.txt", u"z.txt"));
+  FolderIterator<ListFoldersPred> folders(entry->getChildren());
+  EXPECT_THAT(names(folders), ElementsAre(u"m", u"n"));
+}
+
+TEST(FolderIteratorTest, FolderListingSkipsLeadingFilesAndIsEmptyWithoutFolders) {
+  const auto entry = mixedEntry();
+  FolderIterator<ListFoldersPred> folders(entry->getChildren());
+  ASSERT_TRUE(folders.hasNext());
+  folders.next();
+  EXPECT_EQ(folders.current().getName(), u"m");
+  EXPECT_FALSE(folders.current().isFile());
+
+  IFolderEntry onlyFiles(kFolder);
+  onlyFiles.addFile(file(u"a.txt", 1), true);
+  onlyFiles.addFile(file(u"b.txt", 1), true);
+  EXPECT_FALSE(FolderIterator<ListFoldersPred>(onlyFiles.getChildren()).hasNext());
+}
+
+TEST(FolderIteratorTest, RowsCarryTheRecordsAttributes) {
+  IFolderEntry entry(kFolder);
+  auto a = file(u"a.txt", 42);
+  a->setExtendedAttributes(fsp::ExtendedAttributes().setAttribute("WATERMARK", "w1"));
+  entry.addFile(a, true);
+  entry.addFolder(folder(u"m"), true);
+  FolderIterator<ListAllPred> it(entry.getChildren());
+
+  it.next();
+  const auto fileRow = it.current();
+  ASSERT_TRUE(fileRow.isFile());
+  EXPECT_EQ(fileRow.getFileAttributes().getSize(), 42u);
+  EXPECT_TRUE(fileRow.getFileAttributes().isWritable());
+  EXPECT_EQ(fileRow.getFileAttributes().getLastModified(), a->getLastModified());
+  EXPECT_EQ(fileRow.getExtendedAttributes().getAttribute("WATERMARK"), "w1");
+  it.next();
+  const auto folderRow = it.current();
+  ASSERT_FALSE(folderRow.isFile());
+  EXPECT_FALSE(folderRow.getFolderAttributes().isWritable());
+  EXPECT_EQ(folderRow.getFolderAttributes().getLastModified(),
+            boost::posix_time::ptime(boost::gregorian::date(2023, 1, 2)));
+}
+
+TEST(FolderIteratorTest, LaterRecordChangesShowButLaterChildrenDoNot) {
+  auto entry = mixedEntry();
+  FolderIterator<ListFilesPred> it(entry->getChildren());
+  it.next();
+  entry->getFileMetadata(StorageIRI(kFolder, u"b.txt"), true)->setSize(99);
+  entry->addFile(file(u"c.txt", 7), true);
+  entry->removeFile(StorageIRI(kFolder, u"z.txt"), true);
+
+  it.next();
+  EXPECT_EQ(it.current().getName(), u"b.txt");
+  EXPECT_EQ(it.current().getFileAttributes().getSize(), 99u);
+  EXPECT_THAT(names(it), ElementsAre(u"z.txt"));
+  FolderIterator<ListFilesPred> fresh(entry->getChildren());
+  EXPECT_THAT(names(fresh), ElementsAre(u"a.txt", u"b.txt", u"c.txt"));
+}
+
+TEST(FolderIteratorTest, CloneContinuesFromTheSamePositionIndependently) {
+  const auto entry = mixedEntry();
+  FolderIterator<ListAllPred> it(entry->getChildren());
+  it.next();
+  it.next();
+  const auto copy = it.cloneIterator();
+  EXPECT_THROW(copy->current(), std::logic_error);
+  EXPECT_THAT(names(*copy), ElementsAre(u"m", u"n", u"z.txt"));
+  EXPECT_EQ(it.current().getName(), u"b.txt");
+  EXPECT_THAT(names(it), ElementsAre(u"m", u"n", u"z.txt"));
+
+  FolderIterator<ListFoldersPred> folders(entry->getChildren());
+  folders.next();
+  EXPECT_THAT(names(*folders.clone()), ElementsAre(u"n"));
+}
+
+TEST(FolderIteratorTest, ListsACachedFolderOfTheInnerStore) {
+  auto mem = std::make_shared<fsp::mem::MemProvider>();
+  auto root = std::make_shared<fsp::StorageItem>(mem, fsp::mem::MemProvider::rootLocation());
+  fsp::StorageItem(*root, u"/d").createFolder();
+  for (const auto* name : {u"/d/c.txt", u"/d/a.txt", u"/d/b"}) {
+    if (std::u16string(name).ends_with(u".txt")) {
+      fsp::StorageItem(*root, name).createFile();
+    } else {
+      fsp::StorageItem(*root, name).createFolder();
+    }
+  }
+  MetadataCache cache(root, fsp::FilenameSensitivity::CaseSensitive);
+  const auto entry = cache.getFolderEntry(kFolder);
+  ASSERT_TRUE(entry);
+  FolderIterator<ListAllPred> it(entry->getChildren());
+  cache.createFileMetadata(StorageIRI(kFolder, u"added.txt"));
+
+  EXPECT_THAT(names(it), ElementsAre(u"a.txt", u"b", u"c.txt"));
+  FolderIterator<ListFilesPred> fresh(cache.getFolderEntry(kFolder)->getChildren());
+  EXPECT_THAT(names(fresh), ElementsAre(u"a.txt", u"added.txt", u"c.txt"));
+  mem->shutdown();
+}
+
+}  // namespace
+}  // namespace storage::overlayprovider
