@@ -60,6 +60,8 @@ LogCapture::LogCapture(unsigned mask)
 LogCapture::~LogCapture() {
   detail::recordMask = previousMask_;
   boost::log::core::get()->remove_sink(state_->sink);
+  // The sink's backend holds the state; dropping the sink breaks that cycle.
+  state_->sink.reset();
 }
 
 std::vector<CapturedRecord> LogCapture::records() const {

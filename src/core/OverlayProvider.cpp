@@ -46,13 +46,25 @@ StorageIRI composedInnerLocation(const StorageIRI& iri) {
 
 }  // namespace
 
+namespace {
+
+// The factory's root location over an inner root: "overlay" over the inner root, path "/".
+StorageIRI publicRootOver(const StorageItem& innerRoot) {
+  return StorageIRI(u"overlay", StorageIRI(innerRoot.getLocation(), u"/"), u"/");
+}
+
+}  // namespace
+
 OverlayProvider::OverlayProvider(StorageItem innerRoot)
-    : inner_(std::make_shared<StorageItem>(std::move(innerRoot))) {
+    : inner_(std::make_shared<StorageItem>(std::move(innerRoot))),
+      publicRoot_(publicRootOver(*inner_)) {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kSourceFile);
 }
 
 OverlayProvider::OverlayProvider(StorageItem innerRoot, std::shared_ptr<IExecutor> executor)
-    : inner_(std::make_shared<StorageItem>(std::move(innerRoot))), executor_(std::move(executor)) {
+    : inner_(std::make_shared<StorageItem>(std::move(innerRoot))),
+      publicRoot_(publicRootOver(*inner_)),
+      executor_(std::move(executor)) {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kSourceFile);
 }
 
@@ -82,6 +94,18 @@ StorageIRI OverlayProvider::resolve(const StorageIRI& iri) const {
   }
   if (backslashToForwardSlash_.load()) std::replace(path->begin(), path->end(), u'\\', u'/');
   return StorageIRI(u"overlay", *path);
+}
+
+StorageIRI OverlayProvider::publicLocation(const StorageIRI& resolved) const {
+  return publicRoot_.withPath(resolved.getPath());
+}
+
+Exception OverlayProvider::refusalForHost(const Exception& inner) const {
+  const auto path = pathBelow(inner_->getLocation(), inner.getLocation());
+  if (!path || inner.getLocation().getScheme() != inner_->getLocation().getScheme()) {
+    return inner;
+  }
+  return Exception(inner.getErrorCode(), publicRoot_.withPath(*path), inner.what());
 }
 
 StorageItem OverlayProvider::innerItem(const StorageIRI& location) const {

@@ -32,6 +32,7 @@
 #include "core/PathGuardTable.h"
 #include "core/TimedLatch.h"
 
+#include <foundation/storage/provider/Exception.h>
 #include <foundation/storage/provider/IConfigurableProvider.h>
 #include <foundation/storage/provider/StorageItem.h>
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
@@ -72,6 +73,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
 
   // The overlay form of a host location (see the header comment).
   fsp::StorageIRI resolve(const fsp::StorageIRI& iri) const;
+  // The form in which the overlay names a location to the host (in refusals): the root
+  // location that the factory gives, with the location's path.
+  fsp::StorageIRI publicLocation(const fsp::StorageIRI& resolved) const;
 
  protected:
   void doCreateFile(const fsp::StorageIRI&) const override;
@@ -121,12 +125,18 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   void readConfiguration(const boost::property_tree::ptree& config);
   // The inner provider's item for an overlay location.
   fsp::StorageItem innerItem(const fsp::StorageIRI& location) const;
+  // Runs an inner-provider call; a refusal keeps its code and names the overlay location
+  // that corresponds to the inner one.
+  template <class Call>
+  decltype(auto) forwardingRefusals(Call&& call) const;
+  fsp::Exception refusalForHost(const fsp::Exception& inner) const;
   PathGuardTable::Guard guard(const fsp::StorageIRI& location) const;
   PathGuardTable::Guard guard(const fsp::StorageIRI& a, const fsp::StorageIRI& b) const;
   // Called by the executors when work arrives at an idle queue.
   void noteBackendActivity() const;
 
   std::shared_ptr<fsp::StorageItem> inner_;
+  fsp::StorageIRI publicRoot_;
   mutable std::atomic<std::shared_ptr<IExecutor>> executor_;
   std::atomic<double> maxQueueWeight_{0.0};
   std::atomic<double> minQueueItemWeight_{0.0};
@@ -145,5 +155,14 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   mutable std::mutex initMutex_;
   std::atomic<bool> shutDown_{false};
 };
+
+template <class Call>
+decltype(auto) OverlayProvider::forwardingRefusals(Call&& call) const {
+  try {
+    return call();
+  } catch (const fsp::Exception& refusal) {
+    throw refusalForHost(refusal);
+  }
+}
 
 }  // namespace storage::overlayprovider

@@ -17,7 +17,8 @@ namespace {
 
 constexpr const char* kSourceFile = "src/core/OverlayProvider";
 
-// Names of new entries may not hold control characters (C0, DEL and C1).
+// Names of new entries may not hold control characters (C0, DEL and C1). `location` is the
+// overlay's public form, since it is what the refusal names.
 void checkName(const StorageIRI& location) {
   for (const char16_t unit : location.getName()) {
     if (unit < 32 || (unit >= 127 && unit <= 159)) {
@@ -34,27 +35,27 @@ void OverlayProvider::doCreateFile(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureInitialized();
   const auto location = resolve(iri);
-  checkName(location);
+  checkName(publicLocation(location));
   const auto held = guard(location);
-  innerItem(location).createFile();
+  forwardingRefusals([&] { innerItem(location).createFile(); });
 }
 
 void OverlayProvider::doCreateFolder(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureInitialized();
   const auto location = resolve(iri);
-  checkName(location);
+  checkName(publicLocation(location));
   const auto held = guard(location);
-  innerItem(location).createFolder();
+  forwardingRefusals([&] { innerItem(location).createFolder(); });
 }
 
 void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureInitialized();
   const auto location = resolve(iri);
-  checkName(location);
+  checkName(publicLocation(location));
   const auto held = guard(location);
-  innerItem(location).createFolderRecursive();
+  forwardingRefusals([&] { innerItem(location).createFolderRecursive(); });
 }
 
 bool OverlayProvider::doFileExists(const StorageIRI& iri) const {
@@ -63,7 +64,7 @@ bool OverlayProvider::doFileExists(const StorageIRI& iri) const {
   const auto location = resolve(iri);
   if (!location.hasParent()) return false;
   const auto held = guard(location);
-  return innerItem(location).fileExists();
+  return forwardingRefusals([&] { return innerItem(location).fileExists(); });
 }
 
 bool OverlayProvider::doFolderExists(const StorageIRI& iri) const {
@@ -72,7 +73,7 @@ bool OverlayProvider::doFolderExists(const StorageIRI& iri) const {
   const auto location = resolve(iri);
   if (!location.hasParent()) return true;
   const auto held = guard(location);
-  return innerItem(location).folderExists();
+  return forwardingRefusals([&] { return innerItem(location).folderExists(); });
 }
 
 void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
@@ -80,7 +81,7 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  innerItem(location).removeFile();
+  forwardingRefusals([&] { innerItem(location).removeFile(); });
 }
 
 void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
@@ -89,9 +90,10 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   ensureInitialized();
   const auto source = resolve(from);
   const auto destination = resolve(to);
-  checkName(destination);
+  checkName(publicLocation(destination));
   const auto held = guard(source, destination);
-  innerItem(source).moveFile(innerItem(destination).getLocation(), policy);
+  forwardingRefusals(
+      [&] { innerItem(source).moveFile(innerItem(destination).getLocation(), policy); });
 }
 
 void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
@@ -99,7 +101,7 @@ void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  innerItem(location).removeFolder();
+  forwardingRefusals([&] { innerItem(location).removeFolder(); });
 }
 
 void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
@@ -107,7 +109,7 @@ void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  innerItem(location).removeFolderRecursively();
+  forwardingRefusals([&] { innerItem(location).removeFolderRecursively(); });
 }
 
 void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
@@ -116,9 +118,10 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   ensureInitialized();
   const auto source = resolve(from);
   const auto destination = resolve(to);
-  checkName(destination);
+  checkName(publicLocation(destination));
   const auto held = guard(source, destination);
-  innerItem(source).moveFolder(innerItem(destination).getLocation(), policy);
+  forwardingRefusals(
+      [&] { innerItem(source).moveFolder(innerItem(destination).getLocation(), policy); });
 }
 
 fsp::FileAttributes OverlayProvider::doGetFileAttributes(const StorageIRI& iri) const {
@@ -126,7 +129,7 @@ fsp::FileAttributes OverlayProvider::doGetFileAttributes(const StorageIRI& iri) 
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  return innerItem(location).getFileAttributes();
+  return forwardingRefusals([&] { return innerItem(location).getFileAttributes(); });
 }
 
 fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(const StorageIRI& iri) const {
@@ -134,7 +137,7 @@ fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(const StorageIRI& i
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  return innerItem(location).getFolderAttributes();
+  return forwardingRefusals([&] { return innerItem(location).getFolderAttributes(); });
 }
 
 fsp::ByteStreamPtr OverlayProvider::doOpenStream(const StorageIRI& iri,
@@ -142,9 +145,9 @@ fsp::ByteStreamPtr OverlayProvider::doOpenStream(const StorageIRI& iri,
   OVERLAY_OPERATION(iri);
   ensureInitialized();
   const auto location = resolve(iri);
-  if (options.create) checkName(location);
+  if (options.create) checkName(publicLocation(location));
   const auto held = guard(location);
-  return innerItem(location).openStream(options);
+  return forwardingRefusals([&] { return innerItem(location).openStream(options); });
 }
 
 fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(const StorageIRI& iri) const {
@@ -152,7 +155,7 @@ fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(const StorageIRI& iri) 
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  return innerItem(location).openReadOnlyStream();
+  return forwardingRefusals([&] { return innerItem(location).openReadOnlyStream(); });
 }
 
 fsp::FolderEntryIteratorPtr OverlayProvider::doListAll(const StorageIRI& iri) const {
@@ -160,7 +163,7 @@ fsp::FolderEntryIteratorPtr OverlayProvider::doListAll(const StorageIRI& iri) co
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  return innerItem(location).listAll();
+  return forwardingRefusals([&] { return innerItem(location).listAll(); });
 }
 
 fsp::FolderEntryIteratorPtr OverlayProvider::doListFiles(const StorageIRI& iri) const {
@@ -168,7 +171,7 @@ fsp::FolderEntryIteratorPtr OverlayProvider::doListFiles(const StorageIRI& iri) 
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  return innerItem(location).listFiles();
+  return forwardingRefusals([&] { return innerItem(location).listFiles(); });
 }
 
 fsp::FolderEntryIteratorPtr OverlayProvider::doListFolders(const StorageIRI& iri) const {
@@ -176,7 +179,7 @@ fsp::FolderEntryIteratorPtr OverlayProvider::doListFolders(const StorageIRI& iri
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  return innerItem(location).listFolders();
+  return forwardingRefusals([&] { return innerItem(location).listFolders(); });
 }
 
 void OverlayProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
@@ -185,9 +188,10 @@ void OverlayProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
   ensureInitialized();
   const auto source = resolve(from);
   const auto destination = resolve(to);
-  checkName(destination);
+  checkName(publicLocation(destination));
   const auto held = guard(source, destination);
-  innerItem(source).copyFile(innerItem(destination).getLocation(), policy);
+  forwardingRefusals(
+      [&] { innerItem(source).copyFile(innerItem(destination).getLocation(), policy); });
 }
 
 void OverlayProvider::doSetLastModified(const StorageIRI& iri,
@@ -196,7 +200,7 @@ void OverlayProvider::doSetLastModified(const StorageIRI& iri,
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  innerItem(location).setLastModified(time);
+  forwardingRefusals([&] { innerItem(location).setLastModified(time); });
 }
 
 void OverlayProvider::doSetWritable(const StorageIRI& iri, bool writable) const {
@@ -204,7 +208,7 @@ void OverlayProvider::doSetWritable(const StorageIRI& iri, bool writable) const 
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  innerItem(location).setWritable(writable);
+  forwardingRefusals([&] { innerItem(location).setWritable(writable); });
 }
 
 void OverlayProvider::doPublishFolderEventsFor(const StorageIRI& iri,
@@ -214,7 +218,8 @@ void OverlayProvider::doPublishFolderEventsFor(const StorageIRI& iri,
   OVERLAY_OPERATION(iri);
   ensureInitialized();
   // Subscriptions are the inner store's business: no overlay lock is held while it is asked.
-  innerItem(resolve(iri)).publishFolderEvents(publisher, kinds, recursive);
+  forwardingRefusals(
+      [&] { innerItem(resolve(iri)).publishFolderEvents(publisher, kinds, recursive); });
 }
 
 void OverlayProvider::doPublishFileEventsFor(const StorageIRI& iri,
@@ -222,7 +227,7 @@ void OverlayProvider::doPublishFileEventsFor(const StorageIRI& iri,
                                              const std::vector<events::Kind>& kinds) const {
   OVERLAY_OPERATION(iri);
   ensureInitialized();
-  innerItem(resolve(iri)).publishFileEvents(publisher, kinds);
+  forwardingRefusals([&] { innerItem(resolve(iri)).publishFileEvents(publisher, kinds); });
 }
 
 void OverlayProvider::doStopPublishingEventsFor(const StorageIRI& iri) const {
@@ -249,7 +254,7 @@ fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(const StorageIR
   ensureInitialized();
   const auto location = resolve(iri);
   const auto held = guard(location);
-  return innerItem(location).getExtendedAttributes();
+  return forwardingRefusals([&] { return innerItem(location).getExtendedAttributes(); });
 }
 
 fsp::ProviderStorageInfo OverlayProvider::doGetProviderStorageInfo(const StorageIRI& iri) const {

@@ -1,0 +1,81 @@
+// The provider contract checked against the overlay over each inner store, with the
+// background executor (write-behind) and with the synchronous one.
+#include "InnerStoresUnderTest.h"
+#include "core/OverlayProviderFactory.h"
+
+#include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
+#include <foundation/storage/provider/extensions/IInvalidatable.h>
+
+#include <boost/property_tree/ptree.hpp>
+
+namespace contract {
+namespace {
+
+using storage::overlayprovider::OverlayProviderFactory;
+
+class OverlayUnderTest final : public ProviderUnderTest {
+ public:
+  OverlayUnderTest(std::string name, std::unique_ptr<ProviderUnderTest> inner, bool synchronous)
+      : name_(std::move(name)), inner_(std::move(inner)), synchronous_(synchronous) {}
+
+  fsp::StorageItem root() override {
+    if (!overlay_) {
+      const auto innerRoot = inner_->root();
+      OverlayProviderFactory factory;
+      overlay_ = factory.createProvider(innerRoot);
+      rootLocation_ = factory.getRootLocation(innerRoot);
+      if (synchronous_) {
+        boost::property_tree::ptree config;
+        config.put("overlay.synchronous", "true");
+        fsp::StorageItem(overlay_, *rootLocation_).configure(config);
+      }
+    }
+    return fsp::StorageItem(overlay_, *rootLocation_);
+  }
+
+  void setExtendedAttributeBehind(const std::u16string& path, const std::string& name,
+                                  const std::string& value) override {
+    // Behind the overlay means in the inner store, once the overlay's own work has reached
+    // it; then the overlay is told to forget what it cached.
+    settle();
+    inner_->setExtendedAttributeBehind(path, name, value);
+    dynamic_cast<fsp::extensions::IInvalidatable&>(*overlay_).invalidate(*rootLocation_);
+  }
+
+  void settle() override {
+    if (overlay_) dynamic_cast<fsp::extensions::IFlushableFilesystem&>(*overlay_).flushFilesystem();
+  }
+
+  std::optional<fsp::StorageItem> backingStore() override { return inner_->root(); }
+  std::string name() const override { return name_; }
+
+ private:
+  std::string name_;
+  std::unique_ptr<ProviderUnderTest> inner_;
+  bool synchronous_;
+  std::shared_ptr<fsp::IProvider> overlay_;
+  std::optional<fsp::StorageIRI> rootLocation_;
+};
+
+ContractParam overlayOver(std::string name,
+                          std::function<std::unique_ptr<ProviderUnderTest>()> inner,
+                          bool synchronous) {
+  return ContractParam{
+      name, [=] { return std::make_unique<OverlayUnderTest>(name, inner(), synchronous); }};
+}
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(
+    Overlay, ProviderContract,
+    ::testing::Values(overlayOver(
+                          "overMemWriteBehind", [] { return makeMemUnderTest("mem"); }, false),
+                      overlayOver(
+                          "overMemSynchronous", [] { return makeMemUnderTest("mem"); }, true),
+                      overlayOver(
+                          "overFileWriteBehind", [] { return makeFileUnderTest(); }, false),
+                      overlayOver(
+                          "overFileSynchronous", [] { return makeFileUnderTest(); }, true)),
+    paramName);
+
+}  // namespace contract
