@@ -6,6 +6,7 @@
 #include "core/BackendExecutor.h"
 #include "core/InnerLocation.h"
 #include "core/OverlayLog.h"
+#include "core/QuotaAccountant.h"
 #include "core/SynchronousExecutor.h"
 
 #include <foundation/storage/provider/Exception.h>
@@ -48,22 +49,32 @@ StorageIRI composedInnerLocation(const StorageIRI& iri) {
 
 namespace {
 
+constexpr long kQuotaPollPeriodMs = 30000;
+
 // The factory's root location over an inner root: "overlay" over the inner root, path "/".
 StorageIRI publicRootOver(const StorageItem& innerRoot) {
   return StorageIRI(u"overlay", StorageIRI(innerRoot.getLocation(), u"/"), u"/");
+}
+
+std::shared_ptr<MetadataCache> metadataCacheOver(const std::shared_ptr<StorageItem>& inner) {
+  return std::make_shared<MetadataCache>(inner, inner->getFilenameSensitivity());
 }
 
 }  // namespace
 
 OverlayProvider::OverlayProvider(StorageItem innerRoot)
     : inner_(std::make_shared<StorageItem>(std::move(innerRoot))),
-      publicRoot_(publicRootOver(*inner_)) {
+      publicRoot_(publicRootOver(*inner_)),
+      metadataCache_(metadataCacheOver(inner_)) {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kSourceFile);
 }
 
-OverlayProvider::OverlayProvider(StorageItem innerRoot, std::shared_ptr<IExecutor> executor)
+OverlayProvider::OverlayProvider(StorageItem innerRoot,
+                                 std::unique_ptr<MetadataCache> metadataCache,
+                                 std::shared_ptr<IExecutor> executor)
     : inner_(std::make_shared<StorageItem>(std::move(innerRoot))),
       publicRoot_(publicRootOver(*inner_)),
+      metadataCache_(std::move(metadataCache)),
       executor_(std::move(executor)) {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kSourceFile);
 }
@@ -133,11 +144,27 @@ void OverlayProvider::lazyInitialize() const {
   boost::property_tree::write_json(text, echo, false);
   OVERLAY_LOG(log::info) << text.str();
 
-  std::lock_guard lock(initMutex_);
-  if (!executor_.load()) {
-    executor_.store(std::make_shared<BackendExecutor>([this] { noteBackendActivity(); },
-                                                      maxQueueWeight_.load()));
+  {
+    std::lock_guard lock(initMutex_);
+    if (!executor_.load()) {
+      executor_.store(std::make_shared<BackendExecutor>([this] { noteBackendActivity(); },
+                                                        maxQueueWeight_.load()));
+    }
   }
+  if (!quotaAccountant_) {
+    quotaAccountant_ =
+        std::make_shared<QuotaAccountant>(inner_, kQuotaPollPeriodMs, metadataCache_);
+  }
+  metadataCache_->populateWholeFolderTreeWhenPossible(synchronous_.load());
+}
+
+void OverlayProvider::ensureReady() const {
+  ensureInitialized();
+  metadataCache_->waitForPopulation();
+}
+
+std::shared_ptr<IQuotaAccountant> OverlayProvider::quotaAccountant() const {
+  return quotaAccountant_;
 }
 
 void OverlayProvider::noteBackendActivity() const {
@@ -166,7 +193,7 @@ void OverlayProvider::installExecutor(std::shared_ptr<IExecutor> executor) const
 }
 
 void OverlayProvider::doFlushFilesystem() {
-  ensureInitialized();
+  ensureReady();
   OVERLAY_LOG(log::info) << "Flushing filesystem";
   const auto started = std::chrono::steady_clock::now();
   if (const auto executor = executor_.load()) {
@@ -174,6 +201,7 @@ void OverlayProvider::doFlushFilesystem() {
   } else {
     OVERLAY_LOG(log::error) << "BackgroundExecutor should be in an initialized state.";
   }
+  metadataCache_->dropPendingState();
   const auto elapsed = std::chrono::steady_clock::now() - started;
   OVERLAY_LOG(log::info) << "Flush took "
                          << std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count() /
@@ -183,9 +211,12 @@ void OverlayProvider::doFlushFilesystem() {
 
 void OverlayProvider::doInvalidate(const StorageIRI& iri) {
   FOUNDATION_TRACE_SCOPE_IRI(overlayLogger(), kSourceFile, iri);
-  ensureInitialized();
+  ensureReady();
   const auto location = resolve(iri);
   const auto held = guard(location);
+  // The whole overlay is dropped, not only the location: what the host knows changed below
+  // one location may have moved things elsewhere too.
+  metadataCache_->invalidate(StorageIRI(u"overlay", u"/"));
   fsp::invalidateProvider(*inner_);
 }
 
@@ -194,6 +225,7 @@ void OverlayProvider::doShutdown() {
   const auto held = guard(StorageIRI(u"overlay", u"/"));
   shutDown_.exchange(true);
   if (eventLatch_) eventLatch_->close();
+  if (quotaAccountant_) quotaAccountant_->stop();
   if (const auto executor = executor_.load()) {
     executor->shutdown(true);
     executor->join();

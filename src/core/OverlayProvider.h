@@ -11,17 +11,20 @@
 // and refuses anything else with InvalidLocation (10). With "overlay.backslashToForwardSlash"
 // set, backslashes in paths are read as separators.
 //
-// What it does today: every operation forwards to the inner provider, on the caller's thread,
-// under the path guard of its location(s). The executor exists for flushing and for the
-// transactions that the caches will queue; the content cache, metadata cache, event listener
-// and quota accountant are wired into the lifecycle below as they are added.
+// What it does today: queries and listings are answered from the metadata cache (one inner
+// listing per folder, shared by concurrent callers) and storage information from the quota
+// accountant. Mutations and streams are still carried out on the inner provider on the
+// caller's thread, under the path guard of their location(s); each then updates the metadata
+// cache with what it changed, so that the cache stays true. The executor exists for flushing
+// and for the transactions that write-behind will queue.
 //
 // Lifecycle: built (constructor) -> configured (doConfigure, any time) -> initialised (the
 // first operation runs lazyInitialize once; a failure rolls back and the next operation tries
 // again) -> shut down (doShutdown; also run by the destructor).
 //
 // Threads and locks: the host calls any operation from any thread. Lock order: path guard
-// table, then the initialisation mutex (executor creation only). No lock of the overlay is
+// table, then the initialisation mutex (executor creation only), then the metadata cache
+// (which orders its own locks: cache, folder entry, record). No lock of the overlay is
 // held while the inner provider is called, except the path guards, which are held for the
 // whole operation on purpose (they serialise related operations).
 // Ownership: the framework owns the provider through a std::shared_ptr made by the factory;
@@ -29,6 +32,8 @@
 #pragma once
 
 #include "core/IExecutor.h"
+#include "core/IQuotaAccountant.h"
+#include "core/MetadataCache.h"
 #include "core/PathGuardTable.h"
 #include "core/TimedLatch.h"
 
@@ -53,9 +58,10 @@ class OverlayProvider : public fsp::IConfigurableProvider,
                         public fsp::extensions::IInvalidatable {
  public:
   explicit OverlayProvider(fsp::StorageItem innerRoot);
-  // The same provider with its executor supplied by the caller (lazy initialisation then
-  // makes none).
-  OverlayProvider(fsp::StorageItem innerRoot, std::shared_ptr<IExecutor> executor);
+  // The same provider with its metadata cache and executor supplied by the caller (lazy
+  // initialisation then makes no executor).
+  OverlayProvider(fsp::StorageItem innerRoot, std::unique_ptr<MetadataCache> metadataCache,
+                  std::shared_ptr<IExecutor> executor);
   ~OverlayProvider() override;
 
   // The executor now in use (empty before initialisation unless configured or supplied).
@@ -67,6 +73,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   bool isSynchronous() const { return synchronous_.load(); }
   bool isContentCacheDisabled() const { return contentCacheDisabled_.load(); }
   bool isPassThrough() const { return passThrough_.load(); }
+  const std::shared_ptr<MetadataCache>& metadataCache() const { return metadataCache_; }
+  // Empty before initialisation.
+  std::shared_ptr<IQuotaAccountant> quotaAccountant() const;
   // The configured cache root and persistence, kept for the content cache.
   std::string configuredCacheRoot() const;
   bool persistContentCache() const { return persistContentCache_.load(); }
@@ -134,15 +143,27 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   PathGuardTable::Guard guard(const fsp::StorageIRI& a, const fsp::StorageIRI& b) const;
   // Called by the executors when work arrives at an idle queue.
   void noteBackendActivity() const;
+  // The opening steps of the cached operations: initialised, metadata tree prepared.
+  void ensureReady() const;
+  // Runs a cache update after an inner change; if the update fails, the folders concerned
+  // are dropped from the cache instead, so that it never keeps a wrong picture.
+  void keepCacheTrue(const fsp::StorageIRI& location, const std::function<void()>& update) const;
+  // Reads the file's attributes from the inner store into its cache record (made if absent).
+  void refreshFileRecord(const fsp::StorageIRI& location) const;
+  fsp::Exception notFound(const fsp::StorageIRI& location) const;
+  template <class Pred>
+  fsp::FolderEntryIteratorPtr doListingOperation(const fsp::StorageIRI& iri) const;
 
   std::shared_ptr<fsp::StorageItem> inner_;
   fsp::StorageIRI publicRoot_;
+  std::shared_ptr<MetadataCache> metadataCache_;
   mutable std::atomic<std::shared_ptr<IExecutor>> executor_;
   std::atomic<double> maxQueueWeight_{0.0};
   std::atomic<double> minQueueItemWeight_{0.0};
   std::atomic<std::uint64_t> maxReadPayloadSize_{4194304};
   std::atomic<std::uint64_t> maxWritePayloadSize_{4194304};
   std::atomic<bool> synchronous_{false};
+  mutable std::shared_ptr<IQuotaAccountant> quotaAccountant_;
   mutable PathGuardTable pathGuards_;
   std::shared_ptr<TimedLatch> eventLatch_;
   std::atomic<bool> passThrough_{false};

@@ -26,13 +26,17 @@ ErrorCode codeOf(const std::function<void()>& operation) {
 
 TEST(OverlayProvider, InitialisesOnItsFirstOperationOnly) {
   OverlayOverMem env;
-  EXPECT_EQ(env.instrumented->totalCalls(), 0u);
+  // Construction asks only how the inner store compares names.
+  EXPECT_EQ(env.instrumented->totalCalls(), 1u);
+  EXPECT_EQ(env.innerCalls("getFilenameSensitivity"), 1u);
   EXPECT_EQ(env.overlay->executor(), nullptr);
+  EXPECT_EQ(env.overlay->quotaAccountant(), nullptr);
   env.overlay->createFolder(env.at(u"docs"));
   const auto executor = env.overlay->executor();
   ASSERT_NE(executor, nullptr);
   EXPECT_NE(std::dynamic_pointer_cast<storage::overlayprovider::BackendExecutor>(executor),
             nullptr);
+  EXPECT_NE(env.overlay->quotaAccountant(), nullptr);
   env.overlay->createFile(env.at(u"docs/a.txt"));
   EXPECT_EQ(env.overlay->executor(), executor);
   EXPECT_TRUE(env.mem->fileExists(StorageIRI(u"mem", u"/docs/a.txt")));
@@ -133,4 +137,14 @@ TEST(OverlayProvider, InvalidationRefusesLocationsOfOtherStores) {
   env.overlay->invalidate(env.at(u"a"));
   EXPECT_EQ(codeOf([&] { env.overlay->invalidate(StorageIRI(u"file", u"/a")); }),
             ErrorCode::InvalidLocation);
+}
+
+TEST(OverlayProvider, AFailedInitialisationIsTriedAgainByTheNextOperation) {
+  OverlayOverMem env;
+  // Preparing the metadata tree asks the inner store's features first.
+  env.instrumented->failNext("hasFeature", 1, ErrorCode::Unavailable);
+  EXPECT_EQ(codeOf([&] { env.overlay->folderExists(env.at(u"a")); }), ErrorCode::Unavailable);
+  EXPECT_FALSE(env.overlay->folderExists(env.at(u"a")));
+  env.overlay->createFolder(env.at(u"a"));
+  EXPECT_TRUE(env.overlay->folderExists(env.at(u"a")));
 }
