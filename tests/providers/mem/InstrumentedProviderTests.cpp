@@ -174,6 +174,24 @@ TEST_F(InstrumentedProviderTest, EventsComeFromTheInnerProvider) {
   EXPECT_EQ(future.get(), u"/e");
 }
 
+TEST(FaultInjector, ArmingReplacesThePreviousPlanAndZeroDisarms) {
+  fsp::instrumented::FaultInjector faults;
+  faults.failNext("op", 5, ErrorCode::IOError);
+  faults.throwNextUnexpected("op", 1);
+  auto fault = faults.take("op");
+  ASSERT_TRUE(fault.has_value());
+  EXPECT_TRUE(fault->unexpected);
+  EXPECT_FALSE(faults.take("op").has_value());
+
+  faults.failNext("op", 3, ErrorCode::AccessDenied);
+  EXPECT_EQ(faults.take("op")->code, ErrorCode::AccessDenied);
+  faults.failNext("op", 0, ErrorCode::AccessDenied);
+  EXPECT_FALSE(faults.take("op").has_value());
+  faults.failNext("a", 1, ErrorCode::IOError);
+  faults.clear();
+  EXPECT_FALSE(faults.take("a").has_value());
+}
+
 TEST(InstrumentedProviderChain, ConfigureAndShutdownReachAConfigurableInnerProvider) {
   auto inner = std::make_shared<InstrumentedProvider>(std::make_shared<MemProvider>());
   InstrumentedProvider outer(inner);

@@ -234,6 +234,40 @@ TEST(MemProviderEvents, SubscriptionSpelledDifferentlyHearsTheStoredSpelling) {
   EXPECT_EQ(seen.events[0].second, u"/Docs/x");
 }
 
+TEST(MemProviderEvents, ClosingAWritingStreamReportsTheFilesCurrentLocationOnce) {
+  MemProvider provider;
+  provider.createFile(at(u"/old"));
+  auto reader = provider.openReadOnlyStream(at(u"/old"));
+  auto writer = provider.openStream(at(u"/old"), fsp::ByteStreamOpenOptions::readWrite());
+  Seen seen;
+  provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {Kind::Modified},
+                                  fsp::RecursiveFileWatching::No);
+  provider.moveFile(at(u"/old"), at(u"/new"), fsp::ReplacementPolicy::Fail);
+  writeAll(*writer, "ab");
+  writeAll(*writer, "cd");
+  reader->close();  // read nothing, changed nothing: no event
+  writer->close();
+  provider.waitForEventsDelivered();
+  std::lock_guard lock(seen.mutex);
+  ASSERT_EQ(seen.events.size(), 1u);
+  EXPECT_EQ(seen.events[0], std::make_pair(Kind::Modified, std::u16string(u"/new")));
+}
+
+TEST(MemProviderEvents, ExtendedAttributeChangesReportModified) {
+  MemProvider provider;
+  provider.createFolder(at(u"/d"));
+  Seen seen;
+  provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::No);
+  provider.setExtendedAttribute(at(u"/d"), "tag", "x");
+  provider.removeExtendedAttribute(at(u"/d"), "missing");  // nothing changed: no event
+  provider.removeExtendedAttribute(at(u"/d"), "tag");
+  provider.waitForEventsDelivered();
+  EXPECT_EQ(seen.count(), 2u);
+  EXPECT_TRUE(provider.getExtendedAttributes(at(u"/d")).empty());
+  EXPECT_EQ(codeOf([&] { provider.setExtendedAttribute(at(u"/nope"), "a", "b"); }),
+            ErrorCode::NotFound);
+}
+
 TEST(MemProviderEvents, ShutdownStopsDeliveryAndIsIdempotent) {
   MemProvider provider;
   Seen seen;
