@@ -22,9 +22,9 @@
 
 #include <iterator>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <utility>
+#include <variant>
 
 namespace storage::overlayprovider {
 
@@ -52,7 +52,7 @@ class FolderIterator final
   // Throws std::logic_error when there is no next child.
   void next() override {
     if (!hasNext()) throw std::logic_error("FolderIterator: next() called at the end");
-    current_.emplace(
+    current_ = std::make_unique<const foundation::storage::provider::FolderEntry>(
         std::visit([](const auto& record) { return rowFor(record); }, cursor_->second));
     ++cursor_;
     skipRejected();
@@ -93,7 +93,10 @@ class FolderIterator final
 
   ChildMap children_;
   ChildMap::const_iterator cursor_;
-  std::optional<foundation::storage::provider::FolderEntry> current_;
+  // Empty until the first next(). Held by pointer rather than std::optional: g++ 12 warns
+  // (-Wmaybe-uninitialized) on destroying a never-engaged optional of this type when the
+  // iterator's destructor is inlined.
+  std::unique_ptr<const foundation::storage::provider::FolderEntry> current_;
 };
 
 }  // namespace storage::overlayprovider
