@@ -150,6 +150,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   void keepCacheTrue(const fsp::StorageIRI& location, const std::function<void()>& update) const;
   // Reads the file's attributes from the inner store into its cache record (made if absent).
   void refreshFileRecord(const fsp::StorageIRI& location) const;
+  // Records that a stream opened for writing created or emptied the file.
+  void noteOpenedForWriting(const fsp::StorageIRI& location, bool truncated) const;
   fsp::Exception notFound(const fsp::StorageIRI& location) const;
   template <class Pred>
   fsp::FolderEntryIteratorPtr doListingOperation(const fsp::StorageIRI& iri) const;
