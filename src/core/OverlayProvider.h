@@ -145,6 +145,16 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   void noteBackendActivity() const;
   // The opening steps of the cached operations: initialised, metadata tree prepared.
   void ensureReady() const;
+  // The shape of every mutation today: under the path guard, the change on the inner store,
+  // then the same change recorded in the metadata cache.
+  void mutate(const fsp::StorageIRI& location,
+              const std::function<void(const fsp::StorageItem&)>& change,
+              const std::function<void()>& recordChange) const;
+  // The same for a move or copy: the destination's name is checked, both locations guarded.
+  void mutateBetween(
+      const fsp::StorageIRI& source, const fsp::StorageIRI& destination,
+      const std::function<void(const fsp::StorageItem&, const fsp::StorageIRI&)>& change,
+      const std::function<void()>& recordChange) const;
   // Runs a cache update after an inner change; if the update fails, the folders concerned
   // are dropped from the cache instead, so that it never keeps a wrong picture.
   void keepCacheTrue(const fsp::StorageIRI& location, const std::function<void()>& update) const;

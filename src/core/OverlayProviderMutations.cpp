@@ -23,17 +23,36 @@ void OverlayProvider::keepCacheTrue(const StorageIRI& location,
   }
 }
 
+void OverlayProvider::mutate(const StorageIRI& location,
+                             const std::function<void(const fsp::StorageItem&)>& change,
+                             const std::function<void()>& recordChange) const {
+  const auto held = guard(location);
+  forwardingRefusals([&] { change(innerItem(location)); });
+  keepCacheTrue(location, recordChange);
+}
+
+void OverlayProvider::mutateBetween(
+    const StorageIRI& source, const StorageIRI& destination,
+    const std::function<void(const fsp::StorageItem&, const StorageIRI&)>& change,
+    const std::function<void()>& recordChange) const {
+  checkName(publicLocation(destination));
+  const auto held = guard(source, destination);
+  forwardingRefusals([&] { change(innerItem(source), innerItem(destination).getLocation()); });
+  // Moving or copying a location onto itself changes nothing the cache holds.
+  if (source != destination) keepCacheTrue(destination, recordChange);
+}
+
 void OverlayProvider::doCreateFile(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
   checkName(publicLocation(location));
-  const auto held = guard(location);
-  forwardingRefusals([&] { innerItem(location).createFile(); });
-  keepCacheTrue(location, [&] {
-    metadataCache_->createFileMetadata(location);
-    metadataCache_->confirmFile(location);
-  });
+  mutate(
+      location, [](const fsp::StorageItem& item) { item.createFile(); },
+      [&] {
+        metadataCache_->createFileMetadata(location);
+        metadataCache_->confirmFile(location);
+      });
 }
 
 void OverlayProvider::doCreateFolder(const StorageIRI& iri) const {
@@ -41,12 +60,12 @@ void OverlayProvider::doCreateFolder(const StorageIRI& iri) const {
   ensureReady();
   const auto location = resolve(iri);
   checkName(publicLocation(location));
-  const auto held = guard(location);
-  forwardingRefusals([&] { innerItem(location).createFolder(); });
-  keepCacheTrue(location, [&] {
-    metadataCache_->createFolderMetadata(location);
-    metadataCache_->confirmFolder(location, false);
-  });
+  mutate(
+      location, [](const fsp::StorageItem& item) { item.createFolder(); },
+      [&] {
+        metadataCache_->createFolderMetadata(location);
+        metadataCache_->confirmFolder(location, false);
+      });
 }
 
 void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
@@ -74,27 +93,27 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  const auto held = guard(location);
-  forwardingRefusals([&] { innerItem(location).removeFile(); });
-  keepCacheTrue(location, [&] { metadataCache_->removeFileMetadata(location); });
+  mutate(
+      location, [](const fsp::StorageItem& item) { item.removeFile(); },
+      [&] { metadataCache_->removeFileMetadata(location); });
 }
 
 void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  const auto held = guard(location);
-  forwardingRefusals([&] { innerItem(location).removeFolder(); });
-  keepCacheTrue(location, [&] { metadataCache_->removeFolderMetadata(location); });
+  mutate(
+      location, [](const fsp::StorageItem& item) { item.removeFolder(); },
+      [&] { metadataCache_->removeFolderMetadata(location); });
 }
 
 void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  const auto held = guard(location);
-  forwardingRefusals([&] { innerItem(location).removeFolderRecursively(); });
-  keepCacheTrue(location, [&] { metadataCache_->removeFolderMetadata(location); });
+  mutate(
+      location, [](const fsp::StorageItem& item) { item.removeFolderRecursively(); },
+      [&] { metadataCache_->removeFolderMetadata(location); });
 }
 
 void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
@@ -103,15 +122,13 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   ensureReady();
   const auto source = resolve(from);
   const auto destination = resolve(to);
-  checkName(publicLocation(destination));
-  const auto held = guard(source, destination);
-  forwardingRefusals(
-      [&] { innerItem(source).moveFile(innerItem(destination).getLocation(), policy); });
-  if (source == destination) return;
-  keepCacheTrue(destination, [&] {
-    metadataCache_->moveFileMetadata(source, destination);
-    metadataCache_->confirmFile(destination);
-  });
+  mutateBetween(
+      source, destination,
+      [&](const fsp::StorageItem& item, const StorageIRI& to) { item.moveFile(to, policy); },
+      [&] {
+        metadataCache_->moveFileMetadata(source, destination);
+        metadataCache_->confirmFile(destination);
+      });
 }
 
 void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
@@ -120,17 +137,16 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   ensureReady();
   const auto source = resolve(from);
   const auto destination = resolve(to);
-  checkName(publicLocation(destination));
-  const auto held = guard(source, destination);
-  forwardingRefusals(
-      [&] { innerItem(source).moveFolder(innerItem(destination).getLocation(), policy); });
-  // A merge mixes the moved tree with what the destination held: the inner store has the
-  // only complete picture, so both places are read again on their next use.
-  keepCacheTrue(destination, [&] {
-    metadataCache_->removeFolderMetadata(source);
-    metadataCache_->invalidate(destination);
-    metadataCache_->invalidate(destination.getParent());
-  });
+  mutateBetween(
+      source, destination,
+      [&](const fsp::StorageItem& item, const StorageIRI& to) { item.moveFolder(to, policy); },
+      [&] {
+        // A merge mixes the moved tree with what the destination held: the inner store has the
+        // only complete picture, so both places are read again on their next use.
+        metadataCache_->removeFolderMetadata(source);
+        metadataCache_->invalidate(destination);
+        metadataCache_->invalidate(destination.getParent());
+      });
 }
 
 void OverlayProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
@@ -139,11 +155,10 @@ void OverlayProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
   ensureReady();
   const auto source = resolve(from);
   const auto destination = resolve(to);
-  checkName(publicLocation(destination));
-  const auto held = guard(source, destination);
-  forwardingRefusals(
-      [&] { innerItem(source).copyFile(innerItem(destination).getLocation(), policy); });
-  keepCacheTrue(destination, [&] { refreshFileRecord(destination); });
+  mutateBetween(
+      source, destination,
+      [&](const fsp::StorageItem& item, const StorageIRI& to) { item.copyFile(to, policy); },
+      [&] { refreshFileRecord(destination); });
 }
 
 void OverlayProvider::doSetLastModified(const StorageIRI& iri,
@@ -151,28 +166,28 @@ void OverlayProvider::doSetLastModified(const StorageIRI& iri,
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  const auto held = guard(location);
-  forwardingRefusals([&] { innerItem(location).setLastModified(time); });
-  keepCacheTrue(location, [&] {
-    if (const auto file = metadataCache_->getFileMetadata(location)) file->setLastModified(time);
-    if (const auto folder = metadataCache_->getFolderMetadata(location)) {
-      folder->setLastModified(time);
-    }
-  });
+  mutate(
+      location, [&](const fsp::StorageItem& item) { item.setLastModified(time); },
+      [&] {
+        if (const auto file = metadataCache_->getFileMetadata(location))
+          file->setLastModified(time);
+        if (const auto folder = metadataCache_->getFolderMetadata(location))
+          folder->setLastModified(time);
+      });
 }
 
 void OverlayProvider::doSetWritable(const StorageIRI& iri, bool writable) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  const auto held = guard(location);
-  forwardingRefusals([&] { innerItem(location).setWritable(writable); });
-  keepCacheTrue(location, [&] {
-    if (const auto file = metadataCache_->getFileMetadata(location)) file->setWritable(writable);
-    if (const auto folder = metadataCache_->getFolderMetadata(location)) {
-      folder->setWritable(writable);
-    }
-  });
+  mutate(
+      location, [&](const fsp::StorageItem& item) { item.setWritable(writable); },
+      [&] {
+        if (const auto file = metadataCache_->getFileMetadata(location))
+          file->setWritable(writable);
+        if (const auto folder = metadataCache_->getFolderMetadata(location))
+          folder->setWritable(writable);
+      });
 }
 
 void OverlayProvider::refreshFileRecord(const StorageIRI& location) const {
