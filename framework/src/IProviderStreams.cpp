@@ -24,7 +24,12 @@ const log::diagnostic_logger& frameworkLogger() {
 
 StorageIRI scratchBeside(const StorageIRI& target) {
   const auto tag = boost::uuids::to_string(boost::uuids::random_generator()());
-  return StorageIRI(target.getParent(), u"." + target.getName() + u".~tx-" + text::toUtf16(tag));
+  // Appended piece by piece: g++ 12 misreads `u"." + std::u16string&&` as an overlapping copy.
+  std::u16string name(u".");
+  name += target.getName();
+  name += u".~tx-";
+  name += text::toUtf16(tag);
+  return StorageIRI(target.getParent(), name);
 }
 
 // Copies up to `limit` bytes; returns the count copied. Asks `interrupt` between chunks.
