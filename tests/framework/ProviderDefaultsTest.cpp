@@ -1,0 +1,134 @@
+// The framework's default operations, run on the mem store (which keeps the framework's
+// versions of these slots).
+#include <foundation/storage/provider/Exception.h>
+#include <foundation/storage/provider/mem/MemProvider.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <set>
+
+using namespace foundation::storage::provider;
+using foundation::storage::events::EntryType;
+using foundation::storage::events::Kind;
+
+namespace {
+
+class ProviderDefaults : public ::testing::Test {
+ protected:
+  StorageIRI at(const char16_t* path) const { return StorageIRI(u"mem", path); }
+  void write(const char16_t* path, std::string_view bytes) const {
+    auto stream = mem->openStream(at(path), ByteStreamOpenOptions::overwrite());
+    stream->write(bytes.data(), static_cast<long>(bytes.size()));
+    stream->close();
+  }
+  std::string read(const char16_t* path) const {
+    auto stream = mem->openReadOnlyStream(at(path));
+    std::string bytes(4096, '\0');
+    const long n = stream->read(bytes.data(), static_cast<long>(bytes.size()));
+    bytes.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+    return bytes;
+  }
+  std::size_t entriesIn(const char16_t* folder) const {
+    return mem->listAllNamesOnly(at(folder)).size();
+  }
+
+  std::shared_ptr<mem::MemProvider> mem =
+      std::make_shared<mem::MemProvider>(mem::MemProvider::Options{});
+};
+
+}  // namespace
+
+TEST_F(ProviderDefaults, ATransactionalStreamReplacesTheTargetOnlyWhenClosed) {
+  write(u"/f", "old");
+  auto stream = mem->openTransactionalStream(at(u"/f"), ByteStreamOpenOptions::overwrite());
+  stream->write("new body", 8);
+  EXPECT_EQ(read(u"/f"), "old") << "readers see the old body until the transaction closes";
+  stream->close();
+  EXPECT_EQ(read(u"/f"), "new body");
+  EXPECT_EQ(entriesIn(u"/"), 1u) << "no scratch file is left behind";
+}
+
+TEST_F(ProviderDefaults, AnAbandonedTransactionLeavesTheTargetAsItWas) {
+  write(u"/f", "old");
+  {
+    auto stream = mem->openTransactionalStream(at(u"/f"), ByteStreamOpenOptions::appendTo());
+    stream->write("+more", 5);
+  }
+  EXPECT_EQ(read(u"/f"), "old");
+  EXPECT_EQ(entriesIn(u"/"), 1u);
+  EXPECT_THROW(mem->openTransactionalStream(at(u"/none"), ByteStreamOpenOptions::readWrite()),
+               Exception);
+}
+
+TEST_F(ProviderDefaults, AtomicCopyHonoursThePolicyAndTheInterrupt) {
+  write(u"/a", "payload");
+  write(u"/b", "other");
+  EXPECT_THROW(mem->copyFileAtomic(at(u"/a"), at(u"/b"), ReplacementPolicy::Fail, {}), Exception);
+  mem->copyFileAtomic(at(u"/a"), at(u"/b"), ReplacementPolicy::Overwrite, {});
+  EXPECT_EQ(read(u"/b"), "payload");
+  try {
+    mem->copyFileAtomic(at(u"/a"), at(u"/c"), ReplacementPolicy::Fail,
+                        [] { return InterruptSignal::Interrupt; });
+    ADD_FAILURE() << "an interrupted copy must fail";
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.getErrorCode(), ErrorCode::Interrupted);
+  }
+  EXPECT_FALSE(mem->fileExists(at(u"/c")));
+  EXPECT_EQ(entriesIn(u"/"), 2u) << "the interrupted copy's scratch file is gone";
+}
+
+TEST_F(ProviderDefaults, TruncationKeepsThePrefixAndPadsWithZeros) {
+  write(u"/f", "abcdef");
+  mem->truncateToSize(at(u"/f"), 3);
+  EXPECT_EQ(read(u"/f"), "abc");
+  mem->truncateToSize(at(u"/f"), 5);
+  EXPECT_EQ(read(u"/f"), std::string("abc\0\0", 5));
+  EXPECT_THROW(mem->truncateToSize(at(u"/none"), 1), Exception);
+}
+
+TEST_F(ProviderDefaults, ChangePollingReportsWhatChangedBetweenListings) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::pair<Kind, std::u16string>> seen;
+  write(u"/keep", "1");
+  write(u"/gone", "1");
+  mem->startChangePolling(
+      at(u"/"),
+      [&](Kind kind, const StorageIRI& location, const StorageIRI&, EntryType,
+          boost::property_tree::ptree) {
+        std::lock_guard lock(mutex);
+        seen.emplace_back(kind, location.getPath());
+        changed.notify_all();
+      },
+      {}, 5, RecursiveChangePolling::No);
+  write(u"/new", "1");
+  mem->removeFile(at(u"/gone"));
+  write(u"/keep", "longer");
+  {
+    std::unique_lock lock(mutex);
+    const bool all = changed.wait_for(lock, std::chrono::seconds(10), [&] {
+      auto has = [&](Kind kind, const char16_t* path) {
+        return std::find(seen.begin(), seen.end(), std::make_pair(kind, std::u16string(path))) !=
+               seen.end();
+      };
+      return has(Kind::Created, u"/new") && has(Kind::Removed, u"/gone") &&
+             has(Kind::Modified, u"/keep");
+    });
+    EXPECT_TRUE(all) << seen.size() << " events seen";
+  }
+  mem->stopChangePolling(at(u"/"));
+}
+
+TEST_F(ProviderDefaults, WildcardAndRecursiveListingsFilterByTheLastComponent) {
+  mem->createFolder(at(u"/d"));
+  write(u"/d/a.txt", "");
+  write(u"/d/b.md", "");
+  write(u"/top.txt", "");
+  const auto names = mem->listAllRecursiveNamesOnly(at(u"/"), u"*.txt");
+  EXPECT_EQ(std::set<std::u16string>(names.begin(), names.end()),
+            (std::set<std::u16string>{u"d/a.txt", u"top.txt"}));
+  EXPECT_EQ(mem->listFilesNamesOnly(at(u"/d"), u"?.md"), NameList{u"b.md"});
+}
