@@ -16,6 +16,12 @@ for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
 
+# Node.js validates the bundle manifest. Checked by command, not by package: some machines
+# carry a Node.js build whose own npm conflicts with Debian's separate npm package.
+if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then
+  missing+=(nodejs npm)
+fi
+
 if [ ${#missing[@]} -eq 0 ]; then
   exit 0
 fi
