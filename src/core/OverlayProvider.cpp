@@ -6,6 +6,7 @@
 #include "core/BackendExecutor.h"
 #include "core/InnerLocation.h"
 #include "core/OverlayLog.h"
+#include "core/OverlayProviderSupport.h"
 #include "core/QuotaAccountant.h"
 #include "core/SynchronousExecutor.h"
 
@@ -26,8 +27,6 @@ namespace log = foundation::log;
 
 namespace {
 
-constexpr const char* kSourceFile = "src/core/OverlayProvider";
-
 // The path of `location` below `innerRoot`, or nothing when it lies outside it.
 std::optional<std::u16string> pathBelow(const StorageIRI& innerRoot, const StorageIRI& location) {
   const StorageIRI root(u"", innerRoot.getPath());
@@ -44,10 +43,6 @@ StorageIRI composedInnerLocation(const StorageIRI& iri) {
   const auto scheme = text.substr(0, text.find(u':'));
   return StorageIRI(text.substr(scheme.rfind(u'+') + 1));
 }
-
-}  // namespace
-
-namespace {
 
 constexpr long kQuotaPollPeriodMs = 30000;
 
@@ -66,7 +61,7 @@ OverlayProvider::OverlayProvider(StorageItem innerRoot)
     : inner_(std::make_shared<StorageItem>(std::move(innerRoot))),
       publicRoot_(publicRootOver(*inner_)),
       metadataCache_(metadataCacheOver(inner_)) {
-  FOUNDATION_TRACE_SCOPE(overlayLogger(), kSourceFile);
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
 }
 
 OverlayProvider::OverlayProvider(StorageItem innerRoot,
@@ -76,11 +71,11 @@ OverlayProvider::OverlayProvider(StorageItem innerRoot,
       publicRoot_(publicRootOver(*inner_)),
       metadataCache_(std::move(metadataCache)),
       executor_(std::move(executor)) {
-  FOUNDATION_TRACE_SCOPE(overlayLogger(), kSourceFile);
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
 }
 
 OverlayProvider::~OverlayProvider() {
-  FOUNDATION_TRACE_SCOPE(overlayLogger(), kSourceFile);
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
   try {
     // shutdown() stops the framework's change polling before doShutdown, so no polling
     // thread can call into this object while its members go away.
@@ -210,7 +205,7 @@ void OverlayProvider::doFlushFilesystem() {
 }
 
 void OverlayProvider::doInvalidate(const StorageIRI& iri) {
-  FOUNDATION_TRACE_SCOPE_IRI(overlayLogger(), kSourceFile, iri);
+  FOUNDATION_TRACE_SCOPE_IRI(overlayLogger(), kOverlayProviderSource, iri);
   ensureReady();
   const auto location = resolve(iri);
   const auto held = guard(location);
@@ -221,7 +216,7 @@ void OverlayProvider::doInvalidate(const StorageIRI& iri) {
 }
 
 void OverlayProvider::doShutdown() {
-  FOUNDATION_TRACE_SCOPE(overlayLogger(), kSourceFile);
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
   const auto held = guard(StorageIRI(u"overlay", u"/"));
   shutDown_.exchange(true);
   if (eventLatch_) eventLatch_->close();

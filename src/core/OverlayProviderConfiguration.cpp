@@ -2,6 +2,7 @@
 // after handing the whole tree to the inner provider.
 #include "core/OverlayLog.h"
 #include "core/OverlayProvider.h"
+#include "core/OverlayProviderSupport.h"
 
 #include <boost/property_tree/json_parser.hpp>
 #include <sstream>
@@ -12,8 +13,6 @@ namespace log = foundation::log;
 using boost::property_tree::ptree;
 
 namespace {
-
-constexpr const char* kSourceFile = "src/core/OverlayProvider";
 
 template <class Value>
 void logEcho(const std::string& key, const Value& value) {
@@ -40,7 +39,7 @@ std::string OverlayProvider::configuredCacheRoot() const {
 }
 
 void OverlayProvider::doConfigure(ptree config) {
-  FOUNDATION_TRACE_SCOPE(overlayLogger(), kSourceFile);
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
   inner_->configure(config);
   try {
     readConfiguration(config);
