@@ -1,5 +1,6 @@
 // IFolderEntry and FutureFolderEntry: child lookups by kind and case, the folder's time on
 // changes, listings from an inner store, stored listing failures, extended-attribute failures.
+#include "CoreTestSupport.h"
 #include "core/FutureFolderEntry.h"
 #include "core/IFolderEntry.h"
 
@@ -15,24 +16,14 @@ namespace storage::overlayprovider {
 namespace {
 
 using boost::posix_time::time_from_string;
+using coretest::codeOf;
+using coretest::mem;
+using coretest::ov;
 using foundation::log::LogCapture;
 using fsp::ErrorCode;
 using fsp::StorageIRI;
 using fsp::instrumented::InstrumentedProvider;
 using fsp::mem::MemProvider;
-
-StorageIRI ov(const std::u16string& path) { return StorageIRI(u"overlay", path); }
-StorageIRI mem(const std::u16string& path) { return StorageIRI(u"mem", path); }
-
-ErrorCode codeOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const fsp::Exception& e) {
-    return e.getErrorCode();
-  }
-  ADD_FAILURE() << "no exception";
-  return ErrorCode::Interrupted;
-}
 
 std::shared_ptr<FileMetadata> file(const std::u16string& path, const char* time) {
   auto record = std::make_shared<FileMetadata>(ov(path), false);

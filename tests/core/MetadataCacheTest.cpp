@@ -1,6 +1,7 @@
 // MetadataCache over an in-memory inner store: one listing per folder (also for concurrent
 // first lookups), lookups by case, failures of listings, the provider's own updates, frozen
 // records across invalidations, confirmations, and the whole-tree population.
+#include "CoreTestSupport.h"
 #include "core/MetadataCache.h"
 
 #include <foundation/log/LogCapture.h>
@@ -17,15 +18,15 @@
 namespace storage::overlayprovider {
 namespace {
 
+using coretest::codeOf;
+using coretest::mem;
+using coretest::ov;
 using foundation::log::LogCapture;
 using fsp::ErrorCode;
 using fsp::FolderEntry;
 using fsp::StorageIRI;
 using fsp::instrumented::InstrumentedProvider;
 using fsp::mem::MemProvider;
-
-StorageIRI ov(const std::u16string& path) { return StorageIRI(u"overlay", path); }
-StorageIRI mem(const std::u16string& path) { return StorageIRI(u"mem", path); }
 
 // Forwards what the cache asks of an inner store, after a hook that a test may use to hold a
 // call or make it throw; listAll rows pass through a filter a test may set. Everything else
@@ -168,16 +169,6 @@ class MetadataCacheTest : public ::testing::Test {
       std::make_shared<fsp::StorageItem>(hooked, MemProvider::rootLocation());
   std::unique_ptr<MetadataCache> cache_;
 };
-
-ErrorCode codeOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const fsp::Exception& e) {
-    return e.getErrorCode();
-  }
-  ADD_FAILURE() << "no exception";
-  return ErrorCode::Interrupted;
-}
 
 TEST_F(MetadataCacheTest, FolderIsListedOnceAndThenAnsweredFromTheCache) {
   EXPECT_EQ(cache().getFileMetadata(ov(u"/a/b.txt"))->getSize(), 5u);

@@ -1,3 +1,4 @@
+#include "CoreTestSupport.h"
 #include "OverlayTestSupport.h"
 #include "core/BackendExecutor.h"
 
@@ -10,19 +11,7 @@ using fsp::ErrorCode;
 using fsp::Exception;
 using fsp::StorageIRI;
 
-namespace {
-
-ErrorCode codeOf(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const Exception& e) {
-    return e.getErrorCode();
-  }
-  ADD_FAILURE() << "no Exception was thrown";
-  return ErrorCode::IOError;
-}
-
-}  // namespace
+using coretest::codeOf;
 
 TEST(OverlayProvider, InitialisesOnItsFirstOperationOnly) {
   OverlayOverMem env;

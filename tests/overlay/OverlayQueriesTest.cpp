@@ -3,8 +3,6 @@
 #include <foundation/log/LogCapture.h>
 #include <foundation/storage/provider/Exception.h>
 
-#include <thread>
-
 using namespace overlaytest;
 using fsp::ErrorCode;
 using fsp::StorageIRI;
@@ -38,21 +36,6 @@ TEST(OverlayQueries, AFolderListedOnceAnswersEveryLaterQueryFromMemory) {
     EXPECT_EQ(fsp::collectRows(*env.overlay->listAll(env.at(u"docs"))).size(), 2u);
   }
   EXPECT_EQ(env.instrumented->totalCalls(), 0u) << "everything came from the cache";
-}
-
-TEST(OverlayQueries, ConcurrentFirstLookupsShareOneInnerListing) {
-  OverlayOverMem env;
-  env.mem->createFolder(memAt(u"/docs"));
-  for (int i = 0; i < 20; ++i) putInMem(*env.mem, u"/docs/f", "x");
-  env.overlay->folderExists(env.at(u"elsewhere"));  // initialises
-  env.instrumented->resetCounters();
-  env.instrumented->setCallLatency(std::chrono::milliseconds(20));
-  std::vector<std::thread> readers;
-  for (int i = 0; i < 8; ++i) {
-    readers.emplace_back([&] { EXPECT_TRUE(env.overlay->fileExists(env.at(u"docs/f"))); });
-  }
-  for (auto& reader : readers) reader.join();
-  EXPECT_EQ(env.innerCalls("listAll"), 1u);
 }
 
 TEST(OverlayQueries, MutationsKeepTheCacheTrue) {
