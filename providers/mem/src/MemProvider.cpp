@@ -38,7 +38,9 @@ MemProvider::MemProvider(Options options)
 
 MemProvider::~MemProvider() {
   try {
-    store_->events.stop();
+    // shutdown() stops the framework's change polling before the event thread, while the
+    // store that polling lists is still here.
+    shutdown();
   } catch (const std::exception& e) {
     FOUNDATION_LOG(memLogger(), log::error) << "Stopping the event thread failed: " << e.what();
   }

@@ -11,7 +11,9 @@
 //
 // Threads: the public operations may be called from any thread, several at once; every
 // provider must be safe for concurrent calls. Change-polling threads (startChangePolling)
-// belong to this base and are stopped by shutdown() and by the destructor.
+// belong to this base and are stopped by shutdown() and by the destructor. Since this base's
+// destructor runs after a derived provider's members are gone, a derived provider calls
+// shutdown() in its own destructor so that no polling thread can reach those members.
 // Ownership: providers are owned through std::shared_ptr (StorageItem holds one).
 #pragma once
 
