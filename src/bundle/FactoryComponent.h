@@ -9,7 +9,7 @@
 // from another thread safe as well.
 #pragma once
 
-#include "core/OverlayProviderFactory.h"
+#include "core/provider/OverlayProviderFactory.h"
 
 #include <foundation/host/ComponentInstance.h>
 

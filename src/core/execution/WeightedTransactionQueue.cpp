@@ -1,0 +1,190 @@
+#include "core/execution/WeightedTransactionQueue.h"
+
+#include "core/provider/OverlayLog.h"
+
+#include <array>
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <cstdlib>
+#include <sstream>
+#include <string_view>
+
+namespace storage::overlayprovider {
+
+namespace {
+
+using Clock = std::chrono::system_clock;
+
+// A periodic snapshot is written from the take path at most this often, so that a busy queue
+// reports itself without anyone asking.
+constexpr auto kSnapshotInterval = std::chrono::seconds(11);
+
+// Report order of the kinds; operators' dashboards read these keys.
+constexpr std::array<std::pair<std::string_view, ObservableTransactionType>, 17> kKindKeys = {{
+    {"openReadOnly", FILE_OPEN_READONLY},
+    {"openReadWrite", FILE_OPEN_READWRITE},
+    {"createFile", FILE_CREATION},
+    {"write", FILE_WRITE},
+    {"close", FILE_CLOSE},
+    {"removeFile", FILE_REMOVAL},
+    {"moveFile", FILE_MOVE},
+    {"copyFile", FILE_COPY},
+    {"createFolder", FOLDER_CREATION},
+    {"createFolderRecursive", FOLDER_CREATION_RECURSIVE},
+    {"removeFolder", FOLDER_REMOVAL},
+    {"removeFolderRecursive", FOLDER_REMOVAL_RECURSIVE},
+    {"moveFolder", FOLDER_MOVE},
+    {"setLastModified", SET_LAST_MODIFIED},
+    {"setWritable", SET_WRITABLE},
+    {"wakeupFlush", WAKEUP_FLUSH},
+    {"externalEvent", EXTERNAL_EVENT},
+}};
+
+std::int64_t millisBetween(Clock::time_point from, Clock::time_point to) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(to - from).count() / 1000000;
+}
+
+bool metricsDisabledByEnvironment() {
+  const char* value = std::getenv("QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE");
+  return value != nullptr && std::string_view(value) == "true";
+}
+
+std::string toCompactJson(const boost::property_tree::ptree& tree) {
+  std::ostringstream text;
+  boost::property_tree::write_json(text, tree, false);
+  return text.str();
+}
+
+}  // namespace
+
+WeightedTransactionQueue::WeightedTransactionQueue(double maxWeight)
+    : maxWeight_(maxWeight),
+      periodStart_(Clock::now()),
+      lastSnapshot_(periodStart_),
+      captureMetrics_(!metricsDisabledByEnvironment()) {}
+
+void WeightedTransactionQueue::push(QueuedTransaction entry) {
+  {
+    std::unique_lock lock(mutex_);
+    if (maxWeight_.load() > 0.0) {
+      spaceAvailable_.wait(lock, [this] {
+        const double bound = maxWeight_.load();
+        return bound <= 0.0 || currentWeight_ <= bound;
+      });
+      currentWeight_ += entry.weight;
+    }
+    if (entries_.empty()) {
+      periodEntries_ = 0;
+      periodStart_ = Clock::now();
+      periodQueueTime_ = 0;
+    }
+    if (captureMetrics_) {
+      countPushed(entry.type);
+    }
+    entries_.push_back(std::move(entry));
+    periodEntries_ += 1;
+  }
+  workAvailable_.notify_all();
+}
+
+void WeightedTransactionQueue::countPushed(ObservableTransactionType type) {
+  // Statistics must never cost a transaction, so a failure here is dropped.
+  try {
+    auto& counters = kindCounters_[type];
+    counters.first += 1;
+    counters.second += 1;
+  } catch (...) {
+  }
+}
+
+QueuedTransaction WeightedTransactionQueue::take() {
+  std::unique_lock lock(mutex_);
+  workAvailable_.wait(lock, [this] { return !entries_.empty(); });
+  QueuedTransaction entry = std::move(entries_.front());
+  entries_.pop_front();
+  if (!entry.internal) {
+    accountTaken(entry);
+  }
+  lock.unlock();
+  queueChanged_.notify_all();
+  spaceAvailable_.notify_all();
+  return entry;
+}
+
+void WeightedTransactionQueue::accountTaken(const QueuedTransaction& entry) {
+  // As in countPushed: bookkeeping failures must not lose the entry.
+  try {
+    if (maxWeight_.load() > 0.0) {
+      currentWeight_ -= entry.weight;
+    }
+    if (captureMetrics_) {
+      kindCounters_[entry.type].first -= 1;
+      recordQueueTime(entry);
+    }
+  } catch (...) {
+  }
+}
+
+void WeightedTransactionQueue::recordQueueTime(const QueuedTransaction& entry) {
+  const auto now = Clock::now();
+  const std::int64_t queueTime = millisBetween(entry.enqueued, now);
+  if (queueTime > maxQueueTime_) {
+    maxQueueTime_ = queueTime;
+  }
+  periodQueueTime_ += queueTime;
+  if (now - lastSnapshot_ >= kSnapshotInterval) {
+    writeSnapshotLocked();
+    lastSnapshot_ = now;
+  }
+  if (entries_.empty() && foundation::log::isSeverityEnabled(foundation::log::notice)) {
+    boost::property_tree::ptree tree;
+    tree.put("overlay.queueStats.timeToEmpty", millisBetween(periodStart_, now));
+    OVERLAY_LOG(foundation::log::notice) << toCompactJson(tree);
+  }
+}
+
+bool WeightedTransactionQueue::isEmpty() {
+  std::lock_guard lock(mutex_);
+  return entries_.empty();
+}
+
+void WeightedTransactionQueue::waitUntilEmpty() {
+  std::unique_lock lock(mutex_);
+  queueChanged_.wait(lock, [this] { return entries_.empty(); });
+}
+
+void WeightedTransactionQueue::discardAll() {
+  std::lock_guard lock(mutex_);
+  entries_.clear();
+}
+
+void WeightedTransactionQueue::setMaxWeight(double maxWeight) { maxWeight_.store(maxWeight); }
+
+std::string WeightedTransactionQueue::captureMetrics() {
+  std::lock_guard lock(mutex_);
+  return writeSnapshotLocked();
+}
+
+std::string WeightedTransactionQueue::writeSnapshotLocked() {
+  boost::property_tree::ptree tree;
+  tree.put("overlay.queueStats.size", entries_.size());
+  tree.put("overlay.queueStats.weight", currentWeight_);
+  // 0/0 before anything was taken in this period: NaN says "no sample" better than 0 would.
+  tree.put("overlay.queueStats.avQTime_ms",
+           static_cast<double>(periodQueueTime_) / static_cast<double>(periodEntries_));
+  tree.put("overlay.queueStats.maxQTime_ms", maxQueueTime_);
+  for (const auto& [word, type] : kKindKeys) {
+    tree.put("overlay.queueStats.transaction.now." + std::string(word), kindCounters_[type].first);
+  }
+  for (const auto& [word, type] : kKindKeys) {
+    tree.put("overlay.queueStats.transaction.totalOverTime." + std::string(word),
+             kindCounters_[type].second);
+  }
+  std::string json = toCompactJson(tree);
+  if (foundation::log::isSeverityEnabled(foundation::log::notice)) {
+    OVERLAY_LOG(foundation::log::notice) << json;
+  }
+  return json;
+}
+
+}  // namespace storage::overlayprovider

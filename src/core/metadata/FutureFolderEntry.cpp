@@ -1,0 +1,110 @@
+#include "core/metadata/FutureFolderEntry.h"
+
+#include "core/provider/InnerLocation.h"
+#include "core/provider/OverlayLog.h"
+
+#include <foundation/storage/provider/FolderEntryIterator.h>
+
+#include <exception>
+
+namespace storage::overlayprovider {
+
+namespace {
+
+bool usable(const boost::posix_time::ptime& time) { return !time.is_special(); }
+
+}  // namespace
+
+fsp::ExtendedAttributes readExtendedAttributes(const fsp::StorageItem& item, bool folder) {
+  try {
+    return item.getExtendedAttributes();
+  } catch (const std::exception& e) {
+    OVERLAY_LOG(foundation::log::error)
+        << "Problem retrieving extended attributes (" << (folder ? "folder" : "file") << ")";
+    OVERLAY_LOG(foundation::log::exception) << "Exception caught: " << e.what();
+  }
+  return {};
+}
+
+std::shared_ptr<FileMetadata> fileRecordFromRow(fsp::StorageIRI iri, const fsp::FolderEntry& row,
+                                                const fsp::StorageItem& item) {
+  auto attributes = row.getFileAttributes();
+  if (!attributes.getSize() || !usable(attributes.getLastModified())) {
+    attributes = item.getFileAttributes();
+  }
+  auto record = std::make_shared<FileMetadata>(std::move(iri), false);
+  record->setSize(attributes.getSize().value_or(0))
+      .setWritable(attributes.isWritable())
+      .setLastModified(attributes.getLastModified())
+      .setExtendedAttributes(row.getExtendedAttributes());
+  return record;
+}
+
+std::shared_ptr<FolderMetadata> folderRecordFromRow(fsp::StorageIRI iri,
+                                                    const fsp::FolderEntry& row,
+                                                    const fsp::StorageItem& item) {
+  auto attributes = row.getFolderAttributes();
+  if (!usable(attributes.getLastModified())) attributes = item.getFolderAttributes();
+  auto record = std::make_shared<FolderMetadata>(std::move(iri), false);
+  record->setWritable(attributes.isWritable())
+      .setLastModified(attributes.getLastModified())
+      .setExtendedAttributes(row.getExtendedAttributes());
+  return record;
+}
+
+FutureFolderEntry::FutureFolderEntry(fsp::StorageIRI folderIri,
+                                     std::shared_ptr<fsp::StorageItem> innerRoot)
+    : IFolderEntry(std::move(folderIri), false), innerRoot_(std::move(innerRoot)) {
+  detail_ = std::async(std::launch::async | std::launch::deferred, [this] {
+              buildFolderDetail();
+            }).share();
+}
+
+FutureFolderEntry::~FutureFolderEntry() {
+  // The task works on this entry's members; they must outlive it.
+  if (detail_.valid()) detail_.wait();
+}
+
+void FutureFolderEntry::waitForDetail() {
+  auto detail = detail_;
+  detail.get();
+}
+
+bool FutureFolderEntry::isDetailReady() {
+  return detail_.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+void FutureFolderEntry::buildFolderDetail() {
+  const auto folderItem = innerItemFor(*innerRoot_, getIRI());
+  const auto attributes = folderItem.getFolderAttributes();
+  auto record = std::make_shared<FolderMetadata>(getIRI(), false);
+  record->setLastModified(attributes.getLastModified())
+      .setWritable(attributes.isWritable())
+      .setExtendedAttributes(readExtendedAttributes(folderItem, true));
+  ChildMap children;
+  auto rows = folderItem.listAll(u"");
+  while (rows->hasNext()) {
+    rows->next();
+    addRow(rows->current(), children);
+  }
+  fill(std::move(record), std::move(children));
+}
+
+void FutureFolderEntry::addRow(const fsp::FolderEntry& row, ChildMap& children) const {
+  try {
+    fsp::StorageIRI iri(getIRI(), row.getName());
+    const auto item = innerItemFor(*innerRoot_, iri);
+    if (row.isFile()) {
+      children.insert_or_assign(iri, MetadataNode(fileRecordFromRow(iri, row, item)));
+    } else {
+      children.insert_or_assign(iri, MetadataNode(folderRecordFromRow(iri, row, item)));
+    }
+  } catch (const std::exception& e) {
+    OVERLAY_LOG(foundation::log::error)
+        << "Couldn't read file/folder metadata during a backend folder listing operation. This "
+           "is possibly due to a bad filename (k7305521).";
+    OVERLAY_LOG(foundation::log::exception) << "Exception caught: " << e.what();
+  }
+}
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,208 @@
+#include "core/metadata/IFolderEntry.h"
+
+#include <foundation/storage/provider/Exception.h>
+#include <foundation/text/Unicode.h>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <functional>
+
+namespace storage::overlayprovider {
+
+namespace {
+
+bool isKind(const MetadataNode& node, NodeKind kind) {
+  return node.index() == (kind == NodeKind::File ? 0u : 1u);
+}
+
+}  // namespace
+
+std::size_t caseFoldedHash(const fsp::StorageIRI& iri) {
+  using foundation::text::toLower;
+  using foundation::text::toUtf16;
+  return std::hash<std::u16string>{}(toLower(toUtf16(iri.toString())));
+}
+
+const fsp::StorageIRI& nodeIRI(const MetadataNode& node) {
+  return std::visit([](const auto& record) -> const fsp::StorageIRI& { return record->getIRI(); },
+                    node);
+}
+
+bool nodeIsFrozen(const MetadataNode& node) {
+  return std::visit([](const auto& record) { return record->isFrozen(); }, node);
+}
+
+IFolderEntry::IFolderEntry(fsp::StorageIRI folderIri) : IFolderEntry(std::move(folderIri), true) {}
+
+IFolderEntry::IFolderEntry(fsp::StorageIRI folderIri, bool filled)
+    : iri_(std::move(folderIri)), filled_(filled) {}
+
+IFolderEntry::~IFolderEntry() = default;
+
+void IFolderEntry::waitForDetail() {}
+
+bool IFolderEntry::isDetailReady() { return true; }
+
+std::shared_ptr<FolderMetadata> IFolderEntry::getFolderMetadata() {
+  waitForDetail();
+  std::lock_guard lock(mutex_);
+  return folder_;
+}
+
+void IFolderEntry::setFolderMetadata(std::shared_ptr<FolderMetadata> record) {
+  std::lock_guard lock(mutex_);
+  folder_ = std::move(record);
+}
+
+bool IFolderEntry::isFrozen() {
+  auto record = getFolderMetadata();
+  return record && record->isFrozen();
+}
+
+void IFolderEntry::unfreeze() {
+  if (auto record = getFolderMetadata()) record->unfreeze();
+}
+
+ChildMap::iterator IFolderEntry::locate(const fsp::StorageIRI& iri, bool caseSensitive) {
+  if (caseSensitive) return children_.find(iri);
+  const auto wanted = caseFoldedHash(iri);
+  for (auto it = children_.begin(); it != children_.end(); ++it) {
+    if (caseFoldedHash(it->first) == wanted) return it;
+  }
+  return children_.end();
+}
+
+MetadataNode IFolderEntry::findChild(const fsp::StorageIRI& iri, NodeKind kind,
+                                     bool caseSensitive) {
+  waitForDetail();
+  std::lock_guard lock(mutex_);
+  auto it = locate(iri, caseSensitive);
+  if (it == children_.end() || !isKind(it->second, kind)) {
+    throw fsp::Exception(fsp::ErrorCode::NotFound, iri);
+  }
+  return it->second;
+}
+
+std::shared_ptr<FileMetadata> IFolderEntry::getFileMetadata(const fsp::StorageIRI& iri,
+                                                            bool caseSensitive) {
+  return std::get<0>(findChild(iri, NodeKind::File, caseSensitive));
+}
+
+std::shared_ptr<FolderMetadata> IFolderEntry::getFolderMetadata(const fsp::StorageIRI& iri,
+                                                                bool caseSensitive) {
+  return std::get<1>(findChild(iri, NodeKind::Folder, caseSensitive));
+}
+
+bool IFolderEntry::hasChild(const fsp::StorageIRI& iri) {
+  waitForDetail();
+  std::lock_guard lock(mutex_);
+  auto it = children_.find(iri);
+  return it != children_.end() && isKind(it->second, NodeKind::File);
+}
+
+bool IFolderEntry::isEmpty() {
+  waitForDetail();
+  std::lock_guard lock(mutex_);
+  return children_.empty();
+}
+
+void IFolderEntry::apply(QueuedChange& change) {
+  auto it = locate(change.iri, change.caseSensitive);
+  if (change.insert) {
+    // Differently spelled, same name: the new record takes the old one's place.
+    if (it != children_.end()) children_.erase(it);
+    children_.insert_or_assign(change.iri, std::move(*change.insert));
+  } else {
+    if (it == children_.end() || !isKind(it->second, change.kind)) {
+      if (!filled_) return;  // a queued removal of a name the listing did not have
+      throw fsp::Exception(fsp::ErrorCode::NotFound, change.iri);
+    }
+    children_.erase(it);
+  }
+  if (folder_ && change.time) folder_->setLastModified(*change.time);
+}
+
+void IFolderEntry::change(QueuedChange change) {
+  if (filled_) {
+    apply(change);
+  } else {
+    queued_.push_back(std::move(change));
+  }
+}
+
+void IFolderEntry::addFile(std::shared_ptr<FileMetadata> record, bool caseSensitive) {
+  auto iri = record->getIRI();
+  const auto time = record->getLastModified();
+  std::lock_guard lock(mutex_);
+  change({MetadataNode(std::in_place_index<0>, std::move(record)), std::move(iri), NodeKind::File,
+          time, caseSensitive});
+}
+
+void IFolderEntry::addFolder(std::shared_ptr<FolderMetadata> record, bool caseSensitive) {
+  auto iri = record->getIRI();
+  const auto time = record->getLastModified();
+  std::lock_guard lock(mutex_);
+  change({MetadataNode(std::in_place_index<1>, std::move(record)), std::move(iri), NodeKind::Folder,
+          time, caseSensitive});
+}
+
+void IFolderEntry::putChild(MetadataNode node, bool caseSensitive) {
+  auto iri = nodeIRI(node);
+  const auto kind = node.index() == 0 ? NodeKind::File : NodeKind::Folder;
+  std::lock_guard lock(mutex_);
+  change({std::move(node), std::move(iri), kind, std::nullopt, caseSensitive});
+}
+
+void IFolderEntry::removeFile(const fsp::StorageIRI& iri, bool caseSensitive) {
+  const auto now = boost::posix_time::microsec_clock::universal_time();
+  std::lock_guard lock(mutex_);
+  change({std::nullopt, iri, NodeKind::File, now, caseSensitive});
+}
+
+void IFolderEntry::removeFolder(const fsp::StorageIRI& iri, bool caseSensitive) {
+  const auto now = boost::posix_time::microsec_clock::universal_time();
+  std::lock_guard lock(mutex_);
+  change({std::nullopt, iri, NodeKind::Folder, now, caseSensitive});
+}
+
+std::shared_ptr<FolderMetadata> IFolderEntry::peekFolderMetadata() {
+  std::lock_guard lock(mutex_);
+  return folder_;
+}
+
+std::optional<MetadataNode> IFolderEntry::peekChild(const fsp::StorageIRI& iri) {
+  std::lock_guard lock(mutex_);
+  for (auto it = queued_.rbegin(); it != queued_.rend(); ++it) {
+    if (it->iri == iri) return it->insert;
+  }
+  auto found = children_.find(iri);
+  if (found == children_.end()) return std::nullopt;
+  return found->second;
+}
+
+std::vector<MetadataNode> IFolderEntry::collectRecords() {
+  std::lock_guard lock(mutex_);
+  std::vector<MetadataNode> records;
+  if (folder_) records.emplace_back(std::in_place_index<1>, folder_);
+  for (const auto& [iri, node] : children_) records.push_back(node);
+  for (const auto& queued : queued_) {
+    if (queued.insert) records.push_back(*queued.insert);
+  }
+  return records;
+}
+
+ChildMap IFolderEntry::getChildren() {
+  waitForDetail();
+  std::lock_guard lock(mutex_);
+  return children_;
+}
+
+void IFolderEntry::fill(std::shared_ptr<FolderMetadata> record, ChildMap children) {
+  std::lock_guard lock(mutex_);
+  folder_ = std::move(record);
+  children_ = std::move(children);
+  for (auto& queued : queued_) apply(queued);
+  queued_.clear();
+  filled_ = true;
+}
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,266 @@
+// MetadataCache: construction, lookups, updates, confirmations and the invalidation entry
+// points. The helpers that run under the cache's lock are in MetadataCacheTree.cpp.
+#include "core/metadata/MetadataCache.h"
+
+#include "core/metadata/FutureFolderEntry.h"
+#include "core/provider/InnerLocation.h"
+#include "core/provider/OverlayLog.h"
+
+#include <foundation/storage/provider/Exception.h>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+namespace storage::overlayprovider {
+
+namespace {
+
+bool isNotFound(const fsp::Exception& e) { return e.getErrorCode() == fsp::ErrorCode::NotFound; }
+
+boost::posix_time::ptime nowUtc() { return boost::posix_time::microsec_clock::universal_time(); }
+
+}  // namespace
+
+MetadataCache::MetadataCache(std::shared_ptr<fsp::StorageItem> innerRoot,
+                             fsp::FilenameSensitivity sensitivity)
+    : innerRoot_(std::move(innerRoot)),
+      caseSensitive_(sensitivity == fsp::FilenameSensitivity::CaseSensitive) {
+  if (!innerRoot_) {
+    throw fsp::Exception(fsp::ErrorCode::InvalidLocation, rootIRI(), "no inner root item");
+  }
+}
+
+MetadataCache::~MetadataCache() {
+  // The population task works on this cache's members; they must outlive it.
+  std::shared_ptr<std::future<void>> population;
+  {
+    Guard guard(*this);
+    population = population_;
+  }
+  if (!population || !population->valid()) return;
+  try {
+    population->get();
+  } catch (const std::exception& e) {
+    OVERLAY_LOG(foundation::log::exception) << "Exception caught: " << e.what();
+  }
+}
+
+fsp::StorageIRI MetadataCache::rootIRI() { return fsp::StorageIRI(u"overlay", u"/"); }
+
+void MetadataCache::actOnPendingInvalidations() {
+  Guard guard(*this);
+  actOnPendingInvalidationsLocked();
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::lookupEntry(const fsp::StorageIRI& folder) {
+  std::shared_ptr<IFolderEntry> entry;
+  {
+    Guard guard(*this);
+    entry = entryLocked(folder, true);
+  }
+  try {
+    entry->waitForDetail();
+  } catch (const fsp::Exception& e) {
+    if (isNotFound(e)) {
+      Guard guard(*this);
+      invalidateLocked(folder);
+    }
+    throw;
+  }
+  return entry;
+}
+
+std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(const fsp::StorageIRI& iri) {
+  actOnPendingInvalidations();
+  if (!iri.hasParent()) return {};
+  try {
+    return lookupEntry(iri.getParent())->getFileMetadata(iri, caseSensitive_);
+  } catch (const fsp::Exception& e) {
+    if (isNotFound(e)) return {};
+    throw;
+  }
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadata(const fsp::StorageIRI& iri) {
+  if (!iri.hasParent()) return lookupEntry(iri)->getFolderMetadata();
+  return lookupEntry(iri.getParent())->getFolderMetadata(iri, caseSensitive_);
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadata(const fsp::StorageIRI& iri) {
+  actOnPendingInvalidations();
+  try {
+    return doGetFolderMetadata(iri);
+  } catch (const fsp::Exception& e) {
+    if (isNotFound(e)) return {};
+    throw;
+  }
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::getFolderEntry(const fsp::StorageIRI& iri) {
+  actOnPendingInvalidations();
+  auto entry = lookupEntry(iri);
+  Guard guard(*this);
+  reapplyFrozenLocked();
+  return entry;
+}
+
+std::uint64_t MetadataCache::getFileSize(const fsp::StorageIRI& iri) {
+  auto record = getFileMetadata(iri);
+  return record ? record->getSize() : 0;
+}
+
+std::uint64_t MetadataCache::getFolderTreeSize(const fsp::StorageIRI& iri) {
+  Guard guard(*this);
+  return treeSizeLocked(iri);
+}
+
+void MetadataCache::addFileMetadata(std::shared_ptr<FileMetadata> record) {
+  if (!record || !record->getIRI().hasParent()) {
+    throw fsp::Exception(fsp::ErrorCode::InvalidLocation, record ? record->getIRI() : rootIRI(),
+                         "a file record needs a parent folder");
+  }
+  Guard guard(*this);
+  addFileMetadataLocked(std::move(record));
+}
+
+fsp::ExtendedAttributes MetadataCache::parentAttributes(const fsp::StorageIRI& iri) {
+  auto parent = lookupEntry(iri.getParent())->getFolderMetadata();
+  return parent ? parent->getExtendedAttributes() : fsp::ExtendedAttributes();
+}
+
+std::shared_ptr<FileMetadata> MetadataCache::createFileMetadata(const fsp::StorageIRI& iri) {
+  actOnPendingInvalidations();
+  auto record = std::make_shared<FileMetadata>(iri, true);
+  record->setLastModified(nowUtc()).setWritable(true).setSize(0);
+  if (!iri.hasParent()) return record;
+  record->setExtendedAttributes(parentAttributes(iri));
+  Guard guard(*this);
+  addFileMetadataLocked(record);
+  return record;
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::createFolderMetadata(const fsp::StorageIRI& iri) {
+  actOnPendingInvalidations();
+  auto record = std::make_shared<FolderMetadata>(iri, true);
+  record->setLastModified(nowUtc()).setWritable(true);
+  if (!iri.hasParent()) return record;
+  record->setExtendedAttributes(parentAttributes(iri));
+  Guard guard(*this);
+  enterNewFolderLocked(record);
+  return record;
+}
+
+void MetadataCache::removeFileMetadata(const fsp::StorageIRI& iri) {
+  Guard guard(*this);
+  if (auto parent = iri.hasParent() ? entryLocked(iri.getParent(), false) : nullptr) {
+    try {
+      parent->removeFile(iri, caseSensitive_);
+    } catch (const fsp::Exception& e) {
+      if (!isNotFound(e)) throw;
+    }
+  }
+  dropFrozenLocked(iri, false);
+}
+
+void MetadataCache::removeFolderMetadata(const fsp::StorageIRI& iri) {
+  Guard guard(*this);
+  reapplyFrozenLocked();
+  if (auto parent = iri.hasParent() ? entryLocked(iri.getParent(), false) : nullptr) {
+    try {
+      parent->removeFolder(iri, caseSensitive_);
+    } catch (const fsp::Exception& e) {
+      if (!isNotFound(e)) throw;
+    }
+  }
+  invalidateLocked(iri);
+  dropFrozenLocked(iri, true);
+}
+
+void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to) {
+  actOnPendingInvalidations();
+  if (!from.hasParent() || !to.hasParent()) {
+    throw fsp::Exception(fsp::ErrorCode::InvalidLocation, from.hasParent() ? to : from);
+  }
+  auto source = lookupEntry(from.getParent())->getFileMetadata(from, true);
+  auto moved = std::make_shared<FileMetadata>(to, true);
+  moved->setSize(source->getSize())
+      .setWritable(source->isWritable())
+      .setLastModified(source->getLastModified())
+      .setExtendedAttributes(source->getExtendedAttributes());
+  Guard guard(*this);
+  try {
+    entryLocked(to.getParent(), true)->removeFile(to, caseSensitive_);
+  } catch (const fsp::Exception& e) {
+    if (!isNotFound(e)) throw;
+  }
+  addFileMetadataLocked(moved);
+  try {
+    entryLocked(from.getParent(), true)->removeFile(from, true);
+  } catch (const fsp::Exception& e) {
+    if (!isNotFound(e)) throw;
+  }
+  dropFrozenLocked(from, false);
+}
+
+void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
+                                       fsp::ReplacementPolicy policy) {
+  actOnPendingInvalidations();
+  if (!from.hasParent() || !to.hasParent() || from == to || from.isAncestorOf(to)) {
+    throw fsp::Exception(fsp::ErrorCode::OperationRefused, from, "folder cannot move there");
+  }
+  auto tree = snapshotTree(from);
+  const auto& source = tree.front().record;
+  auto moved = std::make_shared<FolderMetadata>(to, true);
+  moved->setWritable(source->isWritable())
+      .setLastModified(source->getLastModified())
+      .setExtendedAttributes(source->getExtendedAttributes());
+  Guard guard(*this);
+  reapplyFrozenLocked();
+  moveFolderDetail(from, to, moved, policy, tree);
+}
+
+void MetadataCache::confirmFile(const fsp::StorageIRI& iri) {
+  Guard guard(*this);
+  if (iri.hasParent()) {
+    auto found = folders_.find(iri.getParent());
+    auto child = found == folders_.end() ? std::nullopt : found->second->peekChild(iri);
+    if (child && child->index() == 0) std::get<0>(*child)->unfreeze();
+  }
+  dropFrozenLocked(iri, false);
+}
+
+void MetadataCache::confirmFolder(const fsp::StorageIRI& iri, bool recursive) {
+  Guard guard(*this);
+  auto found = folders_.find(iri);
+  if (found != folders_.end()) {
+    if (auto record = found->second->peekFolderMetadata()) record->unfreeze();
+    if (recursive) unfreezeTreeLocked(iri);
+  }
+  dropFrozenLocked(iri, false);
+}
+
+void MetadataCache::markForInvalidation(const fsp::StorageIRI& iri) {
+  Guard guard(*this);
+  pendingInvalidations_.insert(iri);
+  invalidationsPending_ = true;
+}
+
+void MetadataCache::invalidate(const fsp::StorageIRI& iri) {
+  Guard guard(*this);
+  invalidateLocked(iri);
+}
+
+void MetadataCache::clear() {
+  Guard guard(*this);
+  for (auto& [folder, entry] : folders_) released_.push_back(std::move(entry));
+  folders_.clear();
+  frozen_.clear();
+}
+
+void MetadataCache::dropPendingState() {
+  Guard guard(*this);
+  actOnPendingInvalidationsLocked();
+  reapplyFrozenLocked();
+  frozen_.clear();
+}
+
+}  // namespace storage::overlayprovider

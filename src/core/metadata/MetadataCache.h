@@ -1,0 +1,175 @@
+// MetadataCache: the overlay's in-memory picture of the inner store's tree. It answers
+// existence checks, attribute reads and listings without a round trip once a folder has been
+// listed, records the provider's own mutations at once (before the executor replays them
+// against the inner store), keeps those not yet confirmed changes (frozen records) alive
+// across invalidations, and drops stale folders when the change-event listener says so.
+//
+// Locations are overlay IRIs (StorageIRI(u"overlay", path)); the root is "overlay:/". A file's
+// record lives in its parent folder's entry; a folder's record both in its own entry and as a
+// child of its parent's entry.
+//
+// Ownership: one cache per OverlayProvider, built from the inner provider's root item and its
+// filename sensitivity; shared (std::shared_ptr) with the quota accountant and listings.
+//
+// Locks, in order (never the other way round):
+//   1. mutex_ (this cache): folders_, frozen_, pendingInvalidations_, invalidationsPending_,
+//      population_.
+//   2. an IFolderEntry's own mutex: that entry's folder record and children.
+//   3. a FileMetadata's / FolderMetadata's own mutex: that record's fields.
+// mutex_ is never held while the inner store is listed or while an entry's listing is waited
+// for: lookups create a missing entry under the lock (its listing starts on its own thread, so
+// concurrent first lookups share ONE listing) and wait for it after releasing the lock.
+// Updates read what they need (source records, the parent's attributes) the same way, then
+// change the maps under the lock; entry changes never wait (an entry still listing queues
+// them, see IFolderEntry).
+//
+// Threads: lookups and updates on the host's calling threads; confirmations on the executor's
+// worker thread; markForInvalidation on the event listener's thread; folder listings on their
+// own threads (one per FutureFolderEntry); the whole-tree population on its own thread.
+//
+// Choices where the behaviour is open:
+//  - Whole-tree population needs ExtendedFeature::RecursiveListing. When the recursive listing
+//    fails (cannot start, or breaks off), the cache is cleared before the failure is stored, so
+//    that no half-filled folder is taken for complete; it then fills on demand.
+//  - waitForPopulation reports a failed population once; later calls return at once.
+//  - moveFolderMetadata lists the whole source subtree first (outside the lock), so that every
+//    moved folder gets a complete entry at its new location. ReplacementPolicy::Merge merges
+//    into an existing destination entry; every other policy replaces it.
+//  - dropPendingState acts on pending invalidations and re-applies the records still frozen,
+//    then forgets the collection: a change that is still in flight stays visible, a confirmed
+//    one shows the inner store's truth.
+//  - Re-applying a frozen folder makes a complete entry of its own only when the folder has no
+//    entry; an existing entry keeps its contents.
+#pragma once
+
+#include "core/metadata/IFolderEntry.h"
+
+#include <foundation/storage/provider/StorageItem.h>
+#include <foundation/storage/provider/Types.h>
+
+#include <boost/thread/once.hpp>
+#include <cstdint>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <vector>
+
+namespace storage::overlayprovider {
+
+namespace fsp = foundation::storage::provider;
+
+class MetadataCache {
+ public:
+  MetadataCache(std::shared_ptr<fsp::StorageItem> innerRoot, fsp::FilenameSensitivity sensitivity);
+  MetadataCache(const MetadataCache&) = delete;
+  MetadataCache& operator=(const MetadataCache&) = delete;
+  // Waits for the background population; its failure is logged, not thrown.
+  virtual ~MetadataCache();
+
+  bool isCaseSensitive() const { return caseSensitive_; }
+
+  // Lookups: empty when the inner store does not know the location (NotFound absorbed).
+  std::shared_ptr<FileMetadata> getFileMetadata(const fsp::StorageIRI& iri);
+  std::shared_ptr<FolderMetadata> getFolderMetadata(const fsp::StorageIRI& iri);
+  // Lists the folder if needed; throws what the listing throws (NotFound after dropping the
+  // entry, so that the next lookup lists again; other failures stay cached until invalidated).
+  std::shared_ptr<IFolderEntry> getFolderEntry(const fsp::StorageIRI& iri);
+  std::uint64_t getFileSize(const fsp::StorageIRI& iri);
+  // Cached entries only; nothing is listed.
+  std::uint64_t getFolderTreeSize(const fsp::StorageIRI& iri);
+
+  // Updates made by the provider's mutations.
+  void addFileMetadata(std::shared_ptr<FileMetadata> record);
+  std::shared_ptr<FileMetadata> createFileMetadata(const fsp::StorageIRI& iri);
+  std::shared_ptr<FolderMetadata> createFolderMetadata(const fsp::StorageIRI& iri);
+  void removeFileMetadata(const fsp::StorageIRI& iri);
+  void removeFolderMetadata(const fsp::StorageIRI& iri);
+  void moveFileMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to);
+  void moveFolderMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
+                          fsp::ReplacementPolicy policy);
+
+  // Confirmations: the inner store has done the change (executor thread).
+  void confirmFile(const fsp::StorageIRI& iri);
+  void confirmFolder(const fsp::StorageIRI& iri, bool recursive);
+
+  // Invalidation.
+  void markForInvalidation(const fsp::StorageIRI& iri);
+  void invalidate(const fsp::StorageIRI& iri);
+  void clear();
+  // Flush: acts on pending invalidations now and re-applies what is still frozen.
+  void dropPendingState();
+
+  // Whole tree.
+  void populateWholeFolderTreeWhenPossible(bool background);
+  void waitForPopulation();
+
+ private:
+  // Holds mutex_. Entries dropped meanwhile are released only after it is unlocked, since the
+  // destructor of an entry still listing waits for its listing.
+  class Guard {
+   public:
+    explicit Guard(MetadataCache& cache) : cache_(cache), lock_(cache.mutex_) {}
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+    ~Guard();
+
+   private:
+    MetadataCache& cache_;
+    std::unique_lock<std::mutex> lock_;
+  };
+  struct FolderSnapshot {
+    fsp::StorageIRI iri;
+    std::shared_ptr<FolderMetadata> record;
+    ChildMap children;
+  };
+
+  static fsp::StorageIRI rootIRI();
+  void actOnPendingInvalidations();
+
+  // Caller holds mutex_ (MetadataCacheTree.cpp).
+  std::shared_ptr<IFolderEntry> findEntryLocked(const fsp::StorageIRI& folder) const;
+  std::shared_ptr<IFolderEntry> entryLocked(const fsp::StorageIRI& folder, bool create);
+  void invalidateLocked(const fsp::StorageIRI& iri);
+  void setEntryLocked(const fsp::StorageIRI& folder, std::shared_ptr<IFolderEntry> entry);
+  void actOnPendingInvalidationsLocked();
+  void collectFrozenLocked();
+  void reapplyFrozenLocked();
+  void reapplyLocked(const MetadataNode& node);
+  void addFileMetadataLocked(std::shared_ptr<FileMetadata> record);
+  void enterNewFolderLocked(const std::shared_ptr<FolderMetadata>& record);
+  void dropFrozenLocked(const fsp::StorageIRI& iri, bool withDescendants);
+  std::uint64_t treeSizeLocked(const fsp::StorageIRI& folder) const;
+  void unfreezeTreeLocked(const fsp::StorageIRI& folder) const;
+
+  // Lookups proper, without the lock.
+  std::shared_ptr<IFolderEntry> lookupEntry(const fsp::StorageIRI& folder);
+  std::shared_ptr<FolderMetadata> doGetFolderMetadata(const fsp::StorageIRI& iri);
+  fsp::ExtendedAttributes parentAttributes(const fsp::StorageIRI& iri);
+
+  // Folder moves (MetadataCacheMove.cpp).
+  std::vector<FolderSnapshot> snapshotTree(const fsp::StorageIRI& folder);
+  void moveFolderDetail(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
+                        const std::shared_ptr<FolderMetadata>& newRecord,
+                        fsp::ReplacementPolicy policy, const std::vector<FolderSnapshot>& tree);
+
+  // Whole-tree population (MetadataCachePopulation.cpp).
+  void populateWholeTree();
+  void enterRootLocked();
+  void enterRow(const fsp::FolderEntry& row);
+  void enterPopulatedFolderLocked(const std::shared_ptr<FolderMetadata>& record);
+
+  const std::shared_ptr<fsp::StorageItem> innerRoot_;
+  const bool caseSensitive_;
+  std::shared_ptr<std::future<void>> population_;
+  boost::once_flag populationOnce_ = BOOST_ONCE_INIT;
+  std::map<fsp::StorageIRI, std::shared_ptr<IFolderEntry>> folders_;
+  mutable std::mutex mutex_;
+  std::map<fsp::StorageIRI, MetadataNode> frozen_;
+  std::set<fsp::StorageIRI> pendingInvalidations_;
+  bool invalidationsPending_ = false;
+  std::vector<std::shared_ptr<IFolderEntry>> released_;  // dropped under the lock, see Guard
+};
+
+}  // namespace storage::overlayprovider

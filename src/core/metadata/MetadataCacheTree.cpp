@@ -1,0 +1,172 @@
+// MetadataCache: the helpers that run with the cache's lock held. None of them waits for a
+// listing: entries still listing are skipped by the readers and queue the writers' changes.
+#include "core/metadata/FutureFolderEntry.h"
+#include "core/metadata/MetadataCache.h"
+#include "core/provider/OverlayLog.h"
+
+#include <foundation/storage/provider/Exception.h>
+
+namespace storage::overlayprovider {
+
+MetadataCache::Guard::~Guard() {
+  auto released = std::move(cache_.released_);
+  cache_.released_.clear();
+  lock_.unlock();
+}  // `released` goes here, without the lock
+
+void MetadataCache::setEntryLocked(const fsp::StorageIRI& folder,
+                                   std::shared_ptr<IFolderEntry> entry) {
+  auto [it, inserted] = folders_.try_emplace(folder, entry);
+  if (inserted) return;
+  released_.push_back(std::move(it->second));
+  it->second = std::move(entry);
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::findEntryLocked(const fsp::StorageIRI& folder) const {
+  if (caseSensitive_) {
+    auto found = folders_.find(folder);
+    return found == folders_.end() ? nullptr : found->second;
+  }
+  const auto wanted = caseFoldedHash(folder);
+  for (const auto& [iri, entry] : folders_) {
+    if (caseFoldedHash(iri) == wanted) return entry;
+  }
+  return nullptr;
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::entryLocked(const fsp::StorageIRI& folder,
+                                                         bool create) {
+  auto entry = findEntryLocked(folder);
+  if (entry || !create) return entry;
+  // Made under the lock so that concurrent first lookups share one listing; the listing
+  // itself runs on the entry's own thread.
+  entry = std::make_shared<FutureFolderEntry>(folder, innerRoot_);
+  setEntryLocked(folder, entry);
+  return entry;
+}
+
+void MetadataCache::invalidateLocked(const fsp::StorageIRI& iri) {
+  if (!iri.hasParent()) {
+    OVERLAY_LOG(foundation::log::notice) << "Invalidating root.";
+    for (auto& [folder, entry] : folders_) released_.push_back(std::move(entry));
+    folders_.clear();
+    return;
+  }
+  for (auto it = folders_.begin(); it != folders_.end();) {
+    if (it->first != iri && !iri.isAncestorOf(it->first)) {
+      ++it;
+      continue;
+    }
+    released_.push_back(std::move(it->second));
+    it = folders_.erase(it);
+  }
+}
+
+void MetadataCache::actOnPendingInvalidationsLocked() {
+  while (!pendingInvalidations_.empty()) {
+    const auto iri = *pendingInvalidations_.begin();
+    pendingInvalidations_.erase(pendingInvalidations_.begin());
+    collectFrozenLocked();
+    invalidateLocked(iri.hasParent() ? iri.getParent() : iri);
+  }
+}
+
+void MetadataCache::collectFrozenLocked() {
+  for (const auto& [folder, entry] : folders_) {
+    for (auto& node : entry->collectRecords()) {
+      const bool frozen = nodeIsFrozen(node);
+      OVERLAY_LOG(foundation::log::debug)
+          << nodeIRI(node).toString() << (frozen ? " is frozen." : " is not frozen.");
+      if (frozen) frozen_.insert_or_assign(nodeIRI(node), std::move(node));
+    }
+  }
+}
+
+void MetadataCache::reapplyFrozenLocked() {
+  if (!invalidationsPending_) return;
+  invalidationsPending_ = false;
+  for (const auto& [iri, node] : frozen_) {
+    if (iri.hasParent()) {
+      // What the cache holds now, for the record; a failed listing must not stop the pass.
+      try {
+        auto parent = folders_.find(iri.getParent());
+        if (parent != folders_.end() && parent->second->isDetailReady()) {
+          parent->second->waitForDetail();
+        }
+      } catch (const std::exception& e) {
+        OVERLAY_LOG(foundation::log::exception) << "Exception caught: " << e.what();
+      }
+    }
+    if (nodeIsFrozen(node)) reapplyLocked(node);
+  }
+  frozen_.clear();
+}
+
+void MetadataCache::reapplyLocked(const MetadataNode& node) {
+  if (!nodeIRI(node).hasParent()) return;
+  if (node.index() == 0) {
+    addFileMetadataLocked(std::get<0>(node));
+    return;
+  }
+  const auto& record = std::get<1>(node);
+  entryLocked(record->getIRI().getParent(), true)->addFolder(record, caseSensitive_);
+  if (!findEntryLocked(record->getIRI())) {
+    auto own = std::make_shared<IFolderEntry>(record->getIRI());
+    own->setFolderMetadata(record);
+    setEntryLocked(record->getIRI(), std::move(own));
+  }
+}
+
+void MetadataCache::addFileMetadataLocked(std::shared_ptr<FileMetadata> record) {
+  entryLocked(record->getIRI().getParent(), true)->addFile(std::move(record), caseSensitive_);
+}
+
+void MetadataCache::enterNewFolderLocked(const std::shared_ptr<FolderMetadata>& record) {
+  const auto& iri = record->getIRI();
+  entryLocked(iri.getParent(), true)->addFolder(record, caseSensitive_);
+  // A new folder is empty: whatever was cached below that name before is stale.
+  invalidateLocked(iri);
+  auto own = std::make_shared<IFolderEntry>(iri);
+  own->setFolderMetadata(record);
+  setEntryLocked(iri, std::move(own));
+}
+
+void MetadataCache::dropFrozenLocked(const fsp::StorageIRI& iri, bool withDescendants) {
+  frozen_.erase(iri);
+  if (!withDescendants) return;
+  for (auto it = frozen_.begin(); it != frozen_.end();) {
+    it = iri.isAncestorOf(it->first) ? frozen_.erase(it) : std::next(it);
+  }
+}
+
+std::uint64_t MetadataCache::treeSizeLocked(const fsp::StorageIRI& folder) const {
+  auto found = folders_.find(folder);
+  if (found == folders_.end() || !found->second->isDetailReady()) return 0;
+  std::uint64_t total = 0;
+  try {
+    for (const auto& [iri, node] : found->second->getChildren()) {
+      total += node.index() == 0 ? std::get<0>(node)->getSize() : treeSizeLocked(iri);
+    }
+  } catch (const std::exception& e) {
+    // A folder whose listing failed holds no sizes to count; its failure reaches the callers
+    // that look it up.
+    OVERLAY_LOG(foundation::log::debug) << "No sizes under a failed listing: " << e.what();
+  }
+  return total;
+}
+
+void MetadataCache::unfreezeTreeLocked(const fsp::StorageIRI& folder) const {
+  auto found = folders_.find(folder);
+  if (found == folders_.end()) return;
+  for (const auto& node : found->second->collectRecords()) {
+    if (node.index() == 0) {
+      std::get<0>(node)->unfreeze();
+      continue;
+    }
+    const auto& record = std::get<1>(node);
+    record->unfreeze();
+    if (record->getIRI() != folder) unfreezeTreeLocked(record->getIRI());
+  }
+}
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,231 @@
+// OverlayProvider: construction, locations, lazy initialisation, flush, invalidation and
+// shutdown. The host operations are in OverlayProviderOperations.cpp and configuration in
+// OverlayProviderConfiguration.cpp.
+#include "core/provider/OverlayProvider.h"
+
+#include "core/execution/BackendExecutor.h"
+#include "core/provider/InnerLocation.h"
+#include "core/provider/OverlayLog.h"
+#include "core/provider/OverlayProviderSupport.h"
+#include "core/quota/QuotaAccountant.h"
+#include "core/execution/SynchronousExecutor.h"
+
+#include <foundation/storage/provider/Exception.h>
+#include <foundation/text/Unicode.h>
+
+#include <boost/property_tree/json_parser.hpp>
+#include <chrono>
+#include <sstream>
+
+namespace storage::overlayprovider {
+
+using fsp::ErrorCode;
+using fsp::Exception;
+using fsp::StorageIRI;
+using fsp::StorageItem;
+namespace log = foundation::log;
+
+namespace {
+
+// The path of `location` below `innerRoot`, or nothing when it lies outside it.
+std::optional<std::u16string> pathBelow(const StorageIRI& innerRoot, const StorageIRI& location) {
+  const StorageIRI root(u"", innerRoot.getPath());
+  const StorageIRI candidate(u"", location.getPath());
+  if (root == candidate) return u"/";
+  if (!root.isAncestorOf(candidate)) return std::nullopt;
+  if (!root.hasParent()) return candidate.getPath();
+  return candidate.getPath().substr(root.getPath().size());
+}
+
+// The inner location named by a composed IRI: the text after the last "+" of its scheme.
+StorageIRI composedInnerLocation(const StorageIRI& iri) {
+  const auto text = foundation::text::toUtf16(iri.toString());
+  const auto scheme = text.substr(0, text.find(u':'));
+  return StorageIRI(text.substr(scheme.rfind(u'+') + 1));
+}
+
+constexpr long kQuotaPollPeriodMs = 30000;
+
+// The factory's root location over an inner root: "overlay" over the inner root, path "/".
+StorageIRI publicRootOver(const StorageItem& innerRoot) {
+  return StorageIRI(u"overlay", StorageIRI(innerRoot.getLocation(), u"/"), u"/");
+}
+
+std::shared_ptr<MetadataCache> metadataCacheOver(const std::shared_ptr<StorageItem>& inner) {
+  return std::make_shared<MetadataCache>(inner, inner->getFilenameSensitivity());
+}
+
+}  // namespace
+
+OverlayProvider::OverlayProvider(StorageItem innerRoot)
+    : inner_(std::make_shared<StorageItem>(std::move(innerRoot))),
+      publicRoot_(publicRootOver(*inner_)),
+      metadataCache_(metadataCacheOver(inner_)) {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
+}
+
+OverlayProvider::OverlayProvider(StorageItem innerRoot,
+                                 std::unique_ptr<MetadataCache> metadataCache,
+                                 std::shared_ptr<IExecutor> executor)
+    : inner_(std::make_shared<StorageItem>(std::move(innerRoot))),
+      publicRoot_(publicRootOver(*inner_)),
+      metadataCache_(std::move(metadataCache)),
+      executor_(std::move(executor)) {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
+}
+
+OverlayProvider::~OverlayProvider() {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
+  try {
+    // shutdown() stops the framework's change polling before doShutdown, so no polling
+    // thread can call into this object while its members go away.
+    shutdown();
+  } catch (...) {
+    // A destructor must not throw; doShutdown has already logged what it could.
+  }
+}
+
+StorageIRI OverlayProvider::resolve(const StorageIRI& iri) const {
+  std::optional<std::u16string> path;
+  const auto& innerRoot = inner_->getLocation();
+  if (iri.getScheme() == u"overlay") {
+    path = iri.getPath();
+  } else if (iri.hasInnerIRI()) {
+    path = pathBelow(innerRoot, composedInnerLocation(iri));
+  } else if (iri.getScheme() == innerRoot.getScheme()) {
+    path = pathBelow(innerRoot, iri);
+  }
+  if (!path) {
+    throw Exception(ErrorCode::InvalidLocation, iri, "not a location of this overlay");
+  }
+  if (backslashToForwardSlash_.load()) std::replace(path->begin(), path->end(), u'\\', u'/');
+  return StorageIRI(u"overlay", *path);
+}
+
+StorageIRI OverlayProvider::publicLocation(const StorageIRI& resolved) const {
+  return publicRoot_.withPath(resolved.getPath());
+}
+
+Exception OverlayProvider::refusalForHost(const Exception& inner) const {
+  const auto path = pathBelow(inner_->getLocation(), inner.getLocation());
+  if (!path || inner.getLocation().getScheme() != inner_->getLocation().getScheme()) {
+    return inner;
+  }
+  return Exception(inner.getErrorCode(), publicRoot_.withPath(*path), inner.what());
+}
+
+StorageItem OverlayProvider::innerItem(const StorageIRI& location) const {
+  return innerItemFor(*inner_, location);
+}
+
+PathGuardTable::Guard OverlayProvider::guard(const StorageIRI& location) const {
+  return pathGuards_.acquire(location);
+}
+
+PathGuardTable::Guard OverlayProvider::guard(const StorageIRI& a, const StorageIRI& b) const {
+  return pathGuards_.acquire(std::vector<StorageIRI>{a, b});
+}
+
+void OverlayProvider::ensureInitialized() const {
+  // boost::call_once leaves the flag unset when lazyInitialize throws, so the next
+  // operation tries again; threads arriving meanwhile wait for the outcome.
+  boost::call_once(initFlag_, [this] { lazyInitialize(); });
+}
+
+void OverlayProvider::lazyInitialize() const {
+  boost::property_tree::ptree echo;
+  echo.put("overlay.initialization.maxQueueWeight", maxQueueWeight_.load());
+  std::ostringstream text;
+  boost::property_tree::write_json(text, echo, false);
+  OVERLAY_LOG(log::info) << text.str();
+
+  {
+    std::lock_guard lock(initMutex_);
+    if (!executor_.load()) {
+      executor_.store(std::make_shared<BackendExecutor>([this] { noteBackendActivity(); },
+                                                        maxQueueWeight_.load()));
+    }
+  }
+  if (!quotaAccountant_) {
+    quotaAccountant_ =
+        std::make_shared<QuotaAccountant>(inner_, kQuotaPollPeriodMs, metadataCache_);
+  }
+  metadataCache_->populateWholeFolderTreeWhenPossible(synchronous_.load());
+}
+
+void OverlayProvider::ensureReady() const {
+  ensureInitialized();
+  metadataCache_->waitForPopulation();
+}
+
+std::shared_ptr<IQuotaAccountant> OverlayProvider::quotaAccountant() const {
+  return quotaAccountant_;
+}
+
+void OverlayProvider::noteBackendActivity() const {
+  // Nothing to tell yet: the content cache, once present, is told here that the backend is
+  // busy so that it can defer its own housekeeping.
+}
+
+std::shared_ptr<IExecutor> OverlayProvider::makeSynchronousExecutor() const {
+  return std::make_shared<SynchronousExecutor>([this] { noteBackendActivity(); });
+}
+
+void OverlayProvider::installExecutor(std::shared_ptr<IExecutor> executor) const {
+  std::shared_ptr<IExecutor> previous;
+  {
+    // Under the initialisation mutex, so that lazy initialisation cannot install a
+    // background executor over this one.
+    std::lock_guard lock(initMutex_);
+    previous = executor_.exchange(std::move(executor));
+  }
+  if (previous) {
+    // A replaced background executor still owns a worker thread: let it finish what it
+    // holds (nothing must be lost) and join it before it is released.
+    previous->shutdown(false);
+    previous->join();
+  }
+}
+
+void OverlayProvider::doFlushFilesystem() {
+  ensureReady();
+  OVERLAY_LOG(log::info) << "Flushing filesystem";
+  const auto started = std::chrono::steady_clock::now();
+  if (const auto executor = executor_.load()) {
+    executor->waitForPendingToFinish();
+  } else {
+    OVERLAY_LOG(log::error) << "BackgroundExecutor should be in an initialized state.";
+  }
+  metadataCache_->dropPendingState();
+  const auto elapsed = std::chrono::steady_clock::now() - started;
+  OVERLAY_LOG(log::info) << "Flush took "
+                         << std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count() /
+                                1000000
+                         << "ms";
+}
+
+void OverlayProvider::doInvalidate(const StorageIRI& iri) {
+  FOUNDATION_TRACE_SCOPE_IRI(overlayLogger(), kOverlayProviderSource, iri);
+  ensureReady();
+  const auto location = resolve(iri);
+  const auto held = guard(location);
+  // The whole overlay is dropped, not only the location: what the host knows changed below
+  // one location may have moved things elsewhere too.
+  metadataCache_->invalidate(StorageIRI(u"overlay", u"/"));
+  fsp::invalidateProvider(*inner_);
+}
+
+void OverlayProvider::doShutdown() {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
+  const auto held = guard(StorageIRI(u"overlay", u"/"));
+  shutDown_.exchange(true);
+  if (eventLatch_) eventLatch_->close();
+  if (quotaAccountant_) quotaAccountant_->stop();
+  if (const auto executor = executor_.load()) {
+    executor->shutdown(true);
+    executor->join();
+  }
+  inner_->shutdownProvider();
+}
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,201 @@
+// OverlayProvider: the provider that the factory hands to the host for the scheme "overlay".
+// It wraps an inner provider (a slow or remote store, reached through its root StorageItem)
+// and serves the host's operations on it.
+//
+// Locations: the overlay's own locations are "overlay" IRIs whose path is the path in the
+// inner store below the inner root. resolve() accepts
+//   - an IRI whose scheme is exactly "overlay": rebased onto the provider's root by its path;
+//   - a composed IRI ("overlay+<inner>"): the inner location is the text after the last "+",
+//     taken relative to the inner root;
+//   - an IRI of the inner provider's own scheme: taken relative to the inner root;
+// and refuses anything else with InvalidLocation (10). With "overlay.backslashToForwardSlash"
+// set, backslashes in paths are read as separators.
+//
+// What it does today: queries and listings are answered from the metadata cache (one inner
+// listing per folder, shared by concurrent callers) and storage information from the quota
+// accountant. Mutations and streams are still carried out on the inner provider on the
+// caller's thread, under the path guard of their location(s); each then updates the metadata
+// cache with what it changed, so that the cache stays true. The executor exists for flushing
+// and for the transactions that write-behind will queue.
+//
+// Lifecycle: built (constructor) -> configured (doConfigure, any time) -> initialised (the
+// first operation runs lazyInitialize once; a failure rolls back and the next operation tries
+// again) -> shut down (doShutdown; also run by the destructor).
+//
+// Threads and locks: the host calls any operation from any thread. Lock order: path guard
+// table, then the initialisation mutex (executor creation only), then the metadata cache
+// (which orders its own locks: cache, folder entry, record). No lock of the overlay is
+// held while the inner provider is called, except the path guards, which are held for the
+// whole operation on purpose (they serialise related operations).
+// Ownership: the framework owns the provider through a std::shared_ptr made by the factory;
+// the provider shares ownership of the inner root item and the executor.
+#pragma once
+
+#include "core/execution/IExecutor.h"
+#include "core/quota/IQuotaAccountant.h"
+#include "core/metadata/MetadataCache.h"
+#include "core/provider/PathGuardTable.h"
+#include "core/execution/TimedLatch.h"
+
+#include <foundation/storage/provider/Exception.h>
+#include <foundation/storage/provider/IConfigurableProvider.h>
+#include <foundation/storage/provider/StorageItem.h>
+#include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
+#include <foundation/storage/provider/extensions/IInvalidatable.h>
+
+#include <atomic>
+#include <boost/thread/once.hpp>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace storage::overlayprovider {
+
+namespace fsp = foundation::storage::provider;
+
+class OverlayProvider : public fsp::IConfigurableProvider,
+                        public fsp::extensions::IFlushableFilesystem,
+                        public fsp::extensions::IInvalidatable {
+ public:
+  explicit OverlayProvider(fsp::StorageItem innerRoot);
+  // The same provider with its metadata cache and executor supplied by the caller (lazy
+  // initialisation then makes no executor).
+  OverlayProvider(fsp::StorageItem innerRoot, std::unique_ptr<MetadataCache> metadataCache,
+                  std::shared_ptr<IExecutor> executor);
+  ~OverlayProvider() override;
+
+  // The executor now in use (empty before initialisation unless configured or supplied).
+  std::shared_ptr<IExecutor> executor() const { return executor_.load(); }
+  double maxQueueWeight() const { return maxQueueWeight_.load(); }
+  double minQueueItemWeight() const { return minQueueItemWeight_.load(); }
+  std::uint64_t maxReadPayloadSize() const { return maxReadPayloadSize_.load(); }
+  std::uint64_t maxWritePayloadSize() const { return maxWritePayloadSize_.load(); }
+  bool isSynchronous() const { return synchronous_.load(); }
+  bool isContentCacheDisabled() const { return contentCacheDisabled_.load(); }
+  bool isPassThrough() const { return passThrough_.load(); }
+  const std::shared_ptr<MetadataCache>& metadataCache() const { return metadataCache_; }
+  // Empty before initialisation.
+  std::shared_ptr<IQuotaAccountant> quotaAccountant() const;
+  // The configured cache root and persistence, kept for the content cache.
+  std::string configuredCacheRoot() const;
+  bool persistContentCache() const { return persistContentCache_.load(); }
+
+  // The overlay form of a host location (see the header comment).
+  fsp::StorageIRI resolve(const fsp::StorageIRI& iri) const;
+  // The form in which the overlay names a location to the host (in refusals): the root
+  // location that the factory gives, with the location's path.
+  fsp::StorageIRI publicLocation(const fsp::StorageIRI& resolved) const;
+
+ protected:
+  void doCreateFile(const fsp::StorageIRI&) const override;
+  void doCreateFolder(const fsp::StorageIRI&) const override;
+  void doCreateFolderRecursive(const fsp::StorageIRI&) const override;
+  bool doFileExists(const fsp::StorageIRI&) const override;
+  bool doFolderExists(const fsp::StorageIRI&) const override;
+  void doRemoveFile(const fsp::StorageIRI&) const override;
+  void doMoveFile(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
+                  const fsp::ReplacementPolicy&) const override;
+  void doRemoveFolder(const fsp::StorageIRI&) const override;
+  void doRemoveFolderRecursively(const fsp::StorageIRI&) const override;
+  void doMoveFolder(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
+                    const fsp::ReplacementPolicy&) const override;
+  fsp::FileAttributes doGetFileAttributes(const fsp::StorageIRI&) const override;
+  fsp::FolderAttributes doGetFolderAttributes(const fsp::StorageIRI&) const override;
+  fsp::ByteStreamPtr doOpenStream(const fsp::StorageIRI&,
+                                  const fsp::ByteStreamOpenOptions&) const override;
+  fsp::ByteStreamPtr doOpenReadOnlyStream(const fsp::StorageIRI&) const override;
+  fsp::FolderEntryIteratorPtr doListAll(const fsp::StorageIRI&) const override;
+  fsp::FolderEntryIteratorPtr doListFiles(const fsp::StorageIRI&) const override;
+  fsp::FolderEntryIteratorPtr doListFolders(const fsp::StorageIRI&) const override;
+  void doCopyFile(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
+                  const fsp::ReplacementPolicy&) const override;
+  void doSetLastModified(const fsp::StorageIRI&, const fsp::posix_time::ptime&) const override;
+  void doSetWritable(const fsp::StorageIRI&, bool) const override;
+  void doPublishFolderEventsFor(const fsp::StorageIRI&, const fsp::EventPublisher&,
+                                const std::vector<foundation::storage::events::Kind>&,
+                                fsp::RecursiveFileWatching) const override;
+  void doPublishFileEventsFor(const fsp::StorageIRI&, const fsp::EventPublisher&,
+                              const std::vector<foundation::storage::events::Kind>&) const override;
+  void doStopPublishingEventsFor(const fsp::StorageIRI&) const override;
+  bool doHasFeature(const fsp::ExtendedFeature&) const override;
+  void doShutdown() override;
+  fsp::ExtendedAttributes doGetExtendedAttributes(const fsp::StorageIRI&) const override;
+  fsp::ProviderStorageInfo doGetProviderStorageInfo(const fsp::StorageIRI&) const override;
+  void doConfigure(boost::property_tree::ptree config) override;
+  void doFlushFilesystem() override;
+  void doInvalidate(const fsp::StorageIRI&) override;
+
+ private:
+  void ensureInitialized() const;
+  void lazyInitialize() const;
+  std::shared_ptr<IExecutor> makeSynchronousExecutor() const;
+  void installExecutor(std::shared_ptr<IExecutor> executor) const;
+  void applyMaxQueueWeight() const;
+  void readConfiguration(const boost::property_tree::ptree& config);
+  // The inner provider's item for an overlay location.
+  fsp::StorageItem innerItem(const fsp::StorageIRI& location) const;
+  // Runs an inner-provider call; a refusal keeps its code and names the overlay location
+  // that corresponds to the inner one.
+  template <class Call>
+  decltype(auto) forwardingRefusals(Call&& call) const;
+  fsp::Exception refusalForHost(const fsp::Exception& inner) const;
+  PathGuardTable::Guard guard(const fsp::StorageIRI& location) const;
+  PathGuardTable::Guard guard(const fsp::StorageIRI& a, const fsp::StorageIRI& b) const;
+  // Called by the executors when work arrives at an idle queue.
+  void noteBackendActivity() const;
+  // The opening steps of the cached operations: initialised, metadata tree prepared.
+  void ensureReady() const;
+  // The shape of every mutation today: under the path guard, the change on the inner store,
+  // then the same change recorded in the metadata cache.
+  void mutate(const fsp::StorageIRI& location,
+              const std::function<void(const fsp::StorageItem&)>& change,
+              const std::function<void()>& recordChange) const;
+  // The same for a move or copy: the destination's name is checked, both locations guarded.
+  void mutateBetween(
+      const fsp::StorageIRI& source, const fsp::StorageIRI& destination,
+      const std::function<void(const fsp::StorageItem&, const fsp::StorageIRI&)>& change,
+      const std::function<void()>& recordChange) const;
+  // Runs a cache update after an inner change; if the update fails, the folders concerned
+  // are dropped from the cache instead, so that it never keeps a wrong picture.
+  void keepCacheTrue(const fsp::StorageIRI& location, const std::function<void()>& update) const;
+  // Reads the file's attributes from the inner store into its cache record (made if absent).
+  void refreshFileRecord(const fsp::StorageIRI& location) const;
+  // Records that a stream opened for writing created or emptied the file.
+  void noteOpenedForWriting(const fsp::StorageIRI& location, bool truncated) const;
+  fsp::Exception notFound(const fsp::StorageIRI& location) const;
+  template <class Pred>
+  fsp::FolderEntryIteratorPtr doListingOperation(const fsp::StorageIRI& iri) const;
+
+  std::shared_ptr<fsp::StorageItem> inner_;
+  fsp::StorageIRI publicRoot_;
+  std::shared_ptr<MetadataCache> metadataCache_;
+  mutable std::atomic<std::shared_ptr<IExecutor>> executor_;
+  std::atomic<double> maxQueueWeight_{0.0};
+  std::atomic<double> minQueueItemWeight_{0.0};
+  std::atomic<std::uint64_t> maxReadPayloadSize_{4194304};
+  std::atomic<std::uint64_t> maxWritePayloadSize_{4194304};
+  std::atomic<bool> synchronous_{false};
+  mutable std::shared_ptr<IQuotaAccountant> quotaAccountant_;
+  mutable PathGuardTable pathGuards_;
+  std::shared_ptr<TimedLatch> eventLatch_;
+  std::atomic<bool> passThrough_{false};
+  std::atomic<bool> contentCacheDisabled_{false};
+  std::atomic<bool> backslashToForwardSlash_{false};
+  std::atomic<bool> persistContentCache_{false};
+  mutable std::mutex settingsMutex_;  // guards cacheRoot_
+  std::string cacheRoot_;
+  mutable boost::once_flag initFlag_ = BOOST_ONCE_INIT;
+  mutable std::mutex initMutex_;
+  std::atomic<bool> shutDown_{false};
+};
+
+template <class Call>
+decltype(auto) OverlayProvider::forwardingRefusals(Call&& call) const {
+  try {
+    return call();
+  } catch (const fsp::Exception& refusal) {
+    throw refusalForHost(refusal);
+  }
+}
+
+}  // namespace storage::overlayprovider

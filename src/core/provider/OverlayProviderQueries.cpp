@@ -1,0 +1,105 @@
+// OverlayProvider: questions about locations, answered from the metadata cache and the
+// quota accountant without asking the inner store (except for features).
+#include "core/provider/OverlayProvider.h"
+#include "core/provider/OverlayProviderSupport.h"
+
+namespace storage::overlayprovider {
+
+using fsp::ErrorCode;
+using fsp::Exception;
+using fsp::StorageIRI;
+namespace log = foundation::log;
+
+Exception OverlayProvider::notFound(const StorageIRI& location) const {
+  return Exception(ErrorCode::NotFound, publicLocation(location));
+}
+
+bool OverlayProvider::doFileExists(const StorageIRI& iri) const {
+  OVERLAY_OPERATION(iri);
+  ensureInitialized();
+  const auto location = resolve(iri);
+  if (passThrough_) return forwardingRefusals([&] { return innerItem(location).fileExists(); });
+  if (!location.hasParent()) return false;
+  const auto held = guard(location);
+  return forwardingRefusals([&] { return metadataCache_->getFileMetadata(location) != nullptr; });
+}
+
+bool OverlayProvider::doFolderExists(const StorageIRI& iri) const {
+  OVERLAY_OPERATION(iri);
+  ensureInitialized();
+  const auto location = resolve(iri);
+  if (passThrough_) return forwardingRefusals([&] { return innerItem(location).folderExists(); });
+  if (!location.hasParent()) return true;
+  const auto held = guard(location);
+  return forwardingRefusals([&] { return metadataCache_->getFolderMetadata(location) != nullptr; });
+}
+
+fsp::FileAttributes OverlayProvider::doGetFileAttributes(const StorageIRI& iri) const {
+  OVERLAY_OPERATION(iri);
+  ensureInitialized();
+  const auto location = resolve(iri);
+  if (passThrough_)
+    return forwardingRefusals([&] { return innerItem(location).getFileAttributes(); });
+  const auto held = guard(location);
+  // A file open for writing will answer from its working file here once bodies are cached.
+  const auto record = forwardingRefusals([&] { return metadataCache_->getFileMetadata(location); });
+  if (!record) throw notFound(location);
+  return fsp::FileAttributes(record->getSize(), record->getLastModified(), record->isWritable());
+}
+
+fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(const StorageIRI& iri) const {
+  OVERLAY_OPERATION(iri);
+  ensureInitialized();
+  const auto location = resolve(iri);
+  if (passThrough_) {
+    return forwardingRefusals([&] { return innerItem(location).getFolderAttributes(); });
+  }
+  const auto held = guard(location);
+  const auto record =
+      forwardingRefusals([&] { return metadataCache_->getFolderMetadata(location); });
+  if (!record) throw notFound(location);
+  return fsp::FolderAttributes(record->getLastModified(), record->isWritable());
+}
+
+fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(const StorageIRI& iri) const {
+  OVERLAY_OPERATION(iri);
+  ensureInitialized();
+  const auto location = resolve(iri);
+  if (passThrough_) {
+    return forwardingRefusals([&] { return innerItem(location).getExtendedAttributes(); });
+  }
+  const auto held = guard(location);
+  return forwardingRefusals([&] {
+    if (const auto folder = metadataCache_->getFolderMetadata(location)) {
+      return folder->getExtendedAttributes();
+    }
+    const auto file = metadataCache_->getFileMetadata(location);
+    if (!file) throw notFound(location);
+    return file->getExtendedAttributes();
+  });
+}
+
+fsp::ProviderStorageInfo OverlayProvider::doGetProviderStorageInfo(const StorageIRI& iri) const {
+  OVERLAY_OPERATION(iri);
+  ensureInitialized();
+  if (eventLatch_) eventLatch_->trigger();
+  const auto total = quotaAccountant_->getTotalQuota();
+  const auto available = quotaAccountant_->getSpaceAvailable();
+  if (!total || !available) {
+    OVERLAY_LOG(log::error) << "Quota information unavailable";
+    throw Exception(ErrorCode::Unavailable, iri);
+  }
+  // An estimate above the total wraps around; the figures come from the store as they are.
+  return fsp::ProviderStorageInfo().withStorageCapacity(*total).withSpaceOccupied(*total -
+                                                                                  *available);
+}
+
+bool OverlayProvider::doHasFeature(const fsp::ExtendedFeature& feature) const {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
+  ensureInitialized();
+  // The overlay claims only what it keeps true whatever the inner store does: being
+  // writable. Recursive listing and locking semantics are the overlay's own business.
+  return inner_->hasFeature(feature) && feature == fsp::ExtendedFeature::ReadWrite;
+}
+
+}  // namespace storage::overlayprovider
