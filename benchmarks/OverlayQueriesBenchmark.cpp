@@ -5,8 +5,8 @@
 //
 // Each store holds one folder of 1,000 files. The overlay's cases run after one warm-up
 // call, so they measure the cached path; the inner stores have no cache to warm.
-#include "core/OverlayProvider.h"
-#include "core/OverlayProviderFactory.h"
+#include "core/provider/OverlayProvider.h"
+#include "core/provider/OverlayProviderFactory.h"
 
 #include <foundation/storage/provider/file/FileProvider.h>
 #include <foundation/storage/provider/instrumented/InstrumentedProvider.h>

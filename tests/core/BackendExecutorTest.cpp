@@ -1,5 +1,5 @@
 // BackendExecutor: ordering, back-pressure, shutdown and its records.
-#include "core/BackendExecutor.h"
+#include "core/execution/BackendExecutor.h"
 
 #include <foundation/log/LogCapture.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // ObservableTransactionType's text and the SynchronousExecutor.
-#include "core/ObservableTransactionType.h"
-#include "core/SynchronousExecutor.h"
+#include "core/execution/ObservableTransactionType.h"
+#include "core/execution/SynchronousExecutor.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 // IFolderEntry and FutureFolderEntry: child lookups by kind and case, the folder's time on
 // changes, listings from an inner store, stored listing failures, extended-attribute failures.
 #include "CoreTestSupport.h"
-#include "core/FutureFolderEntry.h"
-#include "core/IFolderEntry.h"
+#include "core/metadata/FutureFolderEntry.h"
+#include "core/metadata/IFolderEntry.h"
 
 #include <foundation/log/LogCapture.h>
 #include <foundation/storage/provider/Exception.h>

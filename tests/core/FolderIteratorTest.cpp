@@ -1,9 +1,9 @@
 // FolderIterator over folder entries of the metadata cache: which children each listing
 // kind yields and in what order, snapshots against later changes, and clones.
-#include "core/FolderIterator.h"
+#include "core/metadata/FolderIterator.h"
 
-#include "core/ListingPredicates.h"
-#include "core/MetadataCache.h"
+#include "core/metadata/ListingPredicates.h"
+#include "core/metadata/MetadataCache.h"
 
 #include <foundation/storage/provider/mem/MemProvider.h>
 

@@ -2,7 +2,7 @@
 // first lookups), lookups by case, failures of listings, the provider's own updates, frozen
 // records across invalidations, confirmations, and the whole-tree population.
 #include "CoreTestSupport.h"
-#include "core/MetadataCache.h"
+#include "core/metadata/MetadataCache.h"
 
 #include <foundation/log/LogCapture.h>
 #include <foundation/storage/provider/Exception.h>

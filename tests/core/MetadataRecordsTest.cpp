@@ -1,7 +1,7 @@
 // FileMetadata and FolderMetadata: chained setters, watermark, frozen flag, and that one
 // record is shared, not copied, between holders.
-#include "core/FileMetadata.h"
-#include "core/FolderMetadata.h"
+#include "core/metadata/FileMetadata.h"
+#include "core/metadata/FolderMetadata.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // WeightedTransactionQueue's statistics, driven directly with the test thread as the worker.
-#include "core/BackendExecutor.h"
-#include "core/WeightedTransactionQueue.h"
+#include "core/execution/BackendExecutor.h"
+#include "core/execution/WeightedTransactionQueue.h"
 
 #include <foundation/log/LogCapture.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 // QuotaAccountant over a small mem store (wrapped to inject failures) and a real metadata
 // cache: figures from the store, local adjustments, failed polls and stopping.
-#include "core/QuotaAccountant.h"
+#include "core/quota/QuotaAccountant.h"
 
-#include "core/MetadataCache.h"
+#include "core/metadata/MetadataCache.h"
 
 #include <foundation/log/LogCapture.h>
 #include <foundation/storage/provider/Exception.h>

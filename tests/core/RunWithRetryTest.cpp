@@ -1,5 +1,5 @@
 // runWithRetry: which failures are retried, how often, and what the log says.
-#include "core/RunWithRetry.h"
+#include "core/execution/RunWithRetry.h"
 
 #include <foundation/log/LogCapture.h>
 #include <foundation/storage/provider/Exception.h>

@@ -1,5 +1,5 @@
 // TimedLatch: restarts, expiry, close, and a trigger racing a running expiry.
-#include "core/TimedLatch.h"
+#include "core/execution/TimedLatch.h"
 
 #include <gtest/gtest.h>
 

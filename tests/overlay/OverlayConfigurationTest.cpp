@@ -1,5 +1,5 @@
 #include "OverlayTestSupport.h"
-#include "core/SynchronousExecutor.h"
+#include "core/execution/SynchronousExecutor.h"
 
 #include <foundation/log/LogCapture.h>
 

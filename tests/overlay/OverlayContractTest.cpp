@@ -1,7 +1,7 @@
 // The provider contract checked against the overlay over each inner store, with the
 // background executor (write-behind) and with the synchronous one.
 #include "InnerStoresUnderTest.h"
-#include "core/OverlayProviderFactory.h"
+#include "core/provider/OverlayProviderFactory.h"
 
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
 #include <foundation/storage/provider/extensions/IInvalidatable.h>

@@ -1,6 +1,6 @@
 #include "CoreTestSupport.h"
 #include "OverlayTestSupport.h"
-#include "core/BackendExecutor.h"
+#include "core/execution/BackendExecutor.h"
 
 #include <foundation/log/LogCapture.h>
 #include <foundation/storage/provider/Exception.h>

@@ -1,6 +1,6 @@
 #include "OverlayTestSupport.h"
 
-#include "core/OverlayProviderFactory.h"
+#include "core/provider/OverlayProviderFactory.h"
 
 namespace overlaytest {
 

@@ -2,7 +2,7 @@
 // instrumentation counts what reaches the inner store and injects its failures.
 #pragma once
 
-#include "core/OverlayProvider.h"
+#include "core/provider/OverlayProvider.h"
 
 #include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
 #include <foundation/storage/provider/mem/MemProvider.h>

@@ -1,4 +1,4 @@
-#include "core/PathGuardTable.h"
+#include "core/provider/PathGuardTable.h"
 
 #include <gtest/gtest.h>
 
