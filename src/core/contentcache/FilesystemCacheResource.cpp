@@ -1,0 +1,288 @@
+#include "core/contentcache/FilesystemCacheResource.h"
+
+#include "core/contentcache/CacheResourceLog.h"
+#include "core/metadata/FileMetadata.h"
+#include "core/provider/OverlayLog.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <utime.h>
+#include <algorithm>
+#include <boost/date_time/posix_time/conversion.hpp>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/exception/diagnostic_information.hpp>
+#include <boost/filesystem/operations.hpp>
+#include <cerrno>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+
+namespace storage::overlayprovider {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+// Whole seconds since the Unix epoch; nothing for a time that is not a date.
+std::optional<std::int64_t> wholeSeconds(boost::posix_time::ptime time) {
+  if (time.is_special()) return std::nullopt;
+  static const boost::posix_time::ptime epoch(boost::gregorian::date(1970, 1, 1));
+  return (time - epoch).total_seconds();
+}
+
+// Sets the access and modification times of `file` to `time` (whole seconds).
+void stampTimes(const fs::path& file, boost::posix_time::ptime time) {
+  const auto seconds = wholeSeconds(time);
+  if (!seconds) throw std::invalid_argument("not a date time");
+  const utimbuf times{static_cast<std::time_t>(*seconds), static_cast<std::time_t>(*seconds)};
+  if (::utime(file.c_str(), &times) != 0) {
+    throw std::system_error(errno, std::generic_category(), "utime");
+  }
+}
+
+int whenceOf(std::ios_base::seekdir direction) {
+  if (direction == std::ios_base::cur) return SEEK_CUR;
+  if (direction == std::ios_base::end) return SEEK_END;
+  return SEEK_SET;
+}
+
+// The first range, in start order, that holds `position`. Ranges may overlap (a write only
+// extends the range it starts in), so the one with the nearest start is not always it.
+template <class Map>
+auto holderIn(Map& ranges, std::int64_t position) {
+  for (auto it = ranges.begin(); it != ranges.end() && it->first <= position; ++it) {
+    if (position < it->second) return it;
+  }
+  return ranges.end();
+}
+
+}  // namespace
+
+FilesystemCacheResource::FilesystemCacheResource(const FileMetadata& metadata,
+                                                 fs::path cacheDirectory)
+    : iri_(metadata.getIRI()),
+      sourceLastModified_(metadata.getLastModified()),
+      cacheDirectory_(std::move(cacheDirectory)),
+      checkoutPath_(cacheDirectory_ / cacheFileName(iri_)) {}
+
+FilesystemCacheResource::FilesystemCacheResource(const std::shared_ptr<FileMetadata>& metadata,
+                                                 fs::path cacheDirectory)
+    : FilesystemCacheResource(*metadata, std::move(cacheDirectory)) {
+  try {
+    dropIfStale();
+    if (exists()) recordWholeBody(metadata->getSize());
+  } catch (...) {
+    logFailure(foundation::log::error, "error", "Failure in checking file existence", false);
+  }
+}
+
+FilesystemCacheResource::FilesystemCacheResource(const std::shared_ptr<FileMetadata>& metadata,
+                                                 fs::path cacheDirectory,
+                                                 const fs::path& sourceFile)
+    : FilesystemCacheResource(*metadata, std::move(cacheDirectory)) {
+  try {
+    seedFrom(sourceFile, metadata->getSize());
+  } catch (...) {
+    logFailure(foundation::log::error, "error", "Failure in local cache writing", false);
+  }
+}
+
+void FilesystemCacheResource::dropIfStale() {
+  // A record without a time cannot vouch for the body, so the body is not trusted.
+  const auto source = wholeSeconds(sourceLastModified_);
+  if (!source || *source > *wholeSeconds(lastModified())) doRemove();
+}
+
+void FilesystemCacheResource::recordWholeBody(std::uint64_t size) {
+  if (size == 0) return;  // an empty range would claim a byte that does not exist
+  cachedRanges_.insert_or_assign(0, static_cast<std::int64_t>(size));
+  rangeCount_ = cachedRanges_.size();
+}
+
+void FilesystemCacheResource::seedFrom(const fs::path& sourceFile, std::uint64_t size) {
+  if (!fs::exists(sourceFile)) return;
+  fs::copy_file(sourceFile, checkoutPath_, fs::copy_options::overwrite_existing);
+  fs::permissions(checkoutPath_, fs::owner_all);
+  stampTimes(checkoutPath_, sourceLastModified_);
+  recordWholeBody(size);
+}
+
+void FilesystemCacheResource::move(const foundation::storage::provider::StorageIRI& newIri) {
+  fs::path newPath;
+  try {
+    newPath = cacheDirectory_ / cacheFileName(newIri);
+    // Moving onto its own name must not delete the body it would then rename.
+    if (newPath != checkoutPath_) {
+      if (fs::exists(newPath)) fs::remove(newPath);
+      if (fs::exists(checkoutPath_)) fs::rename(checkoutPath_, newPath);
+    }
+  } catch (...) {
+    logFailure(foundation::log::error, "error", "Failure in moving cached item", false);
+  }
+  if (!newPath.empty()) checkoutPath_ = std::move(newPath);
+  iri_ = newIri;
+}
+
+bool FilesystemCacheResource::exists() const {
+  boost::system::error_code ignored;
+  return fs::exists(checkoutPath_, ignored);
+}
+
+boost::posix_time::ptime FilesystemCacheResource::lastModified() const {
+  boost::system::error_code missing;
+  const std::time_t time = fs::last_write_time(checkoutPath_, missing);
+  if (missing) return boost::posix_time::microsec_clock::universal_time();
+  return boost::posix_time::from_time_t(time);
+}
+
+void FilesystemCacheResource::doRemove() {
+  descriptor_.reset();
+  cachedRanges_.clear();
+  rangeCount_ = 0;
+  try {
+    if (fs::exists(checkoutPath_)) fs::remove(checkoutPath_);
+  } catch (...) {
+    logFailure(foundation::log::debug, "debug", "Function doRemove failed", true);
+  }
+}
+
+boost::filesystem::path FilesystemCacheResource::path() const { return checkoutPath_; }
+
+RangeQuery FilesystemCacheResource::queryRange(std::int64_t position, std::int64_t length) const {
+  const auto holder = holderIn(cachedRanges_, position);
+  if (holder == cachedRanges_.end()) return {RangeStatus::NOT_CACHED, std::nullopt};
+  if (length <= 0) return {RangeStatus::FULLY_CACHED, std::nullopt};
+  const std::int64_t last = position + length;
+  const auto lastHolder =
+      std::find_if(cachedRanges_.begin(), cachedRanges_.end(),
+                   [last](const auto& r) { return r.first < last && last <= r.second; });
+  if (lastHolder == cachedRanges_.end()) {
+    return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, last}};
+  }
+  // Overlapping or touching ranges (left by extending writes) leave no gap between them.
+  if (lastHolder->first <= holder->second) return {RangeStatus::FULLY_CACHED, std::nullopt};
+  return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, lastHolder->first}};
+}
+
+std::int64_t FilesystemCacheResource::read(std::int64_t position, char* buffer,
+                                           std::int64_t count) {
+  if (failed_) return 0;
+  try {
+    const int fd = handle();
+    std::int64_t done = 0;
+    while (done < count) {
+      const ssize_t got = ::pread(fd, buffer + done, count - done, position + done);
+      if (got == 0) break;  // end of file
+      if (got < 0 && errno != EINTR) {
+        throw std::system_error(errno, std::generic_category(), "pread");
+      }
+      if (got > 0) done += got;
+    }
+    return done;
+  } catch (...) {
+    logFailure(foundation::log::error, "error", "Failure in local cache reading", true);
+    return 0;
+  }
+}
+
+void FilesystemCacheResource::write(std::int64_t position, const char* data, std::int64_t count) {
+  try {
+    const int fd = handle();
+    std::int64_t written = 0;
+    while (written < count) {
+      const ssize_t put = ::pwrite(fd, data + written, count - written, position + written);
+      if (put == 0) throw std::runtime_error("pwrite wrote nothing");
+      if (put < 0 && errno != EINTR) {
+        throw std::system_error(errno, std::generic_category(), "pwrite");
+      }
+      if (put > 0) written += put;
+    }
+    recordWritten(position, position + written);
+  } catch (...) {
+    logFailure(foundation::log::error, "error", "Failure in local cache writing", true);
+    failed_ = true;
+  }
+}
+
+void FilesystemCacheResource::recordWritten(std::int64_t position, std::int64_t end) {
+  if (end <= position) return;
+  const auto holder = holderIn(cachedRanges_, position);
+  if (holder != cachedRanges_.end()) {
+    holder->second = std::max(holder->second, end);
+    return;
+  }
+  const auto [inserted, isNew] = cachedRanges_.try_emplace(position, end);
+  if (!isNew) return;
+  ++rangeCount_;
+  if (rangeCount_ < 2) return;
+  mergeFrom(inserted == cachedRanges_.begin() ? inserted : std::prev(inserted));
+}
+
+// Merges every range that overlaps or touches the one before it, from `current` to the end.
+void FilesystemCacheResource::mergeFrom(RangeMap::iterator current) {
+  for (auto next = std::next(current); next != cachedRanges_.end(); next = std::next(current)) {
+    if (current->second < next->first) {
+      current = next;
+      continue;
+    }
+    current->second = std::max(current->second, next->second);
+    cachedRanges_.erase(next);
+    --rangeCount_;
+  }
+}
+
+std::int64_t FilesystemCacheResource::seek(std::int64_t offset, std::ios_base::seekdir direction) {
+  return ::lseek(handle(), offset, whenceOf(direction));
+}
+
+void FilesystemCacheResource::close() { descriptor_.reset(); }
+
+void FilesystemCacheResource::sync(boost::posix_time::ptime lastModified) {
+  try {
+    if (descriptor_ && descriptor_->handle() != -1) ::fsync(descriptor_->handle());
+    stampTimes(checkoutPath_, lastModified);
+  } catch (...) {
+    // A body that cannot be flushed or stamped is still usable; the next open re-checks it.
+  }
+}
+
+bool FilesystemCacheResource::hasFailed() const { return failed_; }
+
+bool FilesystemCacheResource::coversWhole(std::int64_t size) const {
+  if (size <= 0) return true;
+  const auto first = cachedRanges_.find(0);
+  return first != cachedRanges_.end() && first->second >= size;
+}
+
+std::map<std::int64_t, std::int64_t> FilesystemCacheResource::ranges() const {
+  return cachedRanges_;
+}
+
+// Opens the body on first use: read-write, created if missing, private to the user (0700),
+// not inherited by child processes.
+int FilesystemCacheResource::handle() {
+  if (!descriptor_) {
+    const int fd = ::open(checkoutPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0700);
+    if (fd == -1) throw std::runtime_error("Bad file descriptor");
+    try {
+      descriptor_ =
+          std::make_shared<boost::iostreams::file_descriptor>(fd, boost::iostreams::close_handle);
+    } catch (...) {
+      ::close(fd);
+      throw;
+    }
+  }
+  return descriptor_->handle();
+}
+
+// Call only from inside a catch block when `withDetail` is set.
+void FilesystemCacheResource::logFailure(unsigned severity, const char* level, const char* message,
+                                         bool withDetail) const {
+  OVERLAY_LOG(severity) << makeLogRecord(level, message, iri_, checkoutPath_);
+  if (withDetail) {
+    OVERLAY_LOG(foundation::log::exception)
+        << "Exception caught: " << boost::current_exception_diagnostic_information();
+  }
+}
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,106 @@
+// FilesystemCacheResource: a file's body cached in one local file, with the byte ranges of
+// that file known to hold valid data.
+//
+// The local file (the checkout path) is <cache directory>/cacheFileName(iri). It may be
+// sparse: bytes are written as callers fetch them from the inner store, and only the ranges
+// recorded here are trusted; queryRange tells a caller which part of a request it can read
+// locally and where the first missing stretch is. A local file left by an earlier run is
+// trusted as a whole body on opening unless it is older than the file's record.
+//
+// Ownership: made and held (std::shared_ptr<CacheResource>) by the file's WorkingFileEntry;
+// it owns its range map and its descriptor. It never deletes the local file on destruction:
+// the body outlives the resource so that a later open can reuse it; only doRemove() and a
+// stale body found on opening delete it.
+// Locks: none of its own. The owner serialises every call on one resource (under the entry's
+// mutex); distinct resources may be used from different threads at once, provided they do not
+// share a location.
+// Threads: any thread, one at a time (see above).
+// Failures: logged on the overlay's channel, never thrown, except by seek() (see below). A
+// failed write sets the failure flag, after which read() returns 0.
+#pragma once
+
+#include "core/contentcache/CacheResource.h"
+
+#include <boost/filesystem/path.hpp>
+#include <boost/iostreams/device/file_descriptor.hpp>
+#include <cstdint>
+#include <map>
+#include <memory>
+
+namespace storage::overlayprovider {
+
+class FileMetadata;
+
+class FilesystemCacheResource : public CacheResource {
+ public:
+  // Both constructors read `metadata` (never null) once, through its getters (taking its
+  // lock), and keep nothing of it but its location and last-modified time.
+  //
+  // Opens the cached body of `metadata`'s file under `cacheDirectory`. A local body older
+  // (in whole seconds) than the record's last-modified time is stale and deleted; a record
+  // without a valid time counts as newer than any body. A body that remains is taken as
+  // complete: [0, record size) is recorded as cached.
+  FilesystemCacheResource(const std::shared_ptr<FileMetadata>& metadata,
+                          boost::filesystem::path cacheDirectory);
+  // Seeds the body from `sourceFile` (when it exists): copies it over the checkout path,
+  // makes the copy private (0700, as bodies this class creates), stamps it with the record's
+  // last-modified time and records [0, record size).
+  FilesystemCacheResource(const std::shared_ptr<FileMetadata>& metadata,
+                          boost::filesystem::path cacheDirectory,
+                          const boost::filesystem::path& sourceFile);
+
+  // Renames the body to newIri's name, replacing a body already there. A descriptor that is
+  // open stays valid and follows the file. Failures are logged; the new name is adopted anyway.
+  void move(const foundation::storage::provider::StorageIRI& newIri) override;
+  bool exists() const override;
+  // The body's modification time; the current UTC time (microseconds) when there is no body.
+  boost::posix_time::ptime lastModified() const override;
+  // Deletes the body, forgets every range and also closes the descriptor: otherwise later
+  // writes would go to the unlinked file and be lost, while the ranges claimed them cached.
+  void doRemove() override;
+  boost::filesystem::path path() const override;
+  RangeQuery queryRange(std::int64_t position, std::int64_t length) const override;
+  // One pread on the body (after opening it if needed); 0 after a failed write or on error.
+  std::int64_t read(std::int64_t position, char* buffer, std::int64_t count) override;
+  // pwrite, then records [position, position + written). A range that already holds
+  // `position` is only extended (not merged with the ranges after it); a new range is merged
+  // with the ranges it overlaps or touches.
+  void write(std::int64_t position, const char* data, std::int64_t count) override;
+  // Opens the body if needed (0700, created if missing) and moves its offset; -1 if lseek
+  // fails. Throws std::runtime_error("Bad file descriptor") if the body cannot be opened.
+  std::int64_t seek(std::int64_t offset, std::ios_base::seekdir direction) override;
+  void close() override;
+  // fsync (if open), then stamps access and modification times with `lastModified` (whole
+  // seconds). Failures are ignored.
+  void sync(boost::posix_time::ptime lastModified) override;
+  bool hasFailed() const override;
+
+  // Whether the whole of a body of `size` bytes is cached (always true for an empty body).
+  bool coversWhole(std::int64_t size) const;
+  // A copy of the cached ranges, start -> end (half-open).
+  std::map<std::int64_t, std::int64_t> ranges() const;
+
+ private:
+  using RangeMap = std::map<std::int64_t, std::int64_t>;
+
+  FilesystemCacheResource(const FileMetadata& metadata, boost::filesystem::path cacheDirectory);
+  void dropIfStale();
+  void recordWholeBody(std::uint64_t size);
+  void seedFrom(const boost::filesystem::path& sourceFile, std::uint64_t size);
+  int handle();
+  void recordWritten(std::int64_t position, std::int64_t end);
+  void mergeFrom(RangeMap::iterator inserted);
+  void logFailure(unsigned severity, const char* level, const char* message, bool withDetail) const;
+
+  foundation::storage::provider::StorageIRI iri_;  // replaced by move()
+  boost::posix_time::ptime sourceLastModified_;    // the record's time when opened
+  boost::filesystem::path cacheDirectory_;
+  boost::filesystem::path checkoutPath_;  // cacheDirectory_ / cacheFileName(iri_)
+  std::shared_ptr<boost::iostreams::file_descriptor> descriptor_;  // null until needed
+  bool failed_ = false;
+  RangeMap cachedRanges_;  // start -> end, half-open, never empty ranges
+  // Always cachedRanges_.size(): a write that made no new range skips the merge pass.
+  std::size_t rangeCount_ = 0;
+};
+
+}  // namespace storage::overlayprovider

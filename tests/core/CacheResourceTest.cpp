@@ -1,0 +1,305 @@
+// Cache resources over real files in a temporary cache directory: file names, log records,
+// the range map under writes and queries, staleness on opening, seeding, moving, failures
+// and the resource that caches nothing.
+#include "core/contentcache/CacheResourceLog.h"
+#include "core/contentcache/FilesystemCacheResource.h"
+#include "core/contentcache/NOOPCacheResource.h"
+#include "core/metadata/FileMetadata.h"
+
+#include "CoreTestSupport.h"
+
+#include <foundation/log/LogCapture.h>
+
+#include <gtest/gtest.h>
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/filesystem.hpp>
+#include <boost/filesystem/fstream.hpp>
+#include <boost/property_tree/json_parser.hpp>
+
+#include <sys/stat.h>
+#include <ctime>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace storage::overlayprovider {
+namespace {
+
+namespace fs = boost::filesystem;
+namespace pt = boost::posix_time;
+using coretest::ov;
+using Ranges = std::map<std::int64_t, std::int64_t>;
+
+const pt::ptime kTime(boost::gregorian::date(2024, 3, 1), pt::hours(12));
+
+struct TempDir {
+  TempDir() : path(fs::temp_directory_path() / fs::unique_path("cache-resource-%%%%-%%%%")) {
+    fs::create_directories(path);
+  }
+  ~TempDir() { fs::remove_all(path); }
+  fs::path path;
+};
+
+std::shared_ptr<FileMetadata> record(const std::u16string& location, std::uint64_t size,
+                                     pt::ptime time = kTime) {
+  auto metadata = std::make_shared<FileMetadata>(ov(location), false);
+  metadata->setSize(size).setLastModified(time);
+  return metadata;
+}
+
+void putFile(const fs::path& file, const std::string& content) {
+  fs::ofstream(file, std::ios::binary) << content;
+}
+
+std::string contentOf(const fs::path& file) {
+  std::ostringstream text;
+  text << fs::ifstream(file, std::ios::binary).rdbuf();
+  return text.str();
+}
+
+using Writes = std::vector<std::pair<std::int64_t, std::int64_t>>;  // position, count
+
+void writeAll(CacheResource& resource, const Writes& writes) {
+  for (const auto& [position, count] : writes) {
+    const std::string data(static_cast<std::size_t>(count), 'x');
+    resource.write(position, data.data(), count);
+  }
+}
+
+std::time_t seconds(pt::ptime time) { return pt::to_time_t(time); }
+
+TEST(CacheResourceTest, FileNameIsTheUnpaddedBase64UrlBlake2bOfTheTextForm) {
+  // Known answers computed independently (Python hashlib.blake2b, urlsafe_b64encode).
+  EXPECT_EQ(cacheFileName(ov(u"/a.txt")),
+            "dBmpzM9pOJAsuP5mKcRhSHFmB6VuRWUNHDd0SryL8TFf8Gbazj61oCEMweELsmlUSqtIuiIE_WndtTuub0-"
+            "w5g.cache");
+  EXPECT_EQ(cacheFileName(ov(u"/docs/\u00e9.txt")),
+            "dFcyVWh0xJyzTv8QWXzORH-6_pF0jcnU9hoUtOT1jSJ01IKddzdkSroysYIMaMFymsBTyrpYtAuETnCoSWL8B"
+            "g.cache");
+  EXPECT_EQ(cacheFileName(ov(u"/a.txt")).size(), 86u + 6u);
+}
+
+TEST(CacheResourceTest, LogRecordIsOneLineOfJsonThatReadsBack) {
+  const std::string text = makeLogRecord("debug", "say \"hi\"", ov(u"/d/\u00e9.txt"), "/c/x.cache");
+  EXPECT_EQ(text.find('\n'), std::string::npos);
+  std::istringstream in(text);
+  boost::property_tree::ptree tree;
+  boost::property_tree::read_json(in, tree);
+  EXPECT_EQ(tree.get<std::string>("overlay.debug.message"), "say \"hi\"");
+  EXPECT_EQ(tree.get<std::string>("overlay.debug.location"), "overlay:/d/\xc3\xa9.txt");
+  EXPECT_EQ(tree.get<std::string>("overlay.debug.checkoutPath"), "/c/x.cache");
+  EXPECT_EQ(tree.size(), 1u);
+  EXPECT_EQ(tree.get_child("overlay.debug").size(), 3u);
+}
+
+struct RangeCase {
+  const char* name;
+  Writes writes;
+  Ranges expected;
+};
+
+TEST(CacheResourceTest, WritesRecordAndMergeRanges) {
+  const std::vector<RangeCase> cases = {
+      {"apart", {{0, 10}, {20, 10}}, {{0, 10}, {20, 30}}},
+      {"bridged", {{0, 10}, {20, 10}, {10, 10}}, {{0, 30}}},
+      {"touching before", {{10, 10}, {0, 10}}, {{0, 20}}},
+      {"extended in place", {{0, 10}, {5, 45}}, {{0, 50}}},
+      // Extending the range that holds the position does not merge the ranges after it.
+      {"extension not merged", {{0, 10}, {20, 10}, {5, 20}}, {{0, 25}, {20, 30}}},
+      {"new range swallows", {{0, 5}, {10, 5}, {20, 5}, {6, 15}}, {{0, 5}, {6, 25}}},
+      {"zero length", {{7, 0}}, {}},
+  };
+  for (const auto& c : cases) {
+    TempDir dir;
+    FilesystemCacheResource resource(record(u"/f", 0), dir.path);
+    writeAll(resource, c.writes);
+    EXPECT_EQ(resource.ranges(), c.expected) << c.name;
+    EXPECT_FALSE(resource.hasFailed()) << c.name;
+  }
+}
+
+TEST(CacheResourceTest, QueryRangeFindsTheFirstGap) {
+  struct Case {
+    const char* name;
+    Writes writes;
+    std::int64_t position, length;
+    RangeStatus status;
+    std::optional<ByteRange> gap;
+  };
+  const std::vector<Case> cases = {
+      {"gap between", {{0, 10}, {12, 18}}, 5, 10, RangeStatus::PARTIALLY_CACHED, ByteRange{10, 12}},
+      {"gap at end", {{0, 10}}, 5, 10, RangeStatus::PARTIALLY_CACHED, ByteRange{10, 15}},
+      {"first byte missing", {{0, 10}}, 10, 5, RangeStatus::NOT_CACHED, std::nullopt},
+      {"nothing cached", {}, 0, 5, RangeStatus::NOT_CACHED, std::nullopt},
+      {"up to the end", {{0, 10}}, 2, 8, RangeStatus::FULLY_CACHED, std::nullopt},
+      {"overlapping ranges",
+       {{0, 10}, {20, 10}, {5, 20}},
+       5,
+       24,
+       RangeStatus::FULLY_CACHED,
+       std::nullopt},
+  };
+  for (const auto& c : cases) {
+    TempDir dir;
+    FilesystemCacheResource resource(record(u"/f", 0), dir.path);
+    writeAll(resource, c.writes);
+    const RangeQuery query = resource.queryRange(c.position, c.length);
+    EXPECT_EQ(query.status, c.status) << c.name;
+    EXPECT_EQ(query.gap, c.gap) << c.name;
+  }
+}
+
+TEST(CacheResourceTest, OpeningDropsBodiesOlderThanTheRecordAndTrustsTheRest) {
+  struct Case {
+    const char* name;
+    long bodyAgeSeconds;  // body time = record time - age
+    std::uint64_t size;
+    pt::ptime recordTime;
+    bool kept;
+    Ranges expected;
+  };
+  const std::vector<Case> cases = {
+      {"older", 10, 4, kTime, false, {}},
+      {"same second", 0, 4, kTime + pt::milliseconds(900), true, {{0, 4}}},
+      {"newer", -10, 4, kTime, true, {{0, 4}}},
+      {"empty body", 0, 0, kTime, true, {}},
+      {"record without time", -10, 4, pt::ptime(), false, {}},
+  };
+  for (const auto& c : cases) {
+    TempDir dir;
+    const auto metadata = record(u"/f", c.size, c.recordTime);
+    const fs::path body = dir.path / cacheFileName(metadata->getIRI());
+    putFile(body, "body");
+    fs::last_write_time(body, seconds(kTime) - c.bodyAgeSeconds);
+    FilesystemCacheResource resource(metadata, dir.path);
+    EXPECT_EQ(resource.exists(), c.kept) << c.name;
+    EXPECT_EQ(fs::exists(body), c.kept) << c.name;
+    EXPECT_EQ(resource.ranges(), c.expected) << c.name;
+    EXPECT_EQ(resource.coversWhole(static_cast<std::int64_t>(c.size)), c.kept) << c.name;
+  }
+}
+
+TEST(CacheResourceTest, BodiesArePrivateAndReadBackWhatWasWritten) {
+  TempDir dir;
+  FilesystemCacheResource resource(record(u"/f", 0), dir.path);
+  resource.write(3, "abcdef", 6);
+  struct stat status {};
+  ASSERT_EQ(::stat(resource.path().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0700u);
+
+  char buffer[16] = {};
+  EXPECT_EQ(resource.read(5, buffer, 16), 4);  // stops at the end of the file
+  EXPECT_EQ(std::string(buffer, 4), "cdef");
+  resource.close();
+  EXPECT_EQ(resource.seek(0, std::ios_base::end), 9);  // reopens
+  EXPECT_EQ(resource.read(3, buffer, 2), 2);
+  EXPECT_EQ(std::string(buffer, 2), "ab");
+  EXPECT_TRUE(resource.coversWhole(0));
+  EXPECT_FALSE(resource.coversWhole(9));  // [0,3) was never written
+}
+
+TEST(CacheResourceTest, RemovedBodyIsDeletedAndLaterWritesStartAFreshOne) {
+  TempDir dir;
+  FilesystemCacheResource resource(record(u"/f", 0), dir.path);
+  resource.write(0, "old body", 8);
+  resource.doRemove();
+  EXPECT_FALSE(resource.exists());
+  EXPECT_TRUE(resource.ranges().empty());
+  resource.write(0, "new", 3);
+  EXPECT_EQ(contentOf(resource.path()), "new");
+  EXPECT_EQ(resource.ranges(), (Ranges{{0, 3}}));
+}
+
+TEST(CacheResourceTest, SyncStampsTheBodyAndLastModifiedReportsIt) {
+  TempDir dir;
+  FilesystemCacheResource resource(record(u"/f", 0), dir.path);
+  const auto before = pt::microsec_clock::universal_time();
+  EXPECT_GE(resource.lastModified(), before - pt::seconds(1));  // no body: now, in UTC
+  resource.write(0, "x", 1);
+  resource.sync(kTime + pt::milliseconds(700));
+  EXPECT_EQ(resource.lastModified(), kTime);
+  EXPECT_EQ(fs::last_write_time(resource.path()), seconds(kTime));
+}
+
+TEST(CacheResourceTest, MoveReplacesABodyAtTheNewNameAndTheContentFollows) {
+  TempDir dir;
+  FilesystemCacheResource resource(record(u"/a", 0), dir.path);
+  resource.write(0, "alpha", 5);
+  const fs::path oldPath = resource.path();
+  const fs::path newPath = dir.path / cacheFileName(ov(u"/b"));
+  putFile(newPath, "stale body at the target");
+
+  resource.move(ov(u"/b"));
+  EXPECT_EQ(resource.path(), newPath);
+  EXPECT_FALSE(fs::exists(oldPath));
+  EXPECT_EQ(contentOf(newPath), "alpha");
+  resource.write(5, "!", 1);  // the open descriptor followed the rename
+  EXPECT_EQ(contentOf(newPath), "alpha!");
+
+  resource.move(ov(u"/b"));  // onto its own name: the body stays
+  EXPECT_EQ(contentOf(newPath), "alpha!");
+}
+
+TEST(CacheResourceTest, SeedingCopiesStampsAndTrustsTheSource) {
+  TempDir dir;
+  const fs::path source = dir.path / "source";
+  putFile(source, "seeded");
+  FilesystemCacheResource resource(record(u"/f", 6), dir.path, source);
+  EXPECT_EQ(contentOf(resource.path()), "seeded");
+  EXPECT_EQ(fs::last_write_time(resource.path()), seconds(kTime));
+  EXPECT_EQ(fs::status(resource.path()).permissions(), fs::owner_all);
+  EXPECT_TRUE(resource.coversWhole(6));
+
+  FilesystemCacheResource missing(record(u"/g", 6), dir.path, dir.path / "absent");
+  EXPECT_FALSE(missing.exists());
+  EXPECT_TRUE(missing.ranges().empty());
+}
+
+TEST(CacheResourceTest, UnopenableBodyFailsWritesLogsAndReadsNothing) {
+  TempDir dir;
+  putFile(dir.path / "file", "");
+  const fs::path cacheDirectory = dir.path / "file" / "cache";  // parent is not a directory
+  const auto metadata = record(u"/f", 0);
+  FilesystemCacheResource resource(metadata, cacheDirectory);
+  foundation::log::LogCapture capture;
+
+  char buffer[4];
+  EXPECT_EQ(resource.read(0, buffer, 4), 0);
+  EXPECT_FALSE(resource.hasFailed());  // only writes fail the resource
+  EXPECT_EQ(capture.count("Failure in local cache reading", foundation::log::error), 1u);
+
+  resource.write(0, "data", 4);
+  EXPECT_TRUE(resource.hasFailed());
+  EXPECT_TRUE(resource.ranges().empty());
+  const auto errors = capture.matching("Failure in local cache writing", foundation::log::error);
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0].message, makeLogRecord("error", "Failure in local cache writing",
+                                             metadata->getIRI(), resource.path()));
+  EXPECT_EQ(capture.count("Exception caught: ", foundation::log::exception), 2u);
+  EXPECT_THROW(resource.seek(0, std::ios_base::beg), std::runtime_error);
+}
+
+TEST(CacheResourceTest, NoopResourceStoresNothing) {
+  NOOPCacheResource resource;
+  resource.write(0, "data", 4);
+  resource.move(ov(u"/b"));
+  resource.sync(kTime);
+  resource.doRemove();
+  resource.close();
+  char buffer[4];
+  EXPECT_EQ(resource.read(0, buffer, 4), 0);
+  EXPECT_EQ(resource.seek(0, std::ios_base::beg), -1);
+  EXPECT_FALSE(resource.exists());
+  EXPECT_TRUE(resource.hasFailed());
+  EXPECT_TRUE(resource.path().empty());
+  const RangeQuery query = resource.queryRange(0, 4);
+  EXPECT_EQ(query.status, RangeStatus::CACHING_DISABLED);
+  EXPECT_FALSE(query.gap);
+  const auto local = pt::second_clock::local_time();
+  EXPECT_LE(resource.lastModified() - local, pt::seconds(1));
+  EXPECT_LE(local - resource.lastModified(), pt::seconds(1));
+  EXPECT_EQ(resource.lastModified().time_of_day().fractional_seconds(), 0);
+}
+
+}  // namespace
+}  // namespace storage::overlayprovider
