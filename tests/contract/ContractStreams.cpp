@@ -118,6 +118,11 @@ TEST_P(ProviderContract, StreamOperationsAfterCloseFail) {
   writeFile(u"/f", "data");
   auto stream = at(u"/f").openStream(ByteStreamOpenOptions::readWrite());
   stream->close();
+  if (!underTest().strictStreams()) {
+    stream->close();
+    EXPECT_EQ("data", readFile(at(u"/f"))) << "a second close changes nothing";
+    return;
+  }
   char buffer[4];
   expectStreamFailure<fsp::ByteStreamReadFailure>([&] { stream->read(buffer, 4); });
   expectStreamFailure<fsp::ByteStreamWriteFailure>([&] { stream->write("zz", 2); });
@@ -129,10 +134,17 @@ TEST_P(ProviderContract, StreamOperationsAfterCloseFail) {
 TEST_P(ProviderContract, StreamNegativeSeekFails) {
   writeFile(u"/f", "data");
   auto stream = at(u"/f").openStream(ByteStreamOpenOptions::readWrite());
-  expectStreamFailure<fsp::ByteStreamSeekFailure>([&] { stream->seek(-1, ios_base::beg); });
+  const auto refused = [&](long offset, std::ios_base::seekdir direction) {
+    if (underTest().strictStreams()) {
+      expectStreamFailure<fsp::ByteStreamSeekFailure>([&] { stream->seek(offset, direction); });
+    } else {
+      EXPECT_EQ(-1, stream->seek(offset, direction));
+    }
+  };
+  refused(-1, ios_base::beg);
   EXPECT_EQ(2, stream->seek(2, ios_base::beg));
-  expectStreamFailure<fsp::ByteStreamSeekFailure>([&] { stream->seek(-3, ios_base::cur); });
-  expectStreamFailure<fsp::ByteStreamSeekFailure>([&] { stream->seek(-5, ios_base::end); });
+  refused(-3, ios_base::cur);
+  refused(-5, ios_base::end);
   EXPECT_EQ("ta", readRest(*stream)) << "a refused seek leaves the position where it was";
   stream->close();
 }

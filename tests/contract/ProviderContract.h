@@ -50,6 +50,10 @@ struct ProviderUnderTest {
   // For a provider that wraps another: the inner store's root, where settled changes must
   // show up. Empty for providers that are their own backing store.
   virtual std::optional<fsp::StorageItem> backingStore() { return std::nullopt; }
+  // Whether streams refuse every call after close and refuse a negative seek with a failure.
+  // The overlay's streams are cursors over a shared working file instead: they keep no closed
+  // state (a second close is harmless) and answer a negative seek with -1.
+  virtual bool strictStreams() const { return true; }
   virtual std::string name() const = 0;
 };
 

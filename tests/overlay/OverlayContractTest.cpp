@@ -47,6 +47,7 @@ class OverlayUnderTest final : public ProviderUnderTest {
   }
 
   std::optional<fsp::StorageItem> backingStore() override { return inner_->root(); }
+  bool strictStreams() const override { return false; }
   std::string name() const override { return name_; }
 
  private:
@@ -72,6 +73,14 @@ INSTANTIATE_TEST_SUITE_P(
                           "overMemWriteBehind", [] { return makeMemUnderTest("mem"); }, false),
                       overlayOver(
                           "overMemSynchronous", [] { return makeMemUnderTest("mem"); }, true),
+                      overlayOver(
+                          "overMemCaseInsensitiveWriteBehind",
+                          [] { return makeMemUnderTest("memCaseInsensitive", caseInsensitive()); },
+                          false),
+                      overlayOver(
+                          "overMemCaseInsensitiveSynchronous",
+                          [] { return makeMemUnderTest("memCaseInsensitive", caseInsensitive()); },
+                          true),
                       overlayOver(
                           "overFileWriteBehind", [] { return makeFileUnderTest(); }, false),
                       overlayOver(

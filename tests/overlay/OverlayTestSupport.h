@@ -16,7 +16,11 @@ namespace overlaytest {
 namespace fsp = foundation::storage::provider;
 
 struct OverlayOverMem {
-  OverlayOverMem();
+  explicit OverlayOverMem(fsp::mem::MemProvider::Options options = {});
+  // A new overlay over an existing store.
+  explicit OverlayOverMem(std::shared_ptr<fsp::mem::MemProvider> store);
+  // Shuts the overlay down and removes its content cache's default root.
+  ~OverlayOverMem();
 
   // The overlay location of `path`.
   fsp::StorageIRI at(const std::u16string& path) const { return fsp::StorageIRI(root, path); }

@@ -4,11 +4,11 @@
 #include "core/provider/OverlayProvider.h"
 
 #include "core/execution/BackendExecutor.h"
+#include "core/execution/SynchronousExecutor.h"
 #include "core/provider/InnerLocation.h"
 #include "core/provider/OverlayLog.h"
 #include "core/provider/OverlayProviderSupport.h"
 #include "core/quota/QuotaAccountant.h"
-#include "core/execution/SynchronousExecutor.h"
 
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/text/Unicode.h>
@@ -59,18 +59,20 @@ std::shared_ptr<MetadataCache> metadataCacheOver(const std::shared_ptr<StorageIt
 
 OverlayProvider::OverlayProvider(StorageItem innerRoot)
     : inner_(std::make_shared<StorageItem>(std::move(innerRoot))),
+      contentCache_(std::make_unique<ContentCache>()),
       publicRoot_(publicRootOver(*inner_)),
       metadataCache_(metadataCacheOver(inner_)) {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
 }
 
-OverlayProvider::OverlayProvider(StorageItem innerRoot,
+OverlayProvider::OverlayProvider(StorageItem innerRoot, std::unique_ptr<ContentCache> contentCache,
                                  std::unique_ptr<MetadataCache> metadataCache,
                                  std::shared_ptr<IExecutor> executor)
     : inner_(std::make_shared<StorageItem>(std::move(innerRoot))),
+      contentCache_(std::move(contentCache)),
       publicRoot_(publicRootOver(*inner_)),
       metadataCache_(std::move(metadataCache)),
-      executor_(std::move(executor)) {
+      executor_(std::make_shared<ExecutorSlot>(std::move(executor))) {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
 }
 
@@ -141,9 +143,9 @@ void OverlayProvider::lazyInitialize() const {
 
   {
     std::lock_guard lock(initMutex_);
-    if (!executor_.load()) {
-      executor_.store(std::make_shared<BackendExecutor>([this] { noteBackendActivity(); },
-                                                        maxQueueWeight_.load()));
+    if (!executor_->load()) {
+      executor_->store(std::make_shared<BackendExecutor>([this] { noteBackendActivity(); },
+                                                         maxQueueWeight_.load()));
     }
   }
   if (!quotaAccountant_) {
@@ -163,8 +165,22 @@ std::shared_ptr<IQuotaAccountant> OverlayProvider::quotaAccountant() const {
 }
 
 void OverlayProvider::noteBackendActivity() const {
-  // Nothing to tell yet: the content cache, once present, is told here that the backend is
-  // busy so that it can defer its own housekeeping.
+  if (contentCache_) contentCache_->markActivity();
+}
+
+bool OverlayProvider::innerHasFeature(fsp::ExtendedFeature feature) const {
+  const auto index = static_cast<std::size_t>(feature);
+  if (index >= innerFeatures_.size()) return inner_->hasFeature(feature);
+  auto known = innerFeatures_[index].load();
+  if (known == 0) {
+    known = inner_->hasFeature(feature) ? 2 : 1;
+    innerFeatures_[index].store(known);
+  }
+  return known == 2;
+}
+
+void OverlayProvider::waitForQueuedWork() const {
+  if (const auto executor = executor_->load()) executor->waitForPendingToFinish();
 }
 
 std::shared_ptr<IExecutor> OverlayProvider::makeSynchronousExecutor() const {
@@ -177,7 +193,7 @@ void OverlayProvider::installExecutor(std::shared_ptr<IExecutor> executor) const
     // Under the initialisation mutex, so that lazy initialisation cannot install a
     // background executor over this one.
     std::lock_guard lock(initMutex_);
-    previous = executor_.exchange(std::move(executor));
+    previous = executor_->exchange(std::move(executor));
   }
   if (previous) {
     // A replaced background executor still owns a worker thread: let it finish what it
@@ -189,12 +205,30 @@ void OverlayProvider::installExecutor(std::shared_ptr<IExecutor> executor) const
 
 void OverlayProvider::doFlushFilesystem() {
   ensureReady();
+  flushBody();
+}
+
+void OverlayProvider::flushBody() const {
   OVERLAY_LOG(log::info) << "Flushing filesystem";
   const auto started = std::chrono::steady_clock::now();
-  if (const auto executor = executor_.load()) {
+  // Bytes still waiting in open files' pending blocks are queued first, so that the flush
+  // also covers what was written through streams that are not closed yet.
+  if (contentCache_) {
+    for (const auto& entry : contentCache_->entries()) entry->enqueueProviderWrite();
+  }
+  if (const auto executor = executor_->load()) {
     executor->waitForPendingToFinish();
   } else {
     OVERLAY_LOG(log::error) << "BackgroundExecutor should be in an initialized state.";
+  }
+  if (contentCache_) {
+    try {
+      contentCache_->releasePending();
+    } catch (...) {
+      // An unusable cache directory (logged by the cache) must not stop the flush.
+    }
+  } else {
+    OVERLAY_LOG(log::error) << "ContentCache should be in an initialized state.";
   }
   metadataCache_->dropPendingState();
   const auto elapsed = std::chrono::steady_clock::now() - started;
@@ -211,6 +245,7 @@ void OverlayProvider::doInvalidate(const StorageIRI& iri) {
   const auto held = guard(location);
   // The whole overlay is dropped, not only the location: what the host knows changed below
   // one location may have moved things elsewhere too.
+  if (contentCache_) contentCache_->clear();
   metadataCache_->invalidate(StorageIRI(u"overlay", u"/"));
   fsp::invalidateProvider(*inner_);
 }
@@ -221,7 +256,7 @@ void OverlayProvider::doShutdown() {
   shutDown_.exchange(true);
   if (eventLatch_) eventLatch_->close();
   if (quotaAccountant_) quotaAccountant_->stop();
-  if (const auto executor = executor_.load()) {
+  if (const auto executor = executor_->load()) {
     executor->shutdown(true);
     executor->join();
   }

@@ -31,11 +31,13 @@
 // the provider shares ownership of the inner root item and the executor.
 #pragma once
 
-#include "core/execution/IExecutor.h"
-#include "core/quota/IQuotaAccountant.h"
+#include "core/contentcache/ContentCache.h"
+#include "core/execution/ExecutorSlot.h"
+#include "core/execution/TimedLatch.h"
 #include "core/metadata/MetadataCache.h"
 #include "core/provider/PathGuardTable.h"
-#include "core/execution/TimedLatch.h"
+#include "core/quota/IQuotaAccountant.h"
+#include "core/workingfiles/WorkingFileSettings.h"
 
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/storage/provider/IConfigurableProvider.h>
@@ -43,6 +45,7 @@
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
 #include <foundation/storage/provider/extensions/IInvalidatable.h>
 
+#include <array>
 #include <atomic>
 #include <boost/thread/once.hpp>
 #include <memory>
@@ -58,14 +61,15 @@ class OverlayProvider : public fsp::IConfigurableProvider,
                         public fsp::extensions::IInvalidatable {
  public:
   explicit OverlayProvider(fsp::StorageItem innerRoot);
-  // The same provider with its metadata cache and executor supplied by the caller (lazy
-  // initialisation then makes no executor).
-  OverlayProvider(fsp::StorageItem innerRoot, std::unique_ptr<MetadataCache> metadataCache,
+  // The same provider with its content cache, metadata cache and executor supplied by the
+  // caller (lazy initialisation then makes no executor when one is given).
+  OverlayProvider(fsp::StorageItem innerRoot, std::unique_ptr<ContentCache> contentCache,
+                  std::unique_ptr<MetadataCache> metadataCache,
                   std::shared_ptr<IExecutor> executor);
   ~OverlayProvider() override;
 
   // The executor now in use (empty before initialisation unless configured or supplied).
-  std::shared_ptr<IExecutor> executor() const { return executor_.load(); }
+  std::shared_ptr<IExecutor> executor() const { return executor_->load(); }
   double maxQueueWeight() const { return maxQueueWeight_.load(); }
   double minQueueItemWeight() const { return minQueueItemWeight_.load(); }
   std::uint64_t maxReadPayloadSize() const { return maxReadPayloadSize_.load(); }
@@ -76,9 +80,10 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   const std::shared_ptr<MetadataCache>& metadataCache() const { return metadataCache_; }
   // Empty before initialisation.
   std::shared_ptr<IQuotaAccountant> quotaAccountant() const;
-  // The configured cache root and persistence, kept for the content cache.
-  std::string configuredCacheRoot() const;
-  bool persistContentCache() const { return persistContentCache_.load(); }
+  ContentCache& contentCache() const { return *contentCache_; }
+  // The content cache's root and persistence, as configured.
+  std::string configuredCacheRoot() const { return contentCache_->cacheRoot().string(); }
+  bool persistContentCache() const { return contentCache_->mode() == CacheMode::PERSISTENT; }
 
   // The overlay form of a host location (see the header comment).
   fsp::StorageIRI resolve(const fsp::StorageIRI& iri) const;
@@ -118,6 +123,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
                               const std::vector<foundation::storage::events::Kind>&) const override;
   void doStopPublishingEventsFor(const fsp::StorageIRI&) const override;
   bool doHasFeature(const fsp::ExtendedFeature&) const override;
+  // The inner store's, as asked once at construction: the overlay compares names as it does.
+  fsp::FilenameSensitivity doGetFilenameSensitivity(const fsp::StorageIRI&) const override;
   void doShutdown() override;
   fsp::ExtendedAttributes doGetExtendedAttributes(const fsp::StorageIRI&) const override;
   fsp::ProviderStorageInfo doGetProviderStorageInfo(const fsp::StorageIRI&) const override;
@@ -160,16 +167,45 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   void keepCacheTrue(const fsp::StorageIRI& location, const std::function<void()>& update) const;
   // Reads the file's attributes from the inner store into its cache record (made if absent).
   void refreshFileRecord(const fsp::StorageIRI& location) const;
-  // Records that a stream opened for writing created or emptied the file.
-  void noteOpenedForWriting(const fsp::StorageIRI& location, bool truncated) const;
+  // The content cache's key of a file: its location as the store spells it.
+  fsp::StorageIRI bodyKey(const fsp::StorageIRI& location) const;
+  // Refuses (ResourceBusy) to remove or move a file that a stream has open, unless the inner
+  // store allows it.
+  void refuseWhileOpen(const fsp::StorageIRI& key) const;
+  // Moves the cached bodies with a file or folder around the store's own move.
+  void moveBodies(const fsp::StorageIRI& from, const fsp::StorageIRI& to, bool folder,
+                  const std::function<void()>& innerMove) const;
+  // Copies a source stream into a destination stream in 4096-byte steps and closes both.
+  static void copyThroughStreams(fsp::ByteStreamPtr source, fsp::ByteStreamPtr destination);
+  // Streams (OverlayProviderStreams.cpp).
+  WorkingFileSettings workingFileSettings() const;
+  fsp::ByteStreamPtr openCachedStream(const fsp::StorageIRI& location,
+                                      const fsp::ByteStreamOpenOptions& options,
+                                      bool readOnly) const;
+  // The file's record for a stream; made (as a creation makes it) when the options allow.
+  std::shared_ptr<FileMetadata> recordForStream(const fsp::StorageIRI& location,
+                                                const fsp::ByteStreamOpenOptions& options,
+                                                bool readOnly) const;
+  // A caching error while opening: flush, then forward everything for good.
+  void fallBackToInnerStore(const char* message) const;
+  void flushBody() const;
+  // The inner provider's capability, asked once and kept (capabilities do not change).
+  bool innerHasFeature(fsp::ExtendedFeature feature) const;
+  // Before a mutation that still runs on the inner store directly: every transaction queued
+  // so far reaches the store first, so no queued write lands after a later move or removal.
+  void waitForQueuedWork() const;
   fsp::Exception notFound(const fsp::StorageIRI& location) const;
   template <class Pred>
   fsp::FolderEntryIteratorPtr doListingOperation(const fsp::StorageIRI& iri) const;
 
   std::shared_ptr<fsp::StorageItem> inner_;
+  // Declared here so that it goes after the executor and the metadata cache, before the
+  // inner item: no transaction may run while its entries are released.
+  std::unique_ptr<ContentCache> contentCache_;
   fsp::StorageIRI publicRoot_;
   std::shared_ptr<MetadataCache> metadataCache_;
-  mutable std::atomic<std::shared_ptr<IExecutor>> executor_;
+  // Shared with the working files, which look the executor up at each submission.
+  const std::shared_ptr<ExecutorSlot> executor_ = std::make_shared<ExecutorSlot>();
   std::atomic<double> maxQueueWeight_{0.0};
   std::atomic<double> minQueueItemWeight_{0.0};
   std::atomic<std::uint64_t> maxReadPayloadSize_{4194304};
@@ -178,15 +214,14 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   mutable std::shared_ptr<IQuotaAccountant> quotaAccountant_;
   mutable PathGuardTable pathGuards_;
   std::shared_ptr<TimedLatch> eventLatch_;
-  std::atomic<bool> passThrough_{false};
+  mutable std::atomic<bool> passThrough_{false};
   std::atomic<bool> contentCacheDisabled_{false};
   std::atomic<bool> backslashToForwardSlash_{false};
-  std::atomic<bool> persistContentCache_{false};
-  mutable std::mutex settingsMutex_;  // guards cacheRoot_
-  std::string cacheRoot_;
   mutable boost::once_flag initFlag_ = BOOST_ONCE_INIT;
   mutable std::mutex initMutex_;
   std::atomic<bool> shutDown_{false};
+  // Per ExtendedFeature value: 0 not asked yet, 1 lacking, 2 present.
+  mutable std::array<std::atomic<int>, 16> innerFeatures_;
 };
 
 template <class Call>

@@ -33,11 +33,6 @@ bool readAlphabeticBool(const std::string& text) {
 
 }  // namespace
 
-std::string OverlayProvider::configuredCacheRoot() const {
-  std::lock_guard lock(settingsMutex_);
-  return cacheRoot_;
-}
-
 void OverlayProvider::doConfigure(ptree config) {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
   inner_->configure(config);
@@ -54,8 +49,7 @@ void OverlayProvider::doConfigure(ptree config) {
 void OverlayProvider::readConfiguration(const ptree& config) {
   if (const auto root = config.get_optional<std::string>("overlay.cacheRoot")) {
     logEcho("overlay.configuration.cacheRoot", *root);
-    std::lock_guard lock(settingsMutex_);
-    cacheRoot_ = *root;
+    contentCache_->setCacheRoot(*root);
   }
   if (const auto text = config.get_optional<std::string>("overlay.maxQueueWeight")) {
     maxQueueWeight_ = std::stod(*text);
@@ -66,7 +60,7 @@ void OverlayProvider::readConfiguration(const ptree& config) {
     logEcho("overlay.configuration.minQueueItemWeight", minQueueItemWeight_.load());
   }
   if (const auto text = config.get_optional<std::string>("overlay.persistContentCache")) {
-    if (*text == "1" || *text == "true") persistContentCache_ = true;
+    if (*text == "1" || *text == "true") contentCache_->setPersistent();
   }
   if (const auto text = config.get_optional<std::string>("overlay.maxReadPayloadSize")) {
     maxReadPayloadSize_ = static_cast<std::uint64_t>(std::stol(*text, nullptr, 10));
@@ -98,7 +92,7 @@ void OverlayProvider::applyMaxQueueWeight() const {
     return;
   }
   std::lock_guard lock(initMutex_);
-  if (const auto executor = executor_.load()) executor->setMaxQueueWeight(weight);
+  if (const auto executor = executor_->load()) executor->setMaxQueueWeight(weight);
 }
 
 }  // namespace storage::overlayprovider

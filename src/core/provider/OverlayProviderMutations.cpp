@@ -1,5 +1,7 @@
 // OverlayProvider: the mutating operations. Each is carried out on the inner provider under
-// the path guard of its location(s), then the metadata cache is told exactly what changed.
+// the path guard of its location(s), after every transaction queued before it (so a queued
+// write never lands after a later move or removal of its file); then the metadata cache and
+// the content cache are told exactly what changed.
 #include "core/provider/OverlayProvider.h"
 #include "core/provider/OverlayProviderSupport.h"
 
@@ -26,7 +28,12 @@ void OverlayProvider::keepCacheTrue(const StorageIRI& location,
 void OverlayProvider::mutate(const StorageIRI& location,
                              const std::function<void(const fsp::StorageItem&)>& change,
                              const std::function<void()>& recordChange) const {
+  if (passThrough_) {
+    forwardingRefusals([&] { change(innerItem(location)); });
+    return;
+  }
   const auto held = guard(location);
+  waitForQueuedWork();
   forwardingRefusals([&] { change(innerItem(location)); });
   keepCacheTrue(location, recordChange);
 }
@@ -36,7 +43,12 @@ void OverlayProvider::mutateBetween(
     const std::function<void(const fsp::StorageItem&, const StorageIRI&)>& change,
     const std::function<void()>& recordChange) const {
   checkName(publicLocation(destination));
+  if (passThrough_) {
+    forwardingRefusals([&] { change(innerItem(source), innerItem(destination).getLocation()); });
+    return;
+  }
   const auto held = guard(source, destination);
+  waitForQueuedWork();
   forwardingRefusals([&] { change(innerItem(source), innerItem(destination).getLocation()); });
   // Moving or copying a location onto itself changes nothing the cache holds.
   if (source != destination) keepCacheTrue(destination, recordChange);
@@ -48,7 +60,11 @@ void OverlayProvider::doCreateFile(const StorageIRI& iri) const {
   const auto location = resolve(iri);
   checkName(publicLocation(location));
   mutate(
-      location, [](const fsp::StorageItem& item) { item.createFile(); },
+      location,
+      [&](const fsp::StorageItem& item) {
+        if (!passThrough_) contentCache_->removeEntry(location, false);
+        item.createFile();
+      },
       [&] {
         metadataCache_->createFileMetadata(location);
         metadataCache_->confirmFile(location);
@@ -73,6 +89,10 @@ void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
   ensureReady();
   const auto location = resolve(iri);
   checkName(publicLocation(location));
+  if (passThrough_) {
+    forwardingRefusals([&] { innerItem(location).createFolderRecursive(); });
+    return;
+  }
   const auto held = guard(location);
   // The folders that will be new, top-down, found before the inner store makes them.
   std::deque<StorageIRI> missing;
@@ -80,6 +100,7 @@ void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
        folder = folder.getParent()) {
     missing.push_front(folder);
   }
+  waitForQueuedWork();
   forwardingRefusals([&] { innerItem(location).createFolderRecursive(); });
   keepCacheTrue(missing.empty() ? location : missing.front(), [&] {
     for (const auto& folder : missing) {
@@ -94,7 +115,17 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   ensureReady();
   const auto location = resolve(iri);
   mutate(
-      location, [](const fsp::StorageItem& item) { item.removeFile(); },
+      location,
+      [&](const fsp::StorageItem& item) {
+        if (!passThrough_) {
+          const auto key = bodyKey(location);
+          refuseWhileOpen(key);
+          // The file's pending writes are queued before it goes, not lost with its entry.
+          contentCache_->removeEntry(key, true);
+          waitForQueuedWork();
+        }
+        item.removeFile();
+      },
       [&] { metadataCache_->removeFileMetadata(location); });
 }
 
@@ -104,7 +135,10 @@ void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
   const auto location = resolve(iri);
   mutate(
       location, [](const fsp::StorageItem& item) { item.removeFolder(); },
-      [&] { metadataCache_->removeFolderMetadata(location); });
+      [&] {
+        metadataCache_->removeFolderMetadata(location);
+        contentCache_->removeFolderEntries(location, true);
+      });
 }
 
 void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
@@ -113,7 +147,10 @@ void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
   const auto location = resolve(iri);
   mutate(
       location, [](const fsp::StorageItem& item) { item.removeFolderRecursively(); },
-      [&] { metadataCache_->removeFolderMetadata(location); });
+      [&] {
+        metadataCache_->removeFolderMetadata(location);
+        contentCache_->removeFolderEntries(location, true);
+      });
 }
 
 void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
@@ -124,7 +161,11 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   const auto destination = resolve(to);
   mutateBetween(
       source, destination,
-      [&](const fsp::StorageItem& item, const StorageIRI& to) { item.moveFile(to, policy); },
+      [&](const fsp::StorageItem& item, const StorageIRI& to) {
+        if (passThrough_) return item.moveFile(to, policy);
+        refuseWhileOpen(bodyKey(source));
+        moveBodies(bodyKey(source), destination, false, [&] { item.moveFile(to, policy); });
+      },
       [&] {
         metadataCache_->moveFileMetadata(source, destination);
         metadataCache_->confirmFile(destination);
@@ -139,7 +180,10 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   const auto destination = resolve(to);
   mutateBetween(
       source, destination,
-      [&](const fsp::StorageItem& item, const StorageIRI& to) { item.moveFolder(to, policy); },
+      [&](const fsp::StorageItem& item, const StorageIRI& to) {
+        if (passThrough_) return item.moveFolder(to, policy);
+        moveBodies(source, destination, true, [&] { item.moveFolder(to, policy); });
+      },
       [&] {
         // A merge mixes the moved tree with what the destination held: the inner store has the
         // only complete picture, so both places are read again on their next use.
@@ -153,12 +197,24 @@ void OverlayProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
                                  const fsp::ReplacementPolicy& policy) const {
   OVERLAY_OPERATION(from);
   ensureReady();
-  const auto source = resolve(from);
   const auto destination = resolve(to);
-  mutateBetween(
-      source, destination,
-      [&](const fsp::StorageItem& item, const StorageIRI& to) { item.copyFile(to, policy); },
-      [&] { refreshFileRecord(destination); });
+  // Built on the overlay's own operations: the destination's bytes reach the store through
+  // its working file like any other write, and the source is read from the cache.
+  if (passThrough_) {
+    forwardingRefusals(
+        [&] { innerItem(resolve(from)).copyFile(innerItem(destination).getLocation(), policy); });
+    return;
+  }
+  const auto forbidsReplacing = !fsp::allowsReplacing(policy);
+  if (doFileExists(to) && forbidsReplacing) {
+    throw fsp::Exception(fsp::ErrorCode::AlreadyExists, publicLocation(destination));
+  }
+  if (doFolderExists(to)) {
+    throw fsp::Exception(fsp::ErrorCode::AlreadyExists, publicLocation(destination));
+  }
+  // The source first: a missing source must not leave an empty destination behind.
+  auto source = doOpenReadOnlyStream(from);
+  copyThroughStreams(std::move(source), doOpenStream(to, fsp::ByteStreamOpenOptions::overwrite()));
 }
 
 void OverlayProvider::doSetLastModified(const StorageIRI& iri,
@@ -188,6 +244,39 @@ void OverlayProvider::doSetWritable(const StorageIRI& iri, bool writable) const 
         if (const auto folder = metadataCache_->getFolderMetadata(location))
           folder->setWritable(writable);
       });
+}
+
+StorageIRI OverlayProvider::bodyKey(const StorageIRI& location) const {
+  const auto record = metadataCache_->getFileMetadata(location);
+  return record ? record->getIRI() : location;
+}
+
+void OverlayProvider::refuseWhileOpen(const StorageIRI& key) const {
+  const bool refused = innerHasFeature(fsp::ExtendedFeature::RemoveWhileClosing)
+                           ? contentCache_->isInUse(key, true)
+                           : !innerHasFeature(fsp::ExtendedFeature::RemoveWhileOpen) &&
+                                 contentCache_->isInUse(key, false);
+  if (refused) {
+    throw fsp::Exception(fsp::ErrorCode::ResourceBusy, publicLocation(key),
+                         "a stream on the file is open");
+  }
+}
+
+void OverlayProvider::moveBodies(const StorageIRI& from, const StorageIRI& to, bool folder,
+                                 const std::function<void()>& innerMove) const {
+  const auto move = [&](const StorageIRI& a, const StorageIRI& b) {
+    folder ? contentCache_->moveFolderEntries(a, b) : contentCache_->moveEntry(a, b);
+  };
+  // The entries' inner streams are closed by transactions queued here, before the store
+  // moves the file under them; writes queued later go to the new location.
+  move(from, to);
+  try {
+    waitForQueuedWork();
+    innerMove();
+  } catch (...) {
+    move(to, from);
+    throw;
+  }
 }
 
 void OverlayProvider::refreshFileRecord(const StorageIRI& location) const {

@@ -41,9 +41,14 @@ fsp::FileAttributes OverlayProvider::doGetFileAttributes(const StorageIRI& iri) 
   if (passThrough_)
     return forwardingRefusals([&] { return innerItem(location).getFileAttributes(); });
   const auto held = guard(location);
-  // A file open for writing will answer from its working file here once bodies are cached.
   const auto record = forwardingRefusals([&] { return metadataCache_->getFileMetadata(location); });
   if (!record) throw notFound(location);
+  // A file open for writing answers from its working file: its size and time change with
+  // every write, before the store (or a fresh listing) knows of them.
+  if (const auto entry = contentCache_->find(record->getIRI());
+      entry && entry->isOpenForWriting()) {
+    return fsp::FileAttributes(entry->size(), entry->lastModified(), record->isWritable());
+  }
   return fsp::FileAttributes(record->getSize(), record->getLastModified(), record->isWritable());
 }
 
@@ -99,7 +104,12 @@ bool OverlayProvider::doHasFeature(const fsp::ExtendedFeature& feature) const {
   ensureInitialized();
   // The overlay claims only what it keeps true whatever the inner store does: being
   // writable. Recursive listing and locking semantics are the overlay's own business.
-  return inner_->hasFeature(feature) && feature == fsp::ExtendedFeature::ReadWrite;
+  return innerHasFeature(feature) && feature == fsp::ExtendedFeature::ReadWrite;
+}
+
+fsp::FilenameSensitivity OverlayProvider::doGetFilenameSensitivity(const StorageIRI&) const {
+  return metadataCache_->isCaseSensitive() ? fsp::FilenameSensitivity::CaseSensitive
+                                           : fsp::FilenameSensitivity::CaseInsensitive;
 }
 
 }  // namespace storage::overlayprovider

@@ -1,53 +1,152 @@
-// OverlayProvider: opening streams. Bodies are not cached yet: streams are the inner store's,
-// and a stream that writes refreshes the file's cache record when it is closed.
+// OverlayProvider: opening streams. A stream is a WorkingFileByteStream over the file's
+// working file in the content cache, so every stream on one file shares one cached body and
+// one queue of writes to the inner store. When the content cache fails, the provider flushes
+// and forwards everything to the inner store for the rest of its life.
+#include "core/contentcache/CachingErrorException.h"
 #include "core/provider/OverlayProvider.h"
 #include "core/provider/OverlayProviderSupport.h"
-#include "core/provider/RecordRefreshingByteStream.h"
+#include "core/workingfiles/WorkingFileByteStream.h"
 
-#include <boost/date_time/posix_time/posix_time.hpp>
+#include <foundation/storage/provider/GenericByteStreamDevice.h>
+
+#include <array>
+#include <boost/filesystem/exception.hpp>
 
 namespace storage::overlayprovider {
 
 using fsp::StorageIRI;
+namespace log = foundation::log;
+
+WorkingFileSettings OverlayProvider::workingFileSettings() const {
+  WorkingFileSettings settings;
+  settings.innerRoot = inner_;
+  settings.executor = executor_;
+  settings.metadataCache = metadataCache_;
+  settings.quotaAccountant = quotaAccountant();
+  settings.eventLatch = eventLatch_;
+  settings.maxReadPayloadSize = static_cast<std::int64_t>(maxReadPayloadSize_.load());
+  settings.maxWritePayloadSize = static_cast<std::int64_t>(maxWritePayloadSize_.load());
+  settings.minQueueItemWeight = minQueueItemWeight_.load();
+  settings.contentCacheDisabled = contentCacheDisabled_.load();
+  return settings;
+}
 
 fsp::ByteStreamPtr OverlayProvider::doOpenStream(const StorageIRI& iri,
                                                  const fsp::ByteStreamOpenOptions& options) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  if (passThrough_)
-    return forwardingRefusals([&] { return innerItem(location).openStream(options); });
-  if (options.create) checkName(publicLocation(location));
-  const auto held = guard(location);
-  auto stream = forwardingRefusals([&] { return innerItem(location).openStream(options); });
-  if (!options.write && !options.create && !options.truncate) return stream;
-  // Opening may have created or emptied the file: the record shows it at once, without
-  // asking the inner store (a new record is made as a creation makes it).
-  keepCacheTrue(location, [&] { noteOpenedForWriting(location, options.truncate); });
-  return std::make_unique<RecordRefreshingByteStream>(std::move(stream), [this, location] {
-    const auto held = guard(location);
-    keepCacheTrue(location, [&] { refreshFileRecord(location); });
-  });
-}
-
-void OverlayProvider::noteOpenedForWriting(const StorageIRI& location, bool truncated) const {
-  const auto record = metadataCache_->getFileMetadata(location);
-  if (!record) {
-    metadataCache_->createFileMetadata(location);
-    metadataCache_->confirmFile(location);
-  } else if (truncated) {
-    record->setSize(0).setLastModified(boost::posix_time::microsec_clock::universal_time());
+  if (!passThrough_) {
+    try {
+      return openCachedStream(location, options, false);
+    } catch (const CachingErrorException&) {
+      fallBackToInnerStore("Caching error when opening stream. Falling back.");
+    }
   }
+  return forwardingRefusals([&] { return innerItem(location).openStream(options); });
 }
 
 fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  if (passThrough_)
-    return forwardingRefusals([&] { return innerItem(location).openReadOnlyStream(); });
-  const auto held = guard(location);
+  if (!passThrough_) {
+    try {
+      return openCachedStream(location, fsp::ByteStreamOpenOptions::readOnly(), true);
+    } catch (const CachingErrorException&) {
+      fallBackToInnerStore("Caching error when opening read-only stream. Falling back.");
+    }
+  }
   return forwardingRefusals([&] { return innerItem(location).openReadOnlyStream(); });
+}
+
+fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
+                                                     const fsp::ByteStreamOpenOptions& options,
+                                                     bool readOnly) const {
+  if (eventLatch_) eventLatch_->trigger();
+  const auto held = guard(location);
+  const bool created = !metadataCache_->getFileMetadata(location);
+  const auto record = recordForStream(location, options, readOnly);
+  // The record names the file as the store spells it, so that every spelling of a name on a
+  // case-insensitive store shares one working file.
+  const auto& key = record->getIRI();
+  std::shared_ptr<WorkingFileEntry> entry;
+  try {
+    contentCache_->dropIfStale(key, record->getWatermark(), true);
+    entry = contentCache_->retrieve(key, record, workingFileSettings());
+  } catch (const boost::filesystem::filesystem_error&) {
+    // The cache's directory cannot be made or reached: as much a caching error as no space.
+    throw CachingErrorException("Caching failed due to an unknown error.");
+  }
+  if (readOnly) {
+    return std::make_unique<WorkingFileByteStream>(entry, entry->openReadOnly(), false);
+  }
+  auto openOptions = options;
+  openOptions.create = created;
+  std::function<void()> onOpened;
+  if (created) {
+    onOpened = [metadataCache = metadataCache_, key] { metadataCache->confirmFile(key); };
+  }
+  auto registration = entry->openReadWrite(openOptions, std::move(onOpened));
+  return std::make_unique<WorkingFileByteStream>(entry, std::move(registration), options.append);
+}
+
+std::shared_ptr<FileMetadata> OverlayProvider::recordForStream(
+    const StorageIRI& location, const fsp::ByteStreamOpenOptions& options, bool readOnly) const {
+  if (auto record = forwardingRefusals([&] { return metadataCache_->getFileMetadata(location); })) {
+    return record;
+  }
+  if (readOnly || options.mustExist()) throw notFound(location);
+  // Created as doCreateFile creates it, but the store learns of it from the stream's own
+  // open, queued behind what is already waiting.
+  checkName(publicLocation(location));
+  if (metadataCache_->getFolderMetadata(location)) {
+    throw fsp::Exception(fsp::ErrorCode::AlreadyExists, publicLocation(location));
+  }
+  if (!metadataCache_->getFolderMetadata(location.getParent())) {
+    throw notFound(location.getParent());
+  }
+  try {
+    contentCache_->removeEntry(location, false);
+  } catch (const boost::filesystem::filesystem_error&) {
+    throw CachingErrorException("Caching failed due to an unknown error.");
+  }
+  return metadataCache_->createFileMetadata(location);
+}
+
+void OverlayProvider::copyThroughStreams(fsp::ByteStreamPtr source,
+                                         fsp::ByteStreamPtr destination) {
+  fsp::GenericByteStreamDevice<> in(source);
+  fsp::GenericByteStreamDevice<> out(destination);
+  std::array<char, 4096> buffer;
+  for (;;) {
+    std::streamsize count = 0;
+    try {
+      count = in.read(buffer.data(), buffer.size());
+    } catch (...) {
+      in.close();
+      throw;
+    }
+    if (count < 1) break;
+    try {
+      for (std::streamsize done = 0; done < count;) {
+        const auto n = out.write(buffer.data() + done, count - done);
+        if (n <= 0) break;  // -1 ends the copy; 0 would never progress
+        done += n;
+      }
+    } catch (...) {
+      out.close();
+      throw;
+    }
+  }
+  in.close();
+  out.close();
+}
+
+void OverlayProvider::fallBackToInnerStore(const char* message) const {
+  OVERLAY_LOG(log::info) << message;
+  flushBody();
+  passThrough_.store(true);
 }
 
 }  // namespace storage::overlayprovider

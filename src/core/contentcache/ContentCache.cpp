@@ -1,0 +1,303 @@
+#include "core/contentcache/ContentCache.h"
+
+#include "core/contentcache/CachingErrorException.h"
+#include "core/contentcache/LocalFSCacheSpaceArbitrator.h"
+#include "core/provider/OverlayLog.h"
+
+#include <foundation/text/Unicode.h>
+
+#include <boost/exception/diagnostic_information.hpp>
+#include <boost/filesystem/operations.hpp>
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+namespace storage::overlayprovider {
+
+namespace fs = boost::filesystem;
+namespace log = foundation::log;
+using fsp::StorageIRI;
+
+namespace {
+
+fs::path defaultCacheRoot() {
+  return fs::temp_directory_path() /
+         ("overlay_cache-" + boost::uuids::to_string(boost::uuids::random_generator()()));
+}
+
+void logCaught() noexcept {
+  try {
+    OVERLAY_LOG(log::exception) << "Exception caught: "
+                                << boost::current_exception_diagnostic_information();
+  } catch (...) {
+  }
+}
+
+}  // namespace
+
+ContentCache::ContentCache()
+    : cacheRoot_(defaultCacheRoot()), arbitratorFactory_([](const fs::path& directory) {
+        return std::make_unique<LocalFSCacheSpaceArbitrator>(directory);
+      }) {}
+
+ContentCache::~ContentCache() {
+  try {
+    std::lock_guard lock(mutex_);
+    for (auto it = entries_.begin(); it != entries_.end();) it = eraseLocked(it);
+    pendingRelease_.clear();
+    if (mode_ == CacheMode::TEMPORARY) deleteMadeBodies();
+  } catch (...) {
+    logCaught();
+  }
+}
+
+void ContentCache::deleteMadeBodies() noexcept {
+  for (const auto& body : madeBodies_) {
+    boost::system::error_code ignored;
+    fs::remove(body, ignored);
+  }
+  madeBodies_.clear();
+}
+
+void ContentCache::setCacheRoot(fs::path root) {
+  std::lock_guard lock(mutex_);
+  cacheRoot_ = std::move(root);
+}
+
+void ContentCache::setPersistent() {
+  std::lock_guard lock(mutex_);
+  mode_ = CacheMode::PERSISTENT;
+}
+
+void ContentCache::setArbitratorFactory(ArbitratorFactory factory) {
+  std::lock_guard lock(mutex_);
+  arbitratorFactory_ = std::move(factory);
+  arbitrator_.reset();
+  initialized_ = false;
+}
+
+CacheMode ContentCache::mode() const {
+  std::lock_guard lock(mutex_);
+  return mode_;
+}
+
+fs::path ContentCache::cacheRoot() const {
+  std::lock_guard lock(mutex_);
+  return cacheRoot_;
+}
+
+fs::path ContentCache::versionDirectory() const {
+  std::lock_guard lock(mutex_);
+  return cacheRoot_ / "V1.0";
+}
+
+void ContentCache::ensureInitialized() {
+  std::lock_guard lock(mutex_);
+  ensureInitializedLocked();
+}
+
+void ContentCache::ensureInitializedLocked() {
+  fs::path versionDirectory;
+  try {
+    versionDirectory = (cacheRoot_ / "V1.0").make_preferred();
+  } catch (...) {
+    OVERLAY_LOG(log::error) << "Problem initializing cache root.";
+    logCaught();
+    throw;
+  }
+  try {
+    if (!fs::exists(versionDirectory)) fs::create_directories(versionDirectory);
+  } catch (...) {
+    OVERLAY_LOG(log::error) << "Problem checking or creating cache root";
+    logCaught();
+    throw;
+  }
+  if (initialized_) return;
+  if (arbitrator_) {
+    initialized_ = true;
+    return;
+  }
+  try {
+    arbitrator_ = arbitratorFactory_(versionDirectory);
+    initialized_ = true;
+  } catch (...) {
+    OVERLAY_LOG(log::error) << "Problem initializing space arbitrator";
+    logCaught();
+  }
+}
+
+std::shared_ptr<WorkingFileEntry> ContentCache::retrieve(
+    const StorageIRI& iri, const std::shared_ptr<FileMetadata>& metadata,
+    const WorkingFileSettings& settings) {
+  std::lock_guard lock(mutex_);
+  try {
+    ensureInitializedLocked();
+    auto it = entries_.find(iri);
+    if (it != entries_.end() && !it->second->isAborted()) return it->second;
+    if (it != entries_.end()) {
+      OVERLAY_LOG(log::notice) << "Retrieving " << iri.toString() << " due to previous abort.";
+      it->second->removeCachedBody();
+      eraseLocked(it);
+    }
+    makeRoomLocked(metadata->getSize());
+    auto entry = std::make_shared<WorkingFileEntry>(metadata, cacheRoot_ / "V1.0", mode_, settings);
+    if (const auto body = entry->resource()->path(); !body.empty()) madeBodies_.insert(body);
+    entries_.emplace(iri, entry);
+    ++entryCount_;
+    return entry;
+  } catch (const CachingErrorException&) {
+    throw;
+  } catch (...) {
+    OVERLAY_LOG(log::notice) << "Content caching failure.";
+    logCaught();
+    throw CachingErrorException("Caching failed due to an unknown error.");
+  }
+}
+
+// Deliberately the whole size is asked for, even when part of the body is already on disk.
+void ContentCache::makeRoomLocked(std::uint64_t bytes) {
+  if (!arbitrator_) return;
+  while (!arbitrator_->hasSpaceFor(bytes)) {
+    if (entryCount_ == 0) {
+      OVERLAY_LOG(log::notice) << "Content caching failure (no space).";
+      throw CachingErrorException("Caching failed due to a lack of filespace.");
+    }
+    evictOneLocked();
+  }
+}
+
+void ContentCache::evictOneLocked() {
+  OVERLAY_LOG(log::notice) << "Content cache out of space. "
+                           << "Removing least recently accessed item.";
+  auto oldest = entries_.begin();
+  for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+    if (it->second->lastAccess() < oldest->second->lastAccess()) oldest = it;
+  }
+  oldest->second->removeCachedBody();
+  eraseLocked(oldest);
+  arbitrator_->releaseSpace();
+}
+
+ContentCache::EntryMap::iterator ContentCache::eraseLocked(EntryMap::iterator it) {
+  auto entry = it->second;
+  it = entries_.erase(it);
+  --entryCount_;
+  entry->detach();
+  deferRelease(std::move(entry));
+  return it;
+}
+
+void ContentCache::deferRelease(std::shared_ptr<WorkingFileEntry> entry) {
+  if (activitySeen_.exchange(false)) pendingRelease_.clear();
+  pendingRelease_.push_back(std::move(entry));
+}
+
+bool ContentCache::contains(const StorageIRI& iri) {
+  std::lock_guard lock(mutex_);
+  ensureInitializedLocked();
+  return entries_.count(iri) > 0;
+}
+
+std::shared_ptr<WorkingFileEntry> ContentCache::find(const StorageIRI& iri) {
+  std::lock_guard lock(mutex_);
+  ensureInitializedLocked();
+  const auto it = entries_.find(iri);
+  return it == entries_.end() ? nullptr : it->second;
+}
+
+bool ContentCache::isInUse(const StorageIRI& iri, bool checkState) {
+  std::lock_guard lock(mutex_);
+  ensureInitializedLocked();
+  const auto it = entries_.find(iri);
+  if (it == entries_.end() || it->second->openCount() < 1) return false;
+  return !checkState || it->second->state() != 1;
+}
+
+void ContentCache::dropIfStale(const StorageIRI& iri, const std::string& watermark, bool notify) {
+  std::lock_guard lock(mutex_);
+  ensureInitializedLocked();
+  const auto it = entries_.find(iri);
+  if (it == entries_.end() || it->second->record()->getWatermark() == watermark) return;
+  if (notify) it->second->stampAndWake();
+  it->second->removeCachedBody();
+  eraseLocked(it);
+}
+
+void ContentCache::dropEntryLocked(EntryMap::iterator it, bool notify) {
+  // Nothing written may be lost with the entry: its pending bytes go to the executor.
+  it->second->enqueueProviderWrite();
+  if (notify) it->second->stampAndWake();
+  it->second->abort();
+  eraseLocked(it);
+}
+
+void ContentCache::removeEntry(const StorageIRI& iri, bool notify) {
+  std::lock_guard lock(mutex_);
+  ensureInitializedLocked();
+  if (const auto it = entries_.find(iri); it != entries_.end()) dropEntryLocked(it, notify);
+}
+
+void ContentCache::removeFolderEntries(const StorageIRI& folder, bool notify) {
+  std::lock_guard lock(mutex_);
+  ensureInitializedLocked();
+  std::vector<EntryMap::iterator> below;
+  for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+    if (folder.isAncestorOf(it->first)) below.push_back(it);
+  }
+  for (const auto& it : below) dropEntryLocked(it, notify);
+}
+
+void ContentCache::clear() { removeFolderEntries(StorageIRI(u"overlay", u"/"), true); }
+
+void ContentCache::moveEntry(const StorageIRI& from, const StorageIRI& to) {
+  std::lock_guard lock(mutex_);
+  ensureInitializedLocked();
+  const auto it = entries_.find(from);
+  if (it == entries_.end() || from == to) return;
+  auto entry = it->second;
+  entries_.erase(it);
+  --entryCount_;
+  if (const auto target = entries_.find(to); target != entries_.end()) {
+    target->second->abort();
+    eraseLocked(target);
+  }
+  entry->moveTo(to);
+  if (const auto body = entry->resource()->path(); !body.empty()) madeBodies_.insert(body);
+  entries_.emplace(to, std::move(entry));
+  ++entryCount_;
+}
+
+void ContentCache::moveFolderEntries(const StorageIRI& from, const StorageIRI& to) {
+  std::vector<std::pair<StorageIRI, StorageIRI>> moves;
+  {
+    std::lock_guard lock(mutex_);
+    ensureInitializedLocked();
+    const auto& fromPath = from.getPath();
+    for (const auto& [iri, entry] : entries_) {
+      if (!from.isAncestorOf(iri)) continue;
+      const auto relative = iri.getPath().substr(fromPath == u"/" ? 0 : fromPath.size());
+      moves.emplace_back(iri,
+                         to.withPath(to.getPath() == u"/" ? relative : to.getPath() + relative));
+    }
+  }
+  for (const auto& [source, target] : moves) moveEntry(source, target);
+}
+
+std::vector<std::shared_ptr<WorkingFileEntry>> ContentCache::entries() {
+  std::lock_guard lock(mutex_);
+  std::vector<std::shared_ptr<WorkingFileEntry>> all;
+  all.reserve(entries_.size());
+  for (const auto& [iri, entry] : entries_) all.push_back(entry);
+  return all;
+}
+
+void ContentCache::releasePending() {
+  std::vector<std::shared_ptr<WorkingFileEntry>> released;
+  {
+    std::lock_guard lock(mutex_);
+    ensureInitializedLocked();
+    released.swap(pendingRelease_);
+  }
+  // Entries are freed outside the lock: their last references may be the only ones.
+}
+
+}  // namespace storage::overlayprovider

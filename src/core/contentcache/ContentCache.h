@@ -1,0 +1,122 @@
+// ContentCache: the on-disk area where file bodies are kept, and the registry of the working
+// file entries that use it (one per overlay file whose body is cached or open).
+//
+// Layout: a cache root (by default a fresh "overlay_cache-<random UUID>" directory in the
+// system's temporary directory, or "overlay.cacheRoot"), holding a "V1.0" directory in which
+// every body lies as "<base64url Blake2b of the file's IRI>.cache". There is no index: what
+// is cached is known from the body files and the entries in memory. The version directory is
+// recreated by every operation, so one deleted from outside comes back.
+//
+// Space: before an entry is made, the arbitrator is asked for the file's whole size; while it
+// refuses, the least recently accessed entry is evicted (its body deleted, open or not).
+// Entries that leave the registry are kept alive in a release list until the next flush or
+// invalidation, or until the executor reports new activity, so that a transaction or a
+// caller that fetched one may still use it.
+//
+// Choices where the behaviour is ours to make:
+//  - Temporary mode deletes, when the cache is destroyed, every body file it made; the root
+//    and "V1.0" stay. Persistent mode deletes nothing.
+//  - removeEntry hands the entry's pending writes to the executor; it does not wait for
+//    them (the cache's mutex must not be held for the store's time).
+//  - moveEntry and moveFolderEntries re-key the entries and move their bodies; they do not
+//    abort them, so streams open on a moved file keep working.
+//  - An entry that leaves the registry is told to (WorkingFileEntry::detach), so that a
+//    partial body left on disk is never taken for whole later.
+//
+// Ownership: the provider owns its content cache through std::unique_ptr and destroys it
+// after its executor. The cache shares ownership of its entries with their streams.
+// Locks: mutex_ for every operation, for its whole duration, then an entry's own lock (never
+// the other way round); the arbitrator is called under mutex_. markActivity takes no lock.
+// Threads: the host's threads (opening streams, mutations, flush), the executor's activity
+// callback (markActivity).
+#pragma once
+
+#include "core/contentcache/CacheMode.h"
+#include "core/contentcache/ICacheSpaceArbitrator.h"
+#include "core/workingfiles/WorkingFileEntry.h"
+#include "core/workingfiles/WorkingFileSettings.h"
+
+#include <foundation/storage/provider/StorageIRI.h>
+
+#include <atomic>
+#include <boost/filesystem/path.hpp>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <vector>
+
+namespace storage::overlayprovider {
+
+class ContentCache {
+ public:
+  // Makes the arbitrator for a version directory (replaceable for tests).
+  using ArbitratorFactory =
+      std::function<std::unique_ptr<ICacheSpaceArbitrator>(const boost::filesystem::path&)>;
+
+  ContentCache();
+  ContentCache(const ContentCache&) = delete;
+  ContentCache& operator=(const ContentCache&) = delete;
+  // Temporary mode: deletes the bodies it made. Catches and logs everything.
+  ~ContentCache();
+
+  // Configuration, before first use.
+  void setCacheRoot(boost::filesystem::path root);
+  void setPersistent();
+  void setArbitratorFactory(ArbitratorFactory factory);
+  CacheMode mode() const;
+  boost::filesystem::path cacheRoot() const;
+  boost::filesystem::path versionDirectory() const;
+
+  // Creates the version directory when missing and the arbitrator when there is none.
+  void ensureInitialized();
+  // The entry of a file, made when missing (throws CachingErrorException).
+  std::shared_ptr<WorkingFileEntry> retrieve(const fsp::StorageIRI& iri,
+                                             const std::shared_ptr<FileMetadata>& metadata,
+                                             const WorkingFileSettings& settings);
+  bool contains(const fsp::StorageIRI& iri);
+  // The entry of a file, if there is one; nothing is made.
+  std::shared_ptr<WorkingFileEntry> find(const fsp::StorageIRI& iri);
+  // An entry exists with a stream open (and, with checkState, not closing).
+  bool isInUse(const fsp::StorageIRI& iri, bool checkState);
+  // Drops the entry and its body when its record's "WATERMARK" differs from `watermark`.
+  void dropIfStale(const fsp::StorageIRI& iri, const std::string& watermark, bool notify);
+  void removeEntry(const fsp::StorageIRI& iri, bool notify);
+  void moveEntry(const fsp::StorageIRI& from, const fsp::StorageIRI& to);
+  void removeFolderEntries(const fsp::StorageIRI& folder, bool notify);
+  void moveFolderEntries(const fsp::StorageIRI& from, const fsp::StorageIRI& to);
+  // Drops every entry (whole-overlay invalidation).
+  void clear();
+  // The entries now registered, for handing their pending writes over at a flush.
+  std::vector<std::shared_ptr<WorkingFileEntry>> entries();
+  void releasePending();
+  // The executor has work again: the next deferred release may free the older ones.
+  void markActivity() { activitySeen_.store(true); }
+
+ private:
+  using EntryMap = std::map<fsp::StorageIRI, std::shared_ptr<WorkingFileEntry>>;
+
+  void ensureInitializedLocked();
+  void makeRoomLocked(std::uint64_t bytes);
+  void evictOneLocked();
+  // Takes the entry at `it` out of the registry (deferred release); returns the next one.
+  EntryMap::iterator eraseLocked(EntryMap::iterator it);
+  void dropEntryLocked(EntryMap::iterator it, bool notify);
+  void deferRelease(std::shared_ptr<WorkingFileEntry> entry);
+  void deleteMadeBodies() noexcept;
+
+  CacheMode mode_ = CacheMode::TEMPORARY;
+  boost::filesystem::path cacheRoot_;
+  EntryMap entries_;
+  std::size_t entryCount_ = 0;
+  std::vector<std::shared_ptr<WorkingFileEntry>> pendingRelease_;
+  std::atomic<bool> activitySeen_{false};
+  ArbitratorFactory arbitratorFactory_;
+  std::unique_ptr<ICacheSpaceArbitrator> arbitrator_;
+  bool initialized_ = false;
+  std::set<boost::filesystem::path> madeBodies_;
+  mutable std::mutex mutex_;
+};
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,456 @@
+// WorkingFileEntry: the caller's side (streams, reads, writes, closing) and the content
+// cache's view. The inner stream and the transactions are in WorkingFileEntryInner.cpp.
+#include "core/workingfiles/WorkingFileEntry.h"
+
+#include "core/contentcache/FilesystemCacheResource.h"
+#include "core/contentcache/NOOPCacheResource.h"
+#include "core/provider/OverlayLog.h"
+
+#include <foundation/storage/provider/Exception.h>
+
+#include <utime.h>
+#include <algorithm>
+#include <boost/date_time/posix_time/conversion.hpp>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+namespace storage::overlayprovider {
+
+using fsp::ErrorCode;
+using fsp::Exception;
+namespace log = foundation::log;
+
+namespace {
+
+constexpr std::int64_t kMinimumFetch = 128 * 1024;
+
+std::chrono::milliseconds waitForZeroPeriod() {
+  const char* text = std::getenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD");
+  return std::chrono::milliseconds(text ? std::strtol(text, nullptr, 10) : 2000);
+}
+
+std::int64_t steadyNow() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+
+std::shared_ptr<CacheResource> makeResource(const std::shared_ptr<FileMetadata>& record,
+                                            const boost::filesystem::path& cacheDirectory,
+                                            bool disabled) {
+  if (disabled) return std::make_shared<NOOPCacheResource>();
+  return std::make_shared<FilesystemCacheResource>(record, cacheDirectory);
+}
+
+}  // namespace
+
+WorkingFileEntry::WorkingFileEntry(std::shared_ptr<FileMetadata> record,
+                                   const boost::filesystem::path& cacheDirectory, CacheMode mode,
+                                   WorkingFileSettings settings)
+    : record_(std::move(record)),
+      settings_(std::move(settings)),
+      mode_(mode),
+      resource_(makeResource(record_, cacheDirectory, settings_.contentCacheDisabled)),
+      lastAccess_(steadyNow()),
+      innerLocation_(record_->getIRI()),
+      location_(record_->getIRI()),
+      size_(static_cast<std::int64_t>(record_->getSize())) {}
+
+WorkingFileEntry::~WorkingFileEntry() = default;
+
+void WorkingFileEntry::touch() { lastAccess_.store(steadyNow()); }
+
+std::uint64_t WorkingFileEntry::registerStream(bool writable) {
+  touch();
+  std::lock_guard lock(mutex_);
+  const auto id = nextStreamId_++;
+  openStreams_.insert(id);
+  if (writable) writableStreams_.insert(id);
+  return id;
+}
+
+std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadOnly() {
+  return std::make_shared<StreamRegistration>(weak_from_this(), registerStream(false));
+}
+
+std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadWrite(
+    const fsp::ByteStreamOpenOptions& options, std::function<void()> onOpened) {
+  auto registration = std::make_shared<StreamRegistration>(weak_from_this(), registerStream(true));
+  if (options.truncate) {
+    std::lock_guard lock(mutex_);
+    // The store's copy is emptied by the open below; so is ours, and with it every range.
+    resource_->doRemove();
+    pendingBlock_.reset();
+    size_ = 0;
+    ++generation_;
+    record_->setSize(0).setLastModified(resource_->lastModified());
+  }
+  if (options.create || options.truncate) {
+    std::lock_guard order(submitMutex_);
+    submit([self = shared_from_this(), options, onOpened] { self->runOpen(options, onOpened); },
+           FILE_OPEN_READWRITE, settings_.minQueueItemWeight);
+  } else if (onOpened) {
+    onOpened();
+  }
+  return registration;
+}
+
+// --- reading ---
+
+std::int64_t WorkingFileEntry::readAt(std::int64_t offset, char* buffer, std::int64_t count) {
+  touch();
+  if (offset < 0) throw Exception(ErrorCode::IOError, location(), "negative read position");
+  for (;;) {
+    {
+      std::lock_guard lock(mutex_);
+      if (offset >= size_) return -1;
+      count = std::min(count, size_ - offset);
+      if (count <= 0) return 0;
+      if (const auto n = readCachedLocked(offset, buffer, count); n > 0) {
+        nextSequential_ = offset + n;
+        return n;
+      }
+      if (!bodyMayLackPendingWritesLocked()) break;
+    }
+    if (!waitForPendingWrites()) break;
+  }
+  return fetch(offset, buffer, count);
+}
+
+std::int64_t WorkingFileEntry::readCachedLocked(std::int64_t offset, char* buffer,
+                                                std::int64_t count) {
+  const auto query = resource_->queryRange(offset, count);
+  if (query.status == RangeStatus::FULLY_CACHED) return resource_->read(offset, buffer, count);
+  if (query.status == RangeStatus::PARTIALLY_CACHED && query.gap && query.gap->from > offset) {
+    return resource_->read(offset, buffer, query.gap->from - offset);
+  }
+  return 0;
+}
+
+bool WorkingFileEntry::bodyMayLackPendingWritesLocked() const {
+  return bodyLost_ || resource_->hasFailed();
+}
+
+// Hands the pending block over and waits until this file's transactions have drained (or the
+// entry is aborted). Returns whether there was anything to wait for, so the caller reads the
+// cache again before asking the store.
+bool WorkingFileEntry::waitForPendingWrites() {
+  enqueueProviderWrite();
+  std::unique_lock lock(pendingMutex_);
+  if (pendingTransactions_ == 0) return false;
+  const auto period = waitForZeroPeriod();
+  while (pendingTransactions_ > 0 && !aborted_.load()) {
+    pendingChanged_.wait_for(lock, period);
+  }
+  return true;
+}
+
+std::int64_t WorkingFileEntry::fetchWindowLocked(std::int64_t offset, std::int64_t count) const {
+  const auto limit = std::max<std::int64_t>(settings_.maxReadPayloadSize, 1);
+  if (offset == nextSequential_ && readAhead_ > 0) {
+    readAhead_ = std::min(limit, std::max(readAhead_ * 2, count));
+  } else {
+    readAhead_ = std::min(limit, std::max(count, kMinimumFetch));
+  }
+  auto window = std::min(readAhead_, size_ - offset);
+  // Never fetch over cached bytes: they may be writes the store has not seen yet.
+  if (const auto* body = dynamic_cast<const FilesystemCacheResource*>(resource_.get())) {
+    for (const auto& [start, end] : body->ranges()) {
+      if (start > offset) {
+        window = std::min(window, start - offset);
+        break;
+      }
+    }
+  }
+  return std::max<std::int64_t>(window, 1);
+}
+
+std::int64_t WorkingFileEntry::fetch(std::int64_t offset, char* buffer, std::int64_t count) {
+  std::lock_guard inner(innerMutex_);
+  std::int64_t window = 0;
+  std::uint64_t generation = 0;
+  bool cacheable = false;
+  {
+    std::lock_guard lock(mutex_);
+    window = fetchWindowLocked(offset, count);
+    generation = generation_;
+    cacheable = !resource_->hasFailed();
+  }
+  ensureInnerStreamLocked(false);
+  seekInnerLocked(offset);
+  if (!cacheable) {
+    const auto n = readInnerLocked(buffer, std::min(count, window));
+    return n > 0 ? n : -1;
+  }
+  std::vector<char> data(static_cast<std::size_t>(window));
+  const auto n = readInnerLocked(data.data(), window);
+  if (n <= 0) return -1;
+  {
+    std::lock_guard lock(mutex_);
+    // A write that arrived meanwhile is newer than what the store sent: keep it.
+    if (generation == generation_) resource_->write(offset, data.data(), n);
+    nextSequential_ = offset + std::min(n, count);
+  }
+  const auto served = std::min(n, count);
+  std::memcpy(buffer, data.data(), static_cast<std::size_t>(served));
+  return served;
+}
+
+// --- writing ---
+
+std::int64_t WorkingFileEntry::writeAt(std::int64_t offset, const char* data, std::int64_t count) {
+  if (offset < 0) throw Exception(ErrorCode::IOError, location(), "negative write position");
+  if (count <= 0) return 0;
+  if (settings_.eventLatch) settings_.eventLatch->trigger();
+  touch();
+  checkSpace(offset, count);
+  std::vector<std::shared_ptr<PendingWriteBlock>> handOver;
+  std::lock_guard order(submitMutex_);
+  {
+    std::lock_guard lock(mutex_);
+    checkQuotaLocked(offset, count);
+    if (offset > size_) {
+      // The gap becomes zero bytes, locally and on the store, in blocks of bounded size.
+      const std::vector<char> zeros(
+          static_cast<std::size_t>(std::min<std::int64_t>(offset - size_, 1 << 20)), 0);
+      while (size_ < offset) {
+        const auto n = std::min<std::int64_t>(offset - size_, zeros.size());
+        writeLocked(size_, zeros.data(), n, handOver);
+      }
+    }
+    writeLocked(offset, data, count, handOver);
+  }
+  submitWrites(handOver);
+  return count;
+}
+
+std::int64_t WorkingFileEntry::append(const char* data, std::int64_t count) {
+  std::int64_t end = 0;
+  {
+    std::lock_guard lock(mutex_);
+    end = size_;
+  }
+  return writeAt(end, data, count);
+}
+
+void WorkingFileEntry::checkSpace(std::int64_t offset, std::int64_t count) {
+  const auto available = settings_.innerRoot->getProviderCacheUsage().getSpaceAvailable();
+  if (available < static_cast<std::uint64_t>(offset + count)) {
+    close(0);
+    throw Exception(ErrorCode::CacheSpaceExhausted, location(), "the store's cache has no room");
+  }
+}
+
+void WorkingFileEntry::checkQuotaLocked(std::int64_t offset, std::int64_t count) const {
+  if (!settings_.quotaAccountant || state_ == 1) return;
+  const auto limit = settings_.quotaAccountant->getSpaceAvailable();
+  if (!limit) return;
+  const auto size = static_cast<std::uint64_t>(size_);
+  if (std::max(static_cast<std::uint64_t>(offset + count), size) >= *limit + size) {
+    throw Exception(ErrorCode::QuotaExceeded, location_, "the write would exceed the quota");
+  }
+}
+
+void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::int64_t count,
+                                   std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
+  recordLocked(offset, data, count, handOver);
+  if (!resource_->hasFailed()) resource_->write(offset, data, count);
+  if (settings_.quotaAccountant) {
+    settings_.quotaAccountant->addBytesWritten(static_cast<std::size_t>(count));
+  }
+  size_ = std::max(size_, offset + count);
+  ++generation_;
+  record_->setSize(static_cast<std::uint64_t>(size_)).setLastModified(resource_->lastModified());
+}
+
+void WorkingFileEntry::recordLocked(std::int64_t offset, const char* data, std::int64_t count,
+                                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
+  const auto capacity = std::max<std::int64_t>(settings_.maxWritePayloadSize, 1);
+  if (!pendingBlock_) pendingBlock_ = std::make_unique<PendingWriteBlock>(offset, capacity);
+  const auto answer = pendingBlock_->append(offset, data, count);
+  if (answer == PendingWriteBlock::APPENDED && !settings_.contentCacheDisabled) return;
+  handOver.push_back(std::move(pendingBlock_));
+  if (answer == PendingWriteBlock::NOT_CONTIGUOUS) {
+    // The new bytes start a block of their own, which waits (also in write-through mode).
+    pendingBlock_ = std::make_unique<PendingWriteBlock>(offset, capacity);
+    pendingBlock_->append(offset, data, count);
+  }
+}
+
+void WorkingFileEntry::enqueueProviderWrite() {
+  std::lock_guard order(submitMutex_);
+  std::vector<std::shared_ptr<PendingWriteBlock>> handOver;
+  {
+    std::lock_guard lock(mutex_);
+    if (pendingBlock_ && pendingBlock_->size() > 0) handOver.push_back(std::move(pendingBlock_));
+    pendingBlock_.reset();
+  }
+  submitWrites(handOver);
+}
+
+void WorkingFileEntry::submitWrites(const std::vector<std::shared_ptr<PendingWriteBlock>>& blocks) {
+  for (const auto& block : blocks) {
+    if (!block || block->size() == 0) continue;
+    submit([self = shared_from_this(), block] { self->writeInner(*block); }, FILE_WRITE,
+           transactionWeight(settings_.minQueueItemWeight, block->size()));
+  }
+}
+
+void WorkingFileEntry::flushContentCache() {
+  enqueueProviderWrite();
+  std::unique_lock lock(pendingMutex_);
+  pendingChanged_.wait(lock, [this] { return pendingTransactions_ == 0; });
+}
+
+// --- closing ---
+
+void WorkingFileEntry::close(std::uint64_t streamId) {
+  std::lock_guard order(submitMutex_);
+  std::vector<std::shared_ptr<PendingWriteBlock>> handOver;
+  bool lastClose = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (pendingBlock_ && pendingBlock_->size() > 0) handOver.push_back(std::move(pendingBlock_));
+    pendingBlock_.reset();
+    const bool wasOpen = openStreams_.erase(streamId) > 0;
+    writableStreams_.erase(streamId);
+    lastClose = wasOpen && openStreams_.empty();
+    if (lastClose) state_ = 1;
+  }
+  submitWrites(handOver);
+  if (lastClose) {
+    submit([self = shared_from_this()] { self->runClose(); }, FILE_CLOSE,
+           settings_.minQueueItemWeight);
+  }
+}
+
+void WorkingFileEntry::releaseStream(std::uint64_t streamId) {
+  {
+    std::lock_guard lock(mutex_);
+    if (!openStreams_.count(streamId)) return;
+  }
+  OVERLAY_LOG(log::notice) << "A stream on " << location().toString()
+                           << " was dropped without being closed; closing it.";
+  close(streamId);
+}
+
+// --- transactions ---
+
+class WorkingFileEntry::PendingTicket {
+ public:
+  explicit PendingTicket(std::shared_ptr<WorkingFileEntry> entry) : entry_(std::move(entry)) {
+    std::lock_guard lock(entry_->pendingMutex_);
+    ++entry_->pendingTransactions_;
+  }
+  // Runs when the transaction has run or was dropped unrun: either way it is no longer
+  // pending, and waiters must not wait for it for ever.
+  ~PendingTicket() {
+    std::lock_guard lock(entry_->pendingMutex_);
+    --entry_->pendingTransactions_;
+    entry_->pendingChanged_.notify_all();
+  }
+
+ private:
+  std::shared_ptr<WorkingFileEntry> entry_;
+};
+
+void WorkingFileEntry::submit(std::function<void()> task, ObservableTransactionType kind,
+                              double weight) {
+  const auto executor = settings_.executor ? settings_.executor->load() : nullptr;
+  if (!executor) {
+    OVERLAY_LOG(log::error) << "No executor for " << kind << " of " << location().toString();
+    return;
+  }
+  auto ticket = std::make_shared<PendingTicket>(shared_from_this());
+  executor->execute([task = std::move(task), ticket] { task(); }, kind, weight);
+}
+
+// --- the content cache's view ---
+
+std::size_t WorkingFileEntry::openCount() const {
+  std::lock_guard lock(mutex_);
+  return openStreams_.size();
+}
+
+int WorkingFileEntry::state() const {
+  std::lock_guard lock(mutex_);
+  return state_;
+}
+
+void WorkingFileEntry::stampAndWake() {
+  touch();
+  std::lock_guard lock(pendingMutex_);
+  pendingChanged_.notify_all();
+}
+
+void WorkingFileEntry::removeCachedBody() {
+  std::lock_guard lock(mutex_);
+  resource_->doRemove();
+  bodyLost_ = true;
+  ++generation_;
+}
+
+void WorkingFileEntry::moveTo(const fsp::StorageIRI& location) {
+  {
+    std::lock_guard lock(mutex_);
+    resource_->move(location);
+    location_ = location;
+  }
+  std::lock_guard order(submitMutex_);
+  submit([self = shared_from_this(), location] { self->relocateInner(location); }, FILE_CLOSE,
+         settings_.minQueueItemWeight);
+}
+
+void WorkingFileEntry::detach() {
+  std::lock_guard lock(mutex_);
+  if (openStreams_.empty() && !bodyCompleteLocked()) stampBodyLocked();
+}
+
+bool WorkingFileEntry::bodyCompleteLocked() const {
+  const auto* body = dynamic_cast<const FilesystemCacheResource*>(resource_.get());
+  return body && !body->hasFailed() && body->coversWhole(size_);
+}
+
+// A complete body carries the file's last-modified time, a partial one the epoch (so the
+// staleness check of a later entry discards it).
+void WorkingFileEntry::stampBodyLocked() {
+  if (!dynamic_cast<const FilesystemCacheResource*>(resource_.get())) return;
+  if (bodyCompleteLocked()) {
+    const auto lastModified = record_->getLastModified();
+    if (mode_ == CacheMode::PERSISTENT) {
+      resource_->sync(lastModified);
+      return;
+    }
+    const auto seconds = (lastModified - boost::posix_time::from_time_t(0)).total_seconds();
+    const ::utimbuf times{static_cast<time_t>(seconds), static_cast<time_t>(seconds)};
+    ::utime(resource_->path().c_str(), &times);
+  } else if (resource_->exists()) {
+    const ::utimbuf epoch{0, 0};
+    ::utime(resource_->path().c_str(), &epoch);
+  }
+}
+
+// --- queries ---
+
+fsp::StorageIRI WorkingFileEntry::location() const {
+  std::lock_guard lock(mutex_);
+  return location_;
+}
+
+std::uint64_t WorkingFileEntry::size() const {
+  std::lock_guard lock(mutex_);
+  return static_cast<std::uint64_t>(size_);
+}
+
+bool WorkingFileEntry::isOpenForWriting() const {
+  std::lock_guard lock(mutex_);
+  return !writableStreams_.empty();
+}
+
+boost::posix_time::ptime WorkingFileEntry::lastModified() const {
+  return record_->getLastModified();
+}
+
+std::shared_ptr<CacheResource> WorkingFileEntry::resource() const {
+  std::lock_guard lock(mutex_);
+  return resource_;
+}
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,207 @@
+// WorkingFileEntry: the state the overlay keeps for one file whose body is cached or open:
+// the cached body (a CacheResource), the file's metadata record, the writes not yet handed to
+// the executor, and the file's one stream on the inner store.
+//
+// Reads are served from the cached body. Writes land in the cached body at once, are
+// coalesced into a pending block of contiguous bytes, and reach the inner store as FILE_WRITE
+// transactions on the executor; the caller never waits for the store on a write.
+//
+// Choices where the behaviour is ours to make:
+//  - Read misses: the missing bytes are fetched from the inner stream on the caller's thread,
+//    stored in the cached body with their range, and then served; the next read of that
+//    range makes no store call. One fetch asks for at most "overlay.maxReadPayloadSize"
+//    bytes. Its size adapts: a read that continues where the last one ended doubles the
+//    read-ahead (up to that limit), any other read fetches what it asks for, at least
+//    128 KiB, and never beyond the file's end or into bytes already cached (which may hold
+//    writes the store has not seen yet). So a sequential reader is served in few large
+//    requests and a read at the end of a large file fetches only the end.
+//  - A read that misses while the cached body may lack bytes still queued for the store (the
+//    body was evicted or failed, or content caching is disabled) first hands the pending
+//    block over and waits, in rounds of QV_OVERLAY_WAIT_FOR_ZERO_PERIOD milliseconds (default
+//    2000), until no transaction of this file is pending or the entry is aborted; only then is
+//    the store asked, so a read never returns bytes older than a write the caller made.
+//  - The inner stream: at most one per entry. It is opened on first need: by a read miss (on
+//    the caller's thread, read-only), by the first FILE_WRITE, or by the FILE_OPEN_READWRITE
+//    that an open queues when it must change the store (create or truncate the file). A
+//    read-only stream is replaced by a read-write one when a write needs it. It is closed
+//    by the FILE_CLOSE transaction queued when the last open stream closes; that task then
+//    sets the file's last-modified time on the store and reads its extended attributes back
+//    (keeping "WATERMARK" current), once per close rather than once per write, so that a
+//    large write costs the store one call per block. A plain read-only open queues nothing:
+//    a fully cached file is then read with no store call at all.
+//  - Writes go to the inner stream with a seek only when the stream is not already at the
+//    block's offset.
+//  - When the last stream closes, a complete body (every byte of the file cached) is stamped
+//    with the file's last-modified time (in persistent mode also flushed to disk), so that a
+//    later entry takes it as fresh; a partial body is stamped with the epoch, so that no later
+//    entry takes it for whole. A truncating open drops the body and starts an empty one.
+//  - Write-through mode (content caching disabled): every contiguous write is handed over at
+//    once, and reads go to the inner store after the file's pending writes have drained.
+//  - Streams are counted by id (StreamRegistration); a second close of one stream is harmless.
+//  - flushContentCache hands the pending block over and waits until no transaction of this
+//    file is pending.
+//
+// Ownership: made by the ContentCache (std::make_shared) and shared by the cache, every
+// stream on the file and every queued transaction of the file; everything it uses is held by
+// shared ownership, so it may outlive the cache and the provider. Once the provider's
+// executor has stopped, its further transactions are dropped (and logged by the executor).
+//
+// Locks, in order: submitMutex_ (serialises handing blocks to the executor, so that they
+// reach it in the order they were written), innerMutex_ (the inner stream and its position),
+// mutex_ (size, open streams, pending block, cached body), pendingMutex_ (count of queued
+// transactions). The ContentCache takes its own mutex and then mutex_; the entry never calls
+// into the content cache. No lock but innerMutex_ is held while the store is called.
+// Threads: streams call in from the host's threads; transactions run on the executor's
+// thread; the content cache calls its management operations from the host's threads.
+#pragma once
+
+#include "core/contentcache/CacheMode.h"
+#include "core/contentcache/CacheResource.h"
+#include "core/execution/ObservableTransactionType.h"
+#include "core/metadata/FileMetadata.h"
+#include "core/workingfiles/PendingWriteBlock.h"
+#include "core/workingfiles/StreamRegistration.h"
+#include "core/workingfiles/WorkingFileSettings.h"
+
+#include <foundation/storage/provider/ByteStream.h>
+
+#include <atomic>
+#include <boost/filesystem/path.hpp>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+
+namespace storage::overlayprovider {
+
+namespace fsp = foundation::storage::provider;
+
+class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
+ public:
+  WorkingFileEntry(std::shared_ptr<FileMetadata> record,
+                   const boost::filesystem::path& cacheDirectory, CacheMode mode,
+                   WorkingFileSettings settings);
+  WorkingFileEntry(const WorkingFileEntry&) = delete;
+  WorkingFileEntry& operator=(const WorkingFileEntry&) = delete;
+  ~WorkingFileEntry();
+
+  // --- streams (host threads) ---
+  // Registers a stream. Read-write opens that create or empty the file queue the
+  // FILE_OPEN_READWRITE that does it on the store; `onOpened` runs after that transaction.
+  std::shared_ptr<StreamRegistration> openReadOnly();
+  std::shared_ptr<StreamRegistration> openReadWrite(const fsp::ByteStreamOpenOptions& options,
+                                                    std::function<void()> onOpened);
+  // Bytes read into `buffer`, or -1 at or past the end of the file.
+  std::int64_t readAt(std::int64_t offset, char* buffer, std::int64_t count);
+  std::int64_t writeAt(std::int64_t offset, const char* data, std::int64_t count);
+  std::int64_t append(const char* data, std::int64_t count);
+  std::uint64_t size() const;
+  void close(std::uint64_t streamId);
+  // The stream `streamId` went away without closing (see StreamRegistration).
+  void releaseStream(std::uint64_t streamId);
+  // Hands the pending block to the executor.
+  void enqueueProviderWrite();
+  // Hands the pending block over and waits until no transaction of this file is pending.
+  void flushContentCache();
+
+  // --- the content cache's view (called under the content cache's mutex) ---
+  std::size_t openCount() const;
+  // 1 while the last stream is closing, 0 otherwise.
+  int state() const;
+  std::int64_t lastAccess() const { return lastAccess_.load(); }
+  // Sets the aborted flag; returns its previous value.
+  bool abort() { return aborted_.exchange(true); }
+  bool isAborted() const { return aborted_.load(); }
+  // Stamps the access time and wakes readers waiting for pending writes.
+  void stampAndWake();
+  // Deletes the cached body (eviction, stale body); readers then fetch from the store.
+  void removeCachedBody();
+  // The file moved in the overlay: the body follows and the inner stream is reopened at the
+  // new location by the next transaction that needs it.
+  void moveTo(const fsp::StorageIRI& location);
+  // The entry leaves the content cache: unless streams still use it, a partial body is
+  // stamped so that no later entry takes it for whole.
+  void detach();
+
+  // --- queries ---
+  std::shared_ptr<FileMetadata> record() const { return record_; }
+  fsp::StorageIRI location() const;
+  // Whether a stream that can write is open (its size and time are then the truth).
+  bool isOpenForWriting() const;
+  boost::posix_time::ptime lastModified() const;
+  std::shared_ptr<CacheResource> resource() const;
+
+ private:
+  class PendingTicket;
+
+  // Caller side (WorkingFileEntry.cpp).
+  void touch();
+  std::uint64_t registerStream(bool writable);
+  std::int64_t readCachedLocked(std::int64_t offset, char* buffer, std::int64_t count);
+  bool bodyMayLackPendingWritesLocked() const;
+  bool waitForPendingWrites();
+  std::int64_t fetchWindowLocked(std::int64_t offset, std::int64_t count) const;
+  std::int64_t fetch(std::int64_t offset, char* buffer, std::int64_t count);
+  void checkSpace(std::int64_t offset, std::int64_t count);
+  void checkQuotaLocked(std::int64_t offset, std::int64_t count) const;
+  void writeLocked(std::int64_t offset, const char* data, std::int64_t count,
+                   std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
+  void recordLocked(std::int64_t offset, const char* data, std::int64_t count,
+                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
+  void submitWrites(const std::vector<std::shared_ptr<PendingWriteBlock>>& blocks);
+  void submit(std::function<void()> task, ObservableTransactionType kind, double weight);
+  std::shared_ptr<PendingTicket> newTicket();
+  void stampBodyLocked();
+  bool bodyCompleteLocked() const;
+
+  // Executor side (WorkingFileEntryInner.cpp); callers hold innerMutex_.
+  fsp::StorageItem innerItemLocked() const;
+  void openInnerLocked(const fsp::ByteStreamOpenOptions& options);
+  void ensureInnerStreamLocked(bool forWriting);
+  void seekInnerLocked(std::int64_t offset);
+  std::int64_t readInnerLocked(char* buffer, std::int64_t count);
+  void writeInner(const PendingWriteBlock& block);
+  void writeInnerLocked(const PendingWriteBlock& block);
+  void closeInnerLocked();
+  void runOpen(const fsp::ByteStreamOpenOptions& options, const std::function<void()>& onOpened);
+  void runClose();
+  void updateStoreAfterWrites(const boost::posix_time::ptime& lastModified);
+  void relocateInner(const fsp::StorageIRI& location);
+
+  const std::shared_ptr<FileMetadata> record_;
+  const WorkingFileSettings settings_;
+  const CacheMode mode_;
+  std::shared_ptr<CacheResource> resource_;
+  std::atomic<bool> aborted_{false};
+  std::atomic<std::int64_t> lastAccess_{0};
+
+  std::mutex submitMutex_;
+
+  std::mutex innerMutex_;
+  fsp::StorageIRI innerLocation_;
+  fsp::ByteStreamPtr innerStream_;
+  bool innerWritable_ = false;
+  std::int64_t innerPosition_ = -1;
+  bool innerWritten_ = false;
+
+  mutable std::mutex mutex_;
+  fsp::StorageIRI location_;
+  std::int64_t size_;
+  std::set<std::uint64_t> openStreams_;
+  std::set<std::uint64_t> writableStreams_;
+  std::uint64_t nextStreamId_ = 1;
+  int state_ = 0;
+  std::unique_ptr<PendingWriteBlock> pendingBlock_;
+  bool bodyLost_ = false;
+  std::uint64_t generation_ = 0;  // bumped by every local change of the body
+  std::int64_t nextSequential_ = 0;
+  mutable std::int64_t readAhead_ = 0;
+
+  std::mutex pendingMutex_;
+  std::condition_variable pendingChanged_;
+  std::int64_t pendingTransactions_ = 0;
+};
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,186 @@
+// WorkingFileEntry: the file's one stream on the inner store and the transactions that use it
+// (open, write, close, relocation). Every function here runs with innerMutex_ held, on the
+// executor's thread, except the read-miss helpers, which the caller's thread uses.
+#include "core/provider/InnerLocation.h"
+#include "core/provider/OverlayLog.h"
+#include "core/workingfiles/WorkingFileEntry.h"
+
+#include <foundation/storage/provider/Exception.h>
+
+#include <boost/exception/diagnostic_information.hpp>
+
+namespace storage::overlayprovider {
+
+using fsp::ErrorCode;
+using fsp::Exception;
+namespace log = foundation::log;
+
+namespace {
+
+// A store that says it is unavailable may answer the next time; anything else is final.
+constexpr int kWriteAttempts = 3;
+
+void logFailure(const char* message) noexcept {
+  try {
+    OVERLAY_LOG(log::error) << message;
+    OVERLAY_LOG(log::exception) << "Exception caught: "
+                                << boost::current_exception_diagnostic_information();
+  } catch (...) {
+  }
+}
+
+}  // namespace
+
+fsp::StorageItem WorkingFileEntry::innerItemLocked() const {
+  return innerItemFor(*settings_.innerRoot, innerLocation_);
+}
+
+void WorkingFileEntry::openInnerLocked(const fsp::ByteStreamOpenOptions& options) {
+  closeInnerLocked();
+  // The entry seeks explicitly, so the inner stream is never in append mode.
+  fsp::ByteStreamOpenOptions innerOptions = options;
+  innerOptions.read = true;
+  innerOptions.write = true;
+  innerOptions.append = false;
+  innerStream_ = innerItemLocked().openStream(innerOptions);
+  innerWritable_ = true;
+  innerPosition_ = 0;
+}
+
+void WorkingFileEntry::ensureInnerStreamLocked(bool forWriting) {
+  if (innerStream_ && (innerWritable_ || !forWriting)) return;
+  if (forWriting) {
+    openInnerLocked(fsp::ByteStreamOpenOptions::readWrite());
+    return;
+  }
+  innerStream_ = innerItemLocked().openReadOnlyStream();
+  innerWritable_ = false;
+  innerPosition_ = 0;
+}
+
+void WorkingFileEntry::seekInnerLocked(std::int64_t offset) {
+  if (innerPosition_ == offset) return;
+  innerPosition_ = -1;
+  if (innerStream_->seek(static_cast<long>(offset), std::ios_base::beg) != offset) {
+    throw Exception(ErrorCode::IOError, location(), "the store's stream did not seek");
+  }
+  innerPosition_ = offset;
+}
+
+std::int64_t WorkingFileEntry::readInnerLocked(char* buffer, std::int64_t count) {
+  std::int64_t done = 0;
+  while (done < count) {
+    const auto n = innerStream_->read(buffer + done, static_cast<long>(count - done));
+    if (n <= 0) break;
+    done += n;
+  }
+  innerPosition_ += done;
+  return done;
+}
+
+void WorkingFileEntry::writeInnerLocked(const PendingWriteBlock& block) {
+  ensureInnerStreamLocked(true);
+  seekInnerLocked(block.start());
+  std::int64_t done = 0;
+  while (done < block.size()) {
+    const auto n = innerStream_->write(block.data() + done, static_cast<long>(block.size() - done));
+    if (n <= 0) throw Exception(ErrorCode::IOError, location(), "the store's stream took nothing");
+    done += n;
+    innerPosition_ += n;
+  }
+  innerWritten_ = true;
+}
+
+void WorkingFileEntry::writeInner(const PendingWriteBlock& block) {
+  std::lock_guard inner(innerMutex_);
+  for (int attempt = 1;; ++attempt) {
+    try {
+      writeInnerLocked(block);
+      return;
+    } catch (const Exception& e) {
+      // The stream may be broken: the next attempt (or write) opens a new one.
+      innerStream_.reset();
+      innerPosition_ = -1;
+      if (e.getErrorCode() == ErrorCode::Unavailable && attempt < kWriteAttempts) continue;
+      logFailure("Unexpected exception during write operation");
+      return;
+    } catch (...) {
+      innerStream_.reset();
+      innerPosition_ = -1;
+      logFailure("Unexpected exception during write operation");
+      return;
+    }
+  }
+}
+
+void WorkingFileEntry::closeInnerLocked() {
+  auto stream = std::move(innerStream_);
+  innerStream_.reset();
+  innerWritable_ = false;
+  innerPosition_ = -1;
+  if (stream) stream->close();
+}
+
+void WorkingFileEntry::runOpen(const fsp::ByteStreamOpenOptions& options,
+                               const std::function<void()>& onOpened) {
+  try {
+    std::lock_guard inner(innerMutex_);
+    openInnerLocked(options);
+    // A created or emptied file gets its time stamped at close even if nothing is written.
+    innerWritten_ = true;
+  } catch (...) {
+    logFailure("Unexpected exception during open operation");
+  }
+  try {
+    if (onOpened) onOpened();
+  } catch (...) {
+    logFailure("Unexpected exception during open operation");
+  }
+}
+
+void WorkingFileEntry::runClose() {
+  bool written = false;
+  {
+    std::lock_guard inner(innerMutex_);
+    try {
+      closeInnerLocked();
+    } catch (...) {
+      logFailure("Unexpected exception during close operation");
+    }
+    written = innerWritten_;
+    innerWritten_ = false;
+    if (written) updateStoreAfterWrites(record_->getLastModified());
+  }
+  std::lock_guard lock(mutex_);
+  // A stream opened meanwhile keeps the entry open; its own close stamps the body.
+  if (openStreams_.empty()) {
+    state_ = 0;
+    if (!aborted_.load()) stampBodyLocked();
+  }
+}
+
+void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& lastModified) {
+  const auto item = innerItemLocked();
+  try {
+    item.setLastModified(lastModified);
+  } catch (...) {
+    logFailure("Exception during attempt to set last modified time");
+  }
+  try {
+    record_->setExtendedAttributes(item.getExtendedAttributes());
+  } catch (...) {
+    logFailure("Unexpected exception during attempt to update extended attributes");
+  }
+}
+
+void WorkingFileEntry::relocateInner(const fsp::StorageIRI& location) {
+  std::lock_guard inner(innerMutex_);
+  try {
+    closeInnerLocked();
+  } catch (...) {
+    logFailure("Unexpected exception during close operation");
+  }
+  innerLocation_ = location;
+}
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,44 @@
+// WorkingFileSettings: what the provider gives every working file it opens: the inner store,
+// where to send transactions, the accountants and the configured limits.
+//
+// A plain value, copied into each WorkingFileEntry. Everything in it is held by shared
+// ownership, so a working file (and a stream on it) may outlive the provider that made it.
+#pragma once
+
+#include "core/contentcache/CacheMode.h"
+#include "core/execution/ExecutorSlot.h"
+#include "core/execution/TimedLatch.h"
+#include "core/quota/IQuotaAccountant.h"
+
+#include <foundation/storage/provider/StorageItem.h>
+
+#include <cstdint>
+#include <memory>
+
+namespace storage::overlayprovider {
+
+class MetadataCache;
+
+struct WorkingFileSettings {
+  // The inner provider's root item; the file's own item is built from it and the path.
+  std::shared_ptr<foundation::storage::provider::StorageItem> innerRoot;
+  std::shared_ptr<ExecutorSlot> executor;
+  // Told when a creation that an open queued has reached the inner store.
+  std::shared_ptr<MetadataCache> metadataCache;
+  // May be empty (before the provider has made them).
+  std::shared_ptr<IQuotaAccountant> quotaAccountant;
+  std::shared_ptr<TimedLatch> eventLatch;
+  std::int64_t maxReadPayloadSize = 4194304;
+  std::int64_t maxWritePayloadSize = 4194304;
+  double minQueueItemWeight = 0.0;
+  // "overlay.disableContentCache": no body is kept and every write goes through at once.
+  bool contentCacheDisabled = false;
+};
+
+// The weight of a queued transaction that carries `bytes` bytes: the minimum item weight plus
+// one unit per MiB, so that "overlay.maxQueueWeight" bounds the MiB that queued writes hold.
+inline double transactionWeight(double minQueueItemWeight, std::int64_t bytes) {
+  return minQueueItemWeight + static_cast<double>(bytes) / 1048576.0;
+}
+
+}  // namespace storage::overlayprovider

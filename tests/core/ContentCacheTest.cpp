@@ -1,0 +1,200 @@
+// ContentCache: its directory, the registry of working files, space by eviction, staleness,
+// aborts, moves, and what it leaves on disk.
+#include "core/contentcache/ContentCache.h"
+
+#include "core/contentcache/CachingErrorException.h"
+#include "core/execution/SynchronousExecutor.h"
+
+#include <foundation/log/LogCapture.h>
+#include <foundation/storage/provider/mem/MemProvider.h>
+
+#include <gtest/gtest.h>
+#include <boost/filesystem.hpp>
+
+#include <thread>
+
+namespace storage::overlayprovider {
+namespace {
+
+namespace fs = boost::filesystem;
+namespace fsp = foundation::storage::provider;
+using fsp::StorageIRI;
+
+StorageIRI ov(const std::u16string& path) { return StorageIRI(u"overlay", path); }
+
+// Grants space while `refusals` is 0, else refuses once per unit; counts releases.
+struct FakeArbitrator : ICacheSpaceArbitrator {
+  explicit FakeArbitrator(int& refusals, int& releases) : refusals(refusals), releases(releases) {}
+  bool hasSpaceFor(std::uint64_t) override {
+    if (refusals > 0)
+      --refusals;
+    else if (refusals == 0)
+      return true;
+    return false;
+  }
+  void releaseSpace() override { ++releases; }
+  int& refusals;  // -1: refuse for ever
+  int& releases;
+};
+
+class ContentCacheTest : public ::testing::Test {
+ protected:
+  ContentCacheTest() : root_(fs::temp_directory_path() / fs::unique_path("cc-test-%%%%-%%%%")) {
+    settings_.innerRoot = std::make_shared<fsp::StorageItem>(
+        std::make_shared<fsp::mem::MemProvider>(), fsp::mem::MemProvider::rootLocation());
+    settings_.executor =
+        std::make_shared<ExecutorSlot>(std::make_shared<SynchronousExecutor>([] {}));
+    cache_ = makeCache();
+  }
+  ~ContentCacheTest() override {
+    cache_.reset();
+    settings_.innerRoot->shutdownProvider();
+    fs::remove_all(root_);
+  }
+
+  std::unique_ptr<ContentCache> makeCache() {
+    auto cache = std::make_unique<ContentCache>();
+    cache->setCacheRoot(root_);
+    cache->setArbitratorFactory(
+        [this](const fs::path&) { return std::make_unique<FakeArbitrator>(refusals_, releases_); });
+    return cache;
+  }
+
+  std::shared_ptr<WorkingFileEntry> retrieve(const std::u16string& path,
+                                             const std::string& watermark = "") {
+    auto record = std::make_shared<FileMetadata>(ov(path), false);
+    fsp::ExtendedAttributes attributes;
+    if (!watermark.empty()) attributes.setAttribute("WATERMARK", watermark);
+    record->setExtendedAttributes(attributes);
+    return cache_->retrieve(ov(path), record, settings_);
+  }
+
+  // Writes through a read-write stream registration and closes it.
+  static void write(const std::shared_ptr<WorkingFileEntry>& entry, const std::string& bytes) {
+    const auto stream = entry->openReadWrite(fsp::ByteStreamOpenOptions::readWrite(), {});
+    entry->writeAt(0, bytes.data(), static_cast<std::int64_t>(bytes.size()));
+    entry->close(stream->id());
+  }
+
+  std::size_t bodies() const {
+    const auto directory = root_ / "V1.0";
+    if (!fs::exists(directory)) return 0;
+    return static_cast<std::size_t>(
+        std::distance(fs::directory_iterator(directory), fs::directory_iterator()));
+  }
+
+  fs::path root_;
+  WorkingFileSettings settings_;
+  int refusals_ = 0;
+  int releases_ = 0;
+  std::unique_ptr<ContentCache> cache_;
+};
+
+TEST_F(ContentCacheTest, EveryOperationKeepsTheVersionDirectory) {
+  EXPECT_FALSE(fs::exists(root_));
+  EXPECT_FALSE(cache_->contains(ov(u"/a")));
+  EXPECT_TRUE(fs::is_directory(root_ / "V1.0"));
+  fs::remove_all(root_);
+  EXPECT_FALSE(cache_->contains(ov(u"/a")));
+  EXPECT_TRUE(fs::is_directory(root_ / "V1.0")) << "deleted from outside, made again";
+  EXPECT_NE(ContentCache().cacheRoot(), ContentCache().cacheRoot());
+  EXPECT_EQ(ContentCache().cacheRoot().filename().string().rfind("overlay_cache-", 0), 0u);
+}
+
+TEST_F(ContentCacheTest, NoSpaceAndNothingToEvictIsACachingError) {
+  refusals_ = -1;
+  foundation::log::LogCapture log;
+  try {
+    retrieve(u"/a");
+    ADD_FAILURE() << "no error";
+  } catch (const CachingErrorException& e) {
+    EXPECT_STREQ(e.what(), "Caching failed due to a lack of filespace.");
+  }
+  EXPECT_EQ(log.count("Content caching failure (no space)."), 1u);
+  EXPECT_FALSE(cache_->contains(ov(u"/a")));
+}
+
+TEST_F(ContentCacheTest, EvictsTheLeastRecentlyAccessedEntryFirst) {
+  const auto b = retrieve(u"/b");
+  const auto a = retrieve(u"/a");
+  const auto c = retrieve(u"/c");
+  write(b, "bbbb");
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  char byte;
+  a->readAt(0, &byte, 0);  // touched after b
+  c->writeAt(0, "c", 1);   // touched last
+  refusals_ = 1;
+  foundation::log::LogCapture log;
+  retrieve(u"/d");
+  EXPECT_EQ(log.count("Content cache out of space. Removing least recently accessed item."), 1u);
+  EXPECT_FALSE(cache_->contains(ov(u"/b")));
+  EXPECT_TRUE(cache_->contains(ov(u"/a")));
+  EXPECT_TRUE(cache_->contains(ov(u"/c")));
+  EXPECT_EQ(releases_, 1);
+  EXPECT_FALSE(b->resource()->exists()) << "an evicted body is deleted";
+}
+
+TEST_F(ContentCacheTest, InUseMeansAStreamIsOpen) {
+  const auto entry = retrieve(u"/a");
+  EXPECT_FALSE(cache_->isInUse(ov(u"/a"), false)) << "an entry alone is not in use";
+  const auto stream = entry->openReadOnly();
+  EXPECT_TRUE(cache_->isInUse(ov(u"/a"), true));
+  entry->close(stream->id());
+  EXPECT_FALSE(cache_->isInUse(ov(u"/a"), false));
+}
+
+TEST_F(ContentCacheTest, ADifferentWatermarkDropsTheEntryAndItsBody) {
+  const auto entry = retrieve(u"/a", "v1");
+  write(entry, "body");
+  cache_->dropIfStale(ov(u"/a"), "v1", true);
+  EXPECT_TRUE(cache_->contains(ov(u"/a")));
+  EXPECT_TRUE(entry->resource()->exists());
+  cache_->dropIfStale(ov(u"/a"), "v2", true);
+  EXPECT_FALSE(cache_->contains(ov(u"/a")));
+  EXPECT_FALSE(entry->resource()->exists());
+}
+
+TEST_F(ContentCacheTest, AnAbortedEntryIsReplacedWithAFreshOne) {
+  const auto first = retrieve(u"/a");
+  write(first, "old");
+  first->abort();
+  foundation::log::LogCapture log;
+  const auto second = retrieve(u"/a");
+  EXPECT_NE(first, second);
+  EXPECT_EQ(log.count("Retrieving overlay:/a due to previous abort."), 1u);
+  EXPECT_FALSE(second->resource()->exists());
+}
+
+TEST_F(ContentCacheTest, MovesReKeyEntriesAndCarryTheirBodies) {
+  write(retrieve(u"/d/x"), "x");
+  write(retrieve(u"/d/sub/y"), "y");
+  write(retrieve(u"/e"), "stale");
+  cache_->moveEntry(ov(u"/d/x"), ov(u"/e"));
+  EXPECT_FALSE(cache_->contains(ov(u"/d/x")));
+  const auto moved = cache_->find(ov(u"/e"));
+  ASSERT_NE(moved, nullptr);
+  char byte = 0;
+  EXPECT_EQ(moved->readAt(0, &byte, 1), 1);
+  EXPECT_EQ(byte, 'x') << "the moved body replaced the one at the destination";
+  cache_->moveFolderEntries(ov(u"/d"), ov(u"/f"));
+  EXPECT_TRUE(cache_->contains(ov(u"/f/sub/y")));
+  cache_->removeFolderEntries(ov(u"/f"), true);
+  EXPECT_FALSE(cache_->contains(ov(u"/f/sub/y")));
+  EXPECT_TRUE(cache_->contains(ov(u"/e")));
+}
+
+TEST_F(ContentCacheTest, OnlyPersistentCachesLeaveBodiesBehind) {
+  for (const bool persistent : {false, true}) {
+    SCOPED_TRACE(persistent ? "persistent" : "temporary");
+    cache_ = makeCache();
+    if (persistent) cache_->setPersistent();
+    write(retrieve(u"/a"), "body");
+    EXPECT_EQ(bodies(), 1u);
+    cache_.reset();
+    EXPECT_EQ(bodies(), persistent ? 1u : 0u);
+    fs::remove_all(root_);
+  }
+}
+
+}  // namespace
+}  // namespace storage::overlayprovider

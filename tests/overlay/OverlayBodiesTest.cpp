@@ -1,0 +1,286 @@
+// File bodies through the overlay: what reaches the inner store (counted by the instrumented
+// wrapper), what is served from the cached body, and the caching-error fallback.
+#include "CoreTestSupport.h"
+#include "OverlayTestSupport.h"
+
+#include <foundation/log/LogCapture.h>
+#include <foundation/storage/provider/ByteStreamFailure.h>
+#include <foundation/storage/provider/Exception.h>
+
+#include <boost/filesystem.hpp>
+#include <boost/property_tree/ptree.hpp>
+
+#include <string>
+
+using namespace overlaytest;
+using fsp::ByteStreamOpenOptions;
+using fsp::StorageIRI;
+using fsp::StorageItem;
+
+namespace {
+
+std::string readAll(fsp::ByteStream& stream) {
+  std::string content;
+  char buffer[1000];
+  for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) content.append(buffer, n);
+  return content;
+}
+
+std::string innerContent(const OverlayOverMem& env, const std::u16string& path) {
+  auto stream = env.mem->openReadOnlyStream(StorageIRI(u"mem", path));
+  return readAll(*stream);
+}
+
+void putInner(const OverlayOverMem& env, const std::u16string& path, const std::string& bytes) {
+  auto stream = env.mem->openStream(StorageIRI(u"mem", path), ByteStreamOpenOptions::overwrite());
+  stream->write(bytes.data(), static_cast<long>(bytes.size()));
+  stream->close();
+}
+
+void configure(OverlayOverMem& env, const std::map<std::string, std::string>& settings) {
+  boost::property_tree::ptree config;
+  for (const auto& [key, value] : settings) config.put(key, value);
+  env.overlay->configure(config);
+}
+
+std::string patternOf(std::size_t size) {
+  std::string bytes(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>('a' + (i * 7 + i / 251) % 26);
+  return bytes;
+}
+
+}  // namespace
+
+TEST(OverlayBodies, ReadAfterWriteIsServedWithoutTheStore) {
+  OverlayOverMem env;
+  auto writer = env.overlay->openStream(env.at(u"f.txt"), ByteStreamOpenOptions::overwrite());
+  writer->write("hello", 5);
+  auto reader = env.overlay->openReadOnlyStream(env.at(u"f.txt"));
+  EXPECT_EQ("hello", readAll(*reader)) << "before close, before the store has it";
+  writer->close();
+  reader->close();
+  EXPECT_EQ(env.innerCalls("openReadOnlyStream"), 0u);
+  EXPECT_EQ(env.innerCalls("streamRead"), 0u);
+  env.overlay->flushFilesystem();
+  EXPECT_EQ("hello", innerContent(env, u"/f.txt"));
+}
+
+// How caller writes become store writes: contiguous bytes are coalesced into one block of at
+// most the write payload size; anything else hands the block over first.
+TEST(OverlayBodies, WritesReachTheStoreInCoalescedBlocks) {
+  struct Case {
+    const char* name;
+    std::map<std::string, std::string> settings;
+    std::vector<std::pair<long, std::string>> writes;  // offset, bytes
+    std::uint64_t storeWrites;
+    std::string content;
+  };
+  const std::string h(100, 'h');
+  const std::vector<Case> cases = {
+      {"contiguous", {}, {{0, h}, {100, h}, {200, h}}, 1, h + h + h},
+      {"overwrite elsewhere", {}, {{0, h}, {50, "xy"}}, 2, h.substr(0, 50) + "xy" + h.substr(52)},
+      {"gap is zero-filled", {}, {{0, "ab"}, {5, "c"}}, 1, std::string("ab\0\0\0c", 6)},
+      {"block is full",
+       {{"overlay.maxWritePayloadSize", "250"}},
+       {{0, h}, {100, h}, {200, h}},
+       2,
+       h + h + h},
+      {"write-through",
+       {{"overlay.disableContentCache", "true"}},
+       {{0, h}, {100, h}, {200, h}},
+       3,
+       h + h + h},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    OverlayOverMem env;
+    configure(env, c.settings);
+    auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
+    for (const auto& [offset, bytes] : c.writes) {
+      ASSERT_EQ(stream->seek(offset, std::ios_base::beg), offset);
+      ASSERT_EQ(stream->write(bytes.data(), static_cast<long>(bytes.size())),
+                static_cast<long>(bytes.size()));
+    }
+    stream->close();
+    env.overlay->flushFilesystem();
+    EXPECT_EQ(env.innerCalls("streamWrite"), c.storeWrites);
+    EXPECT_EQ(c.content, innerContent(env, u"/f"));
+    auto reader = env.overlay->openReadOnlyStream(env.at(u"f"));
+    EXPECT_EQ(c.content, readAll(*reader));
+  }
+}
+
+TEST(OverlayBodies, ColdReadsFetchWhatTheyNeedOnce) {
+  OverlayOverMem env;
+  const auto body = patternOf(1 << 20);
+  putInner(env, u"/big", body);
+  auto stream = env.overlay->openReadOnlyStream(env.at(u"big"));
+  std::string tail(4096, '\0');
+  ASSERT_EQ(stream->seek(-4096, std::ios_base::end), (1 << 20) - 4096);
+  ASSERT_EQ(stream->read(tail.data(), 4096), 4096);
+  EXPECT_EQ(body.substr(body.size() - 4096), tail);
+  EXPECT_EQ(env.innerCalls("streamRead"), 1u) << "the end of a large file, not its body";
+  EXPECT_EQ(stream->read(tail.data(), 1), -1) << "at the end";
+
+  // A sequential reader in small reads is served in few, growing store requests.
+  stream->seek(0, std::ios_base::beg);
+  std::string all;
+  char buffer[4096];
+  for (long n; (n = stream->read(buffer, sizeof buffer)) > 0;) all.append(buffer, n);
+  EXPECT_EQ(body, all);
+  EXPECT_LE(env.innerCalls("streamRead"), 6u);
+  const auto reads = env.innerCalls("streamRead");
+  stream->seek(0, std::ios_base::beg);
+  EXPECT_EQ(body, readAll(*stream));
+  EXPECT_EQ(env.innerCalls("streamRead"), reads) << "a cached body is read locally";
+  stream->close();
+}
+
+TEST(OverlayBodies, StreamCursorRules) {
+  OverlayOverMem env;
+  putInner(env, u"/ten", "0123456789");
+  auto stream = env.overlay->openStream(env.at(u"ten"), ByteStreamOpenOptions::readWrite());
+  EXPECT_EQ(stream->seek(-1, std::ios_base::beg), -1);
+  EXPECT_EQ(stream->seek(5, std::ios_base::end), 15);
+  EXPECT_EQ(stream->seek(-10, std::ios_base::cur), 5);
+  char byte;
+  stream->seek(10, std::ios_base::beg);
+  EXPECT_EQ(stream->read(&byte, 1), -1);
+  EXPECT_EQ(stream->seek(0, std::ios_base::cur), 10) << "a read at the end leaves the position";
+  stream->close();
+
+  auto appender = env.overlay->openStream(env.at(u"ten"), ByteStreamOpenOptions::appendTo());
+  appender->seek(2, std::ios_base::beg);
+  appender->write("AB", 2);
+  EXPECT_EQ(appender->seek(0, std::ios_base::cur), 12) << "append mode ignores the position";
+  appender->close();
+  env.overlay->flushFilesystem();
+  EXPECT_EQ("0123456789AB", innerContent(env, u"/ten"));
+}
+
+TEST(OverlayBodies, RefusedWritesBecomeWriteFailuresWithTheirCode) {
+  fsp::mem::MemProvider::Options small;
+  small.capacityBytes = 100;
+  OverlayOverMem env(small);
+  auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
+  const std::string bytes(200, 'x');
+  try {
+    stream->write(bytes.data(), 200);
+    ADD_FAILURE() << "a write beyond the store's room was accepted";
+  } catch (const fsp::ByteStreamWriteFailure& failure) {
+    EXPECT_EQ(failure.getErrorCode(), fsp::ErrorCode::CacheSpaceExhausted);
+  }
+  EXPECT_EQ(env.overlay->getFileAttributes(env.at(u"f")).getSize(), 0u);
+}
+
+TEST(OverlayBodies, AFileOpenForWritingReportsItsWorkingSize) {
+  OverlayOverMem env;
+  env.instrumented->setStreamLatency(std::chrono::milliseconds(50));
+  auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
+  stream->write("0123456789", 10);
+  EXPECT_EQ(env.overlay->getFileAttributes(env.at(u"f")).getSize(), 10u);
+  stream->close();
+}
+
+// A stream holds what it needs by shared ownership: it may be used after its provider is gone
+// (its writes then no longer reach the store, which the executor logs).
+TEST(OverlayBodies, AStreamMayOutliveItsProvider) {
+  OverlayOverMem env;
+  auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
+  env.overlay->shutdown();
+  env.overlay.reset();
+  EXPECT_EQ(stream->write("late", 4), 4);
+  stream->seek(0, std::ios_base::beg);
+  EXPECT_EQ("late", readAll(*stream));
+  stream->close();
+  stream.reset();
+}
+
+TEST(OverlayBodies, ADroppedStreamStillDeliversItsWrites) {
+  OverlayOverMem env;
+  {
+    auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
+    stream->write("kept", 4);
+  }
+  env.overlay->flushFilesystem();
+  EXPECT_EQ("kept", innerContent(env, u"/f"));
+  EXPECT_NO_THROW(env.overlay->removeFile(env.at(u"f"))) << "no longer counted as open";
+}
+
+TEST(OverlayBodies, QueuedWritesLandBeforeALaterMoveOrRemoval) {
+  OverlayOverMem env;
+  env.instrumented->setStreamLatency(std::chrono::milliseconds(20));
+  for (const auto* name : {u"moved", u"removed"}) {
+    auto stream = env.overlay->openStream(env.at(name), ByteStreamOpenOptions::overwrite());
+    stream->write("body", 4);
+    stream->close();
+  }
+  env.overlay->moveFile(env.at(u"moved"), env.at(u"target"), fsp::ReplacementPolicy::Fail);
+  env.overlay->removeFile(env.at(u"removed"));
+  env.overlay->flushFilesystem();
+  EXPECT_EQ("body", innerContent(env, u"/target"));
+  EXPECT_FALSE(env.mem->fileExists(StorageIRI(u"mem", u"/moved")));
+  EXPECT_FALSE(env.mem->fileExists(StorageIRI(u"mem", u"/removed")));
+  auto reader = env.overlay->openReadOnlyStream(env.at(u"target"));
+  EXPECT_EQ("body", readAll(*reader));
+}
+
+TEST(OverlayBodies, CopyGoesThroughTheOverlaysOwnStreams) {
+  OverlayOverMem env;
+  putInner(env, u"/src", "source bytes");
+  env.overlay->copyFile(env.at(u"src"), env.at(u"dst"), fsp::ReplacementPolicy::Fail);
+  EXPECT_EQ(env.innerCalls("copyFile"), 0u);
+  auto reader = env.overlay->openReadOnlyStream(env.at(u"dst"));
+  EXPECT_EQ("source bytes", readAll(*reader));
+  env.overlay->flushFilesystem();
+  EXPECT_EQ("source bytes", innerContent(env, u"/dst"));
+}
+
+TEST(OverlayBodies, BodiesPersistAcrossProvidersOnlyWhenAskedTo) {
+  const auto root = boost::filesystem::temp_directory_path() /
+                    boost::filesystem::unique_path("overlay-bodies-%%%%-%%%%");
+  for (const bool persistent : {false, true}) {
+    SCOPED_TRACE(persistent ? "persistent" : "temporary");
+    const std::map<std::string, std::string> settings = {
+        {"overlay.cacheRoot", root.string()},
+        {"overlay.persistContentCache", persistent ? "1" : "0"}};
+    OverlayOverMem first;
+    configure(first, settings);
+    auto writer = first.overlay->openStream(first.at(u"f"), ByteStreamOpenOptions::overwrite());
+    writer->write("cached", 6);
+    writer->close();
+    first.overlay->flushFilesystem();
+    first.overlay->shutdown();
+    first.overlay.reset();
+    const auto bodies = std::distance(boost::filesystem::directory_iterator(root / "V1.0"),
+                                      boost::filesystem::directory_iterator());
+    EXPECT_EQ(bodies, persistent ? 1 : 0);
+
+    OverlayOverMem second(first.mem);
+    configure(second, settings);
+    auto reader = second.overlay->openReadOnlyStream(second.at(u"f"));
+    EXPECT_EQ("cached", readAll(*reader));
+    EXPECT_EQ(second.innerCalls("streamRead"), persistent ? 0u : 1u);
+  }
+  boost::filesystem::remove_all(root);
+}
+
+// With the cache unusable, opening a stream logs the fallback, flushes, and from then on the
+// provider forwards every operation to the inner store.
+TEST(OverlayBodies, ACachingErrorMakesTheProviderAForwarder) {
+  OverlayOverMem env;
+  configure(env, {{"overlay.cacheRoot", "/proc/version/cache"}});
+  foundation::log::LogCapture log;
+  auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
+  EXPECT_EQ(log.count("Caching error when opening stream. Falling back."), 1u);
+  EXPECT_EQ(log.count("Flushing filesystem"), 1u);
+  EXPECT_TRUE(env.overlay->isPassThrough());
+  stream->write("direct", 6);
+  stream->close();
+  EXPECT_EQ("direct", innerContent(env, u"/f")) << "the inner store's own stream";
+  env.overlay->createFile(env.at(u"g"));
+  EXPECT_TRUE(env.mem->fileExists(StorageIRI(u"mem", u"/g")));
+  auto reader = env.overlay->openReadOnlyStream(env.at(u"f"));
+  EXPECT_EQ("direct", readAll(*reader));
+  EXPECT_EQ(log.count("Caching error when opening read-only stream. Falling back."), 0u);
+}
