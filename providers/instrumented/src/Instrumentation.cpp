@@ -17,15 +17,25 @@ namespace {
   throw ByteStreamCloseFailure(code);
 }
 
+void throwArmedCallFailure(FaultInjector& faults, std::string_view operation,
+                           const StorageIRI& location) {
+  if (auto fault = faults.take(operation)) {
+    if (fault->unexpected) throwUnexpected();
+    throw Exception(fault->code, location, "injected failure");
+  }
+}
+
 }  // namespace
 
 void Instrumentation::enterCall(std::string_view operation, const StorageIRI& location) {
   counters.increment(operation);
   latency.beforeCall();
-  if (auto fault = faults.take(operation)) {
-    if (fault->unexpected) throwUnexpected();
-    throw Exception(fault->code, location, "injected failure");
-  }
+  throwArmedCallFailure(faults, operation, location);
+}
+
+void Instrumentation::enterLocalQuery(std::string_view operation, const StorageIRI& location) {
+  counters.increment(operation);
+  throwArmedCallFailure(faults, operation, location);
 }
 
 void Instrumentation::enterStreamCall(std::string_view operation) {

@@ -41,6 +41,11 @@ void InstrumentedProvider::enter(std::string_view operation, const StorageIRI& l
   instrumentation_->enterCall(operation, location);
 }
 
+void InstrumentedProvider::enterLocalQuery(std::string_view operation,
+                                           const StorageIRI& location) const {
+  instrumentation_->enterLocalQuery(operation, location);
+}
+
 ByteStreamPtr InstrumentedProvider::wrap(ByteStreamPtr stream) const {
   return std::make_unique<InstrumentedByteStream>(std::move(stream), instrumentation_);
 }
@@ -161,7 +166,7 @@ ProviderStorageInfo InstrumentedProvider::doGetProviderStorageInfo(const Storage
 }
 
 ProviderCacheUsage InstrumentedProvider::doGetProviderCacheUsage(const StorageIRI& iri) const {
-  enter("getProviderCacheUsage", iri);
+  enterLocalQuery("getProviderCacheUsage", iri);
   return inner_->getProviderCacheUsage(iri);
 }
 
@@ -319,22 +324,22 @@ void InstrumentedProvider::doStopChangePollingMechanism(const StorageIRI& iri) c
 // --- store properties, configuration, shutdown ---
 
 bool InstrumentedProvider::doHasFeature(const ExtendedFeature& feature) const {
-  enter("hasFeature", StorageIRI());
+  enterLocalQuery("hasFeature", StorageIRI());
   return inner_->hasFeature(feature);
 }
 
 PathComparator InstrumentedProvider::doGetPathComparator(const StorageIRI& iri) const {
-  enter("getPathComparator", iri);
+  enterLocalQuery("getPathComparator", iri);
   return inner_->getPathComparator(iri);
 }
 
 StorageIRI InstrumentedProvider::doGetCanonicalLocation(const StorageIRI& iri) const {
-  enter("getCanonicalLocation", iri);
+  enterLocalQuery("getCanonicalLocation", iri);
   return inner_->getCanonicalLocation(iri);
 }
 
 FilenameSensitivity InstrumentedProvider::doGetFilenameSensitivity(const StorageIRI& iri) const {
-  enter("getFilenameSensitivity", iri);
+  enterLocalQuery("getFilenameSensitivity", iri);
   return inner_->getFilenameSensitivity(iri);
 }
 

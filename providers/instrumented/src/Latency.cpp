@@ -4,8 +4,10 @@
 
 namespace foundation::storage::provider::instrumented {
 
-void Latency::wait(std::chrono::microseconds delay) {
-  if (delay.count() > 0) std::this_thread::sleep_for(delay);
+void Latency::wait(std::chrono::microseconds delay, std::atomic<std::uint64_t>& applied) {
+  if (delay.count() <= 0) return;
+  applied.fetch_add(1, std::memory_order_relaxed);
+  std::this_thread::sleep_for(delay);
 }
 
 }  // namespace foundation::storage::provider::instrumented

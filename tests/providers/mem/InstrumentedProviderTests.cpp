@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <future>
 #include <latch>
 #include <stdexcept>
@@ -130,6 +131,64 @@ TEST_F(InstrumentedProviderTest, LatencyDelaysProviderAndStreamCallsByAtLeastThe
   stream->write("x", 1);
   EXPECT_GE(Clock::now() - start, milliseconds(15));
   stream->close();
+}
+
+// The delay stands for the network: store calls and stream calls pay it, the queries that a
+// remote store answers from memory do not, yet are still counted and can still be failed.
+TEST_F(InstrumentedProviderTest, DelaysOnlyTheCallsThatWouldCrossTheNetwork) {
+  mem->createFile(at(u"/f"));
+  fsp::ByteStreamPtr wrappedStream;
+  wrapper.setCallLatency(std::chrono::microseconds(1));
+  wrapper.setStreamLatency(std::chrono::microseconds(1));
+
+  struct Case {
+    const char* operation;
+    std::function<void()> call;
+    std::uint64_t callDelays;
+    std::uint64_t streamDelays;
+  };
+  const Case cases[] = {
+      {"hasFeature", [&] { wrapper.hasFeature(fsp::ExtendedFeature::ReadWrite); }, 0, 0},
+      {"getFilenameSensitivity", [&] { wrapper.getFilenameSensitivity(at(u"/f")); }, 0, 0},
+      {"getPathComparator", [&] { wrapper.getPathComparator(at(u"/f")); }, 0, 0},
+      {"getCanonicalLocation", [&] { wrapper.getCanonicalLocation(at(u"/f")); }, 0, 0},
+      {"getProviderCacheUsage", [&] { wrapper.getProviderCacheUsage(at(u"/")); }, 0, 0},
+      {"fileExists", [&] { wrapper.fileExists(at(u"/f")); }, 1, 0},
+      {"getFileAttributes", [&] { wrapper.getFileAttributes(at(u"/f")); }, 1, 0},
+      {"getProviderStorageInfo", [&] { wrapper.getProviderStorageInfo(at(u"/")); }, 1, 0},
+      {"configure", [&] { wrapper.configure(boost::property_tree::ptree()); }, 1, 0},
+      {"openStream",
+       [&] {
+         wrappedStream = wrapper.openStream(at(u"/w"), fsp::ByteStreamOpenOptions::overwrite());
+       },
+       1, 0},
+      {"streamWrite", [&] { wrappedStream->write("x", 1); }, 0, 1},
+      {"streamSeek", [&] { wrappedStream->seek(0, std::ios_base::beg); }, 0, 1},
+  };
+  const auto& latency = wrapper.instrumentation().latency;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.operation);
+    const auto calls = wrapper.callCount(c.operation);
+    const auto callDelays = latency.callDelaysApplied();
+    const auto streamDelays = latency.streamDelaysApplied();
+    c.call();
+    EXPECT_EQ(wrapper.callCount(c.operation), calls + 1);
+    EXPECT_EQ(latency.callDelaysApplied() - callDelays, c.callDelays);
+    EXPECT_EQ(latency.streamDelaysApplied() - streamDelays, c.streamDelays);
+
+    if (c.callDelays == 0 && c.streamDelays == 0) {
+      wrapper.failNext(c.operation, 1, ErrorCode::Unavailable);
+      try {
+        c.call();
+        ADD_FAILURE() << "an armed failure was not thrown";
+      } catch (const fsp::Exception& e) {
+        EXPECT_EQ(e.getErrorCode(), ErrorCode::Unavailable);
+      }
+      EXPECT_EQ(wrapper.callCount(c.operation), calls + 2);
+      EXPECT_EQ(latency.callDelaysApplied() - callDelays, 0u);
+    }
+  }
+  wrappedStream->close();
 }
 
 TEST_F(InstrumentedProviderTest, CountsAndFaultsAreExactUnderConcurrentCalls) {

@@ -8,6 +8,12 @@
 // one per folder). The pattern and plain variants of a listing share its name ("listAll").
 // Streams it opens are wrapped so their calls are counted ("streamRead", "streamWrite",
 // "streamSeek", "streamClose") and delayed with the stream delay.
+// The delays stand for the network only. A real remote provider answers some queries from
+// what it holds in memory, so these are counted and can be failed but are never delayed:
+// hasFeature, getFilenameSensitivity, getPathComparator and getCanonicalLocation (fixed
+// capabilities and name rules, or computed from the location alone) and
+// getProviderCacheUsage (its own local cache). Every other call but shutdown, configure
+// included, is delayed with the call delay.
 // shutdown is counted but never delayed or failed, so that the inner provider's threads
 // always stop; it forwards to the inner provider. The destructor does not shut the inner
 // provider down (others may share it).
@@ -119,7 +125,10 @@ class InstrumentedProvider final : public IConfigurableProvider {
   void doConfigure(boost::property_tree::ptree config) override;
 
  private:
+  // A call that would cross the network: counted, delayed, failed.
   void enter(std::string_view operation, const StorageIRI& location) const;
+  // A query a remote store answers locally: counted and failed, not delayed.
+  void enterLocalQuery(std::string_view operation, const StorageIRI& location) const;
   ByteStreamPtr wrap(ByteStreamPtr stream) const;
 
   std::shared_ptr<IProvider> inner_;
