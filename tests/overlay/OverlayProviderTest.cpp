@@ -104,6 +104,7 @@ TEST(OverlayProvider, DestructionShutsTheInnerProviderDownEvenAfterAnExplicitShu
 
 TEST(OverlayProvider, FlushingAnIdleProviderReportsZeroMilliseconds) {
   OverlayOverMem env;
+  env.overlay->flushFilesystem();  // initialises, and makes the content cache's directory
   LogCapture capture(foundation::log::info | foundation::log::error);
   env.overlay->flushFilesystem();
   EXPECT_EQ(capture.count("Flushing filesystem", foundation::log::info), 1u);

@@ -30,6 +30,8 @@ class PendingWriteBlock {
 
   std::int64_t start() const { return start_; }
   std::int64_t size() const { return static_cast<std::int64_t>(bytes_.size()); }
+  // The bytes the block holds in memory (its buffer's capacity), what its transaction weighs.
+  std::int64_t allocated() const { return static_cast<std::int64_t>(bytes_.capacity()); }
   const char* data() const { return bytes_.data(); }
 
  private:

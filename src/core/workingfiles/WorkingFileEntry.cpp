@@ -144,7 +144,10 @@ bool WorkingFileEntry::waitForPendingWrites() {
 
 std::int64_t WorkingFileEntry::fetchWindowLocked(std::int64_t offset, std::int64_t count) const {
   const auto limit = std::max<std::int64_t>(settings_.maxReadPayloadSize, 1);
-  if (offset == nextSequential_ && readAhead_ > 0) {
+  if (offset == 0) {
+    // Reading from the start is the strongest sign of a sequential reader.
+    readAhead_ = limit;
+  } else if (offset == nextSequential_ && readAhead_ > 0) {
     readAhead_ = std::min(limit, std::max(readAhead_ * 2, count));
   } else {
     readAhead_ = std::min(limit, std::max(count, kMinimumFetch));
@@ -179,17 +182,18 @@ std::int64_t WorkingFileEntry::fetch(std::int64_t offset, char* buffer, std::int
     const auto n = readInnerLocked(buffer, std::min(count, window));
     return n > 0 ? n : -1;
   }
-  std::vector<char> data(static_cast<std::size_t>(window));
-  const auto n = readInnerLocked(data.data(), window);
+  // Not zero-filled: every byte served is one the store sent.
+  const std::unique_ptr<char[]> data(new char[static_cast<std::size_t>(window)]);
+  const auto n = readInnerLocked(data.get(), window);
   if (n <= 0) return -1;
   {
     std::lock_guard lock(mutex_);
     // A write that arrived meanwhile is newer than what the store sent: keep it.
-    if (generation == generation_) resource_->write(offset, data.data(), n);
+    if (generation == generation_) resource_->write(offset, data.get(), n);
     nextSequential_ = offset + std::min(n, count);
   }
   const auto served = std::min(n, count);
-  std::memcpy(buffer, data.data(), static_cast<std::size_t>(served));
+  std::memcpy(buffer, data.get(), static_cast<std::size_t>(served));
   return served;
 }
 
@@ -289,7 +293,7 @@ void WorkingFileEntry::submitWrites(const std::vector<std::shared_ptr<PendingWri
   for (const auto& block : blocks) {
     if (!block || block->size() == 0) continue;
     submit([self = shared_from_this(), block] { self->writeInner(*block); }, FILE_WRITE,
-           transactionWeight(settings_.minQueueItemWeight, block->size()));
+           transactionWeight(settings_.minQueueItemWeight, block->allocated()));
   }
 }
 

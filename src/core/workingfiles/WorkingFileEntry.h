@@ -10,11 +10,12 @@
 //  - Read misses: the missing bytes are fetched from the inner stream on the caller's thread,
 //    stored in the cached body with their range, and then served; the next read of that
 //    range makes no store call. One fetch asks for at most "overlay.maxReadPayloadSize"
-//    bytes. Its size adapts: a read that continues where the last one ended doubles the
-//    read-ahead (up to that limit), any other read fetches what it asks for, at least
-//    128 KiB, and never beyond the file's end or into bytes already cached (which may hold
-//    writes the store has not seen yet). So a sequential reader is served in few large
-//    requests and a read at the end of a large file fetches only the end.
+//    bytes. Its size adapts: a read from the start of the file fetches that limit, a read
+//    that continues where the last one ended doubles the read-ahead (up to the limit), any
+//    other read fetches what it asks for, at least 128 KiB, and never beyond the file's end or into
+//    bytes already cached (which may hold writes the store has not seen yet). So a sequential
+//    reader is served in few large requests and a read at the end of a large file fetches only the
+//    end.
 //  - A read that misses while the cached body may lack bytes still queued for the store (the
 //    body was evicted or failed, or content caching is disabled) first hands the pending
 //    block over and waits, in rounds of QV_OVERLAY_WAIT_FOR_ZERO_PERIOD milliseconds (default
