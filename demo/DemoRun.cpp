@@ -65,7 +65,7 @@ RunResult runThroughOverlay(const fsp::ProviderRegistry& registry,
   if (flushable == nullptr) throw std::runtime_error("the overlay provider cannot be flushed");
   runAndCheck(overlay, store, result,
               [&] { result.timings.time("flush", [&] { flushable->flushFilesystem(); }); });
-  for (const auto& record : capture.matching("overlay.queueStats", foundation::log::notice)) {
+  for (const auto& record : capture.matching("\"queueStats\"", foundation::log::notice)) {
     result.queueStats.push_back(record.message);
   }
   overlay.shutdownProvider();

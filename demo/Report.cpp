@@ -116,10 +116,15 @@ std::string verdict(const RunResult& direct, const RunResult& overlay,
     line << "No operation got faster: the overlay forwards every call to the store, so each "
          << "still pays the store's " << latency.count() / 1000 << " ms.";
   } else {
-    line << "Answered without the store's latency: " << joined(kinds.faster)
-         << "; forwarded at the store's pace: " << joined(kinds.same) << ".";
+    line << "Answered without the store's latency: " << joined(kinds.faster) << ".";
+    if (!kinds.same.empty()) line << " At the store's pace: " << joined(kinds.same) << ".";
   }
-  if (!kinds.slower.empty()) line << " Slower than direct: " << joined(kinds.slower) << ".";
+  if (!kinds.slower.empty()) {
+    // Folder creations and renames still run on the store directly, and first wait until the
+    // writes queued before them have reached it.
+    line << " Slower than direct: " << joined(kinds.slower)
+         << " (mutations other than writes still wait for the queued writes, then the store).";
+  }
   return line.str();
 }
 

@@ -41,12 +41,19 @@ ContentCache::ContentCache()
 
 ContentCache::~ContentCache() {
   try {
-    std::lock_guard lock(mutex_);
-    for (auto it = entries_.begin(); it != entries_.end();) it = eraseLocked(it);
-    pendingRelease_.clear();
-    if (mode_ == CacheMode::TEMPORARY) deleteMadeBodies();
+    discard();
   } catch (...) {
     logCaught();
+  }
+}
+
+void ContentCache::discard() {
+  std::vector<std::shared_ptr<WorkingFileEntry>> released;
+  {
+    std::lock_guard lock(mutex_);
+    for (auto it = entries_.begin(); it != entries_.end();) it = eraseLocked(it);
+    released.swap(pendingRelease_);
+    if (mode_ == CacheMode::TEMPORARY) deleteMadeBodies();
   }
 }
 

@@ -14,8 +14,9 @@
 // caller that fetched one may still use it.
 //
 // Choices where the behaviour is ours to make:
-//  - Temporary mode deletes, when the cache is destroyed, every body file it made; the root
-//    and "V1.0" stay. Persistent mode deletes nothing.
+//  - Temporary mode deletes, when the provider shuts down and again when the cache is
+//    destroyed, every body file it made; the root and "V1.0" stay. Persistent mode deletes
+//    nothing.
 //  - removeEntry hands the entry's pending writes to the executor; it does not wait for
 //    them (the cache's mutex must not be held for the store's time).
 //  - moveEntry and moveFolderEntries re-key the entries and move their bodies; they do not
@@ -88,6 +89,9 @@ class ContentCache {
   void moveFolderEntries(const fsp::StorageIRI& from, const fsp::StorageIRI& to);
   // Drops every entry (whole-overlay invalidation).
   void clear();
+  // The provider shuts down: every entry is dropped and, in temporary mode, every body made
+  // so far is deleted (streams still open keep reading through their open descriptors).
+  void discard();
   // The entries now registered, for handing their pending writes over at a flush.
   std::vector<std::shared_ptr<WorkingFileEntry>> entries();
   void releasePending();

@@ -260,6 +260,8 @@ void OverlayProvider::doShutdown() {
     executor->shutdown(true);
     executor->join();
   }
+  // Nothing runs on the bodies any more; a temporary cache leaves none behind.
+  if (contentCache_) contentCache_->discard();
   inner_->shutdownProvider();
 }
 
