@@ -79,7 +79,7 @@ fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
     throw CachingErrorException("Caching failed due to an unknown error.");
   }
   if (readOnly) {
-    return std::make_unique<WorkingFileByteStream>(entry, entry->openReadOnly(), false);
+    return std::make_unique<WorkingFileByteStream>(entry, entry->openReadOnly(), false, false);
   }
   auto openOptions = options;
   openOptions.create = created;
@@ -88,7 +88,8 @@ fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
     onOpened = [metadataCache = metadataCache_, key] { metadataCache->confirmFile(key); };
   }
   auto registration = entry->openReadWrite(openOptions, std::move(onOpened));
-  return std::make_unique<WorkingFileByteStream>(entry, std::move(registration), options.append);
+  return std::make_unique<WorkingFileByteStream>(entry, std::move(registration), options.append,
+                                                 options.write);
 }
 
 std::shared_ptr<FileMetadata> OverlayProvider::recordForStream(

@@ -25,8 +25,11 @@ auto guarded(Call&& call) -> decltype(call()) {
 
 WorkingFileByteStream::WorkingFileByteStream(std::shared_ptr<WorkingFileEntry> entry,
                                              std::shared_ptr<StreamRegistration> registration,
-                                             bool append)
-    : entry_(std::move(entry)), registration_(std::move(registration)), append_(append) {}
+                                             bool append, bool writable)
+    : entry_(std::move(entry)),
+      registration_(std::move(registration)),
+      append_(append),
+      writable_(writable) {}
 
 long WorkingFileByteStream::read(char* buffer, long count) {
   const auto offset = static_cast<std::int64_t>(position_);
@@ -38,6 +41,7 @@ long WorkingFileByteStream::read(char* buffer, long count) {
 }
 
 long WorkingFileByteStream::write(const char* buffer, long count) {
+  if (!writable_) throw fsp::ByteStreamWriteFailure(fsp::ErrorCode::OperationRefused);
   if (append_) {
     const auto [written, size] = guarded<fsp::ByteStreamWriteFailure>([&] {
       const auto n = entry_->append(buffer, count);

@@ -25,8 +25,10 @@ namespace storage::overlayprovider {
 
 class WorkingFileByteStream final : public foundation::storage::provider::ByteStream {
  public:
+  // A stream opened read-only (writable false) refuses every write with OperationRefused.
   WorkingFileByteStream(std::shared_ptr<WorkingFileEntry> entry,
-                        std::shared_ptr<StreamRegistration> registration, bool append);
+                        std::shared_ptr<StreamRegistration> registration, bool append,
+                        bool writable);
   ~WorkingFileByteStream() override = default;
 
   // Bytes read, or -1 at the end of the file (the position then stays where it is).
@@ -44,6 +46,7 @@ class WorkingFileByteStream final : public foundation::storage::provider::ByteSt
   std::shared_ptr<StreamRegistration> registration_;
   std::streampos position_{0};
   bool append_;
+  bool writable_;
 };
 
 }  // namespace storage::overlayprovider

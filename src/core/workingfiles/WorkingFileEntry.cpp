@@ -134,7 +134,8 @@ bool WorkingFileEntry::bodyMayLackPendingWritesLocked() const {
 bool WorkingFileEntry::waitForPendingWrites() {
   enqueueProviderWrite();
   std::unique_lock lock(pendingMutex_);
-  if (pendingTransactions_ == 0) return false;
+  // An aborted entry waits for nothing: its file is gone or being replaced.
+  if (pendingTransactions_ == 0 || aborted_.load()) return false;
   const auto period = waitForZeroPeriod();
   while (pendingTransactions_ > 0 && !aborted_.load()) {
     pendingChanged_.wait_for(lock, period);
