@@ -225,6 +225,47 @@ TEST(OverlayBodies, QueuedWritesLandBeforeALaterMoveOrRemoval) {
   EXPECT_EQ("body", readAll(*reader));
 }
 
+// Queued writes refer to their bytes in the cached body; whatever takes the body away first
+// must leave the bytes with the writes.
+TEST(OverlayBodies, QueuedBytesSurviveTheirBodyGoing) {
+  const auto body = patternOf(3 << 20);
+  struct Case {
+    const char* name;
+    std::function<void(OverlayOverMem&)> takeBodyAway;
+    std::string content;
+  };
+  const std::vector<Case> cases = {
+      {"evicted",
+       [](OverlayOverMem& env) {
+         env.overlay->contentCache().find(StorageIRI(u"overlay", u"/f"))->removeCachedBody();
+       },
+       body},
+      {"invalidated", [](OverlayOverMem& env) { env.overlay->invalidate(env.at(u"")); }, body},
+      {"emptied by a new open",
+       [](OverlayOverMem& env) {
+         auto again = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
+         again->write("new", 3);
+         again->close();
+       },
+       "new"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    OverlayOverMem env;
+    env.instrumented->setStreamLatency(std::chrono::milliseconds(30));
+    auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
+    for (std::size_t offset = 0; offset < body.size(); offset += 64 << 10) {
+      stream->write(body.data() + offset, 64 << 10);
+    }
+    stream->close();
+    c.takeBodyAway(env);
+    env.overlay->flushFilesystem();
+    EXPECT_EQ(c.content, innerContent(env, u"/f"));
+    auto reader = env.overlay->openReadOnlyStream(env.at(u"f"));
+    EXPECT_EQ(c.content, readAll(*reader));
+  }
+}
+
 TEST(OverlayBodies, CopyGoesThroughTheOverlaysOwnStreams) {
   OverlayOverMem env;
   putInner(env, u"/src", "source bytes");

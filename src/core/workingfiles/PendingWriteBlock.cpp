@@ -1,6 +1,7 @@
 #include "core/workingfiles/PendingWriteBlock.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace storage::overlayprovider {
 
@@ -12,19 +13,34 @@ PendingWriteBlock::PendingWriteBlock(std::int64_t start, std::int64_t capacity)
     : start_(start), capacity_(capacity), nextOffset_(start) {}
 
 PendingWriteBlock::Answer PendingWriteBlock::append(std::int64_t offset, const char* data,
-                                                    std::int64_t count) {
+                                                    std::int64_t count, bool inBody) {
   if (offset != nextOffset_) return NOT_CONTIGUOUS;
   // A block never grows past its capacity, except by one write that is larger on its own:
   // that write is taken whole and handed over at once.
-  if (size() + count >= capacity_ && count < capacity_) return NOT_CONTIGUOUS;
-  // A writer that starts with a large write streams: its block is sized once, so that no
-  // regrowth copies the bytes and no slack of a doubled buffer sits in the queue.
-  if (bytes_.empty() && count >= kStreamingWrite) {
-    bytes_.reserve(static_cast<std::size_t>(std::max(capacity_, count)));
+  if (length_ + count >= capacity_ && count < capacity_) return NOT_CONTIGUOUS;
+  if (!inBody && refersToBody()) {
+    throw std::logic_error("a block that refers to the body must be materialised first");
   }
-  bytes_.insert(bytes_.end(), data, data + count);
+  if (!inBody || !bytes_.empty()) {
+    // A writer that starts with a large write streams: its copy is sized once, so that no
+    // regrowth copies the bytes again.
+    if (bytes_.empty() && count >= kStreamingWrite) {
+      bytes_.reserve(static_cast<std::size_t>(std::max(capacity_, count)));
+    }
+    bytes_.insert(bytes_.end(), data, data + count);
+  }
+  length_ += count;
   nextOffset_ = offset + count;
   return count >= capacity_ ? APPENDED_HAND_OVER : APPENDED;
+}
+
+void PendingWriteBlock::materialise(const BodyReader& readBody) {
+  if (!refersToBody()) return;
+  std::vector<char> copy(static_cast<std::size_t>(length_));
+  if (readBody(start_, copy.data(), length_) != length_) {
+    throw std::runtime_error("the cached body no longer holds bytes still to be written");
+  }
+  bytes_ = std::move(copy);
 }
 
 }  // namespace storage::overlayprovider

@@ -1,14 +1,21 @@
-// PendingWriteBlock: contiguous bytes written to a working file that have not yet been handed
-// to the executor. Coalescing contiguous writes into one block lets many small caller writes
+// PendingWriteBlock: contiguous bytes written to a working file that have not yet reached the
+// inner store. Coalescing contiguous writes into one block lets many small caller writes
 // reach the inner store as one large write.
 //
-// Ownership: a WorkingFileEntry holds at most one block (std::unique_ptr) and hands it, by
-// shared ownership, to the FILE_WRITE transaction that carries it to the inner store.
-// Locks: none; the entry serialises every use under its own mutex, and a handed-over block is
-// only read.
+// Where the bytes are: when they are also in the file's cached body (the usual case), the
+// block records only their range and the FILE_WRITE transaction reads them from the body when
+// it runs, so a writer pays one local copy, not two, and queued writes hold no memory. When
+// the body cannot hold them (content caching disabled, or a failed body), the block keeps a
+// copy. Before anything could take a body's bytes away (eviction, a stale body, a truncating
+// open, a failing body), the working file calls materialise, which copies them in.
+//
+// Ownership: a WorkingFileEntry holds at most one block still taking writes, and shares the
+// handed-over ones with the FILE_WRITE transactions that carry them.
+// Locks: none; the entry uses its blocks under its own mutex only.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace storage::overlayprovider {
@@ -23,20 +30,28 @@ class PendingWriteBlock {
     // Taken, and the block should be handed over now (the write alone filled it).
     APPENDED_HAND_OVER = 2,
   };
+  // Reads `count` body bytes at `position` into `buffer`; returns the bytes read.
+  using BodyReader = std::function<std::int64_t(std::int64_t, char*, std::int64_t)>;
 
   PendingWriteBlock(std::int64_t start, std::int64_t capacity);
 
-  Answer append(std::int64_t offset, const char* data, std::int64_t count);
+  // `inBody`: the bytes are in the cached body as well, so only their range is recorded. A
+  // block that refers to the body takes bytes that are not in it only after materialise.
+  Answer append(std::int64_t offset, const char* data, std::int64_t count, bool inBody);
+  // Copies the bytes it refers to out of the body; throws std::runtime_error when the body
+  // has fewer of them.
+  void materialise(const BodyReader& readBody);
 
   std::int64_t start() const { return start_; }
-  std::int64_t size() const { return static_cast<std::int64_t>(bytes_.size()); }
-  // The bytes the block holds in memory (its buffer's capacity), what its transaction weighs.
-  std::int64_t allocated() const { return static_cast<std::int64_t>(bytes_.capacity()); }
-  const char* data() const { return bytes_.data(); }
+  std::int64_t size() const { return length_; }
+  // Whether the bytes are in the body only (then bytes() is empty).
+  bool refersToBody() const { return length_ > 0 && bytes_.empty(); }
+  const std::vector<char>& bytes() const { return bytes_; }
 
  private:
   std::int64_t start_;
   std::int64_t capacity_;
+  std::int64_t length_ = 0;
   std::vector<char> bytes_;
   std::int64_t nextOffset_;
 };

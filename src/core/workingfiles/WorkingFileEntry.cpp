@@ -8,9 +8,12 @@
 
 #include <foundation/storage/provider/Exception.h>
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <utime.h>
 #include <algorithm>
 #include <boost/date_time/posix_time/conversion.hpp>
+#include <boost/exception/diagnostic_information.hpp>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -76,6 +79,7 @@ std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadWrite(
   if (options.truncate) {
     std::lock_guard lock(mutex_);
     // The store's copy is emptied by the open below; so is ours, and with it every range.
+    holdUnsentBytesLocked();
     resource_->doRemove();
     pendingBlock_.reset();
     size_ = 0;
@@ -255,8 +259,14 @@ void WorkingFileEntry::checkQuotaLocked(std::int64_t offset, std::int64_t count)
 
 void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::int64_t count,
                                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
-  recordLocked(offset, data, count, handOver);
-  if (!resource_->hasFailed()) resource_->write(offset, data, count);
+  bool inBody = false;
+  if (!resource_->hasFailed()) {
+    resource_->write(offset, data, count);
+    // A body that just failed keeps what it had; the unsent bytes are taken out of it now.
+    if (resource_->hasFailed()) holdUnsentBytesLocked();
+    inBody = !resource_->hasFailed() && !settings_.contentCacheDisabled;
+  }
+  recordLocked(offset, data, count, inBody, handOver);
   if (settings_.quotaAccountant) {
     settings_.quotaAccountant->addBytesWritten(static_cast<std::size_t>(count));
   }
@@ -266,16 +276,59 @@ void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::i
 }
 
 void WorkingFileEntry::recordLocked(std::int64_t offset, const char* data, std::int64_t count,
+                                    bool inBody,
                                     std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
   const auto capacity = std::max<std::int64_t>(settings_.maxWritePayloadSize, 1);
   if (!pendingBlock_) pendingBlock_ = std::make_unique<PendingWriteBlock>(offset, capacity);
-  const auto answer = pendingBlock_->append(offset, data, count);
+  if (!inBody) holdUnsentBytesLocked();
+  const auto answer = pendingBlock_->append(offset, data, count, inBody);
   if (answer == PendingWriteBlock::APPENDED && !settings_.contentCacheDisabled) return;
-  handOver.push_back(std::move(pendingBlock_));
+  handOverLocked(handOver);
   if (answer == PendingWriteBlock::NOT_CONTIGUOUS) {
     // The new bytes start a block of their own, which waits (also in write-through mode).
     pendingBlock_ = std::make_unique<PendingWriteBlock>(offset, capacity);
-    pendingBlock_->append(offset, data, count);
+    pendingBlock_->append(offset, data, count, inBody);
+  }
+}
+
+void WorkingFileEntry::handOverLocked(std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
+  std::shared_ptr<PendingWriteBlock> block = std::move(pendingBlock_);
+  pendingBlock_.reset();
+  if (!block || block->size() == 0) return;
+  if (block->refersToBody()) unsentBodyBlocks_.push_back(block);
+  handOver.push_back(std::move(block));
+}
+
+std::int64_t WorkingFileEntry::readBodyLocked(std::int64_t position, char* buffer,
+                                              std::int64_t count) const {
+  const int fd = ::open(resource_->path().c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  std::int64_t done = 0;
+  while (done < count) {
+    const auto n = ::pread(fd, buffer + done, static_cast<std::size_t>(count - done),
+                           static_cast<off_t>(position + done));
+    if (n <= 0) break;
+    done += n;
+  }
+  ::close(fd);
+  return done;
+}
+
+void WorkingFileEntry::holdUnsentBytesLocked() {
+  const auto reader = [this](std::int64_t position, char* buffer, std::int64_t count) {
+    return readBodyLocked(position, buffer, count);
+  };
+  auto blocks = std::move(unsentBodyBlocks_);
+  unsentBodyBlocks_.clear();
+  if (pendingBlock_) blocks.emplace_back(pendingBlock_.get(), [](PendingWriteBlock*) {});
+  for (const auto& block : blocks) {
+    try {
+      block->materialise(reader);
+    } catch (...) {
+      OVERLAY_LOG(log::error) << "Unexpected exception during write operation";
+      OVERLAY_LOG(log::exception) << "Exception caught: "
+                                  << boost::current_exception_diagnostic_information();
+    }
   }
 }
 
@@ -284,8 +337,7 @@ void WorkingFileEntry::enqueueProviderWrite() {
   std::vector<std::shared_ptr<PendingWriteBlock>> handOver;
   {
     std::lock_guard lock(mutex_);
-    if (pendingBlock_ && pendingBlock_->size() > 0) handOver.push_back(std::move(pendingBlock_));
-    pendingBlock_.reset();
+    handOverLocked(handOver);
   }
   submitWrites(handOver);
 }
@@ -293,8 +345,8 @@ void WorkingFileEntry::enqueueProviderWrite() {
 void WorkingFileEntry::submitWrites(const std::vector<std::shared_ptr<PendingWriteBlock>>& blocks) {
   for (const auto& block : blocks) {
     if (!block || block->size() == 0) continue;
-    submit([self = shared_from_this(), block] { self->writeInner(*block); }, FILE_WRITE,
-           transactionWeight(settings_.minQueueItemWeight, block->allocated()));
+    submit([self = shared_from_this(), block] { self->writeInner(block); }, FILE_WRITE,
+           transactionWeight(settings_.minQueueItemWeight, block->size()));
   }
 }
 
@@ -312,8 +364,7 @@ void WorkingFileEntry::close(std::uint64_t streamId) {
   bool lastClose = false;
   {
     std::lock_guard lock(mutex_);
-    if (pendingBlock_ && pendingBlock_->size() > 0) handOver.push_back(std::move(pendingBlock_));
-    pendingBlock_.reset();
+    handOverLocked(handOver);
     const bool wasOpen = openStreams_.erase(streamId) > 0;
     writableStreams_.erase(streamId);
     lastClose = wasOpen && openStreams_.empty();
@@ -387,6 +438,7 @@ void WorkingFileEntry::stampAndWake() {
 
 void WorkingFileEntry::removeCachedBody() {
   std::lock_guard lock(mutex_);
+  holdUnsentBytesLocked();
   resource_->doRemove();
   bodyLost_ = true;
   ++generation_;
@@ -405,6 +457,8 @@ void WorkingFileEntry::moveTo(const fsp::StorageIRI& location) {
 
 void WorkingFileEntry::detach() {
   std::lock_guard lock(mutex_);
+  // Another entry may take the body over (and find it stale): what is unsent leaves it now.
+  holdUnsentBytesLocked();
   if (openStreams_.empty() && !bodyCompleteLocked()) stampBodyLocked();
 }
 

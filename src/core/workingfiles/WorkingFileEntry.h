@@ -4,7 +4,11 @@
 //
 // Reads are served from the cached body. Writes land in the cached body at once, are
 // coalesced into a pending block of contiguous bytes, and reach the inner store as FILE_WRITE
-// transactions on the executor; the caller never waits for the store on a write.
+// transactions on the executor; the caller never waits for the store on a write. A block
+// refers to its bytes in the body rather than copying them (see PendingWriteBlock), so the
+// caller pays one local write; the bytes are copied out of the body before anything can take
+// them away (eviction, a stale or failing body, a truncating open, the entry leaving the
+// content cache).
 //
 // Choices where the behaviour is ours to make:
 //  - Read misses: the missing bytes are fetched from the inner stream on the caller's thread,
@@ -122,8 +126,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // The file moved in the overlay: the body follows and the inner stream is reopened at the
   // new location by the next transaction that needs it.
   void moveTo(const fsp::StorageIRI& location);
-  // The entry leaves the content cache: unless streams still use it, a partial body is
-  // stamped so that no later entry takes it for whole.
+  // The entry leaves the content cache: its unsent bytes are copied out of the body, and
+  // unless streams still use it, a partial body is stamped so that no later entry takes it
+  // for whole.
   void detach();
 
   // --- queries ---
@@ -149,8 +154,15 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void checkQuotaLocked(std::int64_t offset, std::int64_t count) const;
   void writeLocked(std::int64_t offset, const char* data, std::int64_t count,
                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
-  void recordLocked(std::int64_t offset, const char* data, std::int64_t count,
+  void recordLocked(std::int64_t offset, const char* data, std::int64_t count, bool inBody,
                     std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
+  // Moves the pending block (if it holds anything) to `handOver`.
+  void handOverLocked(std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
+  // Reads body bytes straight from the body file (also after a failed body write).
+  std::int64_t readBodyLocked(std::int64_t position, char* buffer, std::int64_t count) const;
+  // Copies into memory every unsent byte that only the body holds, before the body can lose
+  // it. Logs (and gives up) what can no longer be read.
+  void holdUnsentBytesLocked();
   void submitWrites(const std::vector<std::shared_ptr<PendingWriteBlock>>& blocks);
   void submit(std::function<void()> task, ObservableTransactionType kind, double weight);
   std::shared_ptr<PendingTicket> newTicket();
@@ -163,8 +175,10 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void ensureInnerStreamLocked(bool forWriting);
   void seekInnerLocked(std::int64_t offset);
   std::int64_t readInnerLocked(char* buffer, std::int64_t count);
-  void writeInner(const PendingWriteBlock& block);
-  void writeInnerLocked(const PendingWriteBlock& block);
+  void writeInner(const std::shared_ptr<PendingWriteBlock>& block);
+  // The block's bytes, from memory or read from the body into innerBuffer_.
+  const char* blockBytesLocked(const std::shared_ptr<PendingWriteBlock>& block);
+  void writeInnerLocked(const std::shared_ptr<PendingWriteBlock>& block);
   void closeInnerLocked();
   void runOpen(const fsp::ByteStreamOpenOptions& options, const std::function<void()>& onOpened);
   void runClose();
@@ -186,6 +200,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   bool innerWritable_ = false;
   std::int64_t innerPosition_ = -1;
   bool innerWritten_ = false;
+  std::vector<char> innerBuffer_;  // body bytes on their way to the store
 
   mutable std::mutex mutex_;
   fsp::StorageIRI location_;
@@ -195,6 +210,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::uint64_t nextStreamId_ = 1;
   int state_ = 0;
   std::unique_ptr<PendingWriteBlock> pendingBlock_;
+  // Handed-over blocks whose bytes their transactions have not read from the body yet.
+  std::vector<std::shared_ptr<PendingWriteBlock>> unsentBodyBlocks_;
   bool bodyLost_ = false;
   std::uint64_t generation_ = 0;  // bumped by every local change of the body
   std::int64_t nextSequential_ = 0;

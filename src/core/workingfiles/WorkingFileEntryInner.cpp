@@ -8,6 +8,7 @@
 #include <foundation/storage/provider/Exception.h>
 
 #include <boost/exception/diagnostic_information.hpp>
+#include <stdexcept>
 
 namespace storage::overlayprovider {
 
@@ -78,12 +79,24 @@ std::int64_t WorkingFileEntry::readInnerLocked(char* buffer, std::int64_t count)
   return done;
 }
 
-void WorkingFileEntry::writeInnerLocked(const PendingWriteBlock& block) {
+const char* WorkingFileEntry::blockBytesLocked(const std::shared_ptr<PendingWriteBlock>& block) {
+  std::lock_guard lock(mutex_);
+  std::erase(unsentBodyBlocks_, block);
+  if (!block->refersToBody()) return block->bytes().data();
+  innerBuffer_.resize(static_cast<std::size_t>(block->size()));
+  if (readBodyLocked(block->start(), innerBuffer_.data(), block->size()) != block->size()) {
+    throw std::runtime_error("the cached body no longer holds bytes still to be written");
+  }
+  return innerBuffer_.data();
+}
+
+void WorkingFileEntry::writeInnerLocked(const std::shared_ptr<PendingWriteBlock>& block) {
+  const char* bytes = blockBytesLocked(block);
   ensureInnerStreamLocked(true);
-  seekInnerLocked(block.start());
+  seekInnerLocked(block->start());
   std::int64_t done = 0;
-  while (done < block.size()) {
-    const auto n = innerStream_->write(block.data() + done, static_cast<long>(block.size() - done));
+  while (done < block->size()) {
+    const auto n = innerStream_->write(bytes + done, static_cast<long>(block->size() - done));
     if (n <= 0) throw Exception(ErrorCode::IOError, location(), "the store's stream took nothing");
     done += n;
     innerPosition_ += n;
@@ -91,7 +104,7 @@ void WorkingFileEntry::writeInnerLocked(const PendingWriteBlock& block) {
   innerWritten_ = true;
 }
 
-void WorkingFileEntry::writeInner(const PendingWriteBlock& block) {
+void WorkingFileEntry::writeInner(const std::shared_ptr<PendingWriteBlock>& block) {
   std::lock_guard inner(innerMutex_);
   for (int attempt = 1;; ++attempt) {
     try {
