@@ -75,7 +75,11 @@ std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadOnly() {
 
 std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadWrite(
     const fsp::ByteStreamOpenOptions& options, std::function<void()> onOpened) {
-  auto registration = std::make_shared<StreamRegistration>(weak_from_this(), registerStream(true));
+  auto registration =
+      std::make_shared<StreamRegistration>(weak_from_this(), registerStream(options.write));
+  // Held across the emptying and its transaction, so that no write of another stream can be
+  // queued between them (it would land on the store before the store's copy is emptied).
+  std::lock_guard order(submitMutex_);
   if (options.truncate) {
     std::lock_guard lock(mutex_);
     // The store's copy is emptied by the open below; so is ours, and with it every range.
@@ -87,7 +91,6 @@ std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadWrite(
     record_->setSize(0).setLastModified(resource_->lastModified());
   }
   if (options.create || options.truncate) {
-    std::lock_guard order(submitMutex_);
     submit([self = shared_from_this(), options, onOpened] { self->runOpen(options, onOpened); },
            FILE_OPEN_READWRITE, settings_.minQueueItemWeight);
   } else if (onOpened) {
