@@ -1,8 +1,8 @@
 // MetadataCache: whole-tree population from one recursive listing of the inner store, and the
 // wait for it.
 #include "core/metadata/FutureFolderEntry.h"
-#include "core/provider/InnerLocation.h"
 #include "core/metadata/MetadataCache.h"
+#include "core/provider/InnerLocation.h"
 #include "core/provider/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
