@@ -2,6 +2,8 @@
 
 #include <foundation/log/DiagnosticLogger.h>
 
+#include <boost/exception/diagnostic_information.hpp>
+
 #include <algorithm>
 
 namespace foundation::storage::provider::detail {
@@ -17,29 +19,35 @@ const log::diagnostic_logger& frameworkLogger() {
 
 ChangePoller::ChangePoller(const IProvider& provider, StorageIRI location, EventPublisher publisher,
                            std::vector<events::Kind> kinds, long periodMs, bool recursive)
-    : provider_(provider),
-      location_(std::move(location)),
-      publisher_(std::move(publisher)),
-      kinds_(std::move(kinds)),
-      periodMs_(std::max(1L, periodMs)),
-      recursive_(recursive) {
+    : state_(std::make_shared<State>(provider, std::move(location), std::move(publisher),
+                                     std::move(kinds), std::max(1L, periodMs), recursive)) {
   // The first listing is taken at once, so that changes made right after the start count.
-  last_ = takeSnapshot();
-  thread_ = std::thread([this] { run(); });
+  state_->last = state_->takeSnapshot();
+  thread_ = std::thread([state = state_] { run(state); });
 }
 
 ChangePoller::~ChangePoller() {
   {
-    std::lock_guard lock(mutex_);
-    stopping_ = true;
+    std::lock_guard lock(state_->mutex);
+    state_->stopping = true;
   }
-  wake_.notify_all();
-  if (thread_.joinable()) thread_.join();
+  state_->wake.notify_all();
+  if (!thread_.joinable()) return;
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    thread_.detach();  // stopped from its own callback: it ends when the callback returns
+  } else {
+    thread_.join();
+  }
 }
 
-ChangePoller::Snapshot ChangePoller::takeSnapshot() const {
+bool ChangePoller::State::isStopping() {
+  std::lock_guard lock(mutex);
+  return stopping;
+}
+
+ChangePoller::Snapshot ChangePoller::State::takeSnapshot() const {
   Snapshot snapshot;
-  auto rows = recursive_ ? provider_.listAllRecursive(location_) : provider_.listAll(location_);
+  auto rows = recursive ? provider.listAllRecursive(location) : provider.listAll(location);
   for (const auto& row : collectRows(*rows)) {
     if (row.isFile()) {
       const auto& a = row.getFileAttributes();
@@ -51,7 +59,7 @@ ChangePoller::Snapshot ChangePoller::takeSnapshot() const {
   return snapshot;
 }
 
-void ChangePoller::publishDifferences(const Snapshot& before, const Snapshot& after) const {
+void ChangePoller::State::publishDifferences(const Snapshot& before, const Snapshot& after) {
   for (const auto& [name, seen] : before) {
     if (!after.count(name)) publish(events::Kind::Removed, name, seen.file);
   }
@@ -66,30 +74,37 @@ void ChangePoller::publishDifferences(const Snapshot& before, const Snapshot& af
   }
 }
 
-void ChangePoller::publish(events::Kind kind, const std::u16string& relative, bool file) const {
-  if (!kinds_.empty() && std::find(kinds_.begin(), kinds_.end(), kind) == kinds_.end()) return;
-  const StorageIRI location(location_, relative);
+void ChangePoller::State::publish(events::Kind kind, const std::u16string& relative, bool file) {
+  if (!kinds.empty() && std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) return;
+  // A subscriber that stopped polling (perhaps from an earlier callback) hears nothing more.
+  if (isStopping()) return;
+  const StorageIRI changed(location, relative);
   const auto type = file ? events::EntryType::File : events::EntryType::Folder;
   try {
-    publisher_(kind, location, location, type, {});
-  } catch (const std::exception& e) {
+    publisher(kind, changed, changed, type, {});
+  } catch (...) {
     FOUNDATION_LOG(frameworkLogger(), log::error)
-        << "Change-polling subscriber failed for " << location << ": " << e.what();
+        << "Change-polling subscriber failed for " << changed << ": "
+        << boost::current_exception_diagnostic_information();
   }
 }
 
-void ChangePoller::run() {
-  std::unique_lock lock(mutex_);
-  while (
-      !wake_.wait_for(lock, std::chrono::milliseconds(periodMs_), [this] { return stopping_; })) {
+void ChangePoller::run(const std::shared_ptr<State>& state) {
+  std::unique_lock lock(state->mutex);
+  while (!state->wake.wait_for(lock, std::chrono::milliseconds(state->periodMs),
+                               [&] { return state->stopping; })) {
     lock.unlock();
     try {
-      auto now = takeSnapshot();
-      publishDifferences(last_, now);
-      last_ = std::move(now);
-    } catch (const std::exception& e) {
-      FOUNDATION_LOG(frameworkLogger(), log::error)
-          << "Change polling of " << location_ << " failed: " << e.what();
+      auto now = state->takeSnapshot();
+      state->publishDifferences(state->last, now);
+      state->last = std::move(now);
+    } catch (...) {
+      try {
+        FOUNDATION_LOG(frameworkLogger(), log::error)
+            << "Change polling of " << state->location
+            << " failed: " << boost::current_exception_diagnostic_information();
+      } catch (...) {
+      }
     }
     lock.lock();
   }

@@ -3,8 +3,14 @@
 // consecutive listings (Created, Removed, Modified). Owned by IProvider; the provider must
 // outlive its pollers (IProvider stops them in shutdown() and in its destructor).
 //
+// A subscriber may stop polling from inside its own callback: the poller is then destroyed on
+// its own thread, which cannot join itself. So the thread's state lives apart from the poller
+// (shared by both), the destructor detaches the thread in that one case, and the thread ends
+// as soon as its callback returns, publishing nothing more.
+//
 // Locks: ChangePollers has none of its own (IProvider's pollers mutex guards it); each poller
-// has one mutex for its stop flag, never held while listing or publishing.
+// has one mutex for its stop flag, never held while listing or publishing. The thread body
+// catches and logs everything.
 #pragma once
 
 #include <foundation/storage/provider/IProvider.h>
@@ -20,7 +26,8 @@ class ChangePoller {
  public:
   ChangePoller(const IProvider& provider, StorageIRI location, EventPublisher publisher,
                std::vector<events::Kind> kinds, long periodMs, bool recursive);
-  ~ChangePoller();  // stops and joins
+  // Stops the thread and joins it, or detaches it when called on that thread itself.
+  ~ChangePoller();
 
  private:
   struct Seen {
@@ -29,22 +36,28 @@ class ChangePoller {
     posix_time::ptime lastModified;
   };
   using Snapshot = std::map<std::u16string, Seen>;
+  // What the polling thread uses; shared so that it outlives a poller destroyed meanwhile.
+  struct State {
+    const IProvider& provider;
+    StorageIRI location;
+    EventPublisher publisher;
+    std::vector<events::Kind> kinds;
+    long periodMs;
+    bool recursive;
+    Snapshot last;
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool stopping = false;
 
-  Snapshot takeSnapshot() const;
-  void publishDifferences(const Snapshot& before, const Snapshot& after) const;
-  void publish(events::Kind kind, const std::u16string& relative, bool file) const;
-  void run();
+    bool isStopping();
+    Snapshot takeSnapshot() const;
+    void publishDifferences(const Snapshot& before, const Snapshot& after);
+    void publish(events::Kind kind, const std::u16string& relative, bool file);
+  };
 
-  const IProvider& provider_;
-  StorageIRI location_;
-  EventPublisher publisher_;
-  std::vector<events::Kind> kinds_;
-  long periodMs_;
-  bool recursive_;
-  Snapshot last_;
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  bool stopping_ = false;
+  static void run(const std::shared_ptr<State>& state);
+
+  std::shared_ptr<State> state_;
   std::thread thread_;
 };
 

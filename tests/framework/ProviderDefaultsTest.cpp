@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <set>
+#include <thread>
 
 using namespace foundation::storage::provider;
 using foundation::storage::events::EntryType;
@@ -120,6 +121,32 @@ TEST_F(ProviderDefaults, ChangePollingReportsWhatChangedBetweenListings) {
     EXPECT_TRUE(all) << seen.size() << " events seen";
   }
   mem->stopChangePolling(at(u"/"));
+}
+
+// The subscriber stops polling from inside its own callback (the poller is then destroyed on
+// its own thread); a subscriber may also throw something that is not a std::exception.
+TEST_F(ProviderDefaults, ASubscriberMayStopPollingFromItsOwnCallback) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int calls = 0;
+  mem->startChangePolling(
+      at(u"/"),
+      [&](Kind, const StorageIRI&, const StorageIRI&, EntryType, boost::property_tree::ptree) {
+        mem->stopChangePolling(at(u"/"));
+        std::lock_guard lock(mutex);
+        ++calls;
+        changed.notify_all();
+        throw 42;
+      },
+      {}, 5, RecursiveChangePolling::No);
+  write(u"/a", "1");
+  write(u"/b", "1");
+  std::unique_lock lock(mutex);
+  EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(10), [&] { return calls > 0; }));
+  lock.unlock();
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  lock.lock();
+  EXPECT_EQ(calls, 1) << "nothing is published after the stop";
 }
 
 TEST_F(ProviderDefaults, WildcardAndRecursiveListingsFilterByTheLastComponent) {
