@@ -7,6 +7,7 @@
 #include <foundation/storage/provider/IProvider.h>
 #include <foundation/text/Unicode.h>
 
+#include <boost/exception/diagnostic_information.hpp>
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 #include <vector>
@@ -53,26 +54,31 @@ std::uint64_t copyBytes(ByteStream& from, ByteStream& to, std::uint64_t limit,
 void removeQuietly(const IProvider& provider, const StorageIRI& scratch) {
   try {
     if (provider.fileExists(scratch)) provider.removeFile(scratch);
-  } catch (const std::exception& e) {
+  } catch (...) {
     FOUNDATION_LOG(frameworkLogger(), log::error)
-        << "Could not remove the scratch file " << scratch << ": " << e.what();
+        << "Could not remove the scratch file " << scratch << ": "
+        << boost::current_exception_diagnostic_information();
   }
 }
 
 // A stream on the scratch file; close() moves the scratch file onto the target. Destroying
-// it without close() abandons the transaction: the target is left as it was.
+// it without close() abandons the transaction: the target is left as it was. It shares the
+// ownership of its provider, which it calls from close() and from its destructor.
 class TransactionalByteStream final : public ByteStream {
  public:
-  TransactionalByteStream(const IProvider& provider, StorageIRI target, StorageIRI scratch,
-                          ByteStreamPtr stream)
-      : provider_(provider),
+  TransactionalByteStream(std::shared_ptr<const IProvider> provider, StorageIRI target,
+                          StorageIRI scratch, ByteStreamPtr stream)
+      : provider_(std::move(provider)),
         target_(std::move(target)),
         scratch_(std::move(scratch)),
         stream_(std::move(stream)) {}
   ~TransactionalByteStream() override {
-    if (stream_) {
-      stream_.reset();
-      removeQuietly(provider_, scratch_);
+    try {
+      if (stream_) {
+        stream_.reset();
+        removeQuietly(*provider_, scratch_);
+      }
+    } catch (...) {
     }
   }
   long read(char* buffer, long count) override { return open(true).read(buffer, count); }
@@ -86,9 +92,9 @@ class TransactionalByteStream final : public ByteStream {
     auto stream = std::move(stream_);
     try {
       stream->close();
-      provider_.moveFile(scratch_, target_, ReplacementPolicy::Overwrite);
+      provider_->moveFile(scratch_, target_, ReplacementPolicy::Overwrite);
     } catch (const Exception& e) {
-      removeQuietly(provider_, scratch_);
+      removeQuietly(*provider_, scratch_);
       throw ByteStreamCloseFailure(e.getErrorCode());
     }
   }
@@ -100,7 +106,7 @@ class TransactionalByteStream final : public ByteStream {
     throw ByteStreamWriteFailure(ErrorCode::IOError);
   }
 
-  const IProvider& provider_;
+  std::shared_ptr<const IProvider> provider_;
   StorageIRI target_;
   StorageIRI scratch_;
   ByteStreamPtr stream_;
@@ -115,6 +121,11 @@ ByteStreamPtr IProvider::doOpenTransactionalStream(const StorageIRI& iri,
 
 ByteStreamPtr IProvider::doOpenTransactionalStreamAtScratchLocation(
     const StorageIRI& iri, const StorageIRI& scratch, const ByteStreamOpenOptions& options) const {
+  auto self = weak_from_this().lock();
+  if (!self) {
+    throw Exception(ErrorCode::NotSupported, iri,
+                    "transactional streams need a provider owned by std::shared_ptr");
+  }
   const bool exists = doFileExists(iri);
   if (!exists && options.mustExist()) throw Exception(ErrorCode::NotFound, iri);
   {
@@ -131,7 +142,7 @@ ByteStreamPtr IProvider::doOpenTransactionalStreamAtScratchLocation(
   scratchOptions.create = false;
   scratchOptions.truncate = false;
   try {
-    return std::make_unique<TransactionalByteStream>(*this, iri, scratch,
+    return std::make_unique<TransactionalByteStream>(std::move(self), iri, scratch,
                                                      doOpenStream(scratch, scratchOptions));
   } catch (...) {
     removeQuietly(*this, scratch);

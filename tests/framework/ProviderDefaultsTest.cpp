@@ -64,6 +64,19 @@ TEST_F(ProviderDefaults, AnAbandonedTransactionLeavesTheTargetAsItWas) {
                Exception);
 }
 
+// The stream shares its provider's ownership: dropping every other handle first is safe.
+TEST_F(ProviderDefaults, ATransactionalStreamMayOutliveItsProvidersOtherHolders) {
+  write(u"/f", "old");
+  auto stream = mem->openTransactionalStream(at(u"/f"), ByteStreamOpenOptions::overwrite());
+  std::weak_ptr<mem::MemProvider> provider = mem;
+  mem.reset();
+  EXPECT_FALSE(provider.expired());
+  EXPECT_EQ(stream->write("new", 3), 3);
+  EXPECT_NO_THROW(stream->close());
+  stream.reset();
+  EXPECT_TRUE(provider.expired()) << "the stream held the provider, and only that long";
+}
+
 TEST_F(ProviderDefaults, AtomicCopyHonoursThePolicyAndTheInterrupt) {
   write(u"/a", "payload");
   write(u"/b", "other");

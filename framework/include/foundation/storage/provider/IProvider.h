@@ -44,7 +44,10 @@ namespace detail {
 class ChangePollers;
 }
 
-class IProvider {
+// Providers are owned by std::shared_ptr (factories make them with std::make_shared); what a
+// provider hands out that calls it back later (the default transactional streams) shares that
+// ownership, so it may outlive every other holder.
+class IProvider : public std::enable_shared_from_this<IProvider> {
  public:
   IProvider();
   IProvider(const IProvider&) = delete;
