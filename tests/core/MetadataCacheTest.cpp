@@ -312,6 +312,15 @@ TEST_F(MetadataCacheTest, EventMarksAreActedUponAtTheNextLookup) {
   EXPECT_EQ(listings(), 1u);  // nothing happens before a lookup
   EXPECT_EQ(cache().getFileSize(ov(u"/a/later.txt")), 3u);
   EXPECT_EQ(listings(), 2u);
+
+  // A batch of marks is acted upon in one walk over the cached records, not one walk each.
+  cache().getFolderEntry(ov(u"/a/sub"));
+  cache().getFolderEntry(ov(u"/ab"));
+  LogCapture capture;
+  cache().markForInvalidation(ov(u"/a/sub/c.txt"));
+  cache().markForInvalidation(ov(u"/ab/x.txt"));
+  EXPECT_EQ(cache().getFileSize(ov(u"/a/b.txt")), 5u);
+  EXPECT_EQ(capture.count("overlay:/a/b.txt is not frozen.", foundation::log::debug), 1u);
 }
 
 TEST_F(MetadataCacheTest, FrozenFileSurvivesInvalidationUntilConfirmed) {

@@ -62,12 +62,32 @@ void MetadataCache::invalidateLocked(const fsp::StorageIRI& iri) {
   }
 }
 
+// One pass for the whole batch: the frozen records are collected once (a walk over every
+// cached record) and each cached folder is dropped when it lies at or below a target.
 void MetadataCache::actOnPendingInvalidationsLocked() {
-  while (!pendingInvalidations_.empty()) {
-    const auto iri = *pendingInvalidations_.begin();
-    pendingInvalidations_.erase(pendingInvalidations_.begin());
-    collectFrozenLocked();
-    invalidateLocked(iri.hasParent() ? iri.getParent() : iri);
+  if (pendingInvalidations_.empty()) return;
+  std::set<fsp::StorageIRI> targets;
+  for (const auto& iri : pendingInvalidations_) {
+    targets.insert(iri.hasParent() ? iri.getParent() : iri);
+  }
+  pendingInvalidations_.clear();
+  collectFrozenLocked();
+  if (targets.count(rootIRI())) {
+    invalidateLocked(rootIRI());
+    return;
+  }
+  for (auto it = folders_.begin(); it != folders_.end();) {
+    bool dropped = false;
+    for (auto folder = it->first; !dropped; folder = folder.getParent()) {
+      dropped = targets.count(folder) > 0;
+      if (!folder.hasParent()) break;
+    }
+    if (!dropped) {
+      ++it;
+      continue;
+    }
+    released_.push_back(std::move(it->second));
+    it = folders_.erase(it);
   }
 }
 

@@ -148,7 +148,7 @@ void OverlayProvider::lazyInitialize() const {
                                                          maxQueueWeight_.load()));
     }
   }
-  if (!quotaAccountant_) {
+  if (!quotaAccountant_.load()) {
     quotaAccountant_ =
         std::make_shared<QuotaAccountant>(inner_, kQuotaPollPeriodMs, metadataCache_);
   }
@@ -161,7 +161,7 @@ void OverlayProvider::ensureReady() const {
 }
 
 std::shared_ptr<IQuotaAccountant> OverlayProvider::quotaAccountant() const {
-  return quotaAccountant_;
+  return quotaAccountant_.load();
 }
 
 void OverlayProvider::noteBackendActivity() const {
@@ -255,7 +255,7 @@ void OverlayProvider::doShutdown() {
   const auto held = guard(StorageIRI(u"overlay", u"/"));
   shutDown_.exchange(true);
   if (eventLatch_) eventLatch_->close();
-  if (quotaAccountant_) quotaAccountant_->stop();
+  if (const auto accountant = quotaAccountant_.load()) accountant->stop();
   if (const auto executor = executor_->load()) {
     executor->shutdown(true);
     executor->join();

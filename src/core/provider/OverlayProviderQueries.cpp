@@ -88,8 +88,9 @@ fsp::ProviderStorageInfo OverlayProvider::doGetProviderStorageInfo(const Storage
   OVERLAY_OPERATION(iri);
   ensureInitialized();
   if (eventLatch_) eventLatch_->trigger();
-  const auto total = quotaAccountant_->getTotalQuota();
-  const auto available = quotaAccountant_->getSpaceAvailable();
+  const auto accountant = quotaAccountant_.load();
+  const auto total = accountant->getTotalQuota();
+  const auto available = accountant->getSpaceAvailable();
   if (!total || !available) {
     OVERLAY_LOG(log::error) << "Quota information unavailable";
     throw Exception(ErrorCode::Unavailable, iri);
