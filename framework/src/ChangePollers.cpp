@@ -83,6 +83,9 @@ void ChangePoller::State::publish(events::Kind kind, const std::u16string& relat
   try {
     publisher(kind, changed, changed, type, {});
   } catch (...) {
+    // A subscriber that stopped polling in this very callback is no longer listening, and
+    // its poller may be going away with the process: nothing more is done for it.
+    if (isStopping()) return;
     FOUNDATION_LOG(frameworkLogger(), log::error)
         << "Change-polling subscriber failed for " << changed << ": "
         << boost::current_exception_diagnostic_information();

@@ -6,14 +6,15 @@
 // one slot and look the executor up at each submission instead of keeping their own pointer.
 //
 // Ownership: made by the provider with std::make_shared and shared with its working files
-// (which may outlive the provider). Locks: none; the pointer is an atomic shared pointer, so
-// load and exchange are safe from any thread.
+// (which may outlive the provider). Locks: one mutex, held only to copy or swap the pointer
+// (a plain mutex rather than std::atomic<std::shared_ptr>, whose lock-bit implementation in
+// libstdc++ 12 ThreadSanitizer cannot follow); any thread.
 #pragma once
 
 #include "core/execution/IExecutor.h"
 
-#include <atomic>
 #include <memory>
+#include <mutex>
 
 namespace storage::overlayprovider {
 
@@ -25,14 +26,20 @@ class ExecutorSlot {
   ExecutorSlot& operator=(const ExecutorSlot&) = delete;
 
   // Empty until the provider has made or been given an executor.
-  std::shared_ptr<IExecutor> load() const { return current_.load(); }
-  void store(std::shared_ptr<IExecutor> executor) { current_.store(std::move(executor)); }
+  std::shared_ptr<IExecutor> load() const {
+    std::lock_guard lock(mutex_);
+    return current_;
+  }
+  void store(std::shared_ptr<IExecutor> executor) { exchange(std::move(executor)); }
   std::shared_ptr<IExecutor> exchange(std::shared_ptr<IExecutor> executor) {
-    return current_.exchange(std::move(executor));
+    std::lock_guard lock(mutex_);
+    std::swap(current_, executor);
+    return executor;
   }
 
  private:
-  std::atomic<std::shared_ptr<IExecutor>> current_;
+  mutable std::mutex mutex_;
+  std::shared_ptr<IExecutor> current_;
 };
 
 }  // namespace storage::overlayprovider

@@ -148,9 +148,10 @@ void OverlayProvider::lazyInitialize() const {
                                                          maxQueueWeight_.load()));
     }
   }
-  if (!quotaAccountant_.load()) {
-    quotaAccountant_ =
-        std::make_shared<QuotaAccountant>(inner_, kQuotaPollPeriodMs, metadataCache_);
+  if (!quotaAccountant()) {
+    auto accountant = std::make_shared<QuotaAccountant>(inner_, kQuotaPollPeriodMs, metadataCache_);
+    std::lock_guard lock(initMutex_);
+    quotaAccountant_ = std::move(accountant);
   }
   metadataCache_->populateWholeFolderTreeWhenPossible(synchronous_.load());
 }
@@ -161,7 +162,8 @@ void OverlayProvider::ensureReady() const {
 }
 
 std::shared_ptr<IQuotaAccountant> OverlayProvider::quotaAccountant() const {
-  return quotaAccountant_.load();
+  std::lock_guard lock(initMutex_);
+  return quotaAccountant_;
 }
 
 void OverlayProvider::noteBackendActivity() const {
@@ -255,7 +257,7 @@ void OverlayProvider::doShutdown() {
   const auto held = guard(StorageIRI(u"overlay", u"/"));
   shutDown_.exchange(true);
   if (eventLatch_) eventLatch_->close();
-  if (const auto accountant = quotaAccountant_.load()) accountant->stop();
+  if (const auto accountant = quotaAccountant()) accountant->stop();
   if (const auto executor = executor_->load()) {
     executor->shutdown(true);
     executor->join();

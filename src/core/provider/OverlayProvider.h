@@ -211,8 +211,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::atomic<std::uint64_t> maxReadPayloadSize_{4194304};
   std::atomic<std::uint64_t> maxWritePayloadSize_{4194304};
   std::atomic<bool> synchronous_{false};
-  // Made by lazy initialisation while shutdown and accessors may read it on other threads.
-  mutable std::atomic<std::shared_ptr<IQuotaAccountant>> quotaAccountant_;
+  // Made by lazy initialisation while shutdown and accessors may read it on other threads:
+  // guarded by initMutex_ (see quotaAccountant()).
+  mutable std::shared_ptr<IQuotaAccountant> quotaAccountant_;
   mutable PathGuardTable pathGuards_;
   std::shared_ptr<TimedLatch> eventLatch_;
   mutable std::atomic<bool> passThrough_{false};

@@ -88,7 +88,7 @@ fsp::ProviderStorageInfo OverlayProvider::doGetProviderStorageInfo(const Storage
   OVERLAY_OPERATION(iri);
   ensureInitialized();
   if (eventLatch_) eventLatch_->trigger();
-  const auto accountant = quotaAccountant_.load();
+  const auto accountant = quotaAccountant();
   const auto total = accountant->getTotalQuota();
   const auto available = accountant->getSpaceAvailable();
   if (!total || !available) {
