@@ -1,5 +1,5 @@
 # Entry points. Each target installs what is missing, configures, builds and runs.
-.PHONY: all deps build test test-sanitize format clean demo
+.PHONY: all deps build test test-sanitize test-tsan format clean demo
 
 all: build
 
@@ -17,6 +17,11 @@ test-sanitize: deps
 	cmake --preset sanitize
 	cmake --build --preset sanitize
 	ctest --preset sanitize
+
+test-tsan: deps
+	cmake --preset tsan
+	cmake --build --preset tsan
+	ctest --preset tsan
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
