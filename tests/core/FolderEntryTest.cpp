@@ -66,6 +66,15 @@ TEST_F(PlainEntryTest, CaseInsensitiveLookupFindsDifferentlySpelledName) {
   entry->addFile(file(u"/a/B.TXT", "2023-06-06 00:00:00"), false);
   EXPECT_EQ(entry->getChildren().size(), 2u);
   EXPECT_EQ(entry->getFileMetadata(ov(u"/a/b.txt"), false)->getIRI(), ov(u"/a/B.TXT"));
+
+  // Two spellings side by side (added case-sensitively): the first in location order answers,
+  // and once it goes, the other; the folded index follows every change.
+  entry->addFile(file(u"/a/b.TXT", "2023-07-07 00:00:00"), true);
+  EXPECT_EQ(entry->getFileMetadata(ov(u"/a/B.txt"), false)->getIRI(), ov(u"/a/B.TXT"));
+  entry->removeFile(ov(u"/a/B.TXT"), true);
+  EXPECT_EQ(entry->getFileMetadata(ov(u"/a/B.txt"), false)->getIRI(), ov(u"/a/b.TXT"));
+  entry->removeFile(ov(u"/A/B.TXT"), false);
+  EXPECT_EQ(codeOf([&] { entry->getFileMetadata(ov(u"/a/b.txt"), false); }), ErrorCode::NotFound);
 }
 
 TEST_F(PlainEntryTest, FolderTimeFollowsAddedChildEvenWhenOlder) {

@@ -62,13 +62,42 @@ void IFolderEntry::unfreeze() {
   if (auto record = getFolderMetadata()) record->unfreeze();
 }
 
+namespace {
+
+std::u16string foldedName(const fsp::StorageIRI& iri) {
+  return foundation::text::toLower(iri.getName());
+}
+
+}  // namespace
+
 ChildMap::iterator IFolderEntry::locate(const fsp::StorageIRI& iri, bool caseSensitive) {
   if (caseSensitive) return children_.find(iri);
-  const auto wanted = caseFoldedHash(iri);
-  for (auto it = children_.begin(); it != children_.end(); ++it) {
-    if (caseFoldedHash(it->first) == wanted) return it;
+  if (!foldedBuilt_) buildFoldedIndexLocked();
+  const auto same = folded_.find(foldedName(iri));
+  if (same == folded_.end() || same->second.empty()) return children_.end();
+  return children_.find(*same->second.begin());
+}
+
+void IFolderEntry::buildFoldedIndexLocked() {
+  folded_.clear();
+  for (const auto& [iri, node] : children_) folded_[foldedName(iri)].insert(iri);
+  foldedBuilt_ = true;
+}
+
+void IFolderEntry::insertChildLocked(const fsp::StorageIRI& iri, MetadataNode node) {
+  const auto [it, inserted] = children_.insert_or_assign(iri, std::move(node));
+  if (inserted && foldedBuilt_) folded_[foldedName(iri)].insert(iri);
+}
+
+void IFolderEntry::eraseChildLocked(ChildMap::iterator it) {
+  if (foldedBuilt_) {
+    const auto same = folded_.find(foldedName(it->first));
+    if (same != folded_.end()) {
+      same->second.erase(it->first);
+      if (same->second.empty()) folded_.erase(same);
+    }
   }
-  return children_.end();
+  children_.erase(it);
 }
 
 MetadataNode IFolderEntry::findChild(const fsp::StorageIRI& iri, NodeKind kind,
@@ -109,14 +138,14 @@ void IFolderEntry::apply(QueuedChange& change) {
   auto it = locate(change.iri, change.caseSensitive);
   if (change.insert) {
     // Differently spelled, same name: the new record takes the old one's place.
-    if (it != children_.end()) children_.erase(it);
-    children_.insert_or_assign(change.iri, std::move(*change.insert));
+    if (it != children_.end()) eraseChildLocked(it);
+    insertChildLocked(change.iri, std::move(*change.insert));
   } else {
     if (it == children_.end() || !isKind(it->second, change.kind)) {
       if (!filled_) return;  // a queued removal of a name the listing did not have
       throw fsp::Exception(fsp::ErrorCode::NotFound, change.iri);
     }
-    children_.erase(it);
+    eraseChildLocked(it);
   }
   if (folder_ && change.time) folder_->setLastModified(*change.time);
 }
@@ -200,6 +229,7 @@ void IFolderEntry::fill(std::shared_ptr<FolderMetadata> record, ChildMap childre
   std::lock_guard lock(mutex_);
   folder_ = std::move(record);
   children_ = std::move(children);
+  foldedBuilt_ = false;  // rebuilt from the new children by the next folded lookup
   for (auto& queued : queued_) apply(queued);
   queued_.clear();
   filled_ = true;

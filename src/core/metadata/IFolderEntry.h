@@ -28,6 +28,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <variant>
 #include <vector>
 
@@ -112,8 +113,14 @@ class IFolderEntry {
     std::optional<boost::posix_time::ptime> time;  // folder's new time, if it changes
     bool caseSensitive;
   };
-  // Caller holds mutex_. end() when there is no child of that name.
+  // Caller holds mutex_. end() when there is no child of that name; case-insensitively, the
+  // first match in location order.
   ChildMap::iterator locate(const fsp::StorageIRI& iri, bool caseSensitive);
+  // Caller holds mutex_. Every change of children_ goes through these, so that the folded
+  // index (once built) stays true.
+  void insertChildLocked(const fsp::StorageIRI& iri, MetadataNode node);
+  void eraseChildLocked(ChildMap::iterator it);
+  void buildFoldedIndexLocked();
   // Caller holds mutex_; queues the change while the listing has not arrived.
   void change(QueuedChange change);
   void apply(QueuedChange& change);
@@ -123,6 +130,11 @@ class IFolderEntry {
   bool filled_;
   std::shared_ptr<FolderMetadata> folder_;
   ChildMap children_;
+  // Case-insensitive lookups: each child's lower-cased name, folded once, to the children of
+  // that name in location order. Built by the first such lookup (a case-sensitive store never
+  // pays for it) and kept up to date from then on.
+  std::map<std::u16string, std::set<fsp::StorageIRI>> folded_;
+  bool foldedBuilt_ = false;
   std::vector<QueuedChange> queued_;
 };
 
