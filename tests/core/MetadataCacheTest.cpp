@@ -227,6 +227,16 @@ TEST(MetadataCacheCaseTest, CaseInsensitiveStoreFindsDifferentlySpelledNames) {
   ASSERT_TRUE(record);
   EXPECT_EQ(cache.getFileMetadata(ov(u"/a/b.txt")), record);
   EXPECT_EQ(counted->callCount("listAll"), 1u);  // "/A" and "/a" are one folder
+
+  // A move named in another spelling moves the stored record and leaves nothing behind, and
+  // its confirmation reaches the record.
+  cache.moveFileMetadata(ov(u"/A/B.TXT"), ov(u"/a/c.txt"));
+  EXPECT_FALSE(cache.getFileMetadata(ov(u"/a/b.txt")));
+  const auto moved = cache.getFileMetadata(ov(u"/a/c.txt"));
+  ASSERT_TRUE(moved);
+  EXPECT_TRUE(moved->isFrozen());
+  cache.confirmFile(ov(u"/A/c.txt"));
+  EXPECT_FALSE(moved->isFrozen());
 }
 
 TEST_F(MetadataCacheTest, CaseSensitiveStoreDoesNotMatchOtherSpellings) {

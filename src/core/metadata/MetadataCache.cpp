@@ -180,7 +180,10 @@ void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::Sto
   if (!from.hasParent() || !to.hasParent()) {
     throw fsp::Exception(fsp::ErrorCode::InvalidLocation, from.hasParent() ? to : from);
   }
-  auto source = lookupEntry(from.getParent())->getFileMetadata(from, true);
+  // The source as the store spells it: on a case-insensitive store the caller's spelling may
+  // differ, and the stored record is the one that must go.
+  auto source = lookupEntry(from.getParent())->getFileMetadata(from, caseSensitive_);
+  const auto stored = source->getIRI();
   auto moved = std::make_shared<FileMetadata>(to, true);
   moved->setSize(source->getSize())
       .setWritable(source->isWritable())
@@ -193,12 +196,14 @@ void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::Sto
     if (!isNotFound(e)) throw;
   }
   addFileMetadataLocked(moved);
-  try {
-    entryLocked(from.getParent(), true)->removeFile(from, true);
-  } catch (const fsp::Exception& e) {
-    if (!isNotFound(e)) throw;
+  if (stored != to) {
+    try {
+      entryLocked(stored.getParent(), true)->removeFile(stored, true);
+    } catch (const fsp::Exception& e) {
+      if (!isNotFound(e)) throw;
+    }
   }
-  dropFrozenLocked(from, false);
+  dropFrozenLocked(stored, false);
 }
 
 void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
@@ -221,19 +226,27 @@ void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::S
 void MetadataCache::confirmFile(const fsp::StorageIRI& iri) {
   Guard guard(*this);
   if (iri.hasParent()) {
-    auto found = folders_.find(iri.getParent());
-    auto child = found == folders_.end() ? std::nullopt : found->second->peekChild(iri);
-    if (child && child->index() == 0) std::get<0>(*child)->unfreeze();
+    if (const auto parent = findEntryLocked(iri.getParent())) {
+      // The record may be stored under another spelling on a case-insensitive store.
+      auto child = parent->peekChild(iri);
+      if (!child && !caseSensitive_ && parent->isDetailReady()) {
+        try {
+          child = parent->findChild(iri, NodeKind::File, false);
+        } catch (const fsp::Exception& e) {
+          if (!isNotFound(e)) throw;
+        }
+      }
+      if (child && child->index() == 0) std::get<0>(*child)->unfreeze();
+    }
   }
   dropFrozenLocked(iri, false);
 }
 
 void MetadataCache::confirmFolder(const fsp::StorageIRI& iri, bool recursive) {
   Guard guard(*this);
-  auto found = folders_.find(iri);
-  if (found != folders_.end()) {
-    if (auto record = found->second->peekFolderMetadata()) record->unfreeze();
-    if (recursive) unfreezeTreeLocked(iri);
+  if (const auto entry = findEntryLocked(iri)) {
+    if (auto record = entry->peekFolderMetadata()) record->unfreeze();
+    if (recursive) unfreezeTreeLocked(entry->getIRI());
   }
   dropFrozenLocked(iri, false);
 }
