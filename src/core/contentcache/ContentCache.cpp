@@ -6,7 +6,6 @@
 
 #include <foundation/text/Unicode.h>
 
-#include <boost/exception/diagnostic_information.hpp>
 #include <boost/filesystem/operations.hpp>
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
@@ -24,14 +23,6 @@ fs::path defaultCacheRoot() {
          ("overlay_cache-" + boost::uuids::to_string(boost::uuids::random_generator()()));
 }
 
-void logCaught() noexcept {
-  try {
-    OVERLAY_LOG(log::exception) << "Exception caught: "
-                                << boost::current_exception_diagnostic_information();
-  } catch (...) {
-  }
-}
-
 }  // namespace
 
 ContentCache::ContentCache()
@@ -43,7 +34,7 @@ ContentCache::~ContentCache() {
   try {
     discard();
   } catch (...) {
-    logCaught();
+    logCaughtException(nullptr);
   }
 }
 
@@ -108,14 +99,14 @@ void ContentCache::ensureInitializedLocked() {
     versionDirectory = (cacheRoot_ / "V1.0").make_preferred();
   } catch (...) {
     OVERLAY_LOG(log::error) << "Problem initializing cache root.";
-    logCaught();
+    logCaughtException(nullptr);
     throw;
   }
   try {
     if (!fs::exists(versionDirectory)) fs::create_directories(versionDirectory);
   } catch (...) {
     OVERLAY_LOG(log::error) << "Problem checking or creating cache root";
-    logCaught();
+    logCaughtException(nullptr);
     throw;
   }
   if (initialized_) return;
@@ -128,7 +119,7 @@ void ContentCache::ensureInitializedLocked() {
     initialized_ = true;
   } catch (...) {
     OVERLAY_LOG(log::error) << "Problem initializing space arbitrator";
-    logCaught();
+    logCaughtException(nullptr);
   }
 }
 
@@ -155,7 +146,7 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieve(
     throw;
   } catch (...) {
     OVERLAY_LOG(log::notice) << "Content caching failure.";
-    logCaught();
+    logCaughtException(nullptr);
     throw CachingErrorException("Caching failed due to an unknown error.");
   }
 }

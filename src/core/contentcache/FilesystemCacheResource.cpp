@@ -258,6 +258,20 @@ std::map<std::int64_t, std::int64_t> FilesystemCacheResource::ranges() const {
   return cachedRanges_;
 }
 
+std::optional<std::int64_t> FilesystemCacheResource::firstCachedAfter(std::int64_t position) const {
+  const auto next = cachedRanges_.upper_bound(position);
+  if (next == cachedRanges_.end()) return std::nullopt;
+  return next->first;
+}
+
+void FilesystemCacheResource::stamp(boost::posix_time::ptime time) {
+  try {
+    if (exists()) stampTimes(checkoutPath_, time);
+  } catch (...) {
+    // As in sync: an unstamped body is judged again by the next open.
+  }
+}
+
 // Opens the body on first use: read-write, created if missing, private to the user (0700),
 // not inherited by child processes.
 int FilesystemCacheResource::handle() {

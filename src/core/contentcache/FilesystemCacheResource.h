@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 
 namespace storage::overlayprovider {
 
@@ -79,6 +80,11 @@ class FilesystemCacheResource : public CacheResource {
   bool coversWhole(std::int64_t size) const;
   // A copy of the cached ranges, start -> end (half-open).
   std::map<std::int64_t, std::int64_t> ranges() const;
+  // The start of the first cached range that begins after `position`, if any.
+  std::optional<std::int64_t> firstCachedAfter(std::int64_t position) const;
+  // Stamps access and modification times with `time` (whole seconds), without flushing, when
+  // the body exists; failures are ignored (the next open re-checks the body anyway).
+  void stamp(boost::posix_time::ptime time);
 
  private:
   using RangeMap = std::map<std::int64_t, std::int64_t>;

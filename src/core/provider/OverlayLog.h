@@ -8,6 +8,11 @@ namespace storage::overlayprovider {
 
 const foundation::log::diagnostic_logger& overlayLogger();
 
+// For a catch block: writes `message` at error severity (unless it is null), then
+// "Exception caught: " with the caught exception's diagnostic text at the exception-detail
+// severity. Never throws, so it may be used in destructors and thread bodies.
+void logCaughtException(const char* message) noexcept;
+
 }  // namespace storage::overlayprovider
 
 // Shorthands for the overlay's records: OVERLAY_LOG(foundation::log::error) << "...";

@@ -182,10 +182,11 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   fsp::ByteStreamPtr openCachedStream(const fsp::StorageIRI& location,
                                       const fsp::ByteStreamOpenOptions& options,
                                       bool readOnly) const;
-  // The file's record for a stream; made (as a creation makes it) when the options allow.
+  // The file's record for a stream; made (as a creation makes it, `created` then set) when
+  // the options allow.
   std::shared_ptr<FileMetadata> recordForStream(const fsp::StorageIRI& location,
                                                 const fsp::ByteStreamOpenOptions& options,
-                                                bool readOnly) const;
+                                                bool readOnly, bool& created) const;
   // A caching error while opening: flush, then forward everything for good.
   void fallBackToInnerStore(const char* message) const;
   void flushBody() const;

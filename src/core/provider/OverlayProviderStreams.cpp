@@ -65,8 +65,8 @@ fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
                                                      bool readOnly) const {
   if (eventLatch_) eventLatch_->trigger();
   const auto held = guard(location);
-  const bool created = !metadataCache_->getFileMetadata(location);
-  const auto record = recordForStream(location, options, readOnly);
+  bool created = false;
+  const auto record = recordForStream(location, options, readOnly, created);
   // The record names the file as the store spells it, so that every spelling of a name on a
   // case-insensitive store shares one working file.
   const auto& key = record->getIRI();
@@ -93,7 +93,8 @@ fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
 }
 
 std::shared_ptr<FileMetadata> OverlayProvider::recordForStream(
-    const StorageIRI& location, const fsp::ByteStreamOpenOptions& options, bool readOnly) const {
+    const StorageIRI& location, const fsp::ByteStreamOpenOptions& options, bool readOnly,
+    bool& created) const {
   if (auto record = forwardingRefusals([&] { return metadataCache_->getFileMetadata(location); })) {
     return record;
   }
@@ -112,6 +113,7 @@ std::shared_ptr<FileMetadata> OverlayProvider::recordForStream(
   } catch (const boost::filesystem::filesystem_error&) {
     throw CachingErrorException("Caching failed due to an unknown error.");
   }
+  created = true;
   return metadataCache_->createFileMetadata(location);
 }
 

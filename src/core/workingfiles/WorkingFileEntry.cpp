@@ -10,10 +10,8 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <utime.h>
 #include <algorithm>
 #include <boost/date_time/posix_time/conversion.hpp>
-#include <boost/exception/diagnostic_information.hpp>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -51,6 +49,7 @@ WorkingFileEntry::WorkingFileEntry(std::shared_ptr<FileMetadata> record,
       settings_(std::move(settings)),
       mode_(mode),
       resource_(makeResource(record_, cacheDirectory, settings_.contentCacheDisabled)),
+      body_(dynamic_cast<FilesystemCacheResource*>(resource_.get())),
       lastAccess_(steadyNow()),
       innerLocation_(record_->getIRI()),
       location_(record_->getIRI()),
@@ -162,13 +161,9 @@ std::int64_t WorkingFileEntry::fetchWindowLocked(std::int64_t offset, std::int64
   }
   auto window = std::min(readAhead_, size_ - offset);
   // Never fetch over cached bytes: they may be writes the store has not seen yet.
-  if (const auto* body = dynamic_cast<const FilesystemCacheResource*>(resource_.get())) {
-    for (const auto& [start, end] : body->ranges()) {
-      if (start > offset) {
-        window = std::min(window, start - offset);
-        break;
-      }
-    }
+  if (body_) {
+    if (const auto next = body_->firstCachedAfter(offset))
+      window = std::min(window, *next - offset);
   }
   return std::max<std::int64_t>(window, 1);
 }
@@ -245,7 +240,8 @@ std::int64_t WorkingFileEntry::append(const char* data, std::int64_t count) {
 void WorkingFileEntry::checkSpace(std::int64_t offset, std::int64_t count) {
   const auto available = settings_.innerRoot->getProviderCacheUsage().getSpaceAvailable();
   if (available < static_cast<std::uint64_t>(offset + count)) {
-    close(0);
+    // What was written so far still goes to the store.
+    enqueueProviderWrite();
     throw Exception(ErrorCode::CacheSpaceExhausted, location(), "the store's cache has no room");
   }
 }
@@ -321,18 +317,16 @@ void WorkingFileEntry::holdUnsentBytesLocked() {
   const auto reader = [this](std::int64_t position, char* buffer, std::int64_t count) {
     return readBodyLocked(position, buffer, count);
   };
-  auto blocks = std::move(unsentBodyBlocks_);
-  unsentBodyBlocks_.clear();
-  if (pendingBlock_) blocks.emplace_back(pendingBlock_.get(), [](PendingWriteBlock*) {});
-  for (const auto& block : blocks) {
+  const auto materialise = [&](PendingWriteBlock& block) {
     try {
-      block->materialise(reader);
+      block.materialise(reader);
     } catch (...) {
-      OVERLAY_LOG(log::error) << "Unexpected exception during write operation";
-      OVERLAY_LOG(log::exception) << "Exception caught: "
-                                  << boost::current_exception_diagnostic_information();
+      logCaughtException("Unexpected exception during write operation");
     }
-  }
+  };
+  for (const auto& block : unsentBodyBlocks_) materialise(*block);
+  unsentBodyBlocks_.clear();
+  if (pendingBlock_) materialise(*pendingBlock_);
 }
 
 void WorkingFileEntry::enqueueProviderWrite() {
@@ -466,26 +460,19 @@ void WorkingFileEntry::detach() {
 }
 
 bool WorkingFileEntry::bodyCompleteLocked() const {
-  const auto* body = dynamic_cast<const FilesystemCacheResource*>(resource_.get());
-  return body && !body->hasFailed() && body->coversWhole(size_);
+  return body_ && !body_->hasFailed() && body_->coversWhole(size_);
 }
 
 // A complete body carries the file's last-modified time, a partial one the epoch (so the
 // staleness check of a later entry discards it).
 void WorkingFileEntry::stampBodyLocked() {
-  if (!dynamic_cast<const FilesystemCacheResource*>(resource_.get())) return;
-  if (bodyCompleteLocked()) {
-    const auto lastModified = record_->getLastModified();
-    if (mode_ == CacheMode::PERSISTENT) {
-      resource_->sync(lastModified);
-      return;
-    }
-    const auto seconds = (lastModified - boost::posix_time::from_time_t(0)).total_seconds();
-    const ::utimbuf times{static_cast<time_t>(seconds), static_cast<time_t>(seconds)};
-    ::utime(resource_->path().c_str(), &times);
-  } else if (resource_->exists()) {
-    const ::utimbuf epoch{0, 0};
-    ::utime(resource_->path().c_str(), &epoch);
+  if (!body_) return;
+  if (!bodyCompleteLocked()) {
+    body_->stamp(boost::posix_time::from_time_t(0));
+  } else if (mode_ == CacheMode::PERSISTENT) {
+    body_->sync(record_->getLastModified());
+  } else {
+    body_->stamp(record_->getLastModified());
   }
 }
 

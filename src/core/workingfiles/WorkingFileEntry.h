@@ -62,6 +62,7 @@
 
 #include "core/contentcache/CacheMode.h"
 #include "core/contentcache/CacheResource.h"
+#include "core/contentcache/FilesystemCacheResource.h"
 #include "core/execution/ObservableTransactionType.h"
 #include "core/metadata/FileMetadata.h"
 #include "core/workingfiles/PendingWriteBlock.h"
@@ -188,7 +189,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   const std::shared_ptr<FileMetadata> record_;
   const WorkingFileSettings settings_;
   const CacheMode mode_;
-  std::shared_ptr<CacheResource> resource_;
+  const std::shared_ptr<CacheResource> resource_;
+  // The same resource when it keeps a body on disk (null for a disabled content cache).
+  FilesystemCacheResource* const body_;
   std::atomic<bool> aborted_{false};
   std::atomic<std::int64_t> lastAccess_{0};
 

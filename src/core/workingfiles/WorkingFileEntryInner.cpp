@@ -7,7 +7,6 @@
 
 #include <foundation/storage/provider/Exception.h>
 
-#include <boost/exception/diagnostic_information.hpp>
 #include <stdexcept>
 
 namespace storage::overlayprovider {
@@ -20,15 +19,6 @@ namespace {
 
 // A store that says it is unavailable may answer the next time; anything else is final.
 constexpr int kWriteAttempts = 3;
-
-void logFailure(const char* message) noexcept {
-  try {
-    OVERLAY_LOG(log::error) << message;
-    OVERLAY_LOG(log::exception) << "Exception caught: "
-                                << boost::current_exception_diagnostic_information();
-  } catch (...) {
-  }
-}
 
 }  // namespace
 
@@ -115,12 +105,12 @@ void WorkingFileEntry::writeInner(const std::shared_ptr<PendingWriteBlock>& bloc
       innerStream_.reset();
       innerPosition_ = -1;
       if (e.getErrorCode() == ErrorCode::Unavailable && attempt < kWriteAttempts) continue;
-      logFailure("Unexpected exception during write operation");
+      logCaughtException("Unexpected exception during write operation");
       return;
     } catch (...) {
       innerStream_.reset();
       innerPosition_ = -1;
-      logFailure("Unexpected exception during write operation");
+      logCaughtException("Unexpected exception during write operation");
       return;
     }
   }
@@ -142,12 +132,12 @@ void WorkingFileEntry::runOpen(const fsp::ByteStreamOpenOptions& options,
     // A created or emptied file gets its time stamped at close even if nothing is written.
     innerWritten_ = true;
   } catch (...) {
-    logFailure("Unexpected exception during open operation");
+    logCaughtException("Unexpected exception during open operation");
   }
   try {
     if (onOpened) onOpened();
   } catch (...) {
-    logFailure("Unexpected exception during open operation");
+    logCaughtException("Unexpected exception during open operation");
   }
 }
 
@@ -158,7 +148,7 @@ void WorkingFileEntry::runClose() {
     try {
       closeInnerLocked();
     } catch (...) {
-      logFailure("Unexpected exception during close operation");
+      logCaughtException("Unexpected exception during close operation");
     }
     written = innerWritten_;
     innerWritten_ = false;
@@ -177,12 +167,12 @@ void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& la
   try {
     item.setLastModified(lastModified);
   } catch (...) {
-    logFailure("Exception during attempt to set last modified time");
+    logCaughtException("Exception during attempt to set last modified time");
   }
   try {
     record_->setExtendedAttributes(item.getExtendedAttributes());
   } catch (...) {
-    logFailure("Unexpected exception during attempt to update extended attributes");
+    logCaughtException("Unexpected exception during attempt to update extended attributes");
   }
 }
 
@@ -191,7 +181,7 @@ void WorkingFileEntry::relocateInner(const fsp::StorageIRI& location) {
   try {
     closeInnerLocked();
   } catch (...) {
-    logFailure("Unexpected exception during close operation");
+    logCaughtException("Unexpected exception during close operation");
   }
   innerLocation_ = location;
 }
