@@ -100,6 +100,8 @@ TEST_F(OverlayBundle, EveryOpenMakesANewProvider) {
   EXPECT_NE(first.getProvider(), second.getProvider());
   // Both are views of the same inner store.
   fsp::StorageItem(first, u"/made-by-first").createFolder();
+  std::dynamic_pointer_cast<fsp::extensions::IFlushableFilesystem>(first.getProvider())
+      ->flushFilesystem();
   EXPECT_TRUE(fsp::StorageItem(second, u"/made-by-first").folderExists());
 }
 

@@ -441,7 +441,14 @@ TEST_F(MetadataCacheTest, RemovedFolderDropsItsSubtree) {
   cache().removeFolderMetadata(ov(u"/a"));
   EXPECT_FALSE(cache().getFolderMetadata(ov(u"/a")));
   EXPECT_EQ(listings(), 2u);
-  cache().getFolderEntry(ov(u"/a/sub"));  // the store still holds it: listed afresh
+  // Until the removal has been replayed the store still holds the folder: nothing below it
+  // is listed from there, nor shown.
+  EXPECT_THROW(cache().getFolderEntry(ov(u"/a/sub")), fsp::Exception);
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/a/b.txt")));
+  EXPECT_FALSE(cache().getFolderEntry(ov(u"/"))->hasChild(ov(u"/a")));
+  EXPECT_EQ(listings(), 2u);
+  cache().confirmRemoval(ov(u"/a"));
+  cache().getFolderEntry(ov(u"/a/sub"));  // replayed elsewhere, say: listed afresh
   EXPECT_EQ(listings(), 3u);
 }
 

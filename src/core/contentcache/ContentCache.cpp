@@ -220,6 +220,26 @@ void ContentCache::dropIfStale(const StorageIRI& iri, const std::string& waterma
   eraseLocked(it);
 }
 
+void ContentCache::dropIfOutdated(const StorageIRI& iri,
+                                  const std::shared_ptr<FileMetadata>& current) {
+  std::lock_guard lock(mutex_);
+  ensureInitializedLocked();
+  const auto it = entries_.find(iri);
+  if (it == entries_.end()) return;
+  const auto& made = it->second->record();
+  if (made == current || (made->getLastModified() == current->getLastModified() &&
+                          made->getSize() == current->getSize())) {
+    return;
+  }
+  // Only an idle entry can be outdated by the store: one with open streams or unsent writes
+  // is the newer truth, and the store is about to receive it.
+  if (!it->second->isIdle()) return;
+  OVERLAY_LOG(foundation::log::info)
+      << "The store changed " << iri.toString() << " behind the overlay; its cached body goes.";
+  it->second->removeCachedBody();
+  eraseLocked(it);
+}
+
 void ContentCache::dropEntryLocked(EntryMap::iterator it, bool notify) {
   // Nothing written may be lost with the entry: its pending bytes go to the executor.
   it->second->enqueueProviderWrite();

@@ -83,6 +83,10 @@ class ContentCache {
   bool isInUse(const fsp::StorageIRI& iri, bool checkState);
   // Drops the entry and its body when its record's "WATERMARK" differs from `watermark`.
   void dropIfStale(const fsp::StorageIRI& iri, const std::string& watermark, bool notify);
+  // Drops an idle entry whose record says another size or last-modified time than `current`,
+  // the file's record as the metadata cache now holds it (someone else changed the file in
+  // the store, and the change event made the cache read it again).
+  void dropIfOutdated(const fsp::StorageIRI& iri, const std::shared_ptr<FileMetadata>& current);
   void removeEntry(const fsp::StorageIRI& iri, bool notify);
   void moveEntry(const fsp::StorageIRI& from, const fsp::StorageIRI& to);
   void removeFolderEntries(const fsp::StorageIRI& folder, bool notify);

@@ -7,6 +7,7 @@
 #include "core/provider/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
+#include <foundation/text/Unicode.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
@@ -55,6 +56,7 @@ std::shared_ptr<IFolderEntry> MetadataCache::lookupEntry(const fsp::StorageIRI& 
   std::shared_ptr<IFolderEntry> entry;
   {
     Guard guard(*this);
+    if (isRemovedLocked(folder)) throw fsp::Exception(fsp::ErrorCode::NotFound, folder);
     entry = entryLocked(folder, true);
   }
   try {
@@ -71,7 +73,7 @@ std::shared_ptr<IFolderEntry> MetadataCache::lookupEntry(const fsp::StorageIRI& 
 
 std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(const fsp::StorageIRI& iri) {
   actOnPendingInvalidations();
-  if (!iri.hasParent()) return {};
+  if (!iri.hasParent() || isRemoved(iri)) return {};
   try {
     return lookupEntry(iri.getParent())->getFileMetadata(iri, caseSensitive_);
   } catch (const fsp::Exception& e) {
@@ -82,6 +84,7 @@ std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(const fsp::StorageI
 
 std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadata(const fsp::StorageIRI& iri) {
   if (!iri.hasParent()) return lookupEntry(iri)->getFolderMetadata();
+  if (isRemoved(iri)) return {};
   return lookupEntry(iri.getParent())->getFolderMetadata(iri, caseSensitive_);
 }
 
@@ -100,6 +103,7 @@ std::shared_ptr<IFolderEntry> MetadataCache::getFolderEntry(const fsp::StorageIR
   auto entry = lookupEntry(iri);
   Guard guard(*this);
   reapplyFrozenLocked();
+  hidePendingRemovalsLocked(*entry);
   return entry;
 }
 
@@ -134,6 +138,7 @@ std::shared_ptr<FileMetadata> MetadataCache::createFileMetadata(const fsp::Stora
   if (!iri.hasParent()) return record;
   record->setExtendedAttributes(parentAttributes(iri));
   Guard guard(*this);
+  pendingRemovals_.erase(iri);
   addFileMetadataLocked(record);
   return record;
 }
@@ -145,6 +150,7 @@ std::shared_ptr<FolderMetadata> MetadataCache::createFolderMetadata(const fsp::S
   if (!iri.hasParent()) return record;
   record->setExtendedAttributes(parentAttributes(iri));
   Guard guard(*this);
+  pendingRemovals_.erase(iri);
   enterNewFolderLocked(record);
   return record;
 }
@@ -159,6 +165,7 @@ void MetadataCache::removeFileMetadata(const fsp::StorageIRI& iri) {
     }
   }
   dropFrozenLocked(iri, false);
+  noteRemovalLocked(iri);
 }
 
 void MetadataCache::removeFolderMetadata(const fsp::StorageIRI& iri) {
@@ -173,6 +180,7 @@ void MetadataCache::removeFolderMetadata(const fsp::StorageIRI& iri) {
   }
   invalidateLocked(iri);
   dropFrozenLocked(iri, true);
+  noteRemovalLocked(iri);
 }
 
 void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to) {
@@ -190,6 +198,7 @@ void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::Sto
       .setLastModified(source->getLastModified())
       .setExtendedAttributes(source->getExtendedAttributes());
   Guard guard(*this);
+  pendingRemovals_.erase(to);
   try {
     entryLocked(to.getParent(), true)->removeFile(to, caseSensitive_);
   } catch (const fsp::Exception& e) {
@@ -204,6 +213,12 @@ void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::Sto
     }
   }
   dropFrozenLocked(stored, false);
+  // A new spelling of the same name on a case-insensitive store removes nothing.
+  const bool sameName = caseSensitive_ ? stored == to
+                                       : stored.getParent() == to.getParent() &&
+                                             foundation::text::toLower(stored.getName()) ==
+                                                 foundation::text::toLower(to.getName());
+  if (!sameName) noteRemovalLocked(stored);
 }
 
 void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
@@ -220,7 +235,9 @@ void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::S
       .setExtendedAttributes(source->getExtendedAttributes());
   Guard guard(*this);
   reapplyFrozenLocked();
+  pendingRemovals_.erase(to);
   moveFolderDetail(from, to, moved, policy, tree);
+  noteRemovalLocked(from);
 }
 
 void MetadataCache::confirmFile(const fsp::StorageIRI& iri) {
@@ -249,6 +266,17 @@ void MetadataCache::confirmFolder(const fsp::StorageIRI& iri, bool recursive) {
     if (recursive) unfreezeTreeLocked(entry->getIRI());
   }
   dropFrozenLocked(iri, false);
+}
+
+void MetadataCache::confirmRemoval(const fsp::StorageIRI& iri) {
+  Guard guard(*this);
+  const auto it = pendingRemovals_.find(iri);
+  if (it != pendingRemovals_.end() && --it->second <= 0) pendingRemovals_.erase(it);
+}
+
+bool MetadataCache::isRemoved(const fsp::StorageIRI& iri) {
+  Guard guard(*this);
+  return isRemovedLocked(iri);
 }
 
 void MetadataCache::markForInvalidation(const fsp::StorageIRI& iri) {

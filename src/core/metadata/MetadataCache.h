@@ -13,7 +13,7 @@
 //
 // Locks, in order (never the other way round):
 //   1. mutex_ (this cache): folders_, frozen_, pendingInvalidations_, invalidationsPending_,
-//      population_.
+//      pendingRemovals_, population_.
 //   2. an IFolderEntry's own mutex: that entry's folder record and children.
 //   3. a FileMetadata's / FolderMetadata's own mutex: that record's fields.
 // mutex_ is never held while the inner store is listed or while an entry's listing is waited
@@ -94,6 +94,12 @@ class MetadataCache {
   void confirmFile(const fsp::StorageIRI& iri);
   void confirmFolder(const fsp::StorageIRI& iri, bool recursive);
 
+  // The removal (or move away) of `iri` has been replayed on the store. Until then the store
+  // still holds what the overlay removed, and a listing read again from it must not bring
+  // it back: lookups at or below a removed location find nothing, and listings hide it.
+  void confirmRemoval(const fsp::StorageIRI& iri);
+  bool isRemoved(const fsp::StorageIRI& iri);
+
   // Invalidation.
   void markForInvalidation(const fsp::StorageIRI& iri);
   void invalidate(const fsp::StorageIRI& iri);
@@ -134,6 +140,9 @@ class MetadataCache {
   void invalidateLocked(const fsp::StorageIRI& iri);
   void setEntryLocked(const fsp::StorageIRI& folder, std::shared_ptr<IFolderEntry> entry);
   void actOnPendingInvalidationsLocked();
+  void noteRemovalLocked(const fsp::StorageIRI& iri);
+  bool isRemovedLocked(const fsp::StorageIRI& iri) const;
+  void hidePendingRemovalsLocked(IFolderEntry& entry);
   void collectFrozenLocked();
   void reapplyFrozenLocked();
   void reapplyLocked(const MetadataNode& node);
@@ -168,6 +177,8 @@ class MetadataCache {
   mutable std::mutex mutex_;
   std::map<fsp::StorageIRI, MetadataNode> frozen_;
   std::set<fsp::StorageIRI> pendingInvalidations_;
+  // Removals and moves away not yet replayed, with how many of each are on their way.
+  std::map<fsp::StorageIRI, int> pendingRemovals_;
   bool invalidationsPending_ = false;
   std::vector<std::shared_ptr<IFolderEntry>> released_;  // dropped under the lock, see Guard
 };

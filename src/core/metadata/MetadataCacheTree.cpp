@@ -102,6 +102,29 @@ void MetadataCache::collectFrozenLocked() {
   }
 }
 
+void MetadataCache::noteRemovalLocked(const fsp::StorageIRI& iri) { ++pendingRemovals_[iri]; }
+
+bool MetadataCache::isRemovedLocked(const fsp::StorageIRI& iri) const {
+  if (pendingRemovals_.empty()) return false;
+  for (auto at = iri;; at = at.getParent()) {
+    if (pendingRemovals_.count(at)) return true;
+    if (!at.hasParent()) return false;
+  }
+}
+
+void MetadataCache::hidePendingRemovalsLocked(IFolderEntry& entry) {
+  for (const auto& [removed, count] : pendingRemovals_) {
+    if (!removed.hasParent() || removed.getParent() != entry.getIRI()) continue;
+    for (const auto kind : {NodeKind::File, NodeKind::Folder}) {
+      try {
+        kind == NodeKind::File ? entry.removeFile(removed, true) : entry.removeFolder(removed, true);
+      } catch (const fsp::Exception&) {
+        // Not listed (any more): nothing to hide.
+      }
+    }
+  }
+}
+
 void MetadataCache::reapplyFrozenLocked() {
   if (!invalidationsPending_) return;
   invalidationsPending_ = false;

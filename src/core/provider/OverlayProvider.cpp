@@ -4,6 +4,7 @@
 #include "core/provider/OverlayProvider.h"
 
 #include "core/execution/BackendExecutor.h"
+#include "core/events/EventListener.h"
 #include "core/execution/SynchronousExecutor.h"
 #include "core/provider/InnerLocation.h"
 #include "core/provider/OverlayLog.h"
@@ -15,6 +16,7 @@
 
 #include <boost/property_tree/json_parser.hpp>
 #include <chrono>
+#include <cstdlib>
 #include <sstream>
 
 namespace storage::overlayprovider {
@@ -26,16 +28,6 @@ using fsp::StorageItem;
 namespace log = foundation::log;
 
 namespace {
-
-// The path of `location` below `innerRoot`, or nothing when it lies outside it.
-std::optional<std::u16string> pathBelow(const StorageIRI& innerRoot, const StorageIRI& location) {
-  const StorageIRI root(u"", innerRoot.getPath());
-  const StorageIRI candidate(u"", location.getPath());
-  if (root == candidate) return u"/";
-  if (!root.isAncestorOf(candidate)) return std::nullopt;
-  if (!root.hasParent()) return candidate.getPath();
-  return candidate.getPath().substr(root.getPath().size());
-}
 
 // The inner location named by a composed IRI: the text after the last "+" of its scheme.
 StorageIRI composedInnerLocation(const StorageIRI& iri) {
@@ -148,12 +140,54 @@ void OverlayProvider::lazyInitialize() const {
                                                          maxQueueWeight_.load()));
     }
   }
-  if (!quotaAccountant()) {
-    auto accountant = std::make_shared<QuotaAccountant>(inner_, kQuotaPollPeriodMs, metadataCache_);
+  auto accountant = quotaAccountant();
+  if (!accountant) {
+    accountant = std::make_shared<QuotaAccountant>(inner_, kQuotaPollPeriodMs, metadataCache_);
     std::lock_guard lock(initMutex_);
-    quotaAccountant_ = std::move(accountant);
+    quotaAccountant_ = accountant;
+  }
+  startListening(accountant);
+  // A mutation's checks must not cost a store round trip on the caller's thread.
+  for (const auto feature :
+       {fsp::ExtendedFeature::RemoveWhileOpen, fsp::ExtendedFeature::RemoveWhileClosing,
+        fsp::ExtendedFeature::FolderWritableEnforced}) {
+    innerHasFeature(feature);
   }
   metadataCache_->populateWholeFolderTreeWhenPossible(synchronous_.load());
+}
+
+void OverlayProvider::startListening(const std::shared_ptr<IQuotaAccountant>& accountant) const {
+  if (eventLatch()) return;  // a failed initialisation got this far before
+  auto listener =
+      EventListener::create(*inner_, metadataCache_, *contentCache_, executor_, accountant);
+  const std::weak_ptr<EventListener> weak = listener;
+  auto latch = std::make_shared<TimedLatch>(
+      [weak] {
+        if (const auto l = weak.lock()) l->pause();
+      },
+      [weak] {
+        if (const auto l = weak.lock()) l->unpause();
+      },
+      eventRobustnessTimeoutMs());
+  std::lock_guard lock(initMutex_);
+  eventListener_ = std::move(listener);
+  eventLatch_ = std::move(latch);
+}
+
+std::int64_t OverlayProvider::eventRobustnessTimeoutMs() {
+  // Unset: 3 s. Set: read as a decimal number, where text that is no number reads as 0.
+  const char* text = std::getenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT");
+  return text ? std::strtol(text, nullptr, 10) : 3000;
+}
+
+std::shared_ptr<TimedLatch> OverlayProvider::eventLatch() const {
+  std::lock_guard lock(initMutex_);
+  return eventLatch_;
+}
+
+std::shared_ptr<EventListener> OverlayProvider::eventListener() const {
+  std::lock_guard lock(initMutex_);
+  return eventListener_;
 }
 
 void OverlayProvider::ensureReady() const {
@@ -179,10 +213,6 @@ bool OverlayProvider::innerHasFeature(fsp::ExtendedFeature feature) const {
     innerFeatures_[index].store(known);
   }
   return known == 2;
-}
-
-void OverlayProvider::waitForQueuedWork() const {
-  if (const auto executor = executor_->load()) executor->waitForPendingToFinish();
 }
 
 std::shared_ptr<IExecutor> OverlayProvider::makeSynchronousExecutor() const {
@@ -255,8 +285,11 @@ void OverlayProvider::doInvalidate(const StorageIRI& iri) {
 void OverlayProvider::doShutdown() {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kOverlayProviderSource);
   const auto held = guard(StorageIRI(u"overlay", u"/"));
-  shutDown_.exchange(true);
-  if (eventLatch_) eventLatch_->close();
+  shutDown_->exchange(true);
+  // The listener first: once it has stopped no event handler touches the caches, and the
+  // latch, closed next, no longer resumes it.
+  if (const auto listener = eventListener()) listener->stop();
+  if (const auto latch = eventLatch()) latch->close();
   if (const auto accountant = quotaAccountant()) accountant->stop();
   if (const auto executor = executor_->load()) {
     executor->shutdown(true);

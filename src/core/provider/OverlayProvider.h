@@ -32,6 +32,7 @@
 #pragma once
 
 #include "core/contentcache/ContentCache.h"
+#include "core/events/EventListener.h"
 #include "core/execution/ExecutorSlot.h"
 #include "core/execution/TimedLatch.h"
 #include "core/metadata/MetadataCache.h"
@@ -80,6 +81,12 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   const std::shared_ptr<MetadataCache>& metadataCache() const { return metadataCache_; }
   // Empty before initialisation.
   std::shared_ptr<IQuotaAccountant> quotaAccountant() const;
+  // Empty before initialisation.
+  std::shared_ptr<EventListener> eventListener() const;
+  std::shared_ptr<TimedLatch> eventLatch() const;
+  // The listener's quiet period: QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT in milliseconds
+  // (strtol, base 10: text that is no number reads as 0), 3000 when unset.
+  static std::int64_t eventRobustnessTimeoutMs();
   ContentCache& contentCache() const { return *contentCache_; }
   // The content cache's root and persistence, as configured.
   std::string configuredCacheRoot() const { return contentCache_->cacheRoot().string(); }
@@ -135,6 +142,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
  private:
   void ensureInitialized() const;
   void lazyInitialize() const;
+  // Makes the event listener over the inner store and the latch that pauses it.
+  void startListening(const std::shared_ptr<IQuotaAccountant>& accountant) const;
   std::shared_ptr<IExecutor> makeSynchronousExecutor() const;
   void installExecutor(std::shared_ptr<IExecutor> executor) const;
   void applyMaxQueueWeight() const;
@@ -152,29 +161,34 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   void noteBackendActivity() const;
   // The opening steps of the cached operations: initialised, metadata tree prepared.
   void ensureReady() const;
-  // The shape of every mutation today: under the path guard, the change on the inner store,
-  // then the same change recorded in the metadata cache.
-  void mutate(const fsp::StorageIRI& location,
-              const std::function<void(const fsp::StorageItem&)>& change,
-              const std::function<void()>& recordChange) const;
-  // The same for a move or copy: the destination's name is checked, both locations guarded.
-  void mutateBetween(
-      const fsp::StorageIRI& source, const fsp::StorageIRI& destination,
-      const std::function<void(const fsp::StorageItem&, const fsp::StorageIRI&)>& change,
-      const std::function<void()>& recordChange) const;
-  // Runs a cache update after an inner change; if the update fails, the folders concerned
-  // are dropped from the cache instead, so that it never keeps a wrong picture.
-  void keepCacheTrue(const fsp::StorageIRI& location, const std::function<void()>& update) const;
-  // Reads the file's attributes from the inner store into its cache record (made if absent).
-  void refreshFileRecord(const fsp::StorageIRI& location) const;
-  // The content cache's key of a file: its location as the store spells it.
-  fsp::StorageIRI bodyKey(const fsp::StorageIRI& location) const;
+  // Mutations (OverlayProviderMutations.cpp). Queues the store's half of a mutation: `innerCall`
+  // on the inner root (through runWithRetry under `name`), then `confirm`; nothing once shut
+  // down, neither at submission nor when the task comes to run.
+  void replay(const std::string& name, ObservableTransactionType kind,
+              std::function<void(const fsp::StorageItem& innerRoot)> innerCall,
+              std::function<void(MetadataCache&)> confirm) const;
+  void triggerEventLatch() const;
+  bool existsInCache(const fsp::StorageIRI& location) const;
+  // Refusals shared by the mutations: AlreadyExists (3), NotFound (4) naming the parent,
+  // OperationRefused (2) for a parent that must be writable and is not.
+  void requireNothingAt(const fsp::StorageIRI& location) const;
+  void requireParentFolder(const fsp::StorageIRI& location) const;
+  void requireWritableParent(const fsp::StorageIRI& location) const;
+  // The folder as the store spells it; NotFound when unknown, OperationRefused for the root.
+  fsp::StorageIRI requireFolder(const fsp::StorageIRI& location) const;
+  void checkFileDestination(const fsp::StorageIRI& source, const fsp::StorageIRI& destination,
+                            fsp::ReplacementPolicy policy) const;
+  void checkFolderDestination(const fsp::StorageIRI& destination,
+                              fsp::ReplacementPolicy policy) const;
+  // Changes the record of a file (true) or folder (false) at `location`; NotFound if none.
+  bool updateRecord(const fsp::StorageIRI& location,
+                    const std::function<void(FileMetadata&)>& updateFile,
+                    const std::function<void(FolderMetadata&)>& updateFolder) const;
+  static std::function<void(MetadataCache&)> confirmation(const fsp::StorageIRI& location,
+                                                          bool isFile);
   // Refuses (ResourceBusy) to remove or move a file that a stream has open, unless the inner
   // store allows it.
   void refuseWhileOpen(const fsp::StorageIRI& key) const;
-  // Moves the cached bodies with a file or folder around the store's own move.
-  void moveBodies(const fsp::StorageIRI& from, const fsp::StorageIRI& to, bool folder,
-                  const std::function<void()>& innerMove) const;
   // Copies a source stream into a destination stream in 4096-byte steps and closes both.
   static void copyThroughStreams(fsp::ByteStreamPtr source, fsp::ByteStreamPtr destination);
   // Streams (OverlayProviderStreams.cpp).
@@ -192,9 +206,6 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   void flushBody() const;
   // The inner provider's capability, asked once and kept (capabilities do not change).
   bool innerHasFeature(fsp::ExtendedFeature feature) const;
-  // Before a mutation that still runs on the inner store directly: every transaction queued
-  // so far reaches the store first, so no queued write lands after a later move or removal.
-  void waitForQueuedWork() const;
   fsp::Exception notFound(const fsp::StorageIRI& location) const;
   template <class Pred>
   fsp::FolderEntryIteratorPtr doListingOperation(const fsp::StorageIRI& iri) const;
@@ -216,13 +227,16 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // guarded by initMutex_ (see quotaAccountant()).
   mutable std::shared_ptr<IQuotaAccountant> quotaAccountant_;
   mutable PathGuardTable pathGuards_;
-  std::shared_ptr<TimedLatch> eventLatch_;
+  // Made by lazy initialisation, read by shutdown and the operations: guarded by initMutex_.
+  mutable std::shared_ptr<EventListener> eventListener_;
+  mutable std::shared_ptr<TimedLatch> eventLatch_;
   mutable std::atomic<bool> passThrough_{false};
   std::atomic<bool> contentCacheDisabled_{false};
   std::atomic<bool> backslashToForwardSlash_{false};
   mutable boost::once_flag initFlag_ = BOOST_ONCE_INIT;
   mutable std::mutex initMutex_;
-  std::atomic<bool> shutDown_{false};
+  // Shared with the queued transactions, which do nothing once it is set.
+  const std::shared_ptr<std::atomic<bool>> shutDown_ = std::make_shared<std::atomic<bool>>(false);
   // Per ExtendedFeature value: 0 not asked yet, 1 lacking, 2 present.
   mutable std::array<std::atomic<int>, 16> innerFeatures_;
 };

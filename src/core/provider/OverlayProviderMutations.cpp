@@ -1,7 +1,16 @@
-// OverlayProvider: the mutating operations. Each is carried out on the inner provider under
-// the path guard of its location(s), after every transaction queued before it (so a queued
-// write never lands after a later move or removal of its file); then the metadata cache and
-// the content cache are told exactly what changed.
+// OverlayProvider: the mutating operations. Each is checked against and carried out in the
+// overlay's caches on the caller's thread, under the path guard of its location(s), so that
+// every later call sees the result at once; the same change is then queued as one
+// transaction that replays it on the inner store (write-behind) and confirms it in the
+// metadata cache once replayed. The caller never hears of the replay's outcome: a refusal by
+// the store is logged by runWithRetry.
+//
+// The transaction is queued before the guard is released, not after: released first, a
+// related operation on another thread (a removal of the file just created and written, say)
+// could queue its own change ahead of this one, and the store would replay the two in the
+// other order than the caches applied them.
+#include "core/execution/RunWithRetry.h"
+#include "core/provider/InnerLocation.h"
 #include "core/provider/OverlayProvider.h"
 #include "core/provider/OverlayProviderSupport.h"
 
@@ -10,134 +19,177 @@
 
 namespace storage::overlayprovider {
 
+using fsp::ErrorCode;
+using fsp::Exception;
 using fsp::StorageIRI;
+using fsp::StorageItem;
 namespace log = foundation::log;
 
-void OverlayProvider::keepCacheTrue(const StorageIRI& location,
-                                    const std::function<void()>& update) const {
-  try {
-    update();
-  } catch (...) {
-    // The inner change happened; the cache must not keep a picture without it.
-    OVERLAY_LOG(log::exception) << "Exception caught: "
-                                << boost::current_exception_diagnostic_information();
-    metadataCache_->invalidate(location.getParent());
+namespace {
+
+// The one name that FUSE gives a file that was removed while open; the kernel removes it
+// itself later, so replaying the move on the store would only churn it.
+bool isFuseHiddenName(const StorageIRI& location) {
+  return location.getName().rfind(u".fuse_hidden", 0) == 0;
+}
+
+}  // namespace
+
+void OverlayProvider::replay(const std::string& name, ObservableTransactionType kind,
+                             std::function<void(const StorageItem& innerRoot)> innerCall,
+                             std::function<void(MetadataCache&)> confirm) const {
+  if (shutDown_->load()) return;
+  const auto executor = executor_->load();
+  if (!executor) return;
+  auto task = [name, inner = inner_, cache = metadataCache_, stopped = shutDown_,
+               innerCall = std::move(innerCall), confirm = std::move(confirm)] {
+    if (stopped->load()) return;
+    runWithRetry([&] { innerCall(*inner); }, name);
+    try {
+      confirm(*cache);
+    } catch (...) {
+      logCaughtException("Confirming a replayed change failed.");
+    }
+  };
+  executor->execute(task, kind, minQueueItemWeight_.load());
+}
+
+void OverlayProvider::triggerEventLatch() const {
+  if (const auto latch = eventLatch()) latch->trigger();
+}
+
+bool OverlayProvider::existsInCache(const StorageIRI& location) const {
+  return metadataCache_->getFileMetadata(location) || metadataCache_->getFolderMetadata(location);
+}
+
+void OverlayProvider::requireNothingAt(const StorageIRI& location) const {
+  if (existsInCache(location)) throw Exception(ErrorCode::AlreadyExists, publicLocation(location));
+}
+
+void OverlayProvider::requireParentFolder(const StorageIRI& location) const {
+  if (!location.hasParent() || !metadataCache_->getFolderMetadata(location.getParent())) {
+    throw notFound(location.hasParent() ? location.getParent() : location);
   }
 }
 
-void OverlayProvider::mutate(const StorageIRI& location,
-                             const std::function<void(const fsp::StorageItem&)>& change,
-                             const std::function<void()>& recordChange) const {
-  if (passThrough_) {
-    forwardingRefusals([&] { change(innerItem(location)); });
-    return;
+void OverlayProvider::requireWritableParent(const StorageIRI& location) const {
+  if (!innerHasFeature(fsp::ExtendedFeature::FolderWritableEnforced)) return;
+  const auto parent = metadataCache_->getFolderMetadata(location.getParent());
+  if (parent && !parent->isWritable()) {
+    throw Exception(ErrorCode::OperationRefused, publicLocation(location.getParent()),
+                    "the destination folder is not writable");
   }
-  const auto held = guard(location);
-  waitForQueuedWork();
-  forwardingRefusals([&] { change(innerItem(location)); });
-  keepCacheTrue(location, recordChange);
-}
-
-void OverlayProvider::mutateBetween(
-    const StorageIRI& source, const StorageIRI& destination,
-    const std::function<void(const fsp::StorageItem&, const StorageIRI&)>& change,
-    const std::function<void()>& recordChange) const {
-  checkName(publicLocation(destination));
-  if (passThrough_) {
-    forwardingRefusals([&] { change(innerItem(source), innerItem(destination).getLocation()); });
-    return;
-  }
-  const auto held = guard(source, destination);
-  waitForQueuedWork();
-  forwardingRefusals([&] { change(innerItem(source), innerItem(destination).getLocation()); });
-  // Moving or copying a location onto itself changes nothing the cache holds.
-  if (source != destination) keepCacheTrue(destination, recordChange);
 }
 
 void OverlayProvider::doCreateFile(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
+  checkName(publicLocation(resolve(iri)));
   ensureReady();
   const auto location = resolve(iri);
-  checkName(publicLocation(location));
-  mutate(
-      location,
-      [&](const fsp::StorageItem& item) {
-        if (!passThrough_) contentCache_->removeEntry(location, false);
-        item.createFile();
-      },
-      [&] {
-        metadataCache_->createFileMetadata(location);
-        metadataCache_->confirmFile(location);
-      });
+  if (passThrough_) return forwardingRefusals([&] { innerItem(location).createFile(); });
+  triggerEventLatch();
+  const auto held = guard(location);
+  requireNothingAt(location);
+  requireParentFolder(location);
+  contentCache_->removeEntry(location, false);
+  metadataCache_->createFileMetadata(location);
+  replay(
+      "createFile", ObservableTransactionType::FILE_CREATION,
+      [location](const StorageItem& inner) { innerItemFor(inner, location).createFile(); },
+      [location](MetadataCache& cache) { cache.confirmFile(location); });
 }
 
 void OverlayProvider::doCreateFolder(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
+  checkName(publicLocation(resolve(iri)));
   ensureReady();
   const auto location = resolve(iri);
-  checkName(publicLocation(location));
-  mutate(
-      location, [](const fsp::StorageItem& item) { item.createFolder(); },
-      [&] {
-        metadataCache_->createFolderMetadata(location);
-        metadataCache_->confirmFolder(location, false);
-      });
+  if (passThrough_) return forwardingRefusals([&] { innerItem(location).createFolder(); });
+  triggerEventLatch();
+  const auto held = guard(location);
+  requireNothingAt(location);
+  requireParentFolder(location);
+  metadataCache_->createFolderMetadata(location);
+  replay(
+      "createFolder", ObservableTransactionType::FOLDER_CREATION,
+      [location](const StorageItem& inner) { innerItemFor(inner, location).createFolder(); },
+      [location](MetadataCache& cache) { cache.confirmFolder(location, false); });
 }
 
 void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
+  checkName(publicLocation(resolve(iri)));
   ensureReady();
   const auto location = resolve(iri);
-  checkName(publicLocation(location));
   if (passThrough_) {
-    forwardingRefusals([&] { innerItem(location).createFolderRecursive(); });
-    return;
+    return forwardingRefusals([&] { innerItem(location).createFolderRecursive(); });
   }
+  triggerEventLatch();
   const auto held = guard(location);
-  // The folders that will be new, top-down, found before the inner store makes them.
+  requireNothingAt(location);
+  // The folders that are new, top-down; a file in the way refuses as the store would.
   std::deque<StorageIRI> missing;
   for (auto folder = location; folder.hasParent() && !metadataCache_->getFolderMetadata(folder);
        folder = folder.getParent()) {
+    if (metadataCache_->getFileMetadata(folder)) {
+      throw Exception(ErrorCode::AlreadyExists, publicLocation(folder), "a file is in the way");
+    }
     missing.push_front(folder);
   }
-  waitForQueuedWork();
-  forwardingRefusals([&] { innerItem(location).createFolderRecursive(); });
-  keepCacheTrue(missing.empty() ? location : missing.front(), [&] {
-    for (const auto& folder : missing) {
-      metadataCache_->createFolderMetadata(folder);
-      metadataCache_->confirmFolder(folder, false);
-    }
-  });
+  for (const auto& folder : missing) metadataCache_->createFolderMetadata(folder);
+  replay(
+      "createFolderRecursive", ObservableTransactionType::FOLDER_CREATION_RECURSIVE,
+      [location](const StorageItem& inner) {
+        innerItemFor(inner, location).createFolderRecursive();
+      },
+      [missing](MetadataCache& cache) {
+        for (const auto& folder : missing) cache.confirmFolder(folder, false);
+      });
 }
 
 void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  mutate(
-      location,
-      [&](const fsp::StorageItem& item) {
-        if (!passThrough_) {
-          const auto key = bodyKey(location);
-          refuseWhileOpen(key);
-          // The file's pending writes are queued before it goes, not lost with its entry.
-          contentCache_->removeEntry(key, true);
-          waitForQueuedWork();
-        }
-        item.removeFile();
-      },
-      [&] { metadataCache_->removeFileMetadata(location); });
+  if (passThrough_) return forwardingRefusals([&] { innerItem(location).removeFile(); });
+  triggerEventLatch();
+  const auto held = guard(location);
+  const auto record = metadataCache_->getFileMetadata(location);
+  if (!record) throw notFound(location);
+  // The store's spelling: the body's key, and the name the store removes.
+  const auto stored = record->getIRI();
+  refuseWhileOpen(stored);
+  metadataCache_->removeFileMetadata(stored);
+  // The file's unsent writes are queued ahead of its removal rather than lost with its entry.
+  contentCache_->removeEntry(stored, true);
+  replay(
+      "removeFile", ObservableTransactionType::FILE_REMOVAL,
+      [stored](const StorageItem& inner) { innerItemFor(inner, stored).removeFile(); },
+      [stored](MetadataCache& cache) {
+        cache.confirmFile(stored);
+        cache.confirmRemoval(stored);
+      });
 }
 
 void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  mutate(
-      location, [](const fsp::StorageItem& item) { item.removeFolder(); },
-      [&] {
-        metadataCache_->removeFolderMetadata(location);
-        contentCache_->removeFolderEntries(location, true);
+  if (passThrough_) return forwardingRefusals([&] { innerItem(location).removeFolder(); });
+  triggerEventLatch();
+  const auto held = guard(location);
+  const auto folder = requireFolder(location);
+  if (!metadataCache_->getFolderEntry(folder)->isEmpty()) {
+    throw Exception(ErrorCode::FolderNotEmpty, publicLocation(location));
+  }
+  metadataCache_->removeFolderMetadata(folder);
+  contentCache_->removeFolderEntries(folder, true);
+  replay(
+      "removeFolder", ObservableTransactionType::FOLDER_REMOVAL,
+      [folder](const StorageItem& inner) { innerItemFor(inner, folder).removeFolder(); },
+      [folder](MetadataCache& cache) {
+        cache.confirmFolder(folder, false);
+        cache.confirmRemoval(folder);
       });
 }
 
@@ -145,12 +197,32 @@ void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  mutate(
-      location, [](const fsp::StorageItem& item) { item.removeFolderRecursively(); },
-      [&] {
-        metadataCache_->removeFolderMetadata(location);
-        contentCache_->removeFolderEntries(location, true);
+  if (passThrough_) {
+    return forwardingRefusals([&] { innerItem(location).removeFolderRecursively(); });
+  }
+  triggerEventLatch();
+  const auto held = guard(location);
+  const auto folder = requireFolder(location);
+  metadataCache_->removeFolderMetadata(folder);
+  contentCache_->removeFolderEntries(folder, true);
+  replay(
+      "removeFolderRecursively", ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
+      [folder](const StorageItem& inner) {
+        innerItemFor(inner, folder).removeFolderRecursively();
+      },
+      [folder](MetadataCache& cache) {
+        cache.confirmFolder(folder, true);
+        cache.confirmRemoval(folder);
       });
+}
+
+StorageIRI OverlayProvider::requireFolder(const StorageIRI& location) const {
+  if (!location.hasParent()) {
+    throw Exception(ErrorCode::OperationRefused, publicLocation(location), "the root stays");
+  }
+  const auto record = metadataCache_->getFolderMetadata(location);
+  if (!record) throw notFound(location);
+  return record->getIRI();
 }
 
 void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
@@ -159,38 +231,103 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   ensureReady();
   const auto source = resolve(from);
   const auto destination = resolve(to);
-  mutateBetween(
-      source, destination,
-      [&](const fsp::StorageItem& item, const StorageIRI& to) {
-        if (passThrough_) return item.moveFile(to, policy);
-        refuseWhileOpen(bodyKey(source));
-        moveBodies(bodyKey(source), destination, false, [&] { item.moveFile(to, policy); });
+  if (passThrough_) {
+    return forwardingRefusals(
+        [&] { innerItem(source).moveFile(innerItem(destination).getLocation(), policy); });
+  }
+  triggerEventLatch();
+  const auto held = guard(source, destination);
+  const auto record = metadataCache_->getFileMetadata(source);
+  const auto stored = record ? record->getIRI() : source;
+  refuseWhileOpen(stored);
+  if (!record) throw notFound(source);
+  checkFileDestination(stored, destination, policy);
+  if (stored == destination) return;  // the file is already there: nothing changes
+  metadataCache_->moveFileMetadata(stored, destination);
+  contentCache_->moveEntry(stored, destination);
+  if (isFuseHiddenName(destination)) {
+    metadataCache_->confirmFile(destination);
+    metadataCache_->confirmRemoval(stored);
+    return;
+  }
+  replay(
+      "moveFile", ObservableTransactionType::FILE_MOVE,
+      [stored, destination, policy](const StorageItem& inner) {
+        innerItemFor(inner, stored).moveFile(innerItemFor(inner, destination).getLocation(),
+                                             policy);
       },
-      [&] {
-        metadataCache_->moveFileMetadata(source, destination);
-        metadataCache_->confirmFile(destination);
+      [stored, destination](MetadataCache& cache) {
+        cache.confirmFile(destination);
+        cache.confirmRemoval(stored);
       });
+}
+
+void OverlayProvider::checkFileDestination(const StorageIRI& source, const StorageIRI& destination,
+                                           fsp::ReplacementPolicy policy) const {
+  if (metadataCache_->getFolderMetadata(destination)) {
+    throw Exception(ErrorCode::AlreadyExists, publicLocation(destination), "a folder");
+  }
+  const auto existing = metadataCache_->getFileMetadata(destination);
+  // On a case-insensitive store a new spelling of the same file is a rename, not a clash.
+  const bool sameFile = existing && existing->getIRI() == source;
+  if (existing && !sameFile && !fsp::allowsReplacing(policy)) {
+    throw Exception(ErrorCode::AlreadyExists, publicLocation(destination));
+  }
+  requireParentFolder(destination);
+  requireWritableParent(destination);
 }
 
 void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
                                    const fsp::ReplacementPolicy& policy) const {
   OVERLAY_OPERATION(from);
+  checkName(publicLocation(resolve(to)));
   ensureReady();
   const auto source = resolve(from);
   const auto destination = resolve(to);
-  mutateBetween(
-      source, destination,
-      [&](const fsp::StorageItem& item, const StorageIRI& to) {
-        if (passThrough_) return item.moveFolder(to, policy);
-        moveBodies(source, destination, true, [&] { item.moveFolder(to, policy); });
+  if (passThrough_) {
+    return forwardingRefusals(
+        [&] { innerItem(source).moveFolder(innerItem(destination).getLocation(), policy); });
+  }
+  triggerEventLatch();
+  const auto held = guard(source, destination);
+  const auto stored = requireFolder(source);
+  if (stored == destination || stored.isAncestorOf(destination)) {
+    throw Exception(ErrorCode::OperationRefused, publicLocation(destination),
+                    "a folder cannot move into itself");
+  }
+  checkFolderDestination(destination, policy);
+  metadataCache_->moveFolderMetadata(stored, destination, policy);
+  contentCache_->moveFolderEntries(stored, destination);
+  replay(
+      "moveFolder", ObservableTransactionType::FOLDER_MOVE,
+      [stored, destination, policy](const StorageItem& inner) {
+        innerItemFor(inner, stored).moveFolder(innerItemFor(inner, destination).getLocation(),
+                                               policy);
       },
-      [&] {
-        // A merge mixes the moved tree with what the destination held: the inner store has the
-        // only complete picture, so both places are read again on their next use.
-        metadataCache_->removeFolderMetadata(source);
-        metadataCache_->invalidate(destination);
-        metadataCache_->invalidate(destination.getParent());
+      [stored, destination](MetadataCache& cache) {
+        cache.confirmFolder(destination, true);
+        cache.confirmRemoval(stored);
       });
+}
+
+void OverlayProvider::checkFolderDestination(const StorageIRI& destination,
+                                             fsp::ReplacementPolicy policy) const {
+  if (metadataCache_->getFileMetadata(destination)) {
+    throw Exception(ErrorCode::AlreadyExists, publicLocation(destination), "a file");
+  }
+  const auto existing = metadataCache_->getFolderMetadata(destination);
+  if (existing && policy == fsp::ReplacementPolicy::Fail) {
+    throw Exception(ErrorCode::AlreadyExists, publicLocation(destination));
+  }
+  requireParentFolder(destination);
+  requireWritableParent(destination);
+  const auto value = static_cast<std::uint32_t>(policy);
+  const bool checksContents = value == 1 || value == 2 || value == 4;
+  if (existing && checksContents &&
+      (policy == fsp::ReplacementPolicy::Exclusive ||
+       !metadataCache_->getFolderEntry(existing->getIRI())->isEmpty())) {
+    throw Exception(ErrorCode::AlreadyExists, publicLocation(destination), "a folder");
+  }
 }
 
 void OverlayProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
@@ -207,11 +344,9 @@ void OverlayProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
   }
   const auto forbidsReplacing = !fsp::allowsReplacing(policy);
   if (doFileExists(to) && forbidsReplacing) {
-    throw fsp::Exception(fsp::ErrorCode::AlreadyExists, publicLocation(destination));
+    throw Exception(ErrorCode::AlreadyExists, publicLocation(destination));
   }
-  if (doFolderExists(to)) {
-    throw fsp::Exception(fsp::ErrorCode::AlreadyExists, publicLocation(destination));
-  }
+  if (doFolderExists(to)) throw Exception(ErrorCode::AlreadyExists, publicLocation(destination));
   // The source first: a missing source must not leave an empty destination behind.
   auto source = doOpenReadOnlyStream(from);
   copyThroughStreams(std::move(source), doOpenStream(to, fsp::ByteStreamOpenOptions::overwrite()));
@@ -222,33 +357,60 @@ void OverlayProvider::doSetLastModified(const StorageIRI& iri,
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  mutate(
-      location, [&](const fsp::StorageItem& item) { item.setLastModified(time); },
-      [&] {
-        if (const auto file = metadataCache_->getFileMetadata(location))
-          file->setLastModified(time);
-        if (const auto folder = metadataCache_->getFolderMetadata(location))
-          folder->setLastModified(time);
-      });
+  if (passThrough_) return forwardingRefusals([&] { innerItem(location).setLastModified(time); });
+  triggerEventLatch();
+  const auto held = guard(location);
+  const bool isFile = updateRecord(
+      location, [&](FileMetadata& file) { file.setLastModified(time); },
+      [&](FolderMetadata& folder) { folder.setLastModified(time); });
+  replay(
+      "setLastModified", ObservableTransactionType::SET_LAST_MODIFIED,
+      [location, time](const StorageItem& inner) {
+        innerItemFor(inner, location).setLastModified(time);
+      },
+      confirmation(location, isFile));
 }
 
 void OverlayProvider::doSetWritable(const StorageIRI& iri, bool writable) const {
   OVERLAY_OPERATION(iri);
   ensureReady();
   const auto location = resolve(iri);
-  mutate(
-      location, [&](const fsp::StorageItem& item) { item.setWritable(writable); },
-      [&] {
-        if (const auto file = metadataCache_->getFileMetadata(location))
-          file->setWritable(writable);
-        if (const auto folder = metadataCache_->getFolderMetadata(location))
-          folder->setWritable(writable);
-      });
+  if (passThrough_) return forwardingRefusals([&] { innerItem(location).setWritable(writable); });
+  triggerEventLatch();
+  const auto held = guard(location);
+  const bool isFile = updateRecord(
+      location, [&](FileMetadata& file) { file.setWritable(writable); },
+      [&](FolderMetadata& folder) { folder.setWritable(writable); });
+  replay(
+      "setWritable", ObservableTransactionType::SET_WRITABLE,
+      [location, writable](const StorageItem& inner) {
+        innerItemFor(inner, location).setWritable(writable);
+      },
+      confirmation(location, isFile));
 }
 
-StorageIRI OverlayProvider::bodyKey(const StorageIRI& location) const {
-  const auto record = metadataCache_->getFileMetadata(location);
-  return record ? record->getIRI() : location;
+bool OverlayProvider::updateRecord(const StorageIRI& location,
+                                   const std::function<void(FileMetadata&)>& updateFile,
+                                   const std::function<void(FolderMetadata&)>& updateFolder) const {
+  if (const auto file = metadataCache_->getFileMetadata(location)) {
+    updateFile(*file);
+    // A working file keeps its own record, which its close writes back to the store.
+    if (const auto entry = contentCache_->find(file->getIRI())) {
+      if (entry->record() != file) updateFile(*entry->record());
+    }
+    return true;
+  }
+  if (const auto folder = metadataCache_->getFolderMetadata(location)) {
+    updateFolder(*folder);
+    return false;
+  }
+  throw notFound(location);
+}
+
+std::function<void(MetadataCache&)> OverlayProvider::confirmation(const StorageIRI& location,
+                                                                  bool isFile) {
+  if (isFile) return [location](MetadataCache& cache) { cache.confirmFile(location); };
+  return [location](MetadataCache& cache) { cache.confirmFolder(location, false); };
 }
 
 void OverlayProvider::refuseWhileOpen(const StorageIRI& key) const {
@@ -257,39 +419,8 @@ void OverlayProvider::refuseWhileOpen(const StorageIRI& key) const {
                            : !innerHasFeature(fsp::ExtendedFeature::RemoveWhileOpen) &&
                                  contentCache_->isInUse(key, false);
   if (refused) {
-    throw fsp::Exception(fsp::ErrorCode::ResourceBusy, publicLocation(key),
-                         "a stream on the file is open");
+    throw Exception(ErrorCode::ResourceBusy, publicLocation(key), "a stream on the file is open");
   }
-}
-
-void OverlayProvider::moveBodies(const StorageIRI& from, const StorageIRI& to, bool folder,
-                                 const std::function<void()>& innerMove) const {
-  const auto move = [&](const StorageIRI& a, const StorageIRI& b) {
-    folder ? contentCache_->moveFolderEntries(a, b) : contentCache_->moveEntry(a, b);
-  };
-  // The entries' inner streams are closed by transactions queued here, before the store
-  // moves the file under them; writes queued later go to the new location.
-  move(from, to);
-  try {
-    waitForQueuedWork();
-    innerMove();
-  } catch (...) {
-    move(to, from);
-    throw;
-  }
-}
-
-void OverlayProvider::refreshFileRecord(const StorageIRI& location) const {
-  const auto attributes = innerItem(location).getFileAttributes();
-  auto record = metadataCache_->getFileMetadata(location);
-  if (!record) {
-    record = std::make_shared<FileMetadata>(location, false);
-    record->setExtendedAttributes(innerItem(location).getExtendedAttributes());
-  }
-  record->setLastModified(attributes.getLastModified())
-      .setWritable(attributes.isWritable())
-      .setSize(attributes.getSize().value_or(0));
-  metadataCache_->addFileMetadata(record);
 }
 
 }  // namespace storage::overlayprovider

@@ -87,7 +87,7 @@ fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(const StorageIR
 fsp::ProviderStorageInfo OverlayProvider::doGetProviderStorageInfo(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureInitialized();
-  if (eventLatch_) eventLatch_->trigger();
+  triggerEventLatch();
   const auto accountant = quotaAccountant();
   const auto total = accountant->getTotalQuota();
   const auto available = accountant->getSpaceAvailable();

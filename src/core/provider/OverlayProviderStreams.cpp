@@ -23,7 +23,7 @@ WorkingFileSettings OverlayProvider::workingFileSettings() const {
   settings.executor = executor_;
   settings.metadataCache = metadataCache_;
   settings.quotaAccountant = quotaAccountant();
-  settings.eventLatch = eventLatch_;
+  settings.eventLatch = eventLatch();
   settings.maxReadPayloadSize = static_cast<std::int64_t>(maxReadPayloadSize_.load());
   settings.maxWritePayloadSize = static_cast<std::int64_t>(maxWritePayloadSize_.load());
   settings.minQueueItemWeight = minQueueItemWeight_.load();
@@ -63,7 +63,7 @@ fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(const StorageIRI& iri) 
 fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
                                                      const fsp::ByteStreamOpenOptions& options,
                                                      bool readOnly) const {
-  if (eventLatch_) eventLatch_->trigger();
+  triggerEventLatch();
   const auto held = guard(location);
   bool created = false;
   const auto record = recordForStream(location, options, readOnly, created);
@@ -73,6 +73,7 @@ fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
   std::shared_ptr<WorkingFileEntry> entry;
   try {
     contentCache_->dropIfStale(key, record->getWatermark(), true);
+    contentCache_->dropIfOutdated(key, record);
     entry = contentCache_->retrieve(key, record, workingFileSettings());
   } catch (const boost::filesystem::filesystem_error&) {
     // The cache's directory cannot be made or reached: as much a caching error as no space.

@@ -422,6 +422,15 @@ std::size_t WorkingFileEntry::openCount() const {
   return openStreams_.size();
 }
 
+bool WorkingFileEntry::isIdle() {
+  {
+    std::lock_guard lock(mutex_);
+    if (!openStreams_.empty() || (pendingBlock_ && pendingBlock_->size() > 0)) return false;
+  }
+  std::lock_guard pending(pendingMutex_);
+  return pendingTransactions_ == 0;
+}
+
 int WorkingFileEntry::state() const {
   std::lock_guard lock(mutex_);
   return state_;

@@ -114,6 +114,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
 
   // --- the content cache's view (called under the content cache's mutex) ---
   std::size_t openCount() const;
+  // No stream open, nothing written that the store has not received: the body holds exactly
+  // what the store held when the entry last synchronised with it.
+  bool isIdle();
   // 1 while the last stream is closing, 0 otherwise.
   int state() const;
   std::int64_t lastAccess() const { return lastAccess_.load(); }

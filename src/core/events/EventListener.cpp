@@ -1,0 +1,219 @@
+#include "core/events/EventListener.h"
+
+#include "core/contentcache/ContentCache.h"
+#include "core/metadata/MetadataCache.h"
+#include "core/provider/InnerLocation.h"
+#include "core/provider/OverlayLog.h"
+#include "core/quota/IQuotaAccountant.h"
+
+
+#include <boost/exception/diagnostic_information.hpp>
+
+namespace storage::overlayprovider {
+
+namespace events = foundation::storage::events;
+namespace fsp = foundation::storage::provider;
+namespace log = foundation::log;
+
+namespace {
+
+constexpr const char* kListenerSource = "src/core/events/EventListener";
+
+// The kinds by their values, which carry fixed meanings (see the header).
+constexpr std::uint32_t kAnythingBelow = 1;
+constexpr std::uint32_t kAppeared = 2;
+constexpr std::uint32_t kWentAway = 3;
+constexpr std::uint32_t kChanged = 4;
+
+std::uint32_t valueOf(events::Kind kind) { return static_cast<std::uint32_t>(kind); }
+
+}  // namespace
+
+std::shared_ptr<EventListener> EventListener::create(
+    const fsp::StorageItem& inner, std::shared_ptr<MetadataCache> metadataCache,
+    ContentCache& contentCache, std::shared_ptr<ExecutorSlot> executor,
+    std::shared_ptr<IQuotaAccountant> quotaAccountant) {
+  std::shared_ptr<EventListener> listener(
+      new EventListener(std::move(metadataCache), contentCache, std::move(executor),
+                        std::move(quotaAccountant), inner.getLocation()));
+  listener->subscribe(inner);
+  return listener;
+}
+
+EventListener::EventListener(std::shared_ptr<MetadataCache> metadataCache,
+                             ContentCache& contentCache, std::shared_ptr<ExecutorSlot> executor,
+                             std::shared_ptr<IQuotaAccountant> quotaAccountant, Location innerRoot)
+    : metadataCache_(std::move(metadataCache)),
+      contentCache_(contentCache),
+      executor_(std::move(executor)),
+      quotaAccountant_(std::move(quotaAccountant)),
+      innerRoot_(std::move(innerRoot)) {}
+
+void EventListener::subscribe(const fsp::StorageItem& inner) {
+  // The store keeps the publisher; it must not keep the listener (and through it the caches)
+  // alive, nor call a listener that has gone.
+  std::weak_ptr<EventListener> weak = weak_from_this();
+  const fsp::EventPublisher publisher = [weak](events::Kind kind, const Location& watched,
+                                               const Location& location, events::EntryType type,
+                                               boost::property_tree::ptree details) {
+    try {
+      if (const auto listener = weak.lock()) listener->handle(kind, watched, location, type, details);
+    } catch (...) {
+      logCaughtException("Error handling an event of the inner provider.");
+    }
+  };
+  const std::vector<events::Kind> kinds{
+      static_cast<events::Kind>(kAnythingBelow), static_cast<events::Kind>(kAppeared),
+      static_cast<events::Kind>(kWentAway), static_cast<events::Kind>(kChanged)};
+  try {
+    inner.publishFolderEvents(publisher, kinds, fsp::RecursiveFileWatching::Yes);
+  } catch (...) {
+    OVERLAY_LOG(log::error) << "Error subscribing to inner provider. "
+                            << boost::current_exception_diagnostic_information();
+  }
+}
+
+std::optional<EventListener::Location> EventListener::overlayLocation(const Location& inner) const {
+  const auto path = pathBelow(innerRoot_, inner);
+  if (!path) return std::nullopt;
+  return Location(u"overlay", *path);
+}
+
+void EventListener::pause() {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kListenerSource);
+  if (!running_) return;
+  std::lock_guard lock(stateMutex_);
+  paused_ = true;
+}
+
+bool EventListener::isPaused() const {
+  std::lock_guard lock(stateMutex_);
+  return paused_;
+}
+
+void EventListener::unpause() {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kListenerSource);
+  std::shared_lock active(activeMutex_);
+  if (!running_) return;
+  std::map<Location, HeldEvent> held;
+  {
+    std::lock_guard lock(stateMutex_);
+    paused_ = false;
+    held.swap(heldEvents_);
+  }
+  for (const auto& [location, event] : held) handleEvent(location, event.kind, event.entryType);
+}
+
+void EventListener::handle(const events::Kind& kind, const Location& /*watched*/,
+                           const Location& location, const events::EntryType& entryType,
+                           const boost::property_tree::ptree& /*details*/) {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kListenerSource);
+  std::shared_lock active(activeMutex_);
+  if (!running_) return;
+  const auto overlay = overlayLocation(location);
+  if (!overlay) return;  // outside the tree that the overlay shows
+  {
+    std::lock_guard lock(stateMutex_);
+    if (paused_) {
+      // The first event per location during a pause wins: the relisting it causes shows
+      // whatever happened after it as well.
+      heldEvents_.try_emplace(*overlay, HeldEvent{kind, entryType});
+      return;
+    }
+  }
+  handleEvent(*overlay, kind, entryType);
+}
+
+void EventListener::stop() {
+  running_.store(false);
+  // Waits for handlers that passed the running test before it was cleared.
+  std::unique_lock active(activeMutex_);
+  std::lock_guard lock(stateMutex_);
+  heldEvents_.clear();
+}
+
+void EventListener::handleEvent(const Location& location, events::Kind kind,
+                                events::EntryType entryType) {
+  if (entryType != events::EntryType::File) {
+    handleFolderEvent(location, kind);
+  } else {
+    handleFileEvent(location, kind);
+  }
+}
+
+void EventListener::handleFileEvent(const Location& location, events::Kind kind) {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kListenerSource);
+  OVERLAY_LOG(log::debug) << "handleFileEvent location=" << location.toString();
+  if (!location.hasParent()) return;
+  switch (valueOf(kind)) {
+    case kChanged:
+      enqueue([location](EventListener& self) {
+        self.quotaAccountant_->removeFile(location);
+        self.metadataCache_->markForInvalidation(location);
+      });
+      break;
+    case kAppeared:
+    case kWentAway:
+      enqueue([location](EventListener& self) { self.forgetFolder(location); });
+      break;
+    default:
+      break;
+  }
+}
+
+void EventListener::handleFolderEvent(const Location& location, events::Kind kind) {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kListenerSource);
+  OVERLAY_LOG(log::debug) << "handleFolderEvent location=" << location.toString();
+  if (valueOf(kind) == kAnythingBelow && !location.hasParent()) {
+    // The store may have lost track of anything (its event queue overflowed): everything is
+    // read again. The mark keeps the overlay's own changes that are still on their way to
+    // the store visible, where dropping the entries outright would hide them until replayed.
+    metadataCache_->markForInvalidation(location);
+    contentCache_.releasePending();
+    return;
+  }
+  const auto now = Clock::now();
+  lastFolderEvent_.store(now);
+  switch (valueOf(kind)) {
+    case kChanged:
+      enqueue([location](EventListener& self) {
+        self.quotaAccountant_->removeFolderTree(location);
+        self.metadataCache_->markForInvalidation(location);
+      });
+      break;
+    case kWentAway:
+      enqueue([location, now](EventListener& self) {
+        // Only the latest folder event acts: a burst of removals costs one invalidation.
+        if (self.lastFolderEvent_.load() != now) return;
+        OVERLAY_LOG(log::info) << "Triggering invalidation " << location.toString();
+        self.metadataCache_->markForInvalidation(location);
+      });
+      break;
+    case kAppeared:
+      if (location.hasParent()) {
+        enqueue([location](EventListener& self) { self.forgetFolder(location); });
+      }
+      break;
+    default:
+      break;
+  }
+}
+
+void EventListener::forgetFolder(const Location& changedChild) {
+  quotaAccountant_->removeFolderTree(changedChild.getParent());
+  // Marking the child invalidates its parent's listing, where the child's record lives.
+  metadataCache_->markForInvalidation(changedChild);
+}
+
+void EventListener::enqueue(std::function<void(EventListener&)> job) {
+  const auto executor = executor_->load();
+  if (!executor) return;
+  auto self = shared_from_this();
+  executor->execute(
+      [self, job = std::move(job)] {
+        if (self->running_) job(*self);
+      },
+      ObservableTransactionType::EXTERNAL_EVENT, 0.0);
+}
+
+}  // namespace storage::overlayprovider
