@@ -1,0 +1,196 @@
+// The event listener: what each event costs (quota figures forgotten, folder listings read
+// again), holding and coalescing while paused, the debounce of folder removals, the root
+// rescan, and silence after stop.
+#include "CoreTestSupport.h"
+
+#include "core/contentcache/ContentCache.h"
+#include "core/events/EventListener.h"
+#include "core/metadata/MetadataCache.h"
+#include "core/quota/IQuotaAccountant.h"
+
+#include <foundation/log/LogCapture.h>
+#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
+#include <foundation/storage/provider/mem/MemProvider.h>
+#include <foundation/text/Unicode.h>
+
+#include <boost/filesystem/operations.hpp>
+
+#include <deque>
+
+namespace {
+
+using namespace coretest;
+using foundation::storage::events::EntryType;
+using foundation::storage::events::Kind;
+using storage::overlayprovider::ContentCache;
+using storage::overlayprovider::EventListener;
+using storage::overlayprovider::ExecutorSlot;
+using storage::overlayprovider::IExecutor;
+using storage::overlayprovider::IQuotaAccountant;
+using storage::overlayprovider::MetadataCache;
+using storage::overlayprovider::ObservableTransactionType;
+
+// Holds every task until the test runs them, so that the test decides when the worker acts.
+class HeldExecutor : public IExecutor {
+ public:
+  void execute(const std::function<void()>& task, ObservableTransactionType type,
+               double weight) override {
+    EXPECT_EQ(type, ObservableTransactionType::EXTERNAL_EVENT);
+    EXPECT_EQ(weight, 0.0);
+    tasks.push_back(task);
+  }
+  void runAll() {
+    while (!tasks.empty()) {
+      auto task = std::move(tasks.front());
+      tasks.pop_front();
+      task();
+    }
+  }
+  void shutdown(bool) override {}
+  void join() override {}
+  bool isStopped() override { return false; }
+  std::chrono::system_clock::time_point lastCompletionTime() override { return {}; }
+  bool isQueueEmpty() override { return tasks.empty(); }
+  void waitForPendingToFinish() override { runAll(); }
+  void setMaxQueueWeight(double) override {}
+  void captureQueueMetrics() override {}
+
+  std::deque<std::function<void()>> tasks;
+};
+
+class RecordingQuota : public IQuotaAccountant {
+ public:
+  std::optional<std::uint64_t> getSpaceAvailable() override { return {}; }
+  std::optional<std::uint64_t> getTotalQuota() override { return {}; }
+  void stop() override {}
+  void removeFile(const fsp::StorageIRI& file) override {
+    calls.push_back("file " + file.toString());
+  }
+  void removeFolderTree(const fsp::StorageIRI& folder) override {
+    calls.push_back("tree " + folder.toString());
+  }
+  void addFolderTree(const fsp::StorageIRI&) override {}
+  void addBytesWritten(std::size_t) override {}
+
+  std::vector<std::string> calls;
+};
+
+class EventListenerTest : public ::testing::Test {
+ protected:
+  EventListenerTest() {
+    mem->createFolderRecursive(coretest::mem(u"/a/sub"));
+    mem->createFile(coretest::mem(u"/a/x.txt"));
+    mem->createFolder(coretest::mem(u"/b"));
+    listener = EventListener::create(root, cache, content, slot, quota);
+  }
+  ~EventListenerTest() override {
+    listener->stop();
+    boost::system::error_code ignored;
+    boost::filesystem::remove_all(content.cacheRoot(), ignored);
+  }
+
+  void event(Kind kind, const std::u16string& path, EntryType type) {
+    listener->handle(kind, coretest::mem(u"/"), coretest::mem(path), type, {});
+  }
+  // Listings of the store that the next lookups of /a and /b cause.
+  std::uint64_t relistings() {
+    const auto before = instrumented->callCount("listAll");
+    cache->getFileMetadata(ov(u"/a/x.txt"));
+    cache->getFolderMetadata(ov(u"/b"));
+    return instrumented->callCount("listAll") - before;
+  }
+
+  std::shared_ptr<fsp::mem::MemProvider> mem = std::make_shared<fsp::mem::MemProvider>();
+  std::shared_ptr<fsp::instrumented::InstrumentedProvider> instrumented =
+      std::make_shared<fsp::instrumented::InstrumentedProvider>(mem);
+  fsp::StorageItem root{instrumented, fsp::mem::MemProvider::rootLocation()};
+  std::shared_ptr<MetadataCache> cache = std::make_shared<MetadataCache>(
+      std::make_shared<fsp::StorageItem>(root), fsp::FilenameSensitivity::CaseSensitive);
+  ContentCache content;
+  std::shared_ptr<HeldExecutor> executor = std::make_shared<HeldExecutor>();
+  std::shared_ptr<ExecutorSlot> slot = std::make_shared<ExecutorSlot>(executor);
+  std::shared_ptr<RecordingQuota> quota = std::make_shared<RecordingQuota>();
+  std::shared_ptr<EventListener> listener;
+};
+
+TEST_F(EventListenerTest, EachEventForgetsWhatItChanged) {
+  struct Case {
+    EntryType type;
+    std::uint32_t kind;
+    std::u16string path;
+    std::vector<std::string> quotaCalls;
+    std::uint64_t relistings;  // of /a and / together
+  };
+  const std::vector<Case> cases = {
+      {EntryType::File, 4, u"/a/x.txt", {"file overlay:/a/x.txt"}, 1},
+      {EntryType::File, 2, u"/a/new.txt", {"tree overlay:/a"}, 1},
+      {EntryType::File, 3, u"/a/x.txt", {"tree overlay:/a"}, 1},
+      {EntryType::File, 1, u"/a/x.txt", {}, 0},
+      {EntryType::Folder, 4, u"/a/sub", {"tree overlay:/a/sub"}, 1},
+      {EntryType::Folder, 2, u"/a/sub", {"tree overlay:/a"}, 1},
+      {EntryType::Unknown, 3, u"/a/sub", {}, 1},
+      {EntryType::Folder, 2, u"/b", {"tree overlay:/"}, 2},  // the root's listing: all goes
+      {EntryType::Folder, 1, u"/a", {}, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.kind) + " " + foundation::text::toUtf8(c.path));
+    relistings();  // everything cached
+    quota->calls.clear();
+    event(static_cast<Kind>(c.kind), c.path, c.type);
+    executor->runAll();
+    EXPECT_EQ(quota->calls, c.quotaCalls);
+    EXPECT_EQ(relistings(), c.relistings);
+  }
+}
+
+TEST_F(EventListenerTest, WhilePausedTheFirstEventPerLocationIsHeldAndHandledInLocationOrder) {
+  listener->pause();
+  event(static_cast<Kind>(4), u"/b/y.txt", EntryType::File);
+  event(static_cast<Kind>(2), u"/b/y.txt", EntryType::File);
+  event(static_cast<Kind>(3), u"/b/y.txt", EntryType::File);
+  event(static_cast<Kind>(4), u"/a/x.txt", EntryType::File);
+  EXPECT_TRUE(executor->tasks.empty());
+  listener->unpause();
+  executor->runAll();
+  EXPECT_EQ(quota->calls,
+            (std::vector<std::string>{"file overlay:/a/x.txt", "file overlay:/b/y.txt"}));
+  // Unpaused: handled at once.
+  event(static_cast<Kind>(3), u"/b/y.txt", EntryType::File);
+  EXPECT_EQ(executor->tasks.size(), 1u);
+}
+
+TEST_F(EventListenerTest, OnlyTheLatestFolderRemovalInvalidates) {
+  foundation::log::LogCapture log;
+  relistings();
+  event(static_cast<Kind>(3), u"/b", EntryType::Folder);
+  event(static_cast<Kind>(3), u"/a/sub", EntryType::Folder);
+  ASSERT_EQ(executor->tasks.size(), 2u);
+  executor->runAll();
+  EXPECT_EQ(log.count("Triggering invalidation "), 1u);
+  EXPECT_EQ(log.count("Triggering invalidation overlay:/a/sub"), 1u);
+  EXPECT_EQ(relistings(), 1u);  // /a, which lists /a/sub; the root stays cached
+}
+
+TEST_F(EventListenerTest, ARescanOfTheRootActsAtOnceEvenWhileTheExecutorIsBusy) {
+  relistings();
+  event(static_cast<Kind>(4), u"/a/x.txt", EntryType::File);  // held by the busy executor
+  event(static_cast<Kind>(1), u"/", EntryType::Folder);
+  EXPECT_EQ(executor->tasks.size(), 1u);
+  EXPECT_EQ(relistings(), 2u);  // / and /a read again before the worker ran anything
+}
+
+TEST_F(EventListenerTest, AfterStopNothingIsHandled) {
+  listener->pause();
+  event(static_cast<Kind>(4), u"/a/x.txt", EntryType::File);
+  relistings();
+  event(static_cast<Kind>(2), u"/b/new", EntryType::File);
+  listener->stop();
+  listener->unpause();
+  event(static_cast<Kind>(1), u"/", EntryType::Folder);
+  event(static_cast<Kind>(4), u"/a/x.txt", EntryType::File);
+  executor->runAll();
+  EXPECT_TRUE(quota->calls.empty());
+  EXPECT_EQ(relistings(), 0u);
+}
+
+}  // namespace
