@@ -44,7 +44,7 @@ TEST_F(FileProviderEventsTest, TreeMadeByAnotherProcessIsReportedEntryByEntry) {
                               root().string() + "/tree/a/b/f.txt'";
   ASSERT_EQ(0, std::system(command.c_str()));
   for (const auto* path : {u"/tree", u"/tree/a", u"/tree/a/b", u"/tree/a/b/f.txt"}) {
-    EXPECT_TRUE(log_.waitFor(Kind::Created, path)) << text::toUtf8(path);
+    EXPECT_TRUE(log_.waitFor(Kind::Appeared, path)) << text::toUtf8(path);
   }
 }
 
@@ -56,40 +56,37 @@ TEST_F(FileProviderEventsTest, TreeMovedInFromOutsideIsScannedAndWatched) {
       "mv '" + (temp_.path() / "staged").string() + "' '" + (root() / "moved").string() + "'";
   ASSERT_EQ(0, std::system(command.c_str()));
   EXPECT_TRUE(log_.waitUntil([](const SeenEvent& e) {
-    return e.kind == Kind::Created && e.path == u"/moved" && e.type == EntryType::Folder;
+    return e.kind == Kind::Appeared && e.path == u"/moved" && e.type == EntryType::Folder;
   }));
-  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/moved/inner"));
-  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/moved/inner/g.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/moved/inner"));
+  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/moved/inner/g.txt"));
   // The scanned folder got a watch of its own.
   provider_->createFile(at(u"/moved/inner/later.txt"));
-  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/moved/inner/later.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/moved/inner/later.txt"));
 }
 
 TEST_F(FileProviderEventsTest, FolderMadeAfterSubscribingIsWatched) {
   subscribeToEverything();
   provider_->createFolder(at(u"/sub"));
-  // Once its Created is delivered the folder has its own watch; a file written before that
-  // could only be reported as Created by the scan of the new folder.
-  ASSERT_TRUE(log_.waitFor(Kind::Created, u"/sub"));
+  // Once its Appeared is delivered the folder has its own watch; a file written before that
+  // could only be reported as Appeared by the scan of the new folder.
+  ASSERT_TRUE(log_.waitFor(Kind::Appeared, u"/sub"));
   auto stream = provider_->openStream(at(u"/sub/x.txt"), ByteStreamOpenOptions::overwrite());
   stream->write("abc", 3);
   stream->close();
-  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/sub/x.txt"));
-  EXPECT_TRUE(log_.waitFor(Kind::Modified, u"/sub/x.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/sub/x.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Changed, u"/sub/x.txt"));
   provider_->removeFile(at(u"/sub/x.txt"));
-  EXPECT_TRUE(log_.waitFor(Kind::Removed, u"/sub/x.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Disappeared, u"/sub/x.txt"));
 }
 
 TEST_F(FileProviderEventsTest, MovedFolderIsPairedAndItsWatchFollowsIt) {
   fs::create_directories(root() / "d1");
   subscribeToEverything();
   provider_->moveFolder(at(u"/d1"), at(u"/d2"), ReplacementPolicy::Fail);
-  EXPECT_TRUE(log_.waitUntil([](const SeenEvent& e) {
-    return e.kind == Kind::Moved && e.path == u"/d1" && e.other == u"/d2" &&
-           e.type == EntryType::Folder;
-  }));
+  EXPECT_TRUE(log_.waitForMove(u"/d1", u"/d2", EntryType::Folder));
   provider_->createFile(at(u"/d2/n.txt"));
-  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/d2/n.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/d2/n.txt"));
   for (const auto& e : log_.snapshot()) EXPECT_NE(u"/d1/n.txt", e.path);
 }
 
@@ -126,7 +123,7 @@ TEST_F(FileProviderEventsTest, QueueOverflowAsksForARescanOfTheRoot) {
   }));
   // Watching carries on after the overflow.
   provider_->createFile(at(u"/spin/after.txt"));
-  EXPECT_TRUE(log_.waitFor(Kind::Created, u"/spin/after.txt"));
+  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/spin/after.txt"));
   provider_->shutdown();  // the blocking publisher refers to this test's locals
 }
 
