@@ -186,13 +186,16 @@ TEST_P(ProviderContract, EventsForMovesAndRecursiveWatches) {
 
   at(u"/w/from.txt").moveFile(loc(u"/w/to.txt"), fsp::ReplacementPolicy::Fail);
   ASSERT_TRUE(top.waitForMove(u"/w/from.txt", u"/w/to.txt", EntryType::File));
+  at(u"/w/deep").moveFolder(loc(u"/w/moved"), fsp::ReplacementPolicy::Fail);
+  ASSERT_TRUE(top.waitForMove(u"/w/deep", u"/w/moved", EntryType::Folder));
 
-  at(u"/w/deep/er/inner.txt").createFile();
-  ASSERT_TRUE(tree.waitForEvent(Kind::Appeared, u"/w/deep/er/inner.txt"))
+  // Below the moved folder, changes are now heard under its new location.
+  at(u"/w/moved/er/inner.txt").createFile();
+  ASSERT_TRUE(tree.waitForEvent(Kind::Appeared, u"/w/moved/er/inner.txt"))
       << "a recursive subscription hears changes at any depth";
   at(u"/w/marker").createFile();
   ASSERT_TRUE(top.waitForEvent(Kind::Appeared, u"/w/marker"));
-  EXPECT_FALSE(EventRecorder::contains(top.events(), Kind::Appeared, u"/w/deep/er/inner.txt"))
+  EXPECT_FALSE(EventRecorder::contains(top.events(), Kind::Appeared, u"/w/moved/er/inner.txt"))
       << "a non-recursive subscription hears only direct children";
   at(u"/w").stopPublishingFolderEvents();
 }

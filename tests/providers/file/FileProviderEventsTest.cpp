@@ -48,21 +48,33 @@ TEST_F(FileProviderEventsTest, TreeMadeByAnotherProcessIsReportedEntryByEntry) {
   }
 }
 
-TEST_F(FileProviderEventsTest, TreeMovedInFromOutsideIsScannedAndWatched) {
+// Moves across the root's boundary have no partner inside the tree: each end stands alone and
+// names only itself.
+TEST_F(FileProviderEventsTest, TreeMovedInIsScannedAndWatchedAndMovedOutIsDropped) {
   fs::create_directories(temp_.path() / "staged" / "inner");
   writeText(temp_.path() / "staged" / "inner" / "g.txt", "g");
   subscribeToEverything();
-  const std::string command =
-      "mv '" + (temp_.path() / "staged").string() + "' '" + (root() / "moved").string() + "'";
-  ASSERT_EQ(0, std::system(command.c_str()));
+  fs::rename(temp_.path() / "staged", root() / "moved");
   EXPECT_TRUE(log_.waitUntil([](const SeenEvent& e) {
-    return e.kind == Kind::Appeared && e.path == u"/moved" && e.type == EntryType::Folder;
+    return e.kind == Kind::Appeared && e.path == u"/moved" && e.other == u"/moved" &&
+           e.type == EntryType::Folder;
   }));
   EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/moved/inner"));
   EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/moved/inner/g.txt"));
   // The scanned folder got a watch of its own.
   provider_->createFile(at(u"/moved/inner/later.txt"));
   EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/moved/inner/later.txt"));
+
+  fs::rename(root() / "moved", temp_.path() / "out");
+  EXPECT_TRUE(log_.waitUntil([](const SeenEvent& e) {
+    return e.kind == Kind::Disappeared && e.path == u"/moved" && e.other == u"/moved" &&
+           e.type == EntryType::Folder;
+  }));
+  // Its watches went with it: what happens there now is not reported under its old path.
+  writeText(temp_.path() / "out" / "inner" / "gone.txt", "x");
+  provider_->createFile(at(u"/marker"));
+  ASSERT_TRUE(log_.waitFor(Kind::Appeared, u"/marker"));
+  for (const auto& e : log_.snapshot()) EXPECT_NE(u"/moved/inner/gone.txt", e.path);
 }
 
 TEST_F(FileProviderEventsTest, FolderMadeAfterSubscribingIsWatched) {
