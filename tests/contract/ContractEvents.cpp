@@ -45,24 +45,23 @@ bool EventRecorder::waitForEvent(Kind kind, const std::u16string& path) const {
 
 bool EventRecorder::waitForMove(const std::u16string& from, const std::u16string& to,
                                 EntryType type) const {
-  const auto end = [&](const std::vector<Event>& events, Kind kind, const std::u16string& path,
-                       const std::u16string& other) {
-    return std::find_if(events.begin(), events.end(),
-                        [&](const Event& e) {
-                          return e.kind == kind && e.path == path && e.otherPath == other &&
-                                 e.type == type;
-                        }) -
-           events.begin();
-  };
-  const auto both = [&](const std::vector<Event>& events) {
-    return end(events, Kind::Disappeared, from, to) < std::ssize(events) &&
-           end(events, Kind::Appeared, to, from) < std::ssize(events);
+  // The position of the end of the move that is at `path` and names `other`.
+  const auto at = [&](const std::vector<Event>& events, Kind kind, const std::u16string& path,
+                      const std::u16string& other) {
+    const auto matches = [&](const Event& e) {
+      return e.kind == kind && e.path == path && e.otherPath == other && e.type == type;
+    };
+    return std::ranges::find_if(events, matches) - events.begin();
   };
   const std::string move = foundation::text::toUtf8(from) + " -> " + foundation::text::toUtf8(to);
-  if (!waitFor(both, "both ends of the move " + move)) return false;
+  if (!waitFor([&](const auto& e) { return at(e, Kind::Appeared, to, from) < std::ssize(e); },
+               "the destination's end of the move " + move)) {
+    return false;
+  }
   const auto seen = events();
-  if (end(seen, Kind::Disappeared, from, to) < end(seen, Kind::Appeared, to, from)) return true;
-  ADD_FAILURE() << "the destination's end of " << move << " came first: " << describe(seen);
+  if (at(seen, Kind::Disappeared, from, to) < at(seen, Kind::Appeared, to, from)) return true;
+  ADD_FAILURE() << "no source's end before the destination's end of " << move << ": "
+                << describe(seen);
   return false;
 }
 

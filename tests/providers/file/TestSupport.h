@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -76,19 +75,6 @@ class EventLog {
       }
       return false;
     });
-  }
-  // Waits for the destination's end of a move and checks that the source's end came first,
-  // each naming the other.
-  bool waitForMove(const std::u16string& from, const std::u16string& to, events::EntryType type) {
-    auto end = [&](events::Kind kind, const std::u16string& at, const std::u16string& other) {
-      return [=](const SeenEvent& e) {
-        return e.kind == kind && e.path == at && e.other == other && e.type == type;
-      };
-    };
-    if (!waitUntil(end(events::Kind::Appeared, to, from))) return false;
-    const auto seen = snapshot();
-    return std::find_if(seen.begin(), seen.end(), end(events::Kind::Disappeared, from, to)) <
-           std::find_if(seen.begin(), seen.end(), end(events::Kind::Appeared, to, from));
   }
   std::vector<SeenEvent> snapshot() const {
     std::lock_guard lock(mutex_);
