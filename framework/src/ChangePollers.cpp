@@ -61,15 +61,15 @@ ChangePoller::Snapshot ChangePoller::State::takeSnapshot() const {
 
 void ChangePoller::State::publishDifferences(const Snapshot& before, const Snapshot& after) {
   for (const auto& [name, seen] : before) {
-    if (!after.count(name)) publish(events::Kind::Removed, name, seen.file);
+    if (!after.count(name)) publish(events::Kind::Disappeared, name, seen.file);
   }
   for (const auto& [name, seen] : after) {
     const auto old = before.find(name);
     if (old == before.end()) {
-      publish(events::Kind::Created, name, seen.file);
+      publish(events::Kind::Appeared, name, seen.file);
     } else if (seen.file &&
                (old->second.size != seen.size || old->second.lastModified != seen.lastModified)) {
-      publish(events::Kind::Modified, name, seen.file);
+      publish(events::Kind::Changed, name, seen.file);
     }
   }
 }

@@ -1,7 +1,8 @@
 // ChangePoller and ChangePollers: the framework's default change polling. Each poller owns
 // one thread that lists its location every period and publishes the differences between two
-// consecutive listings (Created, Removed, Modified). Owned by IProvider; the provider must
-// outlive its pollers (IProvider stops them in shutdown() and in its destructor).
+// consecutive listings (Appeared, Disappeared, Changed; a listing cannot tell a move from a
+// removal and a creation, so a poller never names the other end). Owned by IProvider; the
+// provider must outlive its pollers (IProvider stops them in shutdown() and in its destructor).
 //
 // A subscriber may stop polling from inside its own callback: the poller is then destroyed on
 // its own thread, which cannot join itself. So the thread's state lives apart from the poller

@@ -66,8 +66,7 @@ void EventSubscriptions::deliver(events::Kind kind, const StorageIRI& location,
   {
     std::lock_guard lock(mutex_);
     for (const auto& s : subscriptions_) {
-      const bool moveEndHeard = kind == events::Kind::Moved && hears(s, kind, other);
-      if (hears(s, kind, location) || moveEndHeard) publishers.push_back(s.publisher);
+      if (hears(s, kind, location)) publishers.push_back(s.publisher);
     }
   }
   for (const auto& publish : publishers) {

@@ -1,4 +1,4 @@
-// Change events: created, modified, removed and moved entries, kind filters and stopping.
+// Change events: entries that appeared, changed, disappeared or moved, kind filters, stopping.
 // Events arrive on the provider's own thread, so every expectation is a bounded wait; a
 // "nothing else arrived" check first waits for a later marker event, relying on a provider
 // delivering the changes of one store in the order they happened.
@@ -41,6 +41,28 @@ bool EventRecorder::waitForEvent(Kind kind, const std::u16string& path) const {
               << foundation::text::toUtf8(path);
   return waitFor([&](const auto& events) { return contains(events, kind, path); },
                  expectation.str());
+}
+
+bool EventRecorder::waitForMove(const std::u16string& from, const std::u16string& to,
+                                EntryType type) const {
+  // The position of the end of the move that is at `path` and names `other`.
+  const auto at = [&](const std::vector<Event>& events, Kind kind, const std::u16string& path,
+                      const std::u16string& other) {
+    const auto matches = [&](const Event& e) {
+      return e.kind == kind && e.path == path && e.otherPath == other && e.type == type;
+    };
+    return std::ranges::find_if(events, matches) - events.begin();
+  };
+  const std::string move = foundation::text::toUtf8(from) + " -> " + foundation::text::toUtf8(to);
+  if (!waitFor([&](const auto& e) { return at(e, Kind::Appeared, to, from) < std::ssize(e); },
+               "the destination's end of the move " + move)) {
+    return false;
+  }
+  const auto seen = events();
+  if (at(seen, Kind::Disappeared, from, to) < at(seen, Kind::Appeared, to, from)) return true;
+  ADD_FAILURE() << "no source's end before the destination's end of " << move << ": "
+                << describe(seen);
+  return false;
 }
 
 std::vector<EventRecorder::Event> EventRecorder::events() const {
@@ -89,19 +111,19 @@ TEST_P(ProviderContract, EventsForCreateModifyRemove) {
   at(u"/w").publishFolderEvents(folder.publisher(), {}, RecursiveFileWatching::No);
 
   at(u"/w/a.txt").createFile();
-  ASSERT_TRUE(folder.waitForEvent(Kind::Created, u"/w/a.txt"));
-  EXPECT_EQ(EntryType::File, find(folder.events(), Kind::Created, u"/w/a.txt")->type);
+  ASSERT_TRUE(folder.waitForEvent(Kind::Appeared, u"/w/a.txt"));
+  EXPECT_EQ(EntryType::File, find(folder.events(), Kind::Appeared, u"/w/a.txt")->type);
 
   // Whatever the creation itself still reports has arrived once a later change has.
   at(u"/w/marker").createFile();
-  ASSERT_TRUE(folder.waitForEvent(Kind::Created, u"/w/marker"));
+  ASSERT_TRUE(folder.waitForEvent(Kind::Appeared, u"/w/marker"));
   folder.clear();
 
   writeFile(u"/w/a.txt", "new body");
-  ASSERT_TRUE(folder.waitForEvent(Kind::Modified, u"/w/a.txt"));
+  ASSERT_TRUE(folder.waitForEvent(Kind::Changed, u"/w/a.txt"));
 
   at(u"/w/a.txt").removeFile();
-  ASSERT_TRUE(folder.waitForEvent(Kind::Removed, u"/w/a.txt"));
+  ASSERT_TRUE(folder.waitForEvent(Kind::Disappeared, u"/w/a.txt"));
   at(u"/w").stopPublishingFolderEvents();
 }
 
@@ -113,13 +135,13 @@ TEST_P(ProviderContract, FileSubscriptionHearsItsFile) {
   at(u"/w").publishFolderEvents(folder.publisher(), {}, RecursiveFileWatching::No);
   at(u"/w/watched").publishFileEvents(file.publisher(), {});
   at(u"/w/marker").createFile();
-  ASSERT_TRUE(folder.waitForEvent(Kind::Created, u"/w/marker"));
+  ASSERT_TRUE(folder.waitForEvent(Kind::Appeared, u"/w/marker"));
   file.clear();
 
   writeFile(u"/w/other", "changed");
   writeFile(u"/w/watched", "changed");
-  ASSERT_TRUE(file.waitForEvent(Kind::Modified, u"/w/watched"));
-  ASSERT_TRUE(folder.waitForEvent(Kind::Modified, u"/w/other"));
+  ASSERT_TRUE(file.waitForEvent(Kind::Changed, u"/w/watched"));
+  ASSERT_TRUE(folder.waitForEvent(Kind::Changed, u"/w/other"));
   for (const auto& e : file.events()) {
     EXPECT_EQ(u"/w/watched", e.path) << "a file subscription hears only its file";
   }
@@ -130,14 +152,15 @@ TEST_P(ProviderContract, FileSubscriptionHearsItsFile) {
 TEST_P(ProviderContract, EventKindsFilterAndStopping) {
   makeFolders({u"/w", u"/v"});
   EventRecorder removals, stopped, barrier;
-  at(u"/w").publishFolderEvents(removals.publisher(), {Kind::Removed}, RecursiveFileWatching::No);
+  at(u"/w").publishFolderEvents(removals.publisher(), {Kind::Disappeared},
+                                RecursiveFileWatching::No);
   at(u"/v").publishFolderEvents(barrier.publisher(), {}, RecursiveFileWatching::No);
 
   at(u"/w/a.txt").createFile();
   at(u"/w/a.txt").removeFile();
-  ASSERT_TRUE(removals.waitForEvent(Kind::Removed, u"/w/a.txt"));
+  ASSERT_TRUE(removals.waitForEvent(Kind::Disappeared, u"/w/a.txt"));
   for (const auto& e : removals.events()) {
-    EXPECT_EQ(Kind::Removed, e.kind) << "only the kinds asked for are heard";
+    EXPECT_EQ(Kind::Disappeared, e.kind) << "only the kinds asked for are heard";
   }
 
   at(u"/w").stopPublishingFolderEvents();
@@ -147,7 +170,7 @@ TEST_P(ProviderContract, EventKindsFilterAndStopping) {
   at(u"/w/b.txt").createFile();
   at(u"/w/b.txt").removeFile();
   at(u"/v/marker").createFile();
-  ASSERT_TRUE(barrier.waitForEvent(Kind::Created, u"/v/marker"));
+  ASSERT_TRUE(barrier.waitForEvent(Kind::Appeared, u"/v/marker"));
   EXPECT_TRUE(removals.events().empty()) << EventRecorder::describe(removals.events());
   EXPECT_TRUE(stopped.events().empty()) << EventRecorder::describe(stopped.events());
   at(u"/v").stopPublishingFolderEvents();
@@ -161,23 +184,17 @@ TEST_P(ProviderContract, EventsForMovesAndRecursiveWatches) {
   at(u"/w").publishFolderEvents(tree.publisher(), {}, RecursiveFileWatching::Yes);
 
   at(u"/w/from.txt").moveFile(loc(u"/w/to.txt"), fsp::ReplacementPolicy::Fail);
-  ASSERT_TRUE(top.waitFor(
-      [](const auto& events) {
-        for (const auto& e : events) {
-          if (e.kind == Kind::Moved && e.path == u"/w/from.txt" && e.otherPath == u"/w/to.txt")
-            return true;
-        }
-        return EventRecorder::contains(events, Kind::Removed, u"/w/from.txt") &&
-               EventRecorder::contains(events, Kind::Created, u"/w/to.txt");
-      },
-      "Moved(/w/from.txt, /w/to.txt) or Removed + Created"));
+  ASSERT_TRUE(top.waitForMove(u"/w/from.txt", u"/w/to.txt", EntryType::File));
+  at(u"/w/deep").moveFolder(loc(u"/w/moved"), fsp::ReplacementPolicy::Fail);
+  ASSERT_TRUE(top.waitForMove(u"/w/deep", u"/w/moved", EntryType::Folder));
 
-  at(u"/w/deep/er/inner.txt").createFile();
-  ASSERT_TRUE(tree.waitForEvent(Kind::Created, u"/w/deep/er/inner.txt"))
+  // Below the moved folder, changes are now heard under its new location.
+  at(u"/w/moved/er/inner.txt").createFile();
+  ASSERT_TRUE(tree.waitForEvent(Kind::Appeared, u"/w/moved/er/inner.txt"))
       << "a recursive subscription hears changes at any depth";
   at(u"/w/marker").createFile();
-  ASSERT_TRUE(top.waitForEvent(Kind::Created, u"/w/marker"));
-  EXPECT_FALSE(EventRecorder::contains(top.events(), Kind::Created, u"/w/deep/er/inner.txt"))
+  ASSERT_TRUE(top.waitForEvent(Kind::Appeared, u"/w/marker"));
+  EXPECT_FALSE(EventRecorder::contains(top.events(), Kind::Appeared, u"/w/moved/er/inner.txt"))
       << "a non-recursive subscription hears only direct children";
   at(u"/w").stopPublishingFolderEvents();
 }

@@ -88,6 +88,11 @@ class EventRecorder {
                std::chrono::seconds bound = std::chrono::seconds(10)) const;
   // Waits for one event of `kind` whose location has this path.
   bool waitForEvent(foundation::storage::events::Kind kind, const std::u16string& path) const;
+  // Waits for both ends of a move of an entry of `type`: Disappeared at `from` naming `to`,
+  // then Appeared at `to` naming `from`. Fails the test when either is missing or they came
+  // in the other order.
+  bool waitForMove(const std::u16string& from, const std::u16string& to,
+                   foundation::storage::events::EntryType type) const;
   std::vector<Event> events() const;
   void clear();
 

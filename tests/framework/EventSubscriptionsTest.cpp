@@ -29,7 +29,7 @@ TEST(EventSubscriptions, FolderHearsItselfAndDirectChildrenUnlessRecursive) {
   table.addFolder(mem(u"/a"), flat.publisher(), {}, RecursiveFileWatching::No);
   table.addFolder(mem(u"/a"), deep.publisher(), {}, RecursiveFileWatching::Yes);
   for (auto path : {u"/a", u"/a/f", u"/a/b/g", u"/ab/x"}) {
-    table.deliver(Kind::Created, mem(path), mem(path), EntryType::File);
+    table.deliver(Kind::Appeared, mem(path), mem(path), EntryType::File);
   }
   EXPECT_EQ(flat.paths, (std::vector<std::u16string>{u"/a", u"/a/f"}));
   EXPECT_EQ(deep.paths, (std::vector<std::u16string>{u"/a", u"/a/f", u"/a/b/g"}));
@@ -38,10 +38,10 @@ TEST(EventSubscriptions, FolderHearsItselfAndDirectChildrenUnlessRecursive) {
 TEST(EventSubscriptions, FileHearsOnlyItselfAndOnlyTheKindsItAsked) {
   EventSubscriptions table;
   Heard heard;
-  table.addFile(mem(u"/a/f"), heard.publisher(), {Kind::Removed});
-  table.deliver(Kind::Modified, mem(u"/a/f"), mem(u"/a/f"), EntryType::File);
-  table.deliver(Kind::Removed, mem(u"/a/g"), mem(u"/a/g"), EntryType::File);
-  table.deliver(Kind::Removed, mem(u"/a/f"), mem(u"/a/f"), EntryType::File);
+  table.addFile(mem(u"/a/f"), heard.publisher(), {Kind::Disappeared});
+  table.deliver(Kind::Changed, mem(u"/a/f"), mem(u"/a/f"), EntryType::File);
+  table.deliver(Kind::Disappeared, mem(u"/a/g"), mem(u"/a/g"), EntryType::File);
+  table.deliver(Kind::Disappeared, mem(u"/a/f"), mem(u"/a/f"), EntryType::File);
   EXPECT_EQ(heard.paths, (std::vector<std::u16string>{u"/a/f"}));
 }
 
@@ -49,7 +49,7 @@ TEST(EventSubscriptions, MatchesByPathWhateverTheScheme) {
   EventSubscriptions table;
   Heard heard;
   table.addFolder(StorageIRI(u"overlay", u"/a"), heard.publisher(), {}, RecursiveFileWatching::No);
-  table.deliver(Kind::Created, mem(u"/a/f"), mem(u"/a/f"), EntryType::File);
+  table.deliver(Kind::Appeared, mem(u"/a/f"), mem(u"/a/f"), EntryType::File);
   EXPECT_EQ(heard.paths.size(), 1u);
 }
 
@@ -63,12 +63,20 @@ TEST(EventSubscriptions, RescanOfAnAncestorReachesEverySubscriptionBelow) {
   EXPECT_EQ(folder.paths.size(), 1u);
 }
 
-TEST(EventSubscriptions, MoveIsHeardAtEitherEnd) {
+// Each end of a move is matched by its own location, never by the other end it names.
+TEST(EventSubscriptions, EachEndOfAMoveIsHeardWhereItHappened) {
   EventSubscriptions table;
-  Heard heard;
-  table.addFolder(mem(u"/to"), heard.publisher(), {}, RecursiveFileWatching::No);
-  table.deliver(Kind::Moved, mem(u"/from/f"), mem(u"/to/f"), EntryType::File);
-  EXPECT_EQ(heard.paths, (std::vector<std::u16string>{u"/from/f"}));
+  Heard source, destination, file;
+  table.addFolder(mem(u"/from"), source.publisher(), {Kind::Disappeared},
+                  RecursiveFileWatching::No);
+  table.addFolder(mem(u"/to"), destination.publisher(), {Kind::Appeared},
+                  RecursiveFileWatching::No);
+  table.addFile(mem(u"/to/f"), file.publisher(), {});
+  table.deliver(Kind::Disappeared, mem(u"/from/f"), mem(u"/to/f"), EntryType::File);
+  table.deliver(Kind::Appeared, mem(u"/to/f"), mem(u"/from/f"), EntryType::File);
+  EXPECT_EQ(source.paths, (std::vector<std::u16string>{u"/from/f"}));
+  EXPECT_EQ(destination.paths, (std::vector<std::u16string>{u"/to/f"}));
+  EXPECT_EQ(file.paths, (std::vector<std::u16string>{u"/to/f"}));
 }
 
 TEST(EventSubscriptions, StoppingRemovesEverySubscriptionOfTheLocation) {
@@ -79,7 +87,7 @@ TEST(EventSubscriptions, StoppingRemovesEverySubscriptionOfTheLocation) {
   EXPECT_TRUE(table.remove(mem(u"/a")));
   EXPECT_FALSE(table.remove(mem(u"/a")));
   EXPECT_TRUE(table.empty());
-  table.deliver(Kind::Created, mem(u"/a/f"), mem(u"/a/f"), EntryType::File);
+  table.deliver(Kind::Appeared, mem(u"/a/f"), mem(u"/a/f"), EntryType::File);
   EXPECT_TRUE(heard.paths.empty());
 }
 
@@ -94,7 +102,7 @@ TEST(EventSubscriptions, AFailingSubscriberIsLoggedAndDoesNotStopTheOthers) {
       },
       {}, RecursiveFileWatching::No);
   table.addFolder(mem(u"/a"), heard.publisher(), {}, RecursiveFileWatching::No);
-  table.deliver(Kind::Created, mem(u"/a/f"), mem(u"/a/f"), EntryType::File);
+  table.deliver(Kind::Appeared, mem(u"/a/f"), mem(u"/a/f"), EntryType::File);
   EXPECT_EQ(heard.paths.size(), 1u);
   EXPECT_EQ(capture.count("subscriber bug"), 1u);
 }

@@ -128,8 +128,8 @@ TEST_F(ProviderDefaults, ChangePollingReportsWhatChangedBetweenListings) {
         return std::find(seen.begin(), seen.end(), std::make_pair(kind, std::u16string(path))) !=
                seen.end();
       };
-      return has(Kind::Created, u"/new") && has(Kind::Removed, u"/gone") &&
-             has(Kind::Modified, u"/keep");
+      return has(Kind::Appeared, u"/new") && has(Kind::Disappeared, u"/gone") &&
+             has(Kind::Changed, u"/keep");
     });
     EXPECT_TRUE(all) << seen.size() << " events seen";
   }

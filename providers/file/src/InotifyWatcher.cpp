@@ -170,12 +170,12 @@ void InotifyWatcher::processEvent(const inotify_event& event, std::vector<Delive
   if (event.mask & IN_MOVED_FROM) {
     pendingMove_ = PendingMove{event.cookie, location, type == EntryType::Folder};
   } else if (event.mask & IN_CREATE) {
-    out.push_back({Kind::Created, location, location, type});
+    out.push_back({Kind::Appeared, location, location, type});
     if (type == EntryType::Folder) watchTree(location, &out);
   } else if (event.mask & IN_DELETE) {
-    out.push_back({Kind::Removed, location, location, type});
+    out.push_back({Kind::Disappeared, location, location, type});
   } else if (event.mask & (IN_CLOSE_WRITE | IN_ATTRIB)) {
-    out.push_back({Kind::Modified, location, location, type});
+    out.push_back({Kind::Changed, location, location, type});
   }
 }
 
@@ -185,12 +185,13 @@ void InotifyWatcher::processMovedTo(const StorageIRI& to, const inotify_event& e
   if (pendingMove_ && pendingMove_->cookie == event.cookie) {
     const StorageIRI from = pendingMove_->from;
     pendingMove_.reset();
-    out.push_back({Kind::Moved, from, to, type});
+    out.push_back({Kind::Disappeared, from, to, type});
+    out.push_back({Kind::Appeared, to, from, type});
     if (type == EntryType::Folder) renameWatches(from.getPath(), to.getPath());
     return;
   }
   flushPendingMove(out);
-  out.push_back({Kind::Created, to, to, type});
+  out.push_back({Kind::Appeared, to, to, type});
   if (type == EntryType::Folder) watchTree(to, &out);
 }
 
@@ -199,7 +200,7 @@ void InotifyWatcher::flushPendingMove(std::vector<Delivery>& out) {
   const PendingMove move = *pendingMove_;
   pendingMove_.reset();
   out.push_back(
-      {Kind::Removed, move.from, move.from, move.folder ? EntryType::Folder : EntryType::File});
+      {Kind::Disappeared, move.from, move.from, move.folder ? EntryType::Folder : EntryType::File});
   if (move.folder) dropWatches(move.from.getPath());
 }
 
@@ -233,7 +234,7 @@ void InotifyWatcher::watchTree(const StorageIRI& folder, std::vector<Delivery>* 
     const bool isFolder = isFolderNoFollow(::dirfd(dir.get()), *entry);
     if (created) {
       created->push_back(
-          {Kind::Created, child, child, isFolder ? EntryType::Folder : EntryType::File});
+          {Kind::Appeared, child, child, isFolder ? EntryType::Folder : EntryType::File});
     }
     if (isFolder) watchTree(child, created);
   }

@@ -85,7 +85,7 @@ void MemByteStream::close() {
   if (closed_) throw ByteStreamCloseFailure(ErrorCode::OperationRefused);
   closed_ = true;
   if (changed_ && content_->owner != nullptr) {
-    store_->publish({store_->tree.changeOf(events::Kind::Modified, *content_->owner)});
+    store_->publish({store_->tree.changeOf(events::Kind::Changed, *content_->owner)});
   }
 }
 

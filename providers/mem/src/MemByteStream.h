@@ -7,7 +7,7 @@
 // Ownership: owned by the caller (ByteStreamPtr); holds the MemStore and the content by
 // shared_ptr, so it may outlive the provider.
 // Locks: each call takes MemStore::mutex for its duration.
-// Threads: one thread at a time (the ByteStream rule); close publishes Modified through the
+// Threads: one thread at a time (the ByteStream rule); close publishes Changed through the
 // store's event thread when the stream changed the file.
 #pragma once
 

@@ -10,7 +10,7 @@ namespace foundation::storage::provider::mem {
 struct MemChange {
   events::Kind kind;
   StorageIRI location;
-  // The destination of a move; otherwise the same as `location`.
+  // The other end of a move (see Events.h); otherwise the same as `location`.
   StorageIRI other;
   events::EntryType type;
 };

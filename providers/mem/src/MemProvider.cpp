@@ -60,7 +60,7 @@ void MemProvider::setExtendedAttribute(const StorageIRI& iri, const std::string&
   change(*store_, [&](MemTree& tree) {
     MemNode& node = tree.entryAt(iri);
     node.xattrs[name] = std::move(value);
-    return MemTree::Changes{tree.changeOf(Kind::Modified, node)};
+    return MemTree::Changes{tree.changeOf(Kind::Changed, node)};
   });
 }
 
@@ -69,7 +69,7 @@ void MemProvider::removeExtendedAttribute(const StorageIRI& iri, const std::stri
   change(*store_, [&](MemTree& tree) {
     MemNode& node = tree.entryAt(iri);
     if (node.xattrs.erase(name) == 0) return MemTree::Changes{};
-    return MemTree::Changes{tree.changeOf(Kind::Modified, node)};
+    return MemTree::Changes{tree.changeOf(Kind::Changed, node)};
   });
 }
 
@@ -211,7 +211,7 @@ void MemProvider::doSetLastModified(const StorageIRI& iri, const posix_time::pti
   change(*store_, [&](MemTree& tree) {
     MemNode& node = tree.entryAt(iri);
     node.lastModified = time;
-    return MemTree::Changes{tree.changeOf(Kind::Modified, node)};
+    return MemTree::Changes{tree.changeOf(Kind::Changed, node)};
   });
 }
 
@@ -220,7 +220,7 @@ void MemProvider::doSetWritable(const StorageIRI& iri, bool writable) const {
   change(*store_, [&](MemTree& tree) {
     MemNode& node = tree.entryAt(iri);
     node.writable = writable;
-    return MemTree::Changes{tree.changeOf(Kind::Modified, node)};
+    return MemTree::Changes{tree.changeOf(Kind::Changed, node)};
   });
 }
 

@@ -21,6 +21,13 @@ void checkName(const StorageIRI& iri) {
   }
 }
 
+// A move is published as its two ends, each naming the other (see Events.h).
+void addMove(MemTree::Changes& changes, const StorageIRI& from, const StorageIRI& to,
+             EntryType type) {
+  changes.push_back(MemChange{Kind::Disappeared, from, to, type});
+  changes.push_back(MemChange{Kind::Appeared, to, from, type});
+}
+
 }  // namespace
 
 MemTree::MemTree(FilenameSensitivity sensitivity, std::uint64_t capacity)
@@ -135,14 +142,14 @@ MemTree::Changes MemTree::createFile(const StorageIRI& iri) {
   if (find(iri) != nullptr) throw Exception(ErrorCode::AlreadyExists, iri);
   MemNode& parent = parentFolderFor(iri);
   checkName(iri);
-  return {changeOf(Kind::Created, addChild(parent, iri.getName(), false))};
+  return {changeOf(Kind::Appeared, addChild(parent, iri.getName(), false))};
 }
 
 MemTree::Changes MemTree::createFolder(const StorageIRI& iri) {
   if (find(iri) != nullptr) throw Exception(ErrorCode::AlreadyExists, iri);
   MemNode& parent = parentFolderFor(iri);
   checkName(iri);
-  return {changeOf(Kind::Created, addChild(parent, iri.getName(), true))};
+  return {changeOf(Kind::Appeared, addChild(parent, iri.getName(), true))};
 }
 
 MemTree::Changes MemTree::createFolderRecursive(const StorageIRI& iri) {
@@ -154,7 +161,7 @@ MemTree::Changes MemTree::createFolderRecursive(const StorageIRI& iri) {
     auto it = node->children.find(key(part));
     if (it == node->children.end()) {
       node = &addChild(*node, part, true);
-      changes.push_back(changeOf(Kind::Created, *node));
+      changes.push_back(changeOf(Kind::Appeared, *node));
       continue;
     }
     node = it->second.get();
@@ -193,7 +200,7 @@ void MemTree::relink(MemNode& node, MemNode& newParent, const std::u16string& ne
 
 MemTree::Changes MemTree::removeFile(const StorageIRI& iri) {
   MemNode& node = fileAt(iri);
-  Changes changes{changeOf(Kind::Removed, node)};
+  Changes changes{changeOf(Kind::Disappeared, node)};
   discard(node);
   return changes;
 }
@@ -202,7 +209,7 @@ MemTree::Changes MemTree::removeFolder(const StorageIRI& iri, bool recursive) {
   if (!iri.hasParent()) throw Exception(ErrorCode::OperationRefused, iri);
   MemNode& node = folderAt(iri);
   if (!recursive && !node.children.empty()) throw Exception(ErrorCode::FolderNotEmpty, iri);
-  Changes changes{changeOf(Kind::Removed, node)};
+  Changes changes{changeOf(Kind::Disappeared, node)};
   discard(node);
   return changes;
 }
@@ -212,9 +219,9 @@ MemTree::Changes MemTree::removeFolder(const StorageIRI& iri, bool recursive) {
 bool MemTree::renameInPlace(MemNode& node, const StorageIRI& to, Changes& changes) {
   if (find(to) != &node) return false;
   if (node.name != to.getName()) {
-    MemChange before = changeOf(Kind::Moved, node);
+    const StorageIRI before = locationOf(node);
     node.name = to.getName();
-    changes.push_back(MemChange{Kind::Moved, before.location, locationOf(node), typeOf(node)});
+    addMove(changes, before, locationOf(node), typeOf(node));
   }
   return true;
 }
@@ -233,7 +240,7 @@ MemTree::Changes MemTree::moveFile(const StorageIRI& from, const StorageIRI& to,
   StorageIRI source = locationOf(node);
   if (existing != nullptr) discard(*existing);
   relink(node, parent, to.getName());
-  changes.push_back(MemChange{Kind::Moved, source, locationOf(node), EntryType::File});
+  addMove(changes, source, locationOf(node), EntryType::File);
   return changes;
 }
 
@@ -301,7 +308,7 @@ MemTree::Changes MemTree::moveFolder(const StorageIRI& from, const StorageIRI& t
   } else {
     throw Exception(ErrorCode::AlreadyExists, to);
   }
-  changes.push_back(MemChange{Kind::Moved, source, locationOf(*find(to)), EntryType::Folder});
+  addMove(changes, source, locationOf(*find(to)), EntryType::Folder);
   return changes;
 }
 
@@ -324,7 +331,7 @@ MemTree::Changes MemTree::copyFile(const StorageIRI& from, const StorageIRI& to,
   resize(*target.content, bytes.size());
   target.content->bytes = bytes;
   target.lastModified = now();
-  return {changeOf(existing != nullptr ? Kind::Modified : Kind::Created, target)};
+  return {changeOf(existing != nullptr ? Kind::Changed : Kind::Appeared, target)};
 }
 
 bool MemTree::fits(const MemFileContent& content, std::uint64_t size) const {

@@ -226,7 +226,7 @@ TEST_F(InstrumentedProviderTest, EventsComeFromTheInnerProvider) {
       [&](foundation::storage::events::Kind, const StorageIRI& location, const StorageIRI&,
           foundation::storage::events::EntryType,
           boost::property_tree::ptree) { created.set_value(location.getPath()); },
-      {foundation::storage::events::Kind::Created});
+      {foundation::storage::events::Kind::Appeared});
   wrapper.createFile(at(u"/e"));
   auto future = created.get_future();
   ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);

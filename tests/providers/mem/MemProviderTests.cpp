@@ -206,7 +206,7 @@ TEST(MemProviderEvents, DeliveredOnTheProvidersThreadNotTheCallers) {
   provider.createFile(at(u"/a"));
   ASSERT_TRUE(seen.waitForCount(1));
   std::lock_guard lock(seen.mutex);
-  EXPECT_EQ(seen.events[0], std::make_pair(Kind::Created, std::u16string(u"/a")));
+  EXPECT_EQ(seen.events[0], std::make_pair(Kind::Appeared, std::u16string(u"/a")));
   EXPECT_NE(seen.threads[0], std::this_thread::get_id());
 }
 
@@ -226,7 +226,7 @@ TEST(MemProviderEvents, SubscriptionSpelledDifferentlyHearsTheStoredSpelling) {
   MemProvider provider(caseInsensitive());
   provider.createFolder(at(u"/Docs"));
   Seen seen;
-  provider.publishFolderEventsFor(at(u"/DOCS"), seen.publisher(), {Kind::Created},
+  provider.publishFolderEventsFor(at(u"/DOCS"), seen.publisher(), {Kind::Appeared},
                                   fsp::RecursiveFileWatching::No);
   provider.createFile(at(u"/docs/x"));
   ASSERT_TRUE(seen.waitForCount(1));
@@ -240,7 +240,7 @@ TEST(MemProviderEvents, ClosingAWritingStreamReportsTheFilesCurrentLocationOnce)
   auto reader = provider.openReadOnlyStream(at(u"/old"));
   auto writer = provider.openStream(at(u"/old"), fsp::ByteStreamOpenOptions::readWrite());
   Seen seen;
-  provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {Kind::Modified},
+  provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {Kind::Changed},
                                   fsp::RecursiveFileWatching::No);
   provider.moveFile(at(u"/old"), at(u"/new"), fsp::ReplacementPolicy::Fail);
   writeAll(*writer, "ab");
@@ -250,10 +250,10 @@ TEST(MemProviderEvents, ClosingAWritingStreamReportsTheFilesCurrentLocationOnce)
   provider.waitForEventsDelivered();
   std::lock_guard lock(seen.mutex);
   ASSERT_EQ(seen.events.size(), 1u);
-  EXPECT_EQ(seen.events[0], std::make_pair(Kind::Modified, std::u16string(u"/new")));
+  EXPECT_EQ(seen.events[0], std::make_pair(Kind::Changed, std::u16string(u"/new")));
 }
 
-TEST(MemProviderEvents, ExtendedAttributeChangesReportModified) {
+TEST(MemProviderEvents, ExtendedAttributeChangesReportChanged) {
   MemProvider provider;
   provider.createFolder(at(u"/d"));
   Seen seen;
@@ -292,7 +292,7 @@ TEST(MemProviderEvents, WaitingFromInsideASubscriberDoesNotDeadlock) {
         provider.waitForEventsDelivered();
         returned.set_value();
       },
-      {Kind::Created});
+      {Kind::Appeared});
   provider.createFile(at(u"/a"));
   EXPECT_EQ(returned.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
 }
@@ -311,7 +311,7 @@ TEST(MemProviderEvents, SubscriberMayDropTheLastReferenceToTheProvider) {
         holder->reset();  // the last reference: the provider is destroyed on its own thread
         dropped.set_value();
       },
-      {Kind::Created});
+      {Kind::Appeared});
   provider->createFile(at(u"/a"));
   provider.reset();
   released.set_value();

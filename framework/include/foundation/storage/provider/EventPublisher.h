@@ -1,8 +1,8 @@
 // EventPublisher: the callback through which a provider delivers change events.
 //
-// Arguments, in order: what happened, the entry's location, the other location (the
-// destination of a move; otherwise the same location), the kind of entry, and further
-// details (may be empty). Providers call publishers on their own threads, never while
+// Arguments, in order: what happened, the entry's location, the other location (the other
+// end of a move when known, see Events.h; otherwise the same location), the kind of entry,
+// and further details (may be empty). Providers call publishers on their own threads, never while
 // holding a lock that an operation of the same provider could need.
 #pragma once
 

@@ -1,8 +1,10 @@
 // EventSubscriptions: the subscription table that providers keep for publishFileEventsFor,
 // publishFolderEventsFor and stopPublishingEventsFor, and the matching of one change against
 // it. Shared by every provider so that they agree on who hears what:
-//   - a file subscription hears events whose location is the file (or whose move
-//     destination is the file);
+//   - an event is matched by its own location only (its second location is information for
+//     the subscriber): a move's Disappeared is heard at the source, its Appeared at the
+//     destination, each by the subscriptions that cover that end and asked for that kind;
+//   - a file subscription hears events whose location is the file;
 //   - a folder subscription hears events on the folder itself and its direct children, and
 //     with RecursiveFileWatching::Yes on everything below it;
 //   - a subscription hears only the kinds it asked for (an empty list means all kinds);

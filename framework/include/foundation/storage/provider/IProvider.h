@@ -217,7 +217,7 @@ class IProvider : public std::enable_shared_from_this<IProvider> {
                                       const std::vector<events::Kind>&) const = 0;  // [own]
   virtual void doStopPublishingEventsFor(const StorageIRI&) const = 0;              // [own]
   // [framework] A thread lists the location every period and publishes the differences
-  // (Created, Removed, Modified) between consecutive listings.
+  // (Appeared, Disappeared, Changed) between consecutive listings.
   virtual void doStartChangePollingMechanism(const StorageIRI&, const EventPublisher&,
                                              const std::vector<events::Kind>&, long periodMs,
                                              RecursiveChangePolling) const;

@@ -9,18 +9,22 @@
 // subscription then needs no new walk); stop() ends both, is idempotent, and the destructor
 // calls it. ensureStarted() after stop() is refused with OperationRefused.
 //
-// Translation (locations are "file" IRIs of provider paths):
-//   IN_CREATE -> Created; a new folder also gets watches, and its contents (which may have
-//               been made before its watch existed) are scanned and reported as Created,
+// Translation (locations are "file" IRIs of provider paths; kinds as in Events.h):
+//   IN_CREATE -> Appeared; a new folder also gets watches, and its contents (which may have
+//               been made before its watch existed) are scanned and reported as Appeared,
 //               each folder before its contents. An entry made during that scan may be
 //               reported twice.
-//   IN_DELETE -> Removed.   IN_CLOSE_WRITE, IN_ATTRIB -> Modified.
-//   IN_MODIFY is not watched: a write is reported once, as Modified when the writer closes.
-//   IN_MOVED_FROM + IN_MOVED_TO with one cookie -> Moved(from, to), and the watches below a
-//               moved folder follow it. A MOVED_FROM whose partner does not arrive within a
-//               short pairing wait (kPairingWaitMs) is reported as Removed (the entry left the
-//               tree, its watches are dropped); a lone MOVED_TO as Created (with a scan).
-//   IN_Q_OVERFLOW -> Rescan of "/" with EntryType::Unknown, then every folder is watched again.
+//   IN_DELETE -> Disappeared.   IN_CLOSE_WRITE, IN_ATTRIB -> Changed.
+//   IN_MODIFY is not watched: a write is reported once, as Changed when the writer closes.
+//   IN_MOVED_FROM + IN_MOVED_TO with one cookie (a move inside the tree) -> Disappeared at
+//               the source naming the destination, then Appeared at the destination naming
+//               the source; the watches below a moved folder follow it. A MOVED_FROM whose
+//               partner does not arrive within a short pairing wait (kPairingWaitMs) is a
+//               move out of the tree: Disappeared, naming only itself (the destination is not
+//               ours to name), and its watches are dropped. A lone MOVED_TO is a move into the
+//               tree: Appeared, naming only itself, with a scan as for IN_CREATE.
+//   IN_Q_OVERFLOW -> Rescan of "/" with EntryType::Unknown (whatever was lost, the whole tree
+//               may differ), then every folder is watched again.
 // Events on a watched folder itself (no name) are not reported: its parent's watch reports
 // them. Symbolic links are never followed when watching, so changes reached only through a
 // link to a folder are not reported.

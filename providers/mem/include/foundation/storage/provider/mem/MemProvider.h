@@ -14,9 +14,12 @@
 // the destructor stop that thread; the tree stays usable after shutdown, but no more events
 // are delivered.
 //
-// Events: Created / Removed / Modified / Moved for files and folders, with mem: locations
-// spelled as the entries were created. setLastModified, setWritable and the extended
-// attribute test API publish Modified, as a store reporting attribute changes would.
+// Events: Appeared / Disappeared / Changed for files and folders, with mem: locations
+// spelled as the entries were created; a move (a rename to another case included) is
+// Disappeared at the source then Appeared at the destination, each naming the other end.
+// Closing a stream that wrote, setLastModified, setWritable and the extended attribute test
+// API publish Changed, as a store reporting content and attribute changes would. Its event
+// queue is unbounded, so it never needs to publish Rescan.
 #pragma once
 
 #include <foundation/storage/provider/IProvider.h>
@@ -51,7 +54,7 @@ class MemProvider final : public IProvider {
   static StorageIRI rootLocation();
 
   // Test API: the extended attributes that a remote store would keep behind the provider.
-  // The location must be a file or a folder (NotFound otherwise). Both publish Modified.
+  // The location must be a file or a folder (NotFound otherwise). Both publish Changed.
   void setExtendedAttribute(const StorageIRI& iri, const std::string& name, std::string value);
   // Removing a name that is not set is not an error.
   void removeExtendedAttribute(const StorageIRI& iri, const std::string& name);
