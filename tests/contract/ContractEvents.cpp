@@ -108,6 +108,7 @@ const EventRecorder::Event* find(const std::vector<EventRecorder::Event>& events
 TEST_P(ProviderContract, EventsForCreateModifyRemove) {
   at(u"/w").createFolder();
   EventRecorder folder;
+  underTest().settle();  // subscriptions go to the store, which must hold the tree
   at(u"/w").publishFolderEvents(folder.publisher(), {}, RecursiveFileWatching::No);
 
   at(u"/w/a.txt").createFile();
@@ -132,6 +133,7 @@ TEST_P(ProviderContract, FileSubscriptionHearsItsFile) {
   writeFile(u"/w/watched", "before");
   writeFile(u"/w/other", "before");
   EventRecorder folder, file;
+  underTest().settle();  // subscriptions go to the store, which must hold the tree
   at(u"/w").publishFolderEvents(folder.publisher(), {}, RecursiveFileWatching::No);
   at(u"/w/watched").publishFileEvents(file.publisher(), {});
   at(u"/w/marker").createFile();
@@ -152,6 +154,7 @@ TEST_P(ProviderContract, FileSubscriptionHearsItsFile) {
 TEST_P(ProviderContract, EventKindsFilterAndStopping) {
   makeFolders({u"/w", u"/v"});
   EventRecorder removals, stopped, barrier;
+  underTest().settle();  // subscriptions go to the store, which must hold the tree
   at(u"/w").publishFolderEvents(removals.publisher(), {Kind::Disappeared},
                                 RecursiveFileWatching::No);
   at(u"/v").publishFolderEvents(barrier.publisher(), {}, RecursiveFileWatching::No);
@@ -179,6 +182,8 @@ TEST_P(ProviderContract, EventKindsFilterAndStopping) {
 TEST_P(ProviderContract, EventsForMovesAndRecursiveWatches) {
   makeFolders({u"/w/deep/er"});
   writeFile(u"/w/from.txt", "x");
+  // A write-behind provider subscribes at the store, which must hold the tree first.
+  underTest().settle();
   EventRecorder top, tree;
   at(u"/w").publishFolderEvents(top.publisher(), {}, RecursiveFileWatching::No);
   at(u"/w").publishFolderEvents(tree.publisher(), {}, RecursiveFileWatching::Yes);

@@ -145,25 +145,25 @@ TEST_F(EventListenerTest, EachEventForgetsWhatItChanged) {
 
 TEST_F(EventListenerTest, WhilePausedTheFirstEventPerLocationIsHeldAndHandledInLocationOrder) {
   listener->pause();
-  event(static_cast<Kind>(4), u"/b/y.txt", EntryType::File);
-  event(static_cast<Kind>(2), u"/b/y.txt", EntryType::File);
-  event(static_cast<Kind>(3), u"/b/y.txt", EntryType::File);
-  event(static_cast<Kind>(4), u"/a/x.txt", EntryType::File);
+  event(Kind::Changed, u"/b/y.txt", EntryType::File);
+  event(Kind::Appeared, u"/b/y.txt", EntryType::File);
+  event(Kind::Disappeared, u"/b/y.txt", EntryType::File);
+  event(Kind::Changed, u"/a/x.txt", EntryType::File);
   EXPECT_TRUE(executor->tasks.empty());
   listener->unpause();
   executor->runAll();
   EXPECT_EQ(quota->calls,
             (std::vector<std::string>{"file overlay:/a/x.txt", "file overlay:/b/y.txt"}));
   // Unpaused: handled at once.
-  event(static_cast<Kind>(3), u"/b/y.txt", EntryType::File);
+  event(Kind::Disappeared, u"/b/y.txt", EntryType::File);
   EXPECT_EQ(executor->tasks.size(), 1u);
 }
 
 TEST_F(EventListenerTest, OnlyTheLatestFolderRemovalInvalidates) {
   foundation::log::LogCapture log;
   relistings();
-  event(static_cast<Kind>(3), u"/b", EntryType::Folder);
-  event(static_cast<Kind>(3), u"/a/sub", EntryType::Folder);
+  event(Kind::Disappeared, u"/b", EntryType::Folder);
+  event(Kind::Disappeared, u"/a/sub", EntryType::Folder);
   ASSERT_EQ(executor->tasks.size(), 2u);
   executor->runAll();
   EXPECT_EQ(log.count("Triggering invalidation "), 1u);
@@ -173,21 +173,21 @@ TEST_F(EventListenerTest, OnlyTheLatestFolderRemovalInvalidates) {
 
 TEST_F(EventListenerTest, ARescanOfTheRootActsAtOnceEvenWhileTheExecutorIsBusy) {
   relistings();
-  event(static_cast<Kind>(4), u"/a/x.txt", EntryType::File);  // held by the busy executor
-  event(static_cast<Kind>(1), u"/", EntryType::Folder);
+  event(Kind::Changed, u"/a/x.txt", EntryType::File);  // held by the busy executor
+  event(Kind::Rescan, u"/", EntryType::Folder);
   EXPECT_EQ(executor->tasks.size(), 1u);
   EXPECT_EQ(relistings(), 2u);  // / and /a read again before the worker ran anything
 }
 
 TEST_F(EventListenerTest, AfterStopNothingIsHandled) {
   listener->pause();
-  event(static_cast<Kind>(4), u"/a/x.txt", EntryType::File);
+  event(Kind::Changed, u"/a/x.txt", EntryType::File);
   relistings();
-  event(static_cast<Kind>(2), u"/b/new", EntryType::File);
+  event(Kind::Appeared, u"/b/new", EntryType::File);
   listener->stop();
   listener->unpause();
-  event(static_cast<Kind>(1), u"/", EntryType::Folder);
-  event(static_cast<Kind>(4), u"/a/x.txt", EntryType::File);
+  event(Kind::Rescan, u"/", EntryType::Folder);
+  event(Kind::Changed, u"/a/x.txt", EntryType::File);
   executor->runAll();
   EXPECT_TRUE(quota->calls.empty());
   EXPECT_EQ(relistings(), 0u);

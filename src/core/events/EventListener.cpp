@@ -19,14 +19,6 @@ namespace {
 
 constexpr const char* kListenerSource = "src/core/events/EventListener";
 
-// The kinds by their values, which carry fixed meanings (see the header).
-constexpr std::uint32_t kAnythingBelow = 1;
-constexpr std::uint32_t kAppeared = 2;
-constexpr std::uint32_t kWentAway = 3;
-constexpr std::uint32_t kChanged = 4;
-
-std::uint32_t valueOf(events::Kind kind) { return static_cast<std::uint32_t>(kind); }
-
 }  // namespace
 
 std::shared_ptr<EventListener> EventListener::create(
@@ -62,9 +54,8 @@ void EventListener::subscribe(const fsp::StorageItem& inner) {
       logCaughtException("Error handling an event of the inner provider.");
     }
   };
-  const std::vector<events::Kind> kinds{
-      static_cast<events::Kind>(kAnythingBelow), static_cast<events::Kind>(kAppeared),
-      static_cast<events::Kind>(kWentAway), static_cast<events::Kind>(kChanged)};
+  const std::vector<events::Kind> kinds{events::Kind::Rescan, events::Kind::Appeared,
+                                        events::Kind::Disappeared, events::Kind::Changed};
   try {
     inner.publishFolderEvents(publisher, kinds, fsp::RecursiveFileWatching::Yes);
   } catch (...) {
@@ -145,15 +136,15 @@ void EventListener::handleFileEvent(const Location& location, events::Kind kind)
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kListenerSource);
   OVERLAY_LOG(log::debug) << "handleFileEvent location=" << location.toString();
   if (!location.hasParent()) return;
-  switch (valueOf(kind)) {
-    case kChanged:
+  switch (kind) {
+    case events::Kind::Changed:
       enqueue([location](EventListener& self) {
         self.quotaAccountant_->removeFile(location);
         self.metadataCache_->markForInvalidation(location);
       });
       break;
-    case kAppeared:
-    case kWentAway:
+    case events::Kind::Appeared:
+    case events::Kind::Disappeared:
       enqueue([location](EventListener& self) { self.forgetFolder(location); });
       break;
     default:
@@ -164,7 +155,7 @@ void EventListener::handleFileEvent(const Location& location, events::Kind kind)
 void EventListener::handleFolderEvent(const Location& location, events::Kind kind) {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kListenerSource);
   OVERLAY_LOG(log::debug) << "handleFolderEvent location=" << location.toString();
-  if (valueOf(kind) == kAnythingBelow && !location.hasParent()) {
+  if (kind == events::Kind::Rescan && !location.hasParent()) {
     // The store may have lost track of anything (its event queue overflowed): everything is
     // read again. The mark keeps the overlay's own changes that are still on their way to
     // the store visible, where dropping the entries outright would hide them until replayed.
@@ -174,14 +165,14 @@ void EventListener::handleFolderEvent(const Location& location, events::Kind kin
   }
   const auto now = Clock::now();
   lastFolderEvent_.store(now);
-  switch (valueOf(kind)) {
-    case kChanged:
+  switch (kind) {
+    case events::Kind::Changed:
       enqueue([location](EventListener& self) {
         self.quotaAccountant_->removeFolderTree(location);
         self.metadataCache_->markForInvalidation(location);
       });
       break;
-    case kWentAway:
+    case events::Kind::Disappeared:
       enqueue([location, now](EventListener& self) {
         // Only the latest folder event acts: a burst of removals costs one invalidation.
         if (self.lastFolderEvent_.load() != now) return;
@@ -189,7 +180,7 @@ void EventListener::handleFolderEvent(const Location& location, events::Kind kin
         self.metadataCache_->markForInvalidation(location);
       });
       break;
-    case kAppeared:
+    case events::Kind::Appeared:
       if (location.hasParent()) {
         enqueue([location](EventListener& self) { self.forgetFolder(location); });
       }
