@@ -186,6 +186,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
                     const std::function<void(FolderMetadata&)>& updateFolder) const;
   static std::function<void(MetadataCache&)> confirmation(const fsp::StorageIRI& location,
                                                           bool isFile);
+  // After a move: the working files at or below `moved` adopt their new cache records.
+  void keepWorkingFilesOnTheirRecords(const fsp::StorageIRI& moved) const;
   // Refuses (ResourceBusy) to remove or move a file that a stream has open, unless the inner
   // store allows it.
   void refuseWhileOpen(const fsp::StorageIRI& key) const;

@@ -245,6 +245,7 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   if (stored == destination) return;  // the file is already there: nothing changes
   metadataCache_->moveFileMetadata(stored, destination);
   contentCache_->moveEntry(stored, destination);
+  keepWorkingFilesOnTheirRecords(destination);
   if (isFuseHiddenName(destination)) {
     metadataCache_->confirmFile(destination);
     metadataCache_->confirmRemoval(stored);
@@ -298,6 +299,7 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   checkFolderDestination(destination, policy);
   metadataCache_->moveFolderMetadata(stored, destination, policy);
   contentCache_->moveFolderEntries(stored, destination);
+  keepWorkingFilesOnTheirRecords(destination);
   replay(
       "moveFolder", ObservableTransactionType::FOLDER_MOVE,
       [stored, destination, policy](const StorageItem& inner) {
@@ -411,6 +413,17 @@ std::function<void(MetadataCache&)> OverlayProvider::confirmation(const StorageI
                                                                   bool isFile) {
   if (isFile) return [location](MetadataCache& cache) { cache.confirmFile(location); };
   return [location](MetadataCache& cache) { cache.confirmFolder(location, false); };
+}
+
+void OverlayProvider::keepWorkingFilesOnTheirRecords(const StorageIRI& moved) const {
+  // The metadata cache made new records at the destination; the working files that moved
+  // with them must now keep those current, or their sizes would no longer show.
+  for (const auto& entry : contentCache_->entries()) {
+    const auto location = entry->location();
+    if (location == moved || moved.isAncestorOf(location)) {
+      entry->adoptRecord(metadataCache_->getFileMetadata(location));
+    }
+  }
 }
 
 void OverlayProvider::refuseWhileOpen(const StorageIRI& key) const {

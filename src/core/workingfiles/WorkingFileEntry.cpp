@@ -450,6 +450,19 @@ void WorkingFileEntry::removeCachedBody() {
   ++generation_;
 }
 
+std::shared_ptr<FileMetadata> WorkingFileEntry::record() const {
+  std::lock_guard lock(mutex_);
+  return record_;
+}
+
+void WorkingFileEntry::adoptRecord(const std::shared_ptr<FileMetadata>& record) {
+  if (!record) return;
+  std::lock_guard lock(mutex_);
+  if (record == record_) return;
+  record->setSize(static_cast<std::uint64_t>(size_)).setLastModified(record_->getLastModified());
+  record_ = record;
+}
+
 void WorkingFileEntry::moveTo(const fsp::StorageIRI& location) {
   {
     std::lock_guard lock(mutex_);
@@ -503,7 +516,7 @@ bool WorkingFileEntry::isOpenForWriting() const {
 }
 
 boost::posix_time::ptime WorkingFileEntry::lastModified() const {
-  return record_->getLastModified();
+  return record()->getLastModified();
 }
 
 std::shared_ptr<CacheResource> WorkingFileEntry::resource() const {

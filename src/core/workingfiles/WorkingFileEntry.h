@@ -136,7 +136,10 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void detach();
 
   // --- queries ---
-  std::shared_ptr<FileMetadata> record() const { return record_; }
+  std::shared_ptr<FileMetadata> record() const;
+  // The metadata cache made a new record for the file (it moved): the entry keeps that one
+  // current from now on, handing it its own size and time.
+  void adoptRecord(const std::shared_ptr<FileMetadata>& record);
   fsp::StorageIRI location() const;
   // Whether a stream that can write is open (its size and time are then the truth).
   bool isOpenForWriting() const;
@@ -180,6 +183,10 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void seekInnerLocked(std::int64_t offset);
   std::int64_t readInnerLocked(char* buffer, std::int64_t count);
   void writeInner(const std::shared_ptr<PendingWriteBlock>& block);
+  // Runs `call` up to kWriteAttempts times while the store answers Unavailable (also through a
+  // stream failure), dropping the inner stream after each failure; logs `failure` and returns
+  // false when it gives up.
+  bool retryingInnerCall(const std::function<void()>& call, const char* failure);
   // The block's bytes, from memory or read from the body into innerBuffer_.
   const char* blockBytesLocked(const std::shared_ptr<PendingWriteBlock>& block);
   void writeInnerLocked(const std::shared_ptr<PendingWriteBlock>& block);
@@ -189,7 +196,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void updateStoreAfterWrites(const boost::posix_time::ptime& lastModified);
   void relocateInner(const fsp::StorageIRI& location);
 
-  const std::shared_ptr<FileMetadata> record_;
+  std::shared_ptr<FileMetadata> record_;  // guarded by mutex_ (replaced by adoptRecord)
   const WorkingFileSettings settings_;
   const CacheMode mode_;
   const std::shared_ptr<CacheResource> resource_;

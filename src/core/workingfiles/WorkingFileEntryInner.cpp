@@ -5,6 +5,7 @@
 #include "core/provider/OverlayLog.h"
 #include "core/workingfiles/WorkingFileEntry.h"
 
+#include <foundation/storage/provider/ByteStreamFailure.h>
 #include <foundation/storage/provider/Exception.h>
 
 #include <stdexcept>
@@ -37,6 +38,24 @@ void WorkingFileEntry::openInnerLocked(const fsp::ByteStreamOpenOptions& options
   innerWritable_ = true;
   innerPosition_ = 0;
 }
+
+namespace {
+
+// The store said it cannot answer now, through its provider or through one of its streams:
+// the same call may succeed when tried again.
+bool isUnavailable(const std::exception_ptr& failure) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (const Exception& e) {
+    return e.getErrorCode() == ErrorCode::Unavailable;
+  } catch (const fsp::ByteStreamFailure& e) {
+    return e.getErrorCode() == ErrorCode::Unavailable;
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace
 
 void WorkingFileEntry::ensureInnerStreamLocked(bool forWriting) {
   if (innerStream_ && (innerWritable_ || !forWriting)) return;
@@ -96,22 +115,23 @@ void WorkingFileEntry::writeInnerLocked(const std::shared_ptr<PendingWriteBlock>
 
 void WorkingFileEntry::writeInner(const std::shared_ptr<PendingWriteBlock>& block) {
   std::lock_guard inner(innerMutex_);
+  retryingInnerCall([&] { writeInnerLocked(block); },
+                    "Unexpected exception during write operation");
+}
+
+bool WorkingFileEntry::retryingInnerCall(const std::function<void()>& call, const char* failure) {
   for (int attempt = 1;; ++attempt) {
     try {
-      writeInnerLocked(block);
-      return;
-    } catch (const Exception& e) {
+      call();
+      return true;
+    } catch (...) {
       // The stream may be broken: the next attempt (or write) opens a new one.
       innerStream_.reset();
+      innerWritable_ = false;
       innerPosition_ = -1;
-      if (e.getErrorCode() == ErrorCode::Unavailable && attempt < kWriteAttempts) continue;
-      logCaughtException("Unexpected exception during write operation");
-      return;
-    } catch (...) {
-      innerStream_.reset();
-      innerPosition_ = -1;
-      logCaughtException("Unexpected exception during write operation");
-      return;
+      if (isUnavailable(std::current_exception()) && attempt < kWriteAttempts) continue;
+      logCaughtException(failure);
+      return false;
     }
   }
 }
@@ -126,13 +146,13 @@ void WorkingFileEntry::closeInnerLocked() {
 
 void WorkingFileEntry::runOpen(const fsp::ByteStreamOpenOptions& options,
                                const std::function<void()>& onOpened) {
-  try {
+  {
     std::lock_guard inner(innerMutex_);
-    openInnerLocked(options);
     // A created or emptied file gets its time stamped at close even if nothing is written.
-    innerWritten_ = true;
-  } catch (...) {
-    logCaughtException("Unexpected exception during open operation");
+    if (retryingInnerCall([&] { openInnerLocked(options); },
+                          "Unexpected exception during open operation")) {
+      innerWritten_ = true;
+    }
   }
   try {
     if (onOpened) onOpened();
@@ -152,7 +172,7 @@ void WorkingFileEntry::runClose() {
     }
     written = innerWritten_;
     innerWritten_ = false;
-    if (written) updateStoreAfterWrites(record_->getLastModified());
+    if (written) updateStoreAfterWrites(record()->getLastModified());
   }
   std::lock_guard lock(mutex_);
   // A stream opened meanwhile keeps the entry open; its own close stamps the body.
@@ -170,7 +190,7 @@ void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& la
     logCaughtException("Exception during attempt to set last modified time");
   }
   try {
-    record_->setExtendedAttributes(item.getExtendedAttributes());
+    record()->setExtendedAttributes(item.getExtendedAttributes());
   } catch (...) {
     logCaughtException("Unexpected exception during attempt to update extended attributes");
   }
