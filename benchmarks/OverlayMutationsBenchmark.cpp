@@ -1,0 +1,341 @@
+// What file and folder changes cost the caller through the overlay over a store 10 ms away,
+// each figure against the same work done on the store directly in the same run:
+//
+//   files    1,000 files created, written (4 KiB each) and closed in one folder: the caller's
+//            files per second, and the drain time (from the first creation until a flush
+//            returns). The store directly does the same for 50 files, and its time is scaled
+//            to 1,000 (the whole run would take 1,000 x 4 calls x 10 ms, 40 s). The store's
+//            calls of the overlay's run are counted.
+//   changes  the caller's mean cost of one rename (moveFile), one removal (removeFile) and one
+//            folder creation (createFolder), over 200 of each on the files of the first case,
+//            the queue flushed before each batch; against the mean of 20 of each on the store.
+//
+// The store "10 ms away" is the in-memory store behind the instrumented wrapper, 10 ms per call
+// and per stream call. After the run, every file's bytes and every change are checked in the
+// store itself; a wrong result fails the exit status.
+#include "core/provider/OverlayProviderFactory.h"
+
+#include <foundation/storage/provider/IConfigurableProvider.h>
+#include <foundation/storage/provider/StorageItem.h>
+#include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
+#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
+#include <foundation/storage/provider/mem/MemProvider.h>
+
+#include <boost/property_tree/ptree.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace fsp = foundation::storage::provider;
+using fsp::instrumented::InstrumentedProvider;
+using storage::overlayprovider::OverlayProviderFactory;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kRemoteLatency = std::chrono::milliseconds(10);
+constexpr int kFiles = 1000;
+constexpr int kDirectFiles = 50;
+constexpr int kChanges = 200;
+constexpr int kDirectChanges = 20;
+constexpr std::size_t kFileBytes = 4096;
+constexpr double kFilesPerSecondTarget = 10000;
+constexpr double kChangeMicrosTarget = 50;
+
+double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
+
+std::string format(const char* pattern, auto... values) {
+  char text[256];
+  std::snprintf(text, sizeof text, pattern, values...);
+  return text;
+}
+
+std::u16string wide(const std::string& text) { return {text.begin(), text.end()}; }
+
+// The body of file `index`: its number repeated, so that a file with another's bytes shows.
+std::string bodyOf(int index) {
+  const auto word = format("%07d ", index);
+  std::string body;
+  while (body.size() < kFileBytes) body += word;
+  body.resize(kFileBytes);
+  return body;
+}
+
+std::string readAll(fsp::ByteStream& stream) {
+  std::string bytes;
+  char buffer[8192];
+  for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, n);
+  return bytes;
+}
+
+// A cache root of its own, removed with it.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = std::filesystem::temp_directory_path() / "overlay-mutations-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// The in-memory store behind the instrumented wrapper. Checks read the in-memory store itself,
+// so they neither wait nor count.
+struct Store {
+  Store()
+      : mem(std::make_shared<fsp::mem::MemProvider>()),
+        remote(std::make_shared<InstrumentedProvider>(mem)) {}
+  ~Store() { remote->shutdown(); }
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  fsp::StorageItem root() const { return {remote, fsp::mem::MemProvider::rootLocation()}; }
+  fsp::StorageItem inner(const std::string& path) const {
+    return {fsp::StorageItem(mem, fsp::mem::MemProvider::rootLocation()), wide(path)};
+  }
+  std::string callsText() const {
+    std::string text = std::to_string(remote->totalCalls()) + " (";
+    const char* separator = "";
+    for (const auto& [operation, count] : remote->instrumentation().counters.snapshot()) {
+      text += separator + operation + " " + std::to_string(count);
+      separator = ", ";
+    }
+    return text + ")";
+  }
+
+  std::shared_ptr<fsp::mem::MemProvider> mem;
+  std::shared_ptr<InstrumentedProvider> remote;
+};
+
+// An overlay made by the factory over the store, initialised and its root listed before it is
+// handed out, so that what is timed is the changes.
+class Overlay {
+ public:
+  explicit Overlay(const fsp::StorageItem& inner) {
+    OverlayProviderFactory factory;
+    provider_ = factory.createProvider(inner);
+    root_ = factory.getRootLocation(inner);
+    auto* configurable = dynamic_cast<fsp::IConfigurableProvider*>(provider_.get());
+    if (configurable == nullptr) throw std::runtime_error("the overlay cannot be configured");
+    boost::property_tree::ptree config;
+    config.put("overlay.cacheRoot", cacheRoot_.path());
+    configurable->configure(config);
+    root().getFolderAttributes();
+  }
+  ~Overlay() {
+    try {
+      provider_->shutdown();
+    } catch (const std::exception& e) {
+      std::cerr << "overlay shutdown failed: " << e.what() << "\n";
+    } catch (...) {
+      std::cerr << "overlay shutdown failed\n";
+    }
+  }
+  Overlay(const Overlay&) = delete;
+  Overlay& operator=(const Overlay&) = delete;
+
+  fsp::StorageItem root() const { return {provider_, root_}; }
+  void flush() const {
+    auto* flushable = dynamic_cast<fsp::extensions::IFlushableFilesystem*>(provider_.get());
+    if (flushable == nullptr) throw std::runtime_error("the overlay cannot be flushed");
+    flushable->flushFilesystem();
+  }
+
+ private:
+  TempDir cacheRoot_;  // first member: removed after the provider is gone
+  std::shared_ptr<fsp::IProvider> provider_;
+  fsp::StorageIRI root_;
+};
+
+fsp::StorageItem at(const fsp::StorageItem& root, const std::string& path) {
+  return {root, wide(path)};
+}
+
+// Files [first, first + count) of `folder`: created, opened, written and closed.
+void writeFiles(const fsp::StorageItem& root, const std::string& folder, int first, int count) {
+  for (int i = first; i < first + count; ++i) {
+    const auto file = at(root, folder + "/f" + std::to_string(i));
+    file.createFile();
+    auto stream = file.openStream(fsp::ByteStreamOpenOptions::readWrite());
+    const auto body = bodyOf(i);
+    if (stream->write(body.data(), static_cast<long>(body.size())) !=
+        static_cast<long>(kFileBytes)) {
+      throw std::runtime_error("short stream write");
+    }
+    stream->close();
+  }
+}
+
+// The three changes measured, each the i-th of its batch below `folder`: files f<first + i>
+// are renamed to r<i> or removed; folders d<i> are made in <folder>-folders.
+struct Change {
+  const char* name;
+  int firstFile;  // the batch's first file, for the file changes
+  std::function<void(const fsp::StorageItem& root, const std::string& folder, int first, int i)>
+      run;
+};
+
+const Change kChangeKinds[] = {
+    {"rename (moveFile)", 0,
+     [](const fsp::StorageItem& root, const std::string& folder, int first, int i) {
+       at(root, folder + "/f" + std::to_string(first + i))
+           .moveFile(at(root, folder + "/r" + std::to_string(i)).getLocation(),
+                     fsp::ReplacementPolicy::Fail);
+     }},
+    {"removal (removeFile)", 1,
+     [](const fsp::StorageItem& root, const std::string& folder, int first, int i) {
+       at(root, folder + "/f" + std::to_string(first + i)).removeFile();
+     }},
+    {"folder creation", 2,
+     [](const fsp::StorageItem& root, const std::string& folder, int, int i) {
+       at(root, folder + "-folders/d" + std::to_string(i)).createFolder();
+     }},
+};
+
+// Mean seconds per change of `count` changes of `kind`; the files used are batch `firstFile`
+// of `count` files.
+double timeChanges(const Change& kind, const fsp::StorageItem& root, const std::string& folder,
+                   int count) {
+  const int first = kind.firstFile * count;
+  const auto start = Clock::now();
+  for (int i = 0; i < count; ++i) kind.run(root, folder, first, i);
+  return seconds(Clock::now() - start) / count;
+}
+
+// Throws naming the first thing the store holds wrongly after `count` changes of each kind on
+// the `files` files of `folder`.
+void checkStore(const Store& store, const std::string& folder, int files, int count) {
+  const auto fail = [](const std::string& what) { throw std::runtime_error(what); };
+  for (int i = 0; i < files; ++i) {
+    const bool renamed = i < count, removed = i >= count && i < 2 * count;
+    const auto name = folder + (renamed ? "/r" + std::to_string(i) : "/f" + std::to_string(i));
+    const auto item = store.inner(name);
+    if (removed) {
+      if (item.fileExists()) fail(name + " was not removed");
+      continue;
+    }
+    if (!item.fileExists()) fail(name + " is missing");
+    auto stream = item.openReadOnlyStream();
+    if (readAll(*stream) != bodyOf(i)) fail(name + " holds the wrong bytes");
+    if (renamed && store.inner(folder + "/f" + std::to_string(i)).fileExists()) {
+      fail(folder + "/f" + std::to_string(i) + " is still there after its rename");
+    }
+  }
+  for (int i = 0; i < count; ++i) {
+    const auto name = folder + "-folders/d" + std::to_string(i);
+    if (!store.inner(name).folderExists()) fail(name + " is missing");
+  }
+}
+
+struct Row {
+  std::string measure, overlay, baseline, ratio, target, met;
+};
+
+void printTable(const std::vector<Row>& rows) {
+  const char* line = "%-36s %-16s %-26s %-10s %-16s %s\n";
+  std::cout << "\n" << format(line, "measure", "overlay", "baseline", "ratio", "target", "met");
+  for (const auto& r : rows) {
+    std::cout << format(line, r.measure.c_str(), r.overlay.c_str(), r.baseline.c_str(),
+                        r.ratio.c_str(), r.target.c_str(), r.met.c_str());
+  }
+}
+
+int run() {
+  Store store;
+  // The folders exist before the overlay first lists the root, and before anything is timed.
+  for (const auto* folder : {"/files", "/files-folders", "/direct", "/direct-folders"}) {
+    store.inner(folder).createFolder();
+  }
+  Overlay overlay(store.root());
+  store.remote->setCallLatency(kRemoteLatency);
+  store.remote->setStreamLatency(kRemoteLatency);
+  std::vector<Row> rows;
+
+  std::cout << "files: " << kFiles << " files of " << kFileBytes << " bytes in one folder\n"
+            << std::flush;
+  store.remote->resetCounters();
+  auto start = Clock::now();
+  writeFiles(overlay.root(), "/files", 0, kFiles);
+  const double caller = seconds(Clock::now() - start);
+  overlay.flush();
+  const double drain = seconds(Clock::now() - start);
+  const auto overlayCalls = store.callsText();
+  const auto overlayCallCount = store.remote->totalCalls();
+
+  store.remote->resetCounters();
+  start = Clock::now();
+  writeFiles(store.root(), "/direct", 0, kDirectFiles);
+  const double direct = seconds(Clock::now() - start) * kFiles / kDirectFiles;
+  const auto directCallsPerFile = static_cast<double>(store.remote->totalCalls()) / kDirectFiles;
+
+  const double callerRate = kFiles / caller, directRate = kFiles / direct;
+  std::cout << format("  caller (through the overlay): %.3f s, %.0f files/s\n", caller, callerRate)
+            << format("  drain (until the flush returned): %.3f s\n", drain)
+            << format("  store directly: %.3f s for %d files, %.3f s scaled to %d (%.0f files/s)\n",
+                      direct * kDirectFiles / kFiles, kDirectFiles, direct, kFiles, directRate)
+            << "  store calls through the overlay: " << overlayCalls << "\n"
+            << format("  store calls per file: overlay %.1f, directly %.1f\n",
+                      static_cast<double>(overlayCallCount) / kFiles, directCallsPerFile);
+  rows.push_back({format("%d files: caller", kFiles), format("%.0f files/s", callerRate),
+                  format("%.0f files/s (scaled)", directRate),
+                  format("%.1fx", callerRate / directRate),
+                  format(">= %.0f files/s", kFilesPerSecondTarget),
+                  callerRate >= kFilesPerSecondTarget ? "yes" : "no"});
+  rows.push_back({format("%d files: drain", kFiles), format("%.2f s", drain),
+                  format("%.2f s (scaled)", direct), format("%.2fx", drain / direct), "none", "-"});
+
+  for (const auto& kind : kChangeKinds) {
+    std::cout << "changes: " << kind.name << "\n" << std::flush;
+    overlay.flush();
+    const double through = timeChanges(kind, overlay.root(), "/files", kChanges);
+    start = Clock::now();
+    overlay.flush();
+    const double drained = seconds(Clock::now() - start);
+    const double directly = timeChanges(kind, store.root(), "/direct", kDirectChanges);
+    std::cout << format("  caller: %.1f us each over %d; then drained in %.3f s\n", through * 1e6,
+                        kChanges, drained)
+              << format("  store directly: %.2f ms each over %d\n", directly * 1e3, kDirectChanges);
+    rows.push_back({kind.name, format("%.1f us", through * 1e6), format("%.2f ms", directly * 1e3),
+                    format("%.3fx", through / directly), format("< %.0f us", kChangeMicrosTarget),
+                    through * 1e6 < kChangeMicrosTarget ? "yes" : "no"});
+  }
+
+  store.remote->setCallLatency({});
+  store.remote->setStreamLatency({});
+  checkStore(store, "/files", kFiles, kChanges);
+  checkStore(store, "/direct", kDirectFiles, kDirectChanges);
+  std::cout << "check: the store holds every file's bytes and every change\n";
+  printTable(rows);
+  return 0;
+}
+
+}  // namespace
+
+int main() {
+  try {
+    return run();
+  } catch (const std::exception& e) {
+    std::cout << "FAILED: " << e.what() << "\n";
+  } catch (...) {
+    std::cout << "FAILED: an unknown exception\n";
+  }
+  return 1;
+}
