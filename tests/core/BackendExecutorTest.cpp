@@ -1,13 +1,22 @@
-// BackendExecutor: ordering, back-pressure, shutdown and its records.
+// BackendExecutor and its WeightedTransactionQueue: ordering, back-pressure and the weight it
+// keeps, shutdowns and flushes that must neither hang nor lose accepted work, and the records.
 #include "core/execution/BackendExecutor.h"
+#include "core/execution/WeightedTransactionQueue.h"
 
 #include <foundation/log/LogCapture.h>
 #include <gtest/gtest.h>
 
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -16,6 +25,44 @@ namespace {
 
 using foundation::log::LogCapture;
 using namespace std::chrono_literals;
+
+// Runs an action on a thread of its own; finish() waits for it for at most 10 s. A hang is a
+// failure that cannot be cleaned up (the executor's shutdown or join would hang as well), so
+// the process ends there instead of blocking: CTest runs every test in a process of its own.
+class Background {
+ public:
+  explicit Background(std::function<void()> action)
+      : thread_([this, action = std::move(action)] {
+          try {
+            action();
+            done_.set_value();
+          } catch (...) {
+            done_.set_exception(std::current_exception());
+          }
+        }) {}
+  ~Background() { finish("a background call"); }
+
+  bool returned() { return finished_.wait_for(0s) == std::future_status::ready; }
+  void finish(const char* what) {
+    if (!thread_.joinable()) return;
+    if (finished_.wait_for(10s) != std::future_status::ready) {
+      ADD_FAILURE() << what << " did not return within 10 s";
+      std::fflush(stdout);
+      std::_Exit(1);
+    }
+    thread_.join();
+    finished_.get();
+  }
+
+ private:
+  std::promise<void> done_;
+  std::future<void> finished_ = done_.get_future();
+  std::thread thread_;
+};
+
+void returnsInTime(std::function<void()> action, const char* what) {
+  Background(std::move(action)).finish(what);
+}
 
 // A task that holds the worker until released, so a test can queue behind it.
 struct Stall {
@@ -52,16 +99,23 @@ struct BackendExecutorTest : ::testing::Test {
       order.push_back(id);
     };
   }
-  void stallWorker() {
+  std::vector<int> ran() {
+    std::lock_guard lock(orderMutex);
+    return order;
+  }
+  // The stalled task is taken, so its weight is given back; then 6 + 6 waits: 12 > 10.
+  void stallWorkerWithBacklogAboveBound() {
     executor->execute(stall.task(), FILE_WRITE, 6.0);
     stall.started.get_future().wait();
+    executor->execute(record(1), FILE_WRITE, 6.0);
+    executor->execute(record(2), FILE_WRITE, 6.0);  // 6 <= 10 before adding: accepted
   }
   void TearDown() override {
     stall.unblock();
     if (!executor->isStopped()) {
-      executor->shutdown(false);
+      returnsInTime([this] { executor->shutdown(false); }, "shutdown(false)");
     }
-    executor->join();
+    returnsInTime([this] { executor->join(); }, "join");
   }
 };
 
@@ -87,21 +141,15 @@ TEST_F(BackendExecutorTest, KeepsEachSubmittersOrder) {
 }
 
 TEST_F(BackendExecutorTest, HoldsBackSubmitterOverWeightUntilNextTake) {
-  stallWorker();  // taken, so its weight is given back
-  executor->execute(record(1), FILE_WRITE, 6.0);
-  executor->execute(record(2), FILE_WRITE, 6.0);  // 6 <= 10 before adding: accepted, now 12
-  std::atomic<bool> thirdReturned{false};
-  std::thread third([&] {
-    executor->execute(record(3), FILE_WRITE, 6.0);
-    thirdReturned = true;
-  });
+  stallWorkerWithBacklogAboveBound();
+  Background third([this] { executor->execute(record(3), FILE_WRITE, 6.0); });
   std::this_thread::sleep_for(100ms);
-  EXPECT_FALSE(thirdReturned) << "12 > 10 must hold the third submitter back";
+  EXPECT_FALSE(third.returned()) << "12 > 10 must hold the third submitter back";
   executor->setMaxQueueWeight(100.0);
   std::this_thread::sleep_for(100ms);
-  EXPECT_FALSE(thirdReturned) << "a new bound is only seen at the next take";
+  EXPECT_FALSE(third.returned()) << "a new bound is only seen at the next take";
   stall.unblock();
-  third.join();
+  third.finish("held-back execute");
   executor->waitForPendingToFinish();
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
@@ -132,44 +180,114 @@ TEST_F(BackendExecutorTest, ActivityCallbackOnlyWhenIdle) {
   observed->join();
 }
 
-TEST_F(BackendExecutorTest, FailingTasksNeitherStopWorkerNorCountAsCompleted) {
-  executor->waitForPendingToFinish();
-  const auto start = executor->lastCompletionTime();
-  executor->execute([] { throw std::runtime_error("inner store down"); }, FILE_MOVE, 1.0);
-  executor->execute({}, FILE_MOVE, 1.0);
-  executor->waitForPendingToFinish();
-  EXPECT_EQ(executor->lastCompletionTime(), start);
-  executor->execute(record(7), FILE_MOVE, 1.0);
-  executor->waitForPendingToFinish();
-  EXPECT_EQ(order, std::vector<int>{7});
-  const auto completed = executor->lastCompletionTime();
-  EXPECT_GT(completed, start);
-  executor->waitForPendingToFinish();  // markers are not completions
-  EXPECT_EQ(executor->lastCompletionTime(), completed);
-}
+// A shutdown over a stalled worker, a backlog above the bound and possibly a submitter held
+// back by it: the shutdown returns, the held-back submitter is released, and every task is
+// either run (draining) or discarded (cancelling); a held-back task refused is named in the log.
+struct ShutdownCase {
+  const char* name;
+  bool cancel;
+  bool heldBackSubmitter;
+  std::vector<int> ran;
+  std::size_t refused;
+};
+void PrintTo(const ShutdownCase& c, std::ostream* out) { *out << c.name; }
 
-TEST_F(BackendExecutorTest, ShutdownDrainsQueuedTasks) {
-  stallWorker();
-  for (int i = 1; i <= 3; ++i) executor->execute(record(i), FILE_WRITE, 1.0);
-  auto shutdown = std::async(std::launch::async, [this] { executor->shutdown(false); });
-  stall.unblock();
-  shutdown.get();
-  executor->join();
-  EXPECT_TRUE(executor->isStopped());
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-}
+struct BackendShutdownTest : BackendExecutorTest, ::testing::WithParamInterface<ShutdownCase> {};
 
-TEST_F(BackendExecutorTest, ShutdownWithCancelDiscardsQueuedTasks) {
-  stallWorker();
-  executor->execute(record(1), FILE_WRITE, 1.0);
-  executor->execute(record(2), FILE_WRITE, 1.0);
+TEST_P(BackendShutdownTest, ReturnsAndRunsOrDiscardsEveryAcceptedTask) {
+  const ShutdownCase& c = GetParam();
+  stallWorkerWithBacklogAboveBound();
+  std::optional<Background> third;
+  if (c.heldBackSubmitter) {
+    std::promise<void> calling;
+    third.emplace([&] {
+      calling.set_value();
+      executor->execute(record(3), FILE_REMOVAL, 6.0);
+    });
+    calling.get_future().wait();
+    std::this_thread::sleep_for(200ms);  // into the back-pressure wait
+    EXPECT_FALSE(third->returned()) << "12 > 10 must hold the third submitter back";
+  }
   LogCapture capture;
-  executor->shutdown(true);
-  stall.unblock();
-  executor->join();
-  EXPECT_TRUE(order.empty());
-  EXPECT_EQ(capture.count("Cancelling outstanding", foundation::log::debug), 1u);
+  {
+    Background shutdown([&] { executor->shutdown(c.cancel); });
+    // A cancelling shutdown must not wait for the running task; a draining one does.
+    if (c.cancel) shutdown.finish("shutdown(true)");
+    stall.unblock();
+    shutdown.finish("shutdown");
+  }
+  if (third) third->finish("held-back execute");
+  returnsInTime([this] { executor->join(); }, "join");
+  EXPECT_EQ(order, c.ran);
+  EXPECT_EQ(capture.count("Attempted to execute task when no longer accepting.",
+                          foundation::log::error),
+            c.refused);
+  EXPECT_EQ(capture.count("ObservableTransactionType: FILE_REMOVAL", foundation::log::debug),
+            c.refused);
+  EXPECT_EQ(capture.count("Cancelling outstanding", foundation::log::debug), c.cancel ? 1u : 0u);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, BackendShutdownTest,
+    ::testing::Values(ShutdownCase{"DrainRunsBacklogAndHeldBackTask", false, true, {1, 2, 3}, 0},
+                      ShutdownCase{"CancelAboveBoundDiscardsBacklog", true, false, {}, 0},
+                      ShutdownCase{"CancelRefusesHeldBackTask", true, true, {}, 1}),
+    ::testing::PrintToStringParamName());
+
+// A flush waits for the tasks queued before it (and not on the weight bound), is released by
+// whatever ends the executor, and returns at once after the worker has ended.
+enum class FlushEnd { ReleaseWorker, DrainingShutdown, CancellingShutdown };
+struct FlushCase {
+  const char* name;
+  FlushEnd end;
+  std::vector<int> ranWhenFlushReturned;
+};
+void PrintTo(const FlushCase& c, std::ostream* out) { *out << c.name; }
+
+struct BackendFlushTest : BackendExecutorTest, ::testing::WithParamInterface<FlushCase> {};
+
+TEST_P(BackendFlushTest, WaitsForEarlierTasksAndNeverOutlivesTheWorker) {
+  const FlushCase& c = GetParam();
+  stallWorkerWithBacklogAboveBound();
+  std::vector<int> ranWhenReturned;
+  Background flush([&] {
+    executor->waitForPendingToFinish();
+    ranWhenReturned = ran();
+  });
+  std::this_thread::sleep_for(100ms);
+  EXPECT_FALSE(flush.returned()) << "returned before the tasks queued ahead of it ran";
+  switch (c.end) {
+    case FlushEnd::ReleaseWorker:
+      stall.unblock();
+      flush.finish("flush");
+      break;
+    case FlushEnd::DrainingShutdown: {
+      Background shutdown([this] { executor->shutdown(false); });
+      stall.unblock();
+      flush.finish("flush during a draining shutdown");
+      shutdown.finish("shutdown(false)");
+      break;
+    }
+    case FlushEnd::CancellingShutdown:
+      returnsInTime([this] { executor->shutdown(true); }, "shutdown(true)");
+      flush.finish("flush during a cancelling shutdown");
+      stall.unblock();
+      break;
+  }
+  EXPECT_EQ(ranWhenReturned, c.ranWhenFlushReturned);
+  if (!executor->isStopped()) {
+    returnsInTime([this] { executor->shutdown(false); }, "shutdown(false)");
+  }
+  returnsInTime([this] { executor->join(); }, "join");
+  returnsInTime([this] { executor->waitForPendingToFinish(); }, "flush after shutdown");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, BackendFlushTest,
+    ::testing::Values(FlushCase{"WorkerReleased", FlushEnd::ReleaseWorker, {1, 2}},
+                      FlushCase{"DrainingShutdown", FlushEnd::DrainingShutdown, {1, 2}},
+                      FlushCase{"CancellingShutdown", FlushEnd::CancellingShutdown, {}}),
+    ::testing::PrintToStringParamName());
 
 TEST_F(BackendExecutorTest, ExecuteAfterShutdownIsLoggedAndDropped) {
   executor->shutdown(false);
@@ -205,6 +323,56 @@ TEST(BackendExecutorDeathTest, DestroyingWithoutJoinTerminates) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH({ std::make_shared<BackendExecutor>([] {}, 0.0).reset(); }, "");
 }
+
+// The queue gives back exactly the weight a push added, however the bound changed meanwhile
+// and whether the entry is taken or discarded; a submitter held back meanwhile gets in. The
+// test thread is the worker.
+enum class Leave { Take, Discard };
+struct WeightCase {
+  const char* name;
+  double boundAtPush;
+  double boundWhenLeaving;
+  double boundAfter;
+  Leave leave;
+};
+void PrintTo(const WeightCase& c, std::ostream* out) { *out << c.name; }
+
+struct QueueWeightTest : ::testing::TestWithParam<WeightCase> {};
+
+double weightOf(WeightedTransactionQueue& queue) {
+  std::istringstream in(queue.captureMetrics());
+  boost::property_tree::ptree tree;
+  boost::property_tree::read_json(in, tree);
+  return tree.get<double>("overlay.queueStats.weight");
+}
+
+TEST_P(QueueWeightTest, GivesBackWhatPushAdded) {
+  const WeightCase& c = GetParam();
+  WeightedTransactionQueue queue(c.boundAtPush);
+  const auto entry = [](double weight) {
+    return QueuedTransaction([] {}, false, weight, FILE_WRITE);
+  };
+  queue.push(entry(6.0));
+  Background second([&] { queue.push(entry(1.0)); });  // held back while 6 > a bound of 1
+  queue.setMaxWeight(c.boundWhenLeaving);
+  if (c.leave == Leave::Take) {
+    queue.take();
+  } else {
+    queue.discardAll();
+  }
+  second.finish("push held back before the first entry left");
+  queue.setMaxWeight(c.boundAfter);
+  queue.take();
+  EXPECT_EQ(weightOf(queue), 0.0);
+  returnsInTime([&] { queue.push(entry(1.0)); }, "push into an empty queue");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, QueueWeightTest,
+    ::testing::Values(WeightCase{"BoundDroppedThenRaised", 1.0, 0.0, 5.0, Leave::Take},
+                      WeightCase{"BoundSetAfterUnboundedPush", 0.0, 1.0, 1.0, Leave::Take},
+                      WeightCase{"DiscardedUnderBound", 1.0, 1.0, 1.0, Leave::Discard}),
+    ::testing::PrintToStringParamName());
 
 }  // namespace
 }  // namespace storage::overlayprovider
