@@ -6,9 +6,9 @@
 #include <foundation/log/LogCapture.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -219,9 +219,9 @@ TEST_P(BackendShutdownTest, ReturnsAndRunsOrDiscardsEveryAcceptedTask) {
   if (third) third->finish("held-back execute");
   returnsInTime([this] { executor->join(); }, "join");
   EXPECT_EQ(order, c.ran);
-  EXPECT_EQ(capture.count("Attempted to execute task when no longer accepting.",
-                          foundation::log::error),
-            c.refused);
+  EXPECT_EQ(
+      capture.count("Attempted to execute task when no longer accepting.", foundation::log::error),
+      c.refused);
   EXPECT_EQ(capture.count("ObservableTransactionType: FILE_REMOVAL", foundation::log::debug),
             c.refused);
   EXPECT_EQ(capture.count("Cancelling outstanding", foundation::log::debug), c.cancel ? 1u : 0u);

@@ -128,8 +128,7 @@ TEST_P(FailingTaskTest, IsLoggedWithKindAndTextAndIsNoCompletion) {
     EXPECT_EQ(capture.count("Task of kind FILE_MOVE failed", foundation::log::error), 1u);
     const auto details = capture.matching("Exception caught: ", foundation::log::exception);
     ASSERT_EQ(details.size(), 1u);
-    EXPECT_NE(details[0].message.find(failure.diagnostic), std::string::npos)
-        << details[0].message;
+    EXPECT_NE(details[0].message.find(failure.diagnostic), std::string::npos) << details[0].message;
   }
   EXPECT_EQ(executor->lastCompletionTime(), before);
   int runs = 0;
