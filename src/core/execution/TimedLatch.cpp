@@ -61,15 +61,9 @@ void TimedLatch::runCountdowns() {
         wakeUp_.wait(lock);
         continue;
       }
-      const auto now = Clock::now();
-      if (now < deadline_) {
-        // The wait takes a system_clock instant (a steady_clock wait is one ThreadSanitizer
-        // cannot follow here); the deadline itself stays on the steady clock, so a wall-clock
-        // step can only wake the thread early, never stretch or cut the period.
-        wakeUp_.wait_until(
-            lock,
-            std::chrono::system_clock::now() +
-                std::chrono::duration_cast<std::chrono::system_clock::duration>(deadline_ - now));
+      if (Clock::now() < deadline_) {
+        // On the steady clock: a wall-clock step neither stretches nor cuts the period.
+        wakeUp_.wait_until(lock, deadline_);
         continue;
       }
       armed_ = false;
