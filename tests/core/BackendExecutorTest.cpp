@@ -192,9 +192,10 @@ struct ShutdownCase {
 };
 void PrintTo(const ShutdownCase& c, std::ostream* out) { *out << c.name; }
 
-struct BackendShutdownTest : BackendExecutorTest, ::testing::WithParamInterface<ShutdownCase> {};
+struct BackendExecutorShutdownTest : BackendExecutorTest,
+                                     ::testing::WithParamInterface<ShutdownCase> {};
 
-TEST_P(BackendShutdownTest, ReturnsAndRunsOrDiscardsEveryAcceptedTask) {
+TEST_P(BackendExecutorShutdownTest, ReturnsAndRunsOrDiscardsEveryAcceptedTask) {
   const ShutdownCase& c = GetParam();
   stallWorkerWithBacklogAboveBound();
   std::optional<Background> third;
@@ -228,7 +229,7 @@ TEST_P(BackendShutdownTest, ReturnsAndRunsOrDiscardsEveryAcceptedTask) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Cases, BackendShutdownTest,
+    Cases, BackendExecutorShutdownTest,
     ::testing::Values(ShutdownCase{"DrainRunsBacklogAndHeldBackTask", false, true, {1, 2, 3}, 0},
                       ShutdownCase{"CancelAboveBoundDiscardsBacklog", true, false, {}, 0},
                       ShutdownCase{"CancelRefusesHeldBackTask", true, true, {}, 1}),
@@ -244,9 +245,9 @@ struct FlushCase {
 };
 void PrintTo(const FlushCase& c, std::ostream* out) { *out << c.name; }
 
-struct BackendFlushTest : BackendExecutorTest, ::testing::WithParamInterface<FlushCase> {};
+struct BackendExecutorFlushTest : BackendExecutorTest, ::testing::WithParamInterface<FlushCase> {};
 
-TEST_P(BackendFlushTest, WaitsForEarlierTasksAndNeverOutlivesTheWorker) {
+TEST_P(BackendExecutorFlushTest, WaitsForEarlierTasksAndNeverOutlivesTheWorker) {
   const FlushCase& c = GetParam();
   stallWorkerWithBacklogAboveBound();
   std::vector<int> ranWhenReturned;
@@ -283,7 +284,7 @@ TEST_P(BackendFlushTest, WaitsForEarlierTasksAndNeverOutlivesTheWorker) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Cases, BackendFlushTest,
+    Cases, BackendExecutorFlushTest,
     ::testing::Values(FlushCase{"WorkerReleased", FlushEnd::ReleaseWorker, {1, 2}},
                       FlushCase{"DrainingShutdown", FlushEnd::DrainingShutdown, {1, 2}},
                       FlushCase{"CancellingShutdown", FlushEnd::CancellingShutdown, {}}),

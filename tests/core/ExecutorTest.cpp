@@ -95,7 +95,7 @@ void PrintTo(Executor kind, std::ostream* out) {
   *out << (kind == Executor::Backend ? "Backend" : "Synchronous");
 }
 
-struct FailingTaskTest : ::testing::TestWithParam<std::tuple<Executor, Failure>> {
+struct ExecutorFailingTaskTest : ::testing::TestWithParam<std::tuple<Executor, Failure>> {
   int callbacks = 0;
   std::shared_ptr<IExecutor> executor;
   void SetUp() override {
@@ -113,7 +113,7 @@ struct FailingTaskTest : ::testing::TestWithParam<std::tuple<Executor, Failure>>
 
 // Logged with its kind and the exception's text; not a completion; the executor goes on. The
 // synchronous executor also hands the exception back and skips its activity callback.
-TEST_P(FailingTaskTest, IsLoggedWithKindAndTextAndIsNoCompletion) {
+TEST_P(ExecutorFailingTaskTest, IsLoggedWithKindAndTextAndIsNoCompletion) {
   const auto& [kind, failure] = GetParam();
   const auto before = executor->lastCompletionTime();
   {
@@ -141,7 +141,7 @@ TEST_P(FailingTaskTest, IsLoggedWithKindAndTextAndIsNoCompletion) {
   EXPECT_EQ(executor->lastCompletionTime(), completed);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, FailingTaskTest,
+INSTANTIATE_TEST_SUITE_P(Cases, ExecutorFailingTaskTest,
                          ::testing::Combine(::testing::Values(Executor::Backend,
                                                               Executor::Synchronous),
                                             ::testing::ValuesIn(kFailures)),
