@@ -4,6 +4,7 @@
 #include "core/execution/WeightedTransactionQueue.h"
 
 #include <foundation/log/LogCapture.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,7 +12,6 @@
 #include <boost/property_tree/ptree.hpp>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -26,38 +26,24 @@ namespace {
 using foundation::log::LogCapture;
 using namespace std::chrono_literals;
 
-// Runs an action on a thread of its own; finish() waits for it for at most 10 s. A hang is a
-// failure that cannot be cleaned up (the executor's shutdown or join would hang as well), so
-// the process ends there instead of blocking: CTest runs every test in a process of its own.
-class Background {
- public:
+// Runs an action on a thread of its own. finish() waits for it at most 10 s: a hang is a
+// failure that cannot be cleaned up (shutdown or join would hang as well), so the process ends
+// there instead of blocking; CTest runs every test in a process of its own.
+struct Background {
+  std::future<void> done;
   explicit Background(std::function<void()> action)
-      : thread_([this, action = std::move(action)] {
-          try {
-            action();
-            done_.set_value();
-          } catch (...) {
-            done_.set_exception(std::current_exception());
-          }
-        }) {}
+      : done(std::async(std::launch::async, std::move(action))) {}
   ~Background() { finish("a background call"); }
-
-  bool returned() { return finished_.wait_for(0s) == std::future_status::ready; }
+  bool returned() { return done.wait_for(0s) == std::future_status::ready; }
   void finish(const char* what) {
-    if (!thread_.joinable()) return;
-    if (finished_.wait_for(10s) != std::future_status::ready) {
+    if (!done.valid()) return;
+    if (done.wait_for(10s) != std::future_status::ready) {
       ADD_FAILURE() << what << " did not return within 10 s";
       std::fflush(stdout);
       std::_Exit(1);
     }
-    thread_.join();
-    finished_.get();
+    done.get();
   }
-
- private:
-  std::promise<void> done_;
-  std::future<void> finished_ = done_.get_future();
-  std::thread thread_;
 };
 
 void returnsInTime(std::function<void()> action, const char* what) {
@@ -66,11 +52,8 @@ void returnsInTime(std::function<void()> action, const char* what) {
 
 // A task that holds the worker until released, so a test can queue behind it.
 struct Stall {
-  std::promise<void> started;
-  std::promise<void> release;
+  std::promise<void> started, release;
   std::shared_future<void> released = release.get_future().share();
-  bool isReleased = false;
-
   std::function<void()> task() {
     return [this] {
       started.set_value();
@@ -78,10 +61,7 @@ struct Stall {
     };
   }
   void unblock() {
-    if (!isReleased) {
-      isReleased = true;
-      release.set_value();
-    }
+    if (released.wait_for(0s) != std::future_status::ready) release.set_value();
   }
 };
 
@@ -140,20 +120,6 @@ TEST_F(BackendExecutorTest, KeepsEachSubmittersOrder) {
   }
 }
 
-TEST_F(BackendExecutorTest, HoldsBackSubmitterOverWeightUntilNextTake) {
-  stallWorkerWithBacklogAboveBound();
-  Background third([this] { executor->execute(record(3), FILE_WRITE, 6.0); });
-  std::this_thread::sleep_for(100ms);
-  EXPECT_FALSE(third.returned()) << "12 > 10 must hold the third submitter back";
-  executor->setMaxQueueWeight(100.0);
-  std::this_thread::sleep_for(100ms);
-  EXPECT_FALSE(third.returned()) << "a new bound is only seen at the next take";
-  stall.unblock();
-  third.finish("held-back execute");
-  executor->waitForPendingToFinish();
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-}
-
 TEST_F(BackendExecutorTest, ActivityCallbackOnlyWhenIdle) {
   const auto caller = std::this_thread::get_id();
   std::thread::id callbackThread;
@@ -180,131 +146,84 @@ TEST_F(BackendExecutorTest, ActivityCallbackOnlyWhenIdle) {
   observed->join();
 }
 
-// A shutdown over a stalled worker, a backlog above the bound and possibly a submitter held
-// back by it: the shutdown returns, the held-back submitter is released, and every task is
-// either run (draining) or discarded (cancelling); a held-back task refused is named in the log.
-struct ShutdownCase {
+// Over a stalled worker, a backlog above the bound, a flush and possibly a submitter held back
+// by the bound, the executor ends one way or another. Nothing hangs: the flush returns once
+// the tasks queued before it ran (or were discarded), the held-back submitter is released and
+// its task run (draining) or refused with a record (cancelling), and after the end a flush
+// returns at once and a task is refused with the same record.
+enum class End { ReleaseWorker, DrainingShutdown, CancellingShutdown };
+struct EndCase {
   const char* name;
-  bool cancel;
+  End end;
   bool heldBackSubmitter;
   std::vector<int> ran;
   std::size_t refused;
 };
-void PrintTo(const ShutdownCase& c, std::ostream* out) { *out << c.name; }
+void PrintTo(const EndCase& c, std::ostream* out) { *out << c.name; }
 
-struct BackendExecutorShutdownTest : BackendExecutorTest,
-                                     ::testing::WithParamInterface<ShutdownCase> {};
+struct BackendExecutorEndTest : BackendExecutorTest, ::testing::WithParamInterface<EndCase> {};
 
-TEST_P(BackendExecutorShutdownTest, ReturnsAndRunsOrDiscardsEveryAcceptedTask) {
-  const ShutdownCase& c = GetParam();
+TEST_P(BackendExecutorEndTest, NeitherHangsNorLosesAcceptedWork) {
+  const EndCase& c = GetParam();
   stallWorkerWithBacklogAboveBound();
   std::optional<Background> third;
+  std::promise<void> thirdCalling;
   if (c.heldBackSubmitter) {
-    std::promise<void> calling;
     third.emplace([&] {
-      calling.set_value();
+      thirdCalling.set_value();
       executor->execute(record(3), FILE_REMOVAL, 6.0);
     });
-    calling.get_future().wait();
-    std::this_thread::sleep_for(200ms);  // into the back-pressure wait
+    thirdCalling.get_future().wait();
+  }
+  std::vector<int> ranWhenFlushed;
+  Background flush([&] {
+    executor->waitForPendingToFinish();
+    ranWhenFlushed = ran();
+  });
+  std::this_thread::sleep_for(200ms);  // both into their waits
+  EXPECT_FALSE(flush.returned()) << "returned before the tasks queued ahead of it ran";
+  if (third) {
     EXPECT_FALSE(third->returned()) << "12 > 10 must hold the third submitter back";
   }
   LogCapture capture;
-  {
-    Background shutdown([&] { executor->shutdown(c.cancel); });
-    // A cancelling shutdown must not wait for the running task; a draining one does.
-    if (c.cancel) shutdown.finish("shutdown(true)");
+  if (c.end == End::CancellingShutdown) {
+    // Returns without waiting for the running task, and releases the flush.
+    returnsInTime([this] { executor->shutdown(true); }, "shutdown(true)");
+    flush.finish("flush during a cancelling shutdown");
     stall.unblock();
-    shutdown.finish("shutdown");
+  } else {
+    std::optional<Background> shutdown;
+    if (c.end == End::DrainingShutdown) shutdown.emplace([this] { executor->shutdown(false); });
+    stall.unblock();
+    flush.finish("flush");
+    EXPECT_THAT(ranWhenFlushed, ::testing::IsSupersetOf({1, 2}));
   }
   if (third) third->finish("held-back execute");
+  returnsInTime([this] { executor->shutdown(false); }, "shutdown");
   returnsInTime([this] { executor->join(); }, "join");
+  returnsInTime([this] { executor->waitForPendingToFinish(); }, "flush after shutdown");
+  const int activityBefore = activity;
+  executor->execute(record(4), FILE_COPY, 1.0);  // refused, and no activity
+  EXPECT_EQ(activity, activityBefore);
   EXPECT_EQ(order, c.ran);
   EXPECT_EQ(
       capture.count("Attempted to execute task when no longer accepting.", foundation::log::error),
-      c.refused);
+      c.refused + 1);
   EXPECT_EQ(capture.count("ObservableTransactionType: FILE_REMOVAL", foundation::log::debug),
             c.refused);
-  EXPECT_EQ(capture.count("Cancelling outstanding", foundation::log::debug), c.cancel ? 1u : 0u);
+  EXPECT_EQ(capture.count("ObservableTransactionType: FILE_COPY", foundation::log::debug), 1u);
+  EXPECT_EQ(capture.count("Cancelling outstanding", foundation::log::debug),
+            c.end == End::CancellingShutdown ? 1u : 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Cases, BackendExecutorShutdownTest,
-    ::testing::Values(ShutdownCase{"DrainRunsBacklogAndHeldBackTask", false, true, {1, 2, 3}, 0},
-                      ShutdownCase{"CancelAboveBoundDiscardsBacklog", true, false, {}, 0},
-                      ShutdownCase{"CancelRefusesHeldBackTask", true, true, {}, 1}),
+    Cases, BackendExecutorEndTest,
+    ::testing::Values(
+        EndCase{"WorkerReleased", End::ReleaseWorker, false, {1, 2}, 0},
+        EndCase{"DrainRunsBacklogAndHeldBackTask", End::DrainingShutdown, true, {1, 2, 3}, 0},
+        EndCase{"CancelAboveBoundDiscardsBacklog", End::CancellingShutdown, false, {}, 0},
+        EndCase{"CancelRefusesHeldBackTask", End::CancellingShutdown, true, {}, 1}),
     ::testing::PrintToStringParamName());
-
-// A flush waits for the tasks queued before it (and not on the weight bound), is released by
-// whatever ends the executor, and returns at once after the worker has ended.
-enum class FlushEnd { ReleaseWorker, DrainingShutdown, CancellingShutdown };
-struct FlushCase {
-  const char* name;
-  FlushEnd end;
-  std::vector<int> ranWhenFlushReturned;
-};
-void PrintTo(const FlushCase& c, std::ostream* out) { *out << c.name; }
-
-struct BackendExecutorFlushTest : BackendExecutorTest, ::testing::WithParamInterface<FlushCase> {};
-
-TEST_P(BackendExecutorFlushTest, WaitsForEarlierTasksAndNeverOutlivesTheWorker) {
-  const FlushCase& c = GetParam();
-  stallWorkerWithBacklogAboveBound();
-  std::vector<int> ranWhenReturned;
-  Background flush([&] {
-    executor->waitForPendingToFinish();
-    ranWhenReturned = ran();
-  });
-  std::this_thread::sleep_for(100ms);
-  EXPECT_FALSE(flush.returned()) << "returned before the tasks queued ahead of it ran";
-  switch (c.end) {
-    case FlushEnd::ReleaseWorker:
-      stall.unblock();
-      flush.finish("flush");
-      break;
-    case FlushEnd::DrainingShutdown: {
-      Background shutdown([this] { executor->shutdown(false); });
-      stall.unblock();
-      flush.finish("flush during a draining shutdown");
-      shutdown.finish("shutdown(false)");
-      break;
-    }
-    case FlushEnd::CancellingShutdown:
-      returnsInTime([this] { executor->shutdown(true); }, "shutdown(true)");
-      flush.finish("flush during a cancelling shutdown");
-      stall.unblock();
-      break;
-  }
-  EXPECT_EQ(ranWhenReturned, c.ranWhenFlushReturned);
-  if (!executor->isStopped()) {
-    returnsInTime([this] { executor->shutdown(false); }, "shutdown(false)");
-  }
-  returnsInTime([this] { executor->join(); }, "join");
-  returnsInTime([this] { executor->waitForPendingToFinish(); }, "flush after shutdown");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, BackendExecutorFlushTest,
-    ::testing::Values(FlushCase{"WorkerReleased", FlushEnd::ReleaseWorker, {1, 2}},
-                      FlushCase{"DrainingShutdown", FlushEnd::DrainingShutdown, {1, 2}},
-                      FlushCase{"CancellingShutdown", FlushEnd::CancellingShutdown, {}}),
-    ::testing::PrintToStringParamName());
-
-TEST_F(BackendExecutorTest, ExecuteAfterShutdownIsLoggedAndDropped) {
-  executor->shutdown(false);
-  executor->join();
-  LogCapture capture;
-  executor->execute(record(1), FILE_COPY, 1.0);
-  const auto records = capture.records();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].severity, foundation::log::error);
-  EXPECT_EQ(records[0].message, "Attempted to execute task when no longer accepting.");
-  EXPECT_EQ(records[0].channel, "storage::overlayprovider");
-  EXPECT_EQ(records[1].severity, foundation::log::debug);
-  EXPECT_EQ(records[1].message, "ObservableTransactionType: FILE_COPY");
-  EXPECT_TRUE(order.empty());
-  EXPECT_EQ(activity, 0);
-}
 
 TEST(BackendExecutorLogTest, ReportsMaxWeightAtStartAndOnUpdate) {
   LogCapture capture;

@@ -90,21 +90,14 @@ const Failure kFailures[] = {
     {"EmptyTask", {}, "bad_function_call"},
 };
 
-enum class Executor { Backend, Synchronous };
-void PrintTo(Executor kind, std::ostream* out) {
-  *out << (kind == Executor::Backend ? "Backend" : "Synchronous");
-}
-
-struct ExecutorFailingTaskTest : ::testing::TestWithParam<std::tuple<Executor, Failure>> {
+// Parameters: whether the executor is the synchronous one, and how the task fails.
+struct ExecutorFailingTaskTest : ::testing::TestWithParam<std::tuple<bool, Failure>> {
+  const bool synchronous = std::get<0>(GetParam());
   int callbacks = 0;
-  std::shared_ptr<IExecutor> executor;
-  void SetUp() override {
-    if (std::get<0>(GetParam()) == Executor::Backend) {
-      executor = std::make_shared<BackendExecutor>([] {}, 0.0);
-    } else {
-      executor = std::make_shared<SynchronousExecutor>([this] { ++callbacks; });
-    }
-  }
+  std::shared_ptr<IExecutor> executor =
+      synchronous ? std::shared_ptr<IExecutor>(
+                        std::make_shared<SynchronousExecutor>([this] { ++callbacks; }))
+                  : std::make_shared<BackendExecutor>([] {}, 0.0);
   void TearDown() override {
     executor->shutdown(false);
     executor->join();
@@ -114,11 +107,11 @@ struct ExecutorFailingTaskTest : ::testing::TestWithParam<std::tuple<Executor, F
 // Logged with its kind and the exception's text; not a completion; the executor goes on. The
 // synchronous executor also hands the exception back and skips its activity callback.
 TEST_P(ExecutorFailingTaskTest, IsLoggedWithKindAndTextAndIsNoCompletion) {
-  const auto& [kind, failure] = GetParam();
+  const Failure& failure = std::get<1>(GetParam());
   const auto before = executor->lastCompletionTime();
   {
     LogCapture capture;
-    if (kind == Executor::Synchronous) {
+    if (synchronous) {
       EXPECT_ANY_THROW(executor->execute(failure.task, FILE_MOVE, 1.0));
       EXPECT_EQ(callbacks, 0);
     } else {
@@ -142,11 +135,9 @@ TEST_P(ExecutorFailingTaskTest, IsLoggedWithKindAndTextAndIsNoCompletion) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, ExecutorFailingTaskTest,
-                         ::testing::Combine(::testing::Values(Executor::Backend,
-                                                              Executor::Synchronous),
-                                            ::testing::ValuesIn(kFailures)),
+                         ::testing::Combine(::testing::Bool(), ::testing::ValuesIn(kFailures)),
                          [](const auto& info) {
-                           return ::testing::PrintToString(std::get<0>(info.param)) +
+                           return std::string(std::get<0>(info.param) ? "Synchronous" : "Backend") +
                                   std::get<1>(info.param).name;
                          });
 
