@@ -1,13 +1,22 @@
-// BackendExecutor: ordering, back-pressure, shutdown and its records.
+// BackendExecutor and its WeightedTransactionQueue: ordering, back-pressure and the weight it
+// keeps, shutdowns and flushes that must neither hang nor lose accepted work, and the records.
 #include "core/execution/BackendExecutor.h"
+#include "core/execution/WeightedTransactionQueue.h"
 
 #include <foundation/log/LogCapture.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -17,13 +26,34 @@ namespace {
 using foundation::log::LogCapture;
 using namespace std::chrono_literals;
 
+// Runs an action on a thread of its own. finish() waits for it at most 10 s: a hang is a
+// failure that cannot be cleaned up (shutdown or join would hang as well), so the process ends
+// there instead of blocking; CTest runs every test in a process of its own.
+struct Background {
+  std::future<void> done;
+  explicit Background(std::function<void()> action)
+      : done(std::async(std::launch::async, std::move(action))) {}
+  ~Background() { finish("a background call"); }
+  bool returned() { return done.wait_for(0s) == std::future_status::ready; }
+  void finish(const char* what) {
+    if (!done.valid()) return;
+    if (done.wait_for(10s) != std::future_status::ready) {
+      ADD_FAILURE() << what << " did not return within 10 s";
+      std::fflush(stdout);
+      std::_Exit(1);
+    }
+    done.get();
+  }
+};
+
+void returnsInTime(std::function<void()> action, const char* what) {
+  Background(std::move(action)).finish(what);
+}
+
 // A task that holds the worker until released, so a test can queue behind it.
 struct Stall {
-  std::promise<void> started;
-  std::promise<void> release;
+  std::promise<void> started, release;
   std::shared_future<void> released = release.get_future().share();
-  bool isReleased = false;
-
   std::function<void()> task() {
     return [this] {
       started.set_value();
@@ -31,10 +61,7 @@ struct Stall {
     };
   }
   void unblock() {
-    if (!isReleased) {
-      isReleased = true;
-      release.set_value();
-    }
+    if (released.wait_for(0s) != std::future_status::ready) release.set_value();
   }
 };
 
@@ -52,16 +79,23 @@ struct BackendExecutorTest : ::testing::Test {
       order.push_back(id);
     };
   }
-  void stallWorker() {
+  std::vector<int> ran() {
+    std::lock_guard lock(orderMutex);
+    return order;
+  }
+  // The stalled task is taken, so its weight is given back; then 6 + 6 waits: 12 > 10.
+  void stallWorkerWithBacklogAboveBound() {
     executor->execute(stall.task(), FILE_WRITE, 6.0);
     stall.started.get_future().wait();
+    executor->execute(record(1), FILE_WRITE, 6.0);
+    executor->execute(record(2), FILE_WRITE, 6.0);  // 6 <= 10 before adding: accepted
   }
   void TearDown() override {
     stall.unblock();
     if (!executor->isStopped()) {
-      executor->shutdown(false);
+      returnsInTime([this] { executor->shutdown(false); }, "shutdown(false)");
     }
-    executor->join();
+    returnsInTime([this] { executor->join(); }, "join");
   }
 };
 
@@ -86,125 +120,150 @@ TEST_F(BackendExecutorTest, KeepsEachSubmittersOrder) {
   }
 }
 
-TEST_F(BackendExecutorTest, HoldsBackSubmitterOverWeightUntilNextTake) {
-  stallWorker();  // taken, so its weight is given back
-  executor->execute(record(1), FILE_WRITE, 6.0);
-  executor->execute(record(2), FILE_WRITE, 6.0);  // 6 <= 10 before adding: accepted, now 12
-  std::atomic<bool> thirdReturned{false};
-  std::thread third([&] {
-    executor->execute(record(3), FILE_WRITE, 6.0);
-    thirdReturned = true;
-  });
-  std::this_thread::sleep_for(100ms);
-  EXPECT_FALSE(thirdReturned) << "12 > 10 must hold the third submitter back";
-  executor->setMaxQueueWeight(100.0);
-  std::this_thread::sleep_for(100ms);
-  EXPECT_FALSE(thirdReturned) << "a new bound is only seen at the next take";
-  stall.unblock();
-  third.join();
-  executor->waitForPendingToFinish();
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-}
-
 TEST_F(BackendExecutorTest, ActivityCallbackOnlyWhenIdle) {
-  const auto caller = std::this_thread::get_id();
-  std::thread::id callbackThread;
-  auto observed = std::make_shared<BackendExecutor>(
-      [&] {
-        callbackThread = std::this_thread::get_id();
-        ++activity;
-      },
-      0.0);
-  Stall local;
   // Whether this first submission finds the worker idle races with the worker's start (the
   // worker counts as busy while it waits for work), so only "at most once" is certain.
-  observed->execute(local.task(), FILE_CREATION, 1.0);
-  const int first = activity;
+  executor->execute(stall.task(), FILE_CREATION, 1.0);
+  const int first = activity;  // called, if at all, on this thread before execute returned
   EXPECT_LE(first, 1);
-  if (first == 1) {
-    EXPECT_EQ(callbackThread, caller);
-  }
-  local.started.get_future().wait();
-  observed->execute([] {}, FILE_CLOSE, 1.0);  // worker busy: no new activity
+  stall.started.get_future().wait();
+  executor->execute([] {}, FILE_CLOSE, 1.0);  // worker busy: no new activity
   EXPECT_EQ(activity, first);
-  local.unblock();
-  observed->shutdown(false);
-  observed->join();
 }
 
-TEST_F(BackendExecutorTest, FailingTasksNeitherStopWorkerNorCountAsCompleted) {
-  executor->waitForPendingToFinish();
-  const auto start = executor->lastCompletionTime();
-  executor->execute([] { throw std::runtime_error("inner store down"); }, FILE_MOVE, 1.0);
-  executor->execute({}, FILE_MOVE, 1.0);
-  executor->waitForPendingToFinish();
-  EXPECT_EQ(executor->lastCompletionTime(), start);
-  executor->execute(record(7), FILE_MOVE, 1.0);
-  executor->waitForPendingToFinish();
-  EXPECT_EQ(order, std::vector<int>{7});
-  const auto completed = executor->lastCompletionTime();
-  EXPECT_GT(completed, start);
-  executor->waitForPendingToFinish();  // markers are not completions
-  EXPECT_EQ(executor->lastCompletionTime(), completed);
-}
+// Over a stalled worker, a backlog above the bound, a flush and possibly a submitter held back
+// by the bound, the executor ends one way or another. Nothing hangs: the flush returns once
+// the tasks queued before it ran (or were discarded), the held-back submitter is released and
+// its task run (draining) or refused with a record (cancelling), and after the end a flush
+// returns at once and a task is refused with the same record.
+enum class End { ReleaseWorker, DrainingShutdown, CancellingShutdown };
+struct EndCase {
+  const char* name;
+  End end;
+  bool heldBackSubmitter;
+  std::vector<int> ran;
+  std::size_t refused;
+};
+void PrintTo(const EndCase& c, std::ostream* out) { *out << c.name; }
 
-TEST_F(BackendExecutorTest, ShutdownDrainsQueuedTasks) {
-  stallWorker();
-  for (int i = 1; i <= 3; ++i) executor->execute(record(i), FILE_WRITE, 1.0);
-  auto shutdown = std::async(std::launch::async, [this] { executor->shutdown(false); });
-  stall.unblock();
-  shutdown.get();
-  executor->join();
-  EXPECT_TRUE(executor->isStopped());
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-}
+struct BackendExecutorEndTest : BackendExecutorTest, ::testing::WithParamInterface<EndCase> {};
 
-TEST_F(BackendExecutorTest, ShutdownWithCancelDiscardsQueuedTasks) {
-  stallWorker();
-  executor->execute(record(1), FILE_WRITE, 1.0);
-  executor->execute(record(2), FILE_WRITE, 1.0);
+TEST_P(BackendExecutorEndTest, NeitherHangsNorLosesAcceptedWork) {
+  const EndCase& c = GetParam();
+  stallWorkerWithBacklogAboveBound();
+  std::optional<Background> third;
+  std::promise<void> thirdCalling;
+  if (c.heldBackSubmitter) {
+    third.emplace([&] {
+      thirdCalling.set_value();
+      executor->execute(record(3), FILE_REMOVAL, 6.0);
+    });
+    thirdCalling.get_future().wait();
+  }
+  std::vector<int> ranWhenFlushed;
+  Background flush([&] {
+    executor->waitForPendingToFinish();
+    ranWhenFlushed = ran();
+  });
+  std::this_thread::sleep_for(200ms);  // both into their waits
+  EXPECT_FALSE(flush.returned()) << "returned before the tasks queued ahead of it ran";
+  if (third) {
+    EXPECT_FALSE(third->returned()) << "12 > 10 must hold the third submitter back";
+  }
   LogCapture capture;
-  executor->shutdown(true);
-  stall.unblock();
-  executor->join();
-  EXPECT_TRUE(order.empty());
-  EXPECT_EQ(capture.count("Cancelling outstanding", foundation::log::debug), 1u);
-}
-
-TEST_F(BackendExecutorTest, ExecuteAfterShutdownIsLoggedAndDropped) {
-  executor->shutdown(false);
-  executor->join();
-  LogCapture capture;
-  executor->execute(record(1), FILE_COPY, 1.0);
-  const auto records = capture.records();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].severity, foundation::log::error);
-  EXPECT_EQ(records[0].message, "Attempted to execute task when no longer accepting.");
-  EXPECT_EQ(records[0].channel, "storage::overlayprovider");
-  EXPECT_EQ(records[1].severity, foundation::log::debug);
-  EXPECT_EQ(records[1].message, "ObservableTransactionType: FILE_COPY");
-  EXPECT_TRUE(order.empty());
-  EXPECT_EQ(activity, 0);
-}
-
-TEST(BackendExecutorLogTest, ReportsMaxWeightAtStartAndOnUpdate) {
-  LogCapture capture;
-  auto executor = std::make_shared<BackendExecutor>([] {}, 10.0);
-  executor->setMaxQueueWeight(2.5);
-  executor->shutdown(false);
-  executor->join();
-  EXPECT_EQ(capture.count("BackendExecutor initialized with a max queue weight of 10",
-                          foundation::log::notice),
-            1u);
+  if (c.end == End::CancellingShutdown) {
+    // Returns without waiting for the running task, and releases the flush.
+    returnsInTime([this] { executor->shutdown(true); }, "shutdown(true)");
+    flush.finish("flush during a cancelling shutdown");
+    stall.unblock();
+  } else {
+    std::optional<Background> shutdown;
+    if (c.end == End::DrainingShutdown) shutdown.emplace([this] { executor->shutdown(false); });
+    stall.unblock();
+    flush.finish("flush");
+    EXPECT_THAT(ranWhenFlushed, ::testing::IsSupersetOf({1, 2}));
+  }
+  if (third) third->finish("held-back execute");
+  returnsInTime([this] { executor->shutdown(false); }, "shutdown");
+  returnsInTime([this] { executor->join(); }, "join");
+  returnsInTime([this] { executor->waitForPendingToFinish(); }, "flush after shutdown");
+  const int activityBefore = activity;
+  executor->execute(record(4), FILE_COPY, 1.0);  // refused, and no activity
+  EXPECT_EQ(activity, activityBefore);
+  EXPECT_EQ(order, c.ran);
   EXPECT_EQ(
-      capture.count("Updating BackendExecutor max queue weight to 2.5", foundation::log::notice),
-      1u);
+      capture.count("Attempted to execute task when no longer accepting.", foundation::log::error),
+      c.refused + 1);
+  EXPECT_EQ(capture.count("ObservableTransactionType: FILE_REMOVAL", foundation::log::debug),
+            c.refused);
+  EXPECT_EQ(capture.count("ObservableTransactionType: FILE_COPY", foundation::log::debug), 1u);
+  EXPECT_EQ(capture.count("Cancelling outstanding", foundation::log::debug),
+            c.end == End::CancellingShutdown ? 1u : 0u);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, BackendExecutorEndTest,
+    ::testing::Values(
+        EndCase{"WorkerReleased", End::ReleaseWorker, false, {1, 2}, 0},
+        EndCase{"DrainRunsBacklogAndHeldBackTask", End::DrainingShutdown, true, {1, 2, 3}, 0},
+        EndCase{"CancelAboveBoundDiscardsBacklog", End::CancellingShutdown, false, {}, 0},
+        EndCase{"CancelRefusesHeldBackTask", End::CancellingShutdown, true, {}, 1}),
+    ::testing::PrintToStringParamName());
 
 TEST(BackendExecutorDeathTest, DestroyingWithoutJoinTerminates) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH({ std::make_shared<BackendExecutor>([] {}, 0.0).reset(); }, "");
 }
+
+// The queue gives back exactly the weight a push added, however the bound changed meanwhile
+// and whether the entry is taken or discarded; a submitter held back meanwhile gets in. The
+// test thread is the worker.
+enum class Leave { Take, Discard };
+struct WeightCase {
+  const char* name;
+  double boundAtPush;
+  double boundWhenLeaving;
+  double boundAfter;
+  Leave leave;
+};
+void PrintTo(const WeightCase& c, std::ostream* out) { *out << c.name; }
+
+struct QueueWeightTest : ::testing::TestWithParam<WeightCase> {};
+
+double weightOf(WeightedTransactionQueue& queue) {
+  std::istringstream in(queue.captureMetrics());
+  boost::property_tree::ptree tree;
+  boost::property_tree::read_json(in, tree);
+  return tree.get<double>("overlay.queueStats.weight");
+}
+
+TEST_P(QueueWeightTest, GivesBackWhatPushAdded) {
+  const WeightCase& c = GetParam();
+  WeightedTransactionQueue queue(c.boundAtPush);
+  const auto entry = [](double weight) {
+    return QueuedTransaction([] {}, false, weight, FILE_WRITE);
+  };
+  queue.push(entry(6.0));
+  Background second([&] { queue.push(entry(1.0)); });  // held back while 6 > a bound of 1
+  queue.setMaxWeight(c.boundWhenLeaving);
+  if (c.leave == Leave::Take) {
+    queue.take();
+  } else {
+    queue.discardAll();
+  }
+  second.finish("push held back before the first entry left");
+  queue.setMaxWeight(c.boundAfter);
+  queue.take();
+  EXPECT_EQ(weightOf(queue), 0.0);
+  returnsInTime([&] { queue.push(entry(1.0)); }, "push into an empty queue");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, QueueWeightTest,
+    ::testing::Values(WeightCase{"BoundDroppedThenRaised", 1.0, 0.0, 5.0, Leave::Take},
+                      WeightCase{"BoundSetAfterUnboundedPush", 0.0, 1.0, 1.0, Leave::Take},
+                      WeightCase{"DiscardedUnderBound", 1.0, 1.0, 1.0, Leave::Discard}),
+    ::testing::PrintToStringParamName());
 
 }  // namespace
 }  // namespace storage::overlayprovider

@@ -1,15 +1,24 @@
-// ObservableTransactionType's text and the SynchronousExecutor.
+// ObservableTransactionType's text, the SynchronousExecutor, and what both executors do with a
+// task that fails.
+#include "core/execution/BackendExecutor.h"
 #include "core/execution/ObservableTransactionType.h"
 #include "core/execution/SynchronousExecutor.h"
 
+#include <foundation/core/except/IException.h>
+#include <foundation/log/LogCapture.h>
 #include <gtest/gtest.h>
 
+#include <boost/exception/info.hpp>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <string>
+#include <tuple>
 
 namespace storage::overlayprovider {
 namespace {
+
+using foundation::log::LogCapture;
 
 std::string text(ObservableTransactionType type) {
   std::ostringstream out;
@@ -35,21 +44,6 @@ struct SynchronousExecutorTest : ::testing::Test {
       std::make_shared<SynchronousExecutor>([this] { ++callbacks; });
 };
 
-TEST_F(SynchronousExecutorTest, RunsTaskThenCallbackAndRecordsCompletion) {
-  const auto before = executor->lastCompletionTime();
-  int runs = 0;
-  executor->execute(
-      [&] {
-        EXPECT_EQ(callbacks, 0) << "callback ran before the task";
-        ++runs;
-      },
-      FILE_WRITE, 3.0);
-  EXPECT_EQ(runs, 1);
-  EXPECT_EQ(callbacks, 1);
-  EXPECT_GE(executor->lastCompletionTime(), before);
-  EXPECT_TRUE(executor->isQueueEmpty());
-}
-
 TEST_F(SynchronousExecutorTest, AfterShutdownDropsTaskButStillCallsCallback) {
   executor->shutdown(false);
   EXPECT_TRUE(executor->isStopped());
@@ -61,15 +55,83 @@ TEST_F(SynchronousExecutorTest, AfterShutdownDropsTaskButStillCallsCallback) {
   EXPECT_EQ(executor->lastCompletionTime(), before);
 }
 
-TEST_F(SynchronousExecutorTest, ThrowingTaskLeavesTimeAndCallbackUntouched) {
+// The framework's own exceptions are not std::exceptions; their text travels as error info.
+struct StoreUnreachable : foundation::core::except::IInternalException {
+  const char* what() const noexcept override { return "store unreachable"; }
+};
+using FailureDetail = boost::error_info<struct FailureDetailTag, std::string>;
+
+struct Failure {
+  const char* name;
+  std::function<void()> task;
+  std::string diagnostic;  // part of the logged diagnostic text
+};
+void PrintTo(const Failure& failure, std::ostream* out) { *out << failure.name; }
+
+const Failure kFailures[] = {
+    {"StdException", [] { throw std::runtime_error("inner store down"); }, "inner store down"},
+    {"InternalException", [] { throw StoreUnreachable() << FailureDetail("no route to store"); },
+     "no route to store"},
+    {"EmptyTask", {}, "bad_function_call"},
+};
+
+// Parameters: whether the executor is the synchronous one, and how the task fails.
+struct ExecutorFailingTaskTest : ::testing::TestWithParam<std::tuple<bool, Failure>> {
+  const bool synchronous = std::get<0>(GetParam());
+  int callbacks = 0;
+  std::shared_ptr<IExecutor> executor =
+      synchronous ? std::shared_ptr<IExecutor>(
+                        std::make_shared<SynchronousExecutor>([this] { ++callbacks; }))
+                  : std::make_shared<BackendExecutor>([] {}, 0.0);
+  void TearDown() override {
+    executor->shutdown(false);
+    executor->join();
+  }
+};
+
+// Logged with its kind and the exception's text; not a completion; the executor goes on to
+// run the next task. The synchronous executor also hands the exception back and skips its
+// activity callback, which it calls after a task that succeeds.
+TEST_P(ExecutorFailingTaskTest, IsLoggedWithKindAndTextAndIsNoCompletion) {
+  const Failure& failure = std::get<1>(GetParam());
   const auto before = executor->lastCompletionTime();
-  EXPECT_THROW(executor->execute([] { throw std::runtime_error("inner"); }, FILE_MOVE, 0.0),
-               std::runtime_error);
-  EXPECT_EQ(callbacks, 0);
+  {
+    LogCapture capture;
+    if (synchronous) {
+      EXPECT_ANY_THROW(executor->execute(failure.task, FILE_MOVE, 1.0));
+      EXPECT_EQ(callbacks, 0);
+    } else {
+      executor->execute(failure.task, FILE_MOVE, 1.0);
+      executor->waitForPendingToFinish();
+    }
+    EXPECT_EQ(capture.count("Task of kind FILE_MOVE failed", foundation::log::error), 1u);
+    const auto details = capture.matching("Exception caught: ", foundation::log::exception);
+    ASSERT_EQ(details.size(), 1u);
+    EXPECT_NE(details[0].message.find(failure.diagnostic), std::string::npos) << details[0].message;
+  }
   EXPECT_EQ(executor->lastCompletionTime(), before);
-  EXPECT_THROW(executor->execute({}, FILE_MOVE, 0.0), std::bad_function_call);
-  EXPECT_EQ(callbacks, 0);
+  int runs = 0;
+  executor->execute(
+      [&] {
+        EXPECT_EQ(callbacks, 0) << "the activity callback ran before the task";
+        ++runs;
+      },
+      FILE_CLOSE, 1.0);
+  executor->waitForPendingToFinish();
+  EXPECT_EQ(runs, 1);
+  EXPECT_EQ(callbacks, synchronous ? 1 : 0);
+  const auto completed = executor->lastCompletionTime();
+  EXPECT_GT(completed, before);
+  executor->waitForPendingToFinish();  // a flush is no completion
+  EXPECT_EQ(executor->lastCompletionTime(), completed);
 }
+
+INSTANTIATE_TEST_SUITE_P(Cases, ExecutorFailingTaskTest,
+                         ::testing::Combine(::testing::Bool(), ::testing::ValuesIn(kFailures)),
+                         [](const auto& info) {
+                           return std::string(std::get<0>(info.param) ? "Synchronous" : "Backend") +
+                                  std::get<1>(info.param).name;
+                         });
 
 }  // namespace
 }  // namespace storage::overlayprovider

@@ -119,11 +119,15 @@ TEST_F(QueueMetricsTest, OnlyExactlyTrueDisablesCapture) {
   EXPECT_EQ(counter(stats, "totalOverTime", "close"), 0);
 }
 
-TEST_F(QueueMetricsTest, ExecutorLogsSnapshotOnRequest) {
-  auto executor = std::make_shared<BackendExecutor>([] {}, 0.0);
+TEST_F(QueueMetricsTest, ExecutorLogsItsBoundAndASnapshotOnRequest) {
+  LogCapture capture;
+  auto executor = std::make_shared<BackendExecutor>([] {}, 10.0);
+  executor->setMaxQueueWeight(2.5);
+  EXPECT_EQ(capture.count("BackendExecutor initialized with a max queue weight of 10", notice), 1u);
+  EXPECT_EQ(capture.count("Updating BackendExecutor max queue weight to 2.5", notice), 1u);
   executor->execute([] {}, FILE_COPY, 1.0);
   executor->waitForPendingToFinish();
-  LogCapture capture;
+  capture.clear();
   executor->captureQueueMetrics();
   const auto snapshots = capture.matching("queueStats", notice);
   ASSERT_EQ(snapshots.size(), 1u);

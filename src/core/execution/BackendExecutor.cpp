@@ -7,6 +7,19 @@
 
 namespace storage::overlayprovider {
 
+namespace {
+
+// For a catch block: names the failed task's kind, then the exception's diagnostic text.
+void logFailedTask(ObservableTransactionType type) noexcept {
+  try {
+    OVERLAY_LOG(foundation::log::error) << "Task of kind " << type << " failed";
+  } catch (...) {
+  }
+  logCaughtException(nullptr);
+}
+
+}  // namespace
+
 BackendExecutor::BackendExecutor(std::function<void()> activityCallback, double maxQueueWeight)
     : activityCallback_(std::move(activityCallback)),
       queue_(maxQueueWeight),
@@ -24,9 +37,8 @@ BackendExecutor::~BackendExecutor() {
 
 void BackendExecutor::execute(const std::function<void()>& task, ObservableTransactionType type,
                               double weight) {
-  if (closed_.load()) {
-    OVERLAY_LOG(foundation::log::error) << "Attempted to execute task when no longer accepting.";
-    OVERLAY_LOG(foundation::log::debug) << "ObservableTransactionType: " << type;
+  if (queue_.isClosed()) {
+    logRefused(type);
     return;
   }
   if (queue_.isEmpty() && !busy_.load()) {
@@ -35,15 +47,31 @@ void BackendExecutor::execute(const std::function<void()>& task, ObservableTrans
     }
     activityCallback_();
   }
-  queue_.push(QueuedTransaction(task, false, weight, type));
+  // The closed test above only spares a refused task the activity callback; the one that
+  // counts is made by push, under the queue's mutex, together with the acceptance.
+  if (!queue_.push(QueuedTransaction(task, false, weight, type))) {
+    logRefused(type);
+  }
+}
+
+void BackendExecutor::logRefused(ObservableTransactionType type) {
+  OVERLAY_LOG(foundation::log::error) << "Attempted to execute task when no longer accepting.";
+  OVERLAY_LOG(foundation::log::debug) << "ObservableTransactionType: " << type;
 }
 
 void BackendExecutor::runWorker() {
-  while (!stopped_.load()) {
-    runOne();
-    if (stopped_.load()) {
-      break;
+  try {
+    while (!stopped_.load()) {
+      runOne();
     }
+  } catch (...) {
+    logCaughtException("BackendExecutor worker ended by an unexpected exception");
+  }
+  try {
+    // Releases flushes and held-back submitters, refuses later tasks, discards leftovers.
+    queue_.workerEnded();
+  } catch (...) {
+    logCaughtException("BackendExecutor worker could not close its queue");
   }
 }
 
@@ -52,25 +80,26 @@ void BackendExecutor::runOne() {
   QueuedTransaction entry = queue_.take();
   if (!entry.internal) {
     // The provider's tasks report their own failures (runWithRetry logs them); whatever
-    // still escapes must not end the worker and strand the rest of the queue.
+    // still escapes must not end the worker and strand the rest of the queue, nor vanish.
     try {
       entry.task();
       lastCompletion_.store(std::chrono::system_clock::now());
     } catch (...) {
+      logFailedTask(entry.type);
     }
   }
   busy_.store(false);
 }
 
 void BackendExecutor::shutdown(bool cancelOutstanding) {
-  closed_.store(true);
   if (cancelOutstanding) {
     OVERLAY_LOG(foundation::log::debug) << "Cancelling outstanding";
-    queue_.discardAll();
   }
+  queue_.close(cancelOutstanding);
   queue_.waitUntilEmpty();
   stopped_.store(true);
-  // The worker may be asleep on an empty queue: give it one entry to wake up to.
+  // The worker may be asleep on an empty queue: give it one entry to wake up to. A marker
+  // never waits on the bound.
   queue_.push(QueuedTransaction::marker());
 }
 
@@ -89,10 +118,7 @@ std::chrono::system_clock::time_point BackendExecutor::lastCompletionTime() {
 
 bool BackendExecutor::isQueueEmpty() { return queue_.isEmpty(); }
 
-void BackendExecutor::waitForPendingToFinish() {
-  queue_.push(QueuedTransaction::marker());
-  queue_.waitUntilEmpty();
-}
+void BackendExecutor::waitForPendingToFinish() { queue_.waitForEarlierEntries(); }
 
 void BackendExecutor::setMaxQueueWeight(double maxWeight) {
   OVERLAY_LOG(foundation::log::notice)

@@ -6,6 +6,24 @@
 // Back-pressure: each task carries a weight; while more than the max queue weight is waiting,
 // execute() blocks the submitter (see WeightedTransactionQueue).
 //
+// Neither the host's exit nor accepted work may be lost to a shutdown, hence these rules:
+//   - A task execute() accepted is run, or discarded by a cancelling shutdown; never left
+//     queued behind a worker that has ended. The closed test and the acceptance are one step
+//     under the queue's mutex: a test first and a push later let a task slip in after the
+//     worker's last take, where it was neither run nor reported. A task arriving once shutdown
+//     has begun is refused with an error record naming its kind.
+//   - A submitter held back by the bound when shutdown begins is released: its task is run
+//     when the shutdown drains, refused (with that record) when it cancels. Left waiting, it
+//     would wait for ever, since no take would come.
+//   - Shutdown's wake-up marker and a flush's marker do not wait on the bound: a cancelled
+//     backlog above the bound would otherwise block shutdown, and so the host's exit, for
+//     ever, and a flush would queue behind back-pressure for longer than the drain takes.
+//   - waitForPendingToFinish returns once every task submitted before it has run, and at once
+//     when the worker will take nothing more (after a cancelling shutdown, or once it has
+//     ended): a flush after shutdown would otherwise wait for a worker that is gone.
+//   - A task that throws is logged with its kind and the exception's diagnostic text (also
+//     when it is not a std::exception, like the framework's own), and the worker goes on.
+//
 // Ownership and lifetime: made with std::make_shared and owned by the provider as
 // std::shared_ptr<IExecutor>. The owner must call shutdown() and then join() before the last
 // reference goes: destroying an executor whose worker is still joinable calls
@@ -44,18 +62,19 @@ class BackendExecutor : public IExecutor {
   // has begun the task is dropped with an error record naming its kind.
   void execute(const std::function<void()>& task, ObservableTransactionType type,
                double weight) override;
-  // Stops accepting tasks; without cancelOutstanding waits until the worker has taken every
-  // queued task (draining), with it discards them unrun. Then tells the worker to end. Does
-  // not join. Beware: a cancelled backlog keeps its weight, so if that weight was above the
-  // bound, the final wake-up push blocks for good.
+  // Stops accepting tasks and releases held-back submitters; without cancelOutstanding waits
+  // until the worker has taken every accepted task (draining), with it discards them unrun.
+  // Then tells the worker to end. Does not join, nor wait for a task already running when it
+  // cancels. Calling it again is harmless; a cancelling call during a draining one cancels.
   void shutdown(bool cancelOutstanding) override;
   void join() override;
   bool isStopped() override;
   std::chrono::system_clock::time_point lastCompletionTime() override;
   bool isQueueEmpty() override;
-  // Queues a no-op marker and waits until the queue is empty, so every task submitted before
-  // the call has been taken. Checks no flags: once the worker has ended (after shutdown) it
-  // never returns. Subject to the weight bound like any submission.
+  // Queues a no-op marker (past the weight bound) and waits until the worker has taken it,
+  // so every task submitted before the call has run; later submissions do not hold it up.
+  // Returns early, or at once, when a cancelling shutdown discards the marker or the worker
+  // has ended.
   void waitForPendingToFinish() override;
   void setMaxQueueWeight(double maxWeight) override;
   void captureQueueMetrics() override;
@@ -63,10 +82,10 @@ class BackendExecutor : public IExecutor {
  private:
   void runWorker();
   void runOne();
+  static void logRefused(ObservableTransactionType type);
 
   std::function<void()> activityCallback_;
-  std::atomic<bool> stopped_{false};  // set at the end of shutdown; the worker then ends
-  std::atomic<bool> closed_{false};   // set at the start of shutdown; no longer accepting
+  std::atomic<bool> stopped_{false};  // set once shutdown has drained; the worker then ends
   std::mutex joinMutex_;
   WeightedTransactionQueue queue_;
   std::atomic<std::chrono::system_clock::time_point> lastCompletion_;

@@ -20,10 +20,13 @@ class IExecutor {
   virtual ~IExecutor() = default;
 
   // Runs `task` (now or later, in submission order). `type` and `weight` let a queueing
-  // executor count the task and hold back submitters when too much work is waiting.
+  // executor count the task and hold back submitters when too much work is waiting. A task
+  // that throws is logged with its kind; a task accepted is run or, by a cancelling
+  // shutdown, discarded, never silently lost.
   virtual void execute(const std::function<void()>& task, ObservableTransactionType type,
                        double weight) = 0;
   // Stops accepting tasks. With cancelOutstanding, tasks not yet started are discarded.
+  // Never blocks for ever: submitters held back by a queue's bound are released.
   virtual void shutdown(bool cancelOutstanding) = 0;
   // Waits for the executor's thread, if it has one, to end (call after shutdown).
   virtual void join() = 0;
@@ -31,7 +34,9 @@ class IExecutor {
   // When the most recent task finished without an exception (construction time before that).
   virtual std::chrono::system_clock::time_point lastCompletionTime() = 0;
   virtual bool isQueueEmpty() = 0;
-  // Returns once every task submitted before the call has been run.
+  // Returns once every task submitted before the call has been run; at once when the
+  // executor has stopped and will run nothing more (a flush after shutdown must not hang).
+  // Does not wait on the queue's weight bound, only for the earlier tasks.
   virtual void waitForPendingToFinish() = 0;
   // Changes the waiting weight above which submitters are held back (<= 0: unbounded).
   virtual void setMaxQueueWeight(double maxWeight) = 0;

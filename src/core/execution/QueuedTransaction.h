@@ -29,6 +29,9 @@ struct QueuedTransaction {
   std::function<void()> task;
   bool internal;
   double weight;
+  // What the queue added to its waiting weight for this entry (0 when it was pushed with no
+  // bound): the take or discard gives back exactly this, whatever the bound is by then.
+  double accountedWeight = 0.0;
   ObservableTransactionType type;
   // When the entry was built; its queue time is measured from here.
   std::chrono::system_clock::time_point enqueued;

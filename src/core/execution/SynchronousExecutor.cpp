@@ -1,20 +1,37 @@
 #include "core/execution/SynchronousExecutor.h"
 
+#include "core/provider/OverlayLog.h"
+
 #include <utility>
 
 namespace storage::overlayprovider {
+
+namespace {
+
+// For a catch block: names the failed task's kind, then the exception's diagnostic text.
+void logFailedTask(ObservableTransactionType type) noexcept {
+  try {
+    OVERLAY_LOG(foundation::log::error) << "Task of kind " << type << " failed";
+  } catch (...) {
+  }
+  logCaughtException(nullptr);
+}
+
+}  // namespace
 
 SynchronousExecutor::SynchronousExecutor(std::function<void()> activityCallback)
     : activityCallback_(std::move(activityCallback)),
       lastCompletion_(std::chrono::system_clock::now()) {}
 
-void SynchronousExecutor::execute(const std::function<void()>& task, ObservableTransactionType,
+void SynchronousExecutor::execute(const std::function<void()>& task, ObservableTransactionType type,
                                   double) {
   if (!stopped_.load()) {
-    if (!task) {
-      throw std::bad_function_call();
+    try {
+      task();  // an empty task throws std::bad_function_call
+    } catch (...) {
+      logFailedTask(type);
+      throw;
     }
-    task();
     lastCompletion_.store(std::chrono::system_clock::now());
   }
   if (!activityCallback_) {

@@ -3,7 +3,6 @@
 #include "core/provider/OverlayLog.h"
 
 #include <boost/exception/diagnostic_information.hpp>
-#include <chrono>
 #include <utility>
 
 namespace storage::overlayprovider {
@@ -12,88 +11,101 @@ TimedLatch::TimedLatch(std::function<void()> triggerCallback, std::function<void
                        std::int64_t periodMs)
     : triggerCallback_(std::move(triggerCallback)),
       expiryCallback_(std::move(expiryCallback)),
-      periodMs_(periodMs) {}
+      period_(std::chrono::milliseconds(periodMs)) {}
 
 TimedLatch::~TimedLatch() {
-  // close() is idempotent; it guarantees no joinable thread is destroyed.
-  close();
-}
-
-bool TimedLatch::isClosed() {
-  std::lock_guard arm(armMutex_);
-  return closed_;
+  try {
+    // close() is idempotent; it guarantees no joinable thread is destroyed.
+    close();
+  } catch (...) {
+    logCaughtException("TimedLatch could not be closed");
+  }
 }
 
 void TimedLatch::trigger() {
-  if (isClosed()) {
-    return;
+  {
+    std::lock_guard lock(mutex_);
+    if (closed_) {
+      return;
+    }
   }
   if (!triggerCallback_) {
     throw std::bad_function_call();
   }
   triggerCallback_();
-  std::lock_guard arm(armMutex_);
+  std::unique_lock lock(mutex_);
+  // The kept ordering: an expiry already running finishes before the countdown restarts.
+  expiryEnded_.wait(lock, [this] { return !expiring_ || closed_; });
   // A close() may have slipped in while the callback ran; it must win, or a countdown would
   // outlive it.
   if (closed_) {
     return;
   }
-  cancelCountdown();
-  {
-    std::lock_guard lock(countdownMutex_);
-    cancelled_ = false;
-  }
-  createLatchThread();
-}
-
-// Caller holds the arm mutex. Joining also waits for an expiry callback already running.
-void TimedLatch::cancelCountdown() {
-  {
-    std::lock_guard lock(countdownMutex_);
-    cancelled_ = true;
+  const bool wasArmed = armed_;
+  deadline_ = Clock::now() + period_;
+  armed_ = true;
+  if (!countdown_.joinable()) {
+    countdown_ = std::thread([this] { runCountdowns(); });
+  } else if (!wasArmed) {
+    // Only an idle thread sleeps without a deadline; a pending countdown's thread wakes at
+    // its old deadline and finds the new one.
     wakeUp_.notify_one();
   }
-  if (countdown_.joinable()) {
-    countdown_.join();
-  }
 }
 
-void TimedLatch::createLatchThread() {
-  countdown_ = std::thread([this] { runCountdown(); });
-}
-
-void TimedLatch::runCountdown() {
-  std::unique_lock lock(countdownMutex_);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(periodMs_);
-  while (!cancelled_) {
-    // The period is measured on the steady clock so that a wall-clock step cannot stretch or
-    // cut it; the wait itself takes a system_clock instant.
-    const auto wallDeadline = std::chrono::system_clock::now() +
-                              std::chrono::duration_cast<std::chrono::system_clock::duration>(
-                                  deadline - std::chrono::steady_clock::now());
-    if (wakeUp_.wait_until(lock, wallDeadline) == std::cv_status::timeout &&
-        std::chrono::steady_clock::now() >= deadline) {
-      break;
-    }
-  }
-  lock.unlock();
-  lock.lock();
-  if (cancelled_) {
-    return;
-  }
-  lock.unlock();
+void TimedLatch::runCountdowns() {
   try {
-    expiryCallback_();
+    std::unique_lock lock(mutex_);
+    while (!closed_) {
+      if (!armed_) {
+        wakeUp_.wait(lock);
+        continue;
+      }
+      if (Clock::now() < deadline_) {
+        // On the steady clock: a wall-clock step neither stretches nor cuts the period.
+        wakeUp_.wait_until(lock, deadline_);
+        continue;
+      }
+      armed_ = false;
+      expiring_ = true;
+      lock.unlock();
+      try {
+        expiryCallback_();
+      } catch (...) {
+        OVERLAY_LOG(foundation::log::error)
+            << "TimedLatch expiry callback failed: "
+            << boost::current_exception_diagnostic_information(true);
+      }
+      lock.lock();
+      expiring_ = false;
+      expiryEnded_.notify_all();
+    }
   } catch (...) {
-    OVERLAY_LOG(foundation::log::error) << "TimedLatch expiry callback failed: "
-                                        << boost::current_exception_diagnostic_information(true);
+    logCaughtException("TimedLatch countdown thread failed");
+    // No trigger may wait for an expiry that this thread will never finish.
+    try {
+      std::lock_guard lock(mutex_);
+      expiring_ = false;
+    } catch (...) {
+    }
+    expiryEnded_.notify_all();
   }
 }
 
 void TimedLatch::close() {
-  std::lock_guard arm(armMutex_);
-  closed_ = true;
-  cancelCountdown();
+  std::lock_guard closing(closeMutex_);
+  std::thread countdown;
+  {
+    std::lock_guard lock(mutex_);
+    closed_ = true;
+    armed_ = false;
+    countdown = std::move(countdown_);
+  }
+  wakeUp_.notify_all();
+  expiryEnded_.notify_all();
+  if (countdown.joinable()) {
+    countdown.join();
+  }
 }
 
 }  // namespace storage::overlayprovider

@@ -63,28 +63,51 @@ WeightedTransactionQueue::WeightedTransactionQueue(double maxWeight)
       lastSnapshot_(periodStart_),
       captureMetrics_(!metricsDisabledByEnvironment()) {}
 
-void WeightedTransactionQueue::push(QueuedTransaction entry) {
+bool WeightedTransactionQueue::push(QueuedTransaction entry) {
   {
     std::unique_lock lock(mutex_);
-    if (maxWeight_.load() > 0.0) {
-      spaceAvailable_.wait(lock, [this] {
-        const double bound = maxWeight_.load();
-        return bound <= 0.0 || currentWeight_ <= bound;
-      });
-      currentWeight_ += entry.weight;
+    if (workerEnded_ || (closed_ && !entry.internal)) {
+      return false;
     }
-    if (entries_.empty()) {
-      periodEntries_ = 0;
-      periodStart_ = Clock::now();
-      periodQueueTime_ = 0;
+    entry.accountedWeight = 0.0;
+    if (!entry.internal) {
+      if (maxWeight_.load() > 0.0) {
+        ++heldBack_;
+        spaceAvailable_.wait(lock, [this] {
+          const double bound = maxWeight_.load();
+          return closed_ || bound <= 0.0 || currentWeight_ <= bound;
+        });
+        --heldBack_;
+        if (cancelled_ || workerEnded_) {
+          lock.unlock();
+          queueChanged_.notify_all();  // a drain may be waiting for held-back submitters
+          return false;
+        }
+      }
+      // Read again: a bound dropped to 0 while this submitter waited keeps no weight.
+      if (maxWeight_.load() > 0.0) {
+        entry.accountedWeight = entry.weight;
+        currentWeight_ += entry.weight;
+      }
     }
-    if (captureMetrics_) {
-      countPushed(entry.type);
-    }
-    entries_.push_back(std::move(entry));
-    periodEntries_ += 1;
+    appendLocked(std::move(entry));
   }
   workAvailable_.notify_all();
+  return true;
+}
+
+void WeightedTransactionQueue::appendLocked(QueuedTransaction entry) {
+  if (entries_.empty()) {
+    periodEntries_ = 0;
+    periodStart_ = Clock::now();
+    periodQueueTime_ = 0;
+  }
+  if (captureMetrics_) {
+    countPushed(entry.type);
+  }
+  entries_.push_back(std::move(entry));
+  ++appended_;
+  periodEntries_ += 1;
 }
 
 void WeightedTransactionQueue::countPushed(ObservableTransactionType type) {
@@ -102,6 +125,9 @@ QueuedTransaction WeightedTransactionQueue::take() {
   workAvailable_.wait(lock, [this] { return !entries_.empty(); });
   QueuedTransaction entry = std::move(entries_.front());
   entries_.pop_front();
+  ++resolved_;
+  // With nothing queued nothing weighs: no rounding residue may hold a submitter back.
+  currentWeight_ = entries_.empty() ? 0.0 : currentWeight_ - entry.accountedWeight;
   if (!entry.internal) {
     accountTaken(entry);
   }
@@ -114,9 +140,6 @@ QueuedTransaction WeightedTransactionQueue::take() {
 void WeightedTransactionQueue::accountTaken(const QueuedTransaction& entry) {
   // As in countPushed: bookkeeping failures must not lose the entry.
   try {
-    if (maxWeight_.load() > 0.0) {
-      currentWeight_ -= entry.weight;
-    }
     if (captureMetrics_) {
       kindCounters_[entry.type].first -= 1;
       recordQueueTime(entry);
@@ -150,12 +173,68 @@ bool WeightedTransactionQueue::isEmpty() {
 
 void WeightedTransactionQueue::waitUntilEmpty() {
   std::unique_lock lock(mutex_);
-  queueChanged_.wait(lock, [this] { return entries_.empty(); });
+  queueChanged_.wait(lock, [this] { return (entries_.empty() && heldBack_ == 0) || workerEnded_; });
+}
+
+void WeightedTransactionQueue::waitForEarlierEntries() {
+  std::unique_lock lock(mutex_);
+  if (cancelled_ || workerEnded_) {
+    return;
+  }
+  appendLocked(QueuedTransaction::marker());
+  const std::uint64_t marker = appended_;
+  workAvailable_.notify_all();
+  queueChanged_.wait(lock, [&] { return resolved_ >= marker || workerEnded_; });
+}
+
+void WeightedTransactionQueue::close(bool cancelOutstanding) {
+  std::deque<QueuedTransaction> discarded;
+  {
+    std::lock_guard lock(mutex_);
+    closed_ = true;
+    if (cancelOutstanding) {
+      cancelled_ = true;
+      discarded = discardLocked();
+    }
+  }
+  spaceAvailable_.notify_all();
+  queueChanged_.notify_all();
+}
+
+bool WeightedTransactionQueue::isClosed() {
+  std::lock_guard lock(mutex_);
+  return closed_;
+}
+
+void WeightedTransactionQueue::workerEnded() {
+  std::deque<QueuedTransaction> discarded;
+  {
+    std::lock_guard lock(mutex_);
+    workerEnded_ = true;
+    closed_ = true;
+    discarded = discardLocked();
+  }
+  spaceAvailable_.notify_all();
+  queueChanged_.notify_all();
 }
 
 void WeightedTransactionQueue::discardAll() {
-  std::lock_guard lock(mutex_);
-  entries_.clear();
+  std::deque<QueuedTransaction> discarded;
+  {
+    std::lock_guard lock(mutex_);
+    discarded = discardLocked();
+  }
+  spaceAvailable_.notify_all();
+  queueChanged_.notify_all();
+}
+
+// The entries are handed to the caller to be destroyed after the mutex is released.
+std::deque<QueuedTransaction> WeightedTransactionQueue::discardLocked() {
+  std::deque<QueuedTransaction> discarded;
+  discarded.swap(entries_);
+  resolved_ = appended_;
+  currentWeight_ = 0.0;
+  return discarded;
 }
 
 void WeightedTransactionQueue::setMaxWeight(double maxWeight) { maxWeight_.store(maxWeight); }

@@ -1,11 +1,22 @@
 // WeightedTransactionQueue: the BackendExecutor's FIFO of transactions, with back-pressure by
-// weight and statistics for the operators.
+// weight, the executor's acceptance rule at shutdown, and statistics for the operators.
 //
 // Back-pressure: every entry carries a weight (roughly the bytes it will move). While more
 // than maxWeight is waiting, push() holds the submitter back until the worker takes an entry.
 // The test comes before the entry's weight is added, so one entry may take the total above
 // the bound; it is the next submitter that waits. maxWeight <= 0 means unbounded: nobody is
-// held back and no weight is kept.
+// held back and no weight is kept. Each entry remembers what its push added, and its take (or
+// discard) gives back exactly that: a bound changed in between (1, then 0, then 5) would
+// otherwise leave weight behind with nothing queued, and every later push would wait for a
+// take that never comes. The executor's markers weigh nothing and never wait: a flush or a
+// shutdown must not queue behind back-pressure.
+//
+// Closing: close() makes acceptance and the closed test one step under the mutex, so a task is
+// either accepted before the close (and then run, or discarded by a cancelling close) or
+// refused; none can slip in behind a worker that has ended. Submitters held back when the
+// queue closes are released: a draining close accepts their entries past the bound (they were
+// submitted before the shutdown, and the drain waits for them), a cancelling close refuses
+// them. workerEnded() closes the queue for good: what is still queued can no longer run.
 //
 // Statistics (on unless QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE is exactly "true"): per-kind
 // counters of what is waiting now and of all that was ever pushed, queue times, and how long
@@ -14,9 +25,11 @@
 // Owned by value by the BackendExecutor. Locking: one mutex guards everything except
 // maxWeight, which is an atomic so that setMaxWeight can store it without the mutex. While it
 // is held only the logging core's own locks are taken (statistics records are written under
-// it). No task runs under it, but discardAll destroys entries under it, so what a task
-// captures must not call back into the executor when destroyed. push, isEmpty, waitUntilEmpty,
-// discardAll and captureMetrics may be called from any thread; take only by the worker.
+// it). No task runs under it and no entry is destroyed under it (discarded entries are
+// destroyed after it is released, so what a task captures may call back into the executor
+// when it goes). push, isEmpty, waitUntilEmpty, waitForEarlierEntries, close, discardAll,
+// setMaxWeight and captureMetrics may be called from any thread; take and workerEnded by the
+// worker only.
 #pragma once
 
 #include "core/execution/ObservableTransactionType.h"
@@ -38,15 +51,29 @@ class WeightedTransactionQueue {
  public:
   explicit WeightedTransactionQueue(double maxWeight);
 
-  // Appends the entry, first waiting while more than maxWeight is queued.
-  void push(QueuedTransaction entry);
+  // Appends the entry, first waiting while more than maxWeight is queued (a marker never
+  // waits). Returns false, dropping the entry, when the queue is closed, or when a cancelling
+  // close (or the worker's end) releases the wait. A closed queue still takes markers.
+  bool push(QueuedTransaction entry);
   // Removes and returns the front entry, waiting while the queue is empty. Worker only.
   QueuedTransaction take();
   bool isEmpty();
-  // Waits until the worker has taken every entry (it may still be running the last one).
+  // Waits until the worker has taken every entry (it may still be running the last one),
+  // including those of held-back submitters a draining close let in, or has ended.
   void waitUntilEmpty();
-  // Destroys every queued entry unrun. Their weight is not given back, their counters are
-  // left as they are and nobody is woken: a cancelled queue is on its way out.
+  // Appends a marker and waits until the worker has taken it, so that every entry pushed
+  // before it has been run; returns early when a cancelling close discards the marker or the
+  // worker ends, and at once when either has already happened. Never waits on the bound.
+  void waitForEarlierEntries();
+  // Refuses every later task (markers still pass) and releases held-back submitters; with
+  // cancelOutstanding, discards what is queued and refuses the held-back ones. Idempotent; a
+  // cancelling close after a draining one still cancels.
+  void close(bool cancelOutstanding);
+  bool isClosed();
+  // The worker's last act: closes the queue and discards what it still holds.
+  void workerEnded();
+  // Destroys every queued entry unrun, gives their weight back and wakes held-back submitters
+  // and flushes. Their counters are left as they are: a cancelled queue is on its way out.
   void discardAll();
   // Stored without the mutex and without waking anyone: held-back submitters see the new
   // bound at the next take.
@@ -60,6 +87,8 @@ class WeightedTransactionQueue {
  private:
   using Clock = std::chrono::system_clock;
 
+  void appendLocked(QueuedTransaction entry);
+  std::deque<QueuedTransaction> discardLocked();
   void countPushed(ObservableTransactionType type);
   void accountTaken(const QueuedTransaction& entry);
   void recordQueueTime(const QueuedTransaction& entry);
@@ -76,6 +105,14 @@ class WeightedTransactionQueue {
   // kind -> (queued now, pushed over the queue's lifetime)
   std::map<ObservableTransactionType, std::pair<std::int64_t, std::int64_t>> kindCounters_;
   std::deque<QueuedTransaction> entries_;
+  // Entries ever appended, and ever taken or discarded: entry n (counted from 1) has left
+  // the queue once resolved_ >= n, which is how a flush finds its marker gone.
+  std::uint64_t appended_ = 0;
+  std::uint64_t resolved_ = 0;
+  int heldBack_ = 0;  // submitters inside push's wait for space
+  bool closed_ = false;
+  bool cancelled_ = false;
+  bool workerEnded_ = false;
   std::mutex mutex_;
   std::condition_variable workAvailable_;
   std::condition_variable queueChanged_;

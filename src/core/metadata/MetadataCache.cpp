@@ -138,7 +138,7 @@ std::shared_ptr<FileMetadata> MetadataCache::createFileMetadata(const fsp::Stora
   if (!iri.hasParent()) return record;
   record->setExtendedAttributes(parentAttributes(iri));
   Guard guard(*this);
-  pendingRemovals_.erase(iri);
+  liftRemovalsLocked(iri);
   addFileMetadataLocked(record);
   return record;
 }
@@ -150,7 +150,7 @@ std::shared_ptr<FolderMetadata> MetadataCache::createFolderMetadata(const fsp::S
   if (!iri.hasParent()) return record;
   record->setExtendedAttributes(parentAttributes(iri));
   Guard guard(*this);
-  pendingRemovals_.erase(iri);
+  liftRemovalsLocked(iri);
   enterNewFolderLocked(record);
   return record;
 }
@@ -198,7 +198,7 @@ void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::Sto
       .setLastModified(source->getLastModified())
       .setExtendedAttributes(source->getExtendedAttributes());
   Guard guard(*this);
-  pendingRemovals_.erase(to);
+  liftRemovalsLocked(to);
   try {
     entryLocked(to.getParent(), true)->removeFile(to, caseSensitive_);
   } catch (const fsp::Exception& e) {
@@ -235,7 +235,7 @@ void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::S
       .setExtendedAttributes(source->getExtendedAttributes());
   Guard guard(*this);
   reapplyFrozenLocked();
-  pendingRemovals_.erase(to);
+  liftRemovalsLocked(to);
   moveFolderDetail(from, to, moved, policy, tree);
   noteRemovalLocked(from);
 }

@@ -141,6 +141,7 @@ class MetadataCache {
   void setEntryLocked(const fsp::StorageIRI& folder, std::shared_ptr<IFolderEntry> entry);
   void actOnPendingInvalidationsLocked();
   void noteRemovalLocked(const fsp::StorageIRI& iri);
+  void liftRemovalsLocked(const fsp::StorageIRI& iri);
   bool isRemovedLocked(const fsp::StorageIRI& iri) const;
   void hidePendingRemovalsLocked(IFolderEntry& entry);
   void collectFrozenLocked();

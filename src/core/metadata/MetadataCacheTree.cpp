@@ -104,6 +104,15 @@ void MetadataCache::collectFrozenLocked() {
 
 void MetadataCache::noteRemovalLocked(const fsp::StorageIRI& iri) { ++pendingRemovals_[iri]; }
 
+// What is placed at `iri` now is the cache's own complete picture: earlier removals at or
+// below it no longer hide anything there.
+void MetadataCache::liftRemovalsLocked(const fsp::StorageIRI& iri) {
+  for (auto it = pendingRemovals_.begin(); it != pendingRemovals_.end();) {
+    it = (it->first == iri || iri.isAncestorOf(it->first)) ? pendingRemovals_.erase(it)
+                                                            : std::next(it);
+  }
+}
+
 bool MetadataCache::isRemovedLocked(const fsp::StorageIRI& iri) const {
   if (pendingRemovals_.empty()) return false;
   for (auto at = iri;; at = at.getParent()) {

@@ -292,7 +292,8 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   triggerEventLatch();
   const auto held = guard(source, destination);
   const auto stored = requireFolder(source);
-  if (stored == destination || stored.isAncestorOf(destination)) {
+  if (stored == destination) return;  // the folder is already there: nothing changes
+  if (stored.isAncestorOf(destination)) {
     throw Exception(ErrorCode::OperationRefused, publicLocation(destination),
                     "a folder cannot move into itself");
   }
