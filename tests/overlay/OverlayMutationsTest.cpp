@@ -32,8 +32,7 @@ TEST(OverlayMutations, RefusalsNameTheRightLocationAndChangeNothing) {
     EXPECT_EQ(e.getErrorCode(), ErrorCode::NotFound);
     EXPECT_EQ(e.getLocation(), env.at(u"nowhere"));
   }
-  EXPECT_EQ(codeOf([&] { env.overlay->removeFolder(env.at(u"full")); }),
-            ErrorCode::FolderNotEmpty);
+  EXPECT_EQ(codeOf([&] { env.overlay->removeFolder(env.at(u"full")); }), ErrorCode::FolderNotEmpty);
   EXPECT_EQ(codeOf([&] { env.overlay->createFile(env.at(u"full")); }), ErrorCode::AlreadyExists);
   EXPECT_EQ(codeOf([&] { env.overlay->removeFile(env.at(u"none")); }), ErrorCode::NotFound);
   env.overlay->flushFilesystem();
@@ -58,8 +57,8 @@ TEST(OverlayMutations, AFileOpenForWritingIsRemovedOnlyWhereTheStoreAllowsIt) {
     fsp::mem::MemProvider::Options options;
     options.features.insert(c.features.begin(), c.features.end());
     OverlayOverMem env(options);
-    const auto stream = env.overlay->openStream(env.at(u"open.txt"),
-                                                fsp::ByteStreamOpenOptions::overwrite());
+    const auto stream =
+        env.overlay->openStream(env.at(u"open.txt"), fsp::ByteStreamOpenOptions::overwrite());
     if (c.removed) {
       env.overlay->removeFile(env.at(u"open.txt"));
       EXPECT_FALSE(env.overlay->fileExists(env.at(u"open.txt")));

@@ -6,7 +6,6 @@
 #include "core/provider/OverlayLog.h"
 #include "core/quota/IQuotaAccountant.h"
 
-
 #include <boost/exception/diagnostic_information.hpp>
 
 namespace storage::overlayprovider {
@@ -49,7 +48,8 @@ void EventListener::subscribe(const fsp::StorageItem& inner) {
                                                const Location& location, events::EntryType type,
                                                boost::property_tree::ptree details) {
     try {
-      if (const auto listener = weak.lock()) listener->handle(kind, watched, location, type, details);
+      if (const auto listener = weak.lock())
+        listener->handle(kind, watched, location, type, details);
     } catch (...) {
       logCaughtException("Error handling an event of the inner provider.");
     }

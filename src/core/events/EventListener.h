@@ -63,11 +63,10 @@ class EventListener : public std::enable_shared_from_this<EventListener> {
   // Makes the listener and subscribes it to the whole inner tree. A refused subscription is
   // logged ("Error subscribing to inner provider.") and the listener stays deaf; it never
   // throws for that. `innerRoot` is the inner location that the overlay's root stands for.
-  static std::shared_ptr<EventListener> create(const foundation::storage::provider::StorageItem& inner,
-                                               std::shared_ptr<MetadataCache> metadataCache,
-                                               ContentCache& contentCache,
-                                               std::shared_ptr<ExecutorSlot> executor,
-                                               std::shared_ptr<IQuotaAccountant> quotaAccountant);
+  static std::shared_ptr<EventListener> create(
+      const foundation::storage::provider::StorageItem& inner,
+      std::shared_ptr<MetadataCache> metadataCache, ContentCache& contentCache,
+      std::shared_ptr<ExecutorSlot> executor, std::shared_ptr<IQuotaAccountant> quotaAccountant);
   EventListener(const EventListener&) = delete;
   EventListener& operator=(const EventListener&) = delete;
 

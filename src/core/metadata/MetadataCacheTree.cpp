@@ -109,7 +109,7 @@ void MetadataCache::noteRemovalLocked(const fsp::StorageIRI& iri) { ++pendingRem
 void MetadataCache::liftRemovalsLocked(const fsp::StorageIRI& iri) {
   for (auto it = pendingRemovals_.begin(); it != pendingRemovals_.end();) {
     it = (it->first == iri || iri.isAncestorOf(it->first)) ? pendingRemovals_.erase(it)
-                                                            : std::next(it);
+                                                           : std::next(it);
   }
 }
 
@@ -126,7 +126,8 @@ void MetadataCache::hidePendingRemovalsLocked(IFolderEntry& entry) {
     if (!removed.hasParent() || removed.getParent() != entry.getIRI()) continue;
     for (const auto kind : {NodeKind::File, NodeKind::Folder}) {
       try {
-        kind == NodeKind::File ? entry.removeFile(removed, true) : entry.removeFolder(removed, true);
+        kind == NodeKind::File ? entry.removeFile(removed, true)
+                               : entry.removeFolder(removed, true);
       } catch (const fsp::Exception&) {
         // Not listed (any more): nothing to hide.
       }

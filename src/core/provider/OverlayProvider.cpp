@@ -3,8 +3,8 @@
 // OverlayProviderConfiguration.cpp.
 #include "core/provider/OverlayProvider.h"
 
-#include "core/execution/BackendExecutor.h"
 #include "core/events/EventListener.h"
+#include "core/execution/BackendExecutor.h"
 #include "core/execution/SynchronousExecutor.h"
 #include "core/provider/InnerLocation.h"
 #include "core/provider/OverlayLog.h"

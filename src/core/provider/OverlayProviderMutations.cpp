@@ -207,9 +207,7 @@ void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
   contentCache_->removeFolderEntries(folder, true);
   replay(
       "removeFolderRecursively", ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
-      [folder](const StorageItem& inner) {
-        innerItemFor(inner, folder).removeFolderRecursively();
-      },
+      [folder](const StorageItem& inner) { innerItemFor(inner, folder).removeFolderRecursively(); },
       [folder](MetadataCache& cache) {
         cache.confirmFolder(folder, true);
         cache.confirmRemoval(folder);
@@ -254,8 +252,8 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   replay(
       "moveFile", ObservableTransactionType::FILE_MOVE,
       [stored, destination, policy](const StorageItem& inner) {
-        innerItemFor(inner, stored).moveFile(innerItemFor(inner, destination).getLocation(),
-                                             policy);
+        innerItemFor(inner, stored)
+            .moveFile(innerItemFor(inner, destination).getLocation(), policy);
       },
       [stored, destination](MetadataCache& cache) {
         cache.confirmFile(destination);
@@ -304,8 +302,8 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   replay(
       "moveFolder", ObservableTransactionType::FOLDER_MOVE,
       [stored, destination, policy](const StorageItem& inner) {
-        innerItemFor(inner, stored).moveFolder(innerItemFor(inner, destination).getLocation(),
-                                               policy);
+        innerItemFor(inner, stored)
+            .moveFolder(innerItemFor(inner, destination).getLocation(), policy);
       },
       [stored, destination](MetadataCache& cache) {
         cache.confirmFolder(destination, true);
