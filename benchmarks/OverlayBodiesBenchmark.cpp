@@ -31,6 +31,7 @@
 // so a run is also a check that bodies survive the trip: untimed passes compare everything,
 // timed ones the first word of each read. A mismatch fails the case and the exit status.
 // Repeated measurements report their median.
+#include "BenchmarkSupport.h"
 #include "core/provider/OverlayProviderFactory.h"
 
 #include <foundation/storage/provider/IConfigurableProvider.h>
@@ -69,6 +70,9 @@ using storage::overlayprovider::OverlayProviderFactory;
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using benchsupport::format;
+using benchsupport::seconds;
+using benchsupport::TempDir;
 
 constexpr std::uint64_t kMiB = 1 << 20;
 constexpr std::uint64_t kSequentialBytes = 256 * kMiB;
@@ -90,14 +94,7 @@ constexpr std::uint64_t kMemorySlack = 16 * kMiB;
 const char* const kMemoryChildFlag = "--memory-child";
 const char* const kResultPrefix = "@result ";
 
-double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 double mibPerSecond(std::uint64_t bytes, double s) { return static_cast<double>(bytes) / kMiB / s; }
-
-std::string format(const char* pattern, auto... values) {
-  char text[256];
-  std::snprintf(text, sizeof text, pattern, values...);
-  return text;
-}
 
 // --- the bytes: each 8-byte word is a function of its offset and of the file's seed ---
 
@@ -204,25 +201,6 @@ void checkLocalFile(const std::string& path, std::uint64_t bytes, std::uint64_t 
     checkPattern(chunk.data(), kAppRequest, offset, seed, path);
   }
 }
-
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = std::filesystem::temp_directory_path() / "overlay-bodies-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 // --- resident memory ---
 
@@ -349,7 +327,7 @@ class Overlay {
   }
 
  private:
-  TempDir cacheRoot_;  // first member: removed after the provider is gone
+  TempDir cacheRoot_{"overlay-bodies"};  // first member: removed after the provider is gone
   std::shared_ptr<fsp::IProvider> provider_;
   fsp::StorageIRI root_;
 };
@@ -438,7 +416,7 @@ struct WarmedFile {
 
   MemStore store;
   std::optional<Overlay> overlay;  // made once the store holds the file
-  TempDir localDir;
+  TempDir localDir{"overlay-bodies"};
   std::string localPath;
 };
 
@@ -631,7 +609,7 @@ void write(Context& context) {
   std::vector<char> source(kWriteBytes);
   fillPattern(source.data(), kWriteBytes, 0, kSeed);
 
-  TempDir localDir;
+  TempDir localDir{"overlay-bodies"};
   int copy = 0;
   const double localSeconds = medianSeconds(
       [&] {
@@ -704,7 +682,7 @@ void write(Context& context) {
 // write case over a local directory 10 ms away; prints the peak growth of the resident size.
 int memoryChild() {
   constexpr std::uint64_t kSeed = 5;
-  TempDir storeDir;
+  TempDir storeDir{"overlay-bodies"};
   InstrumentedStore store(std::make_shared<fsp::file::FileProvider>(storeDir.path()),
                           fsp::file::FileProvider::rootLocation());
   store.setLatency(kRemoteLatency);

@@ -13,6 +13,7 @@
 // The store "10 ms away" is the in-memory store behind the instrumented wrapper, 10 ms per call
 // and per stream call. After the run, every file's bytes and every change are checked in the
 // store itself; a wrong result fails the exit status.
+#include "BenchmarkSupport.h"
 #include "core/provider/OverlayProviderFactory.h"
 
 #include <foundation/storage/provider/IConfigurableProvider.h>
@@ -41,6 +42,9 @@ using storage::overlayprovider::OverlayProviderFactory;
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using benchsupport::format;
+using benchsupport::seconds;
+using benchsupport::TempDir;
 
 constexpr auto kRemoteLatency = std::chrono::milliseconds(10);
 constexpr int kFiles = 1000;
@@ -50,14 +54,6 @@ constexpr int kDirectChanges = 20;
 constexpr std::size_t kFileBytes = 4096;
 constexpr double kFilesPerSecondTarget = 10000;
 constexpr double kChangeMicrosTarget = 50;
-
-double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
-
-std::string format(const char* pattern, auto... values) {
-  char text[256];
-  std::snprintf(text, sizeof text, pattern, values...);
-  return text;
-}
 
 std::u16string wide(const std::string& text) { return {text.begin(), text.end()}; }
 
@@ -76,26 +72,6 @@ std::string readAll(fsp::ByteStream& stream) {
   for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, n);
   return bytes;
 }
-
-// A cache root of its own, removed with it.
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = std::filesystem::temp_directory_path() / "overlay-mutations-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 // The in-memory store behind the instrumented wrapper. Checks read the in-memory store itself,
 // so they neither wait nor count.
@@ -160,7 +136,7 @@ class Overlay {
   }
 
  private:
-  TempDir cacheRoot_;  // first member: removed after the provider is gone
+  TempDir cacheRoot_{"overlay-mutations"};  // first member: removed after the provider is gone
   std::shared_ptr<fsp::IProvider> provider_;
   fsp::StorageIRI root_;
 };

@@ -7,19 +7,6 @@
 
 namespace storage::overlayprovider {
 
-namespace {
-
-// For a catch block: names the failed task's kind, then the exception's diagnostic text.
-void logFailedTask(ObservableTransactionType type) noexcept {
-  try {
-    OVERLAY_LOG(foundation::log::error) << "Task of kind " << type << " failed";
-  } catch (...) {
-  }
-  logCaughtException(nullptr);
-}
-
-}  // namespace
-
 BackendExecutor::BackendExecutor(std::function<void()> activityCallback, double maxQueueWeight)
     : activityCallback_(std::move(activityCallback)),
       queue_(maxQueueWeight),

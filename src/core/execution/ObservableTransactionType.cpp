@@ -1,5 +1,7 @@
 #include "core/execution/ObservableTransactionType.h"
 
+#include "core/provider/OverlayLog.h"
+
 #include <array>
 #include <string_view>
 
@@ -27,6 +29,14 @@ std::ostream& operator<<(std::ostream& out, ObservableTransactionType type) {
     out << kNames[index];
   }
   return out;
+}
+
+void logFailedTask(ObservableTransactionType type) noexcept {
+  try {
+    OVERLAY_LOG(foundation::log::error) << "Task of kind " << type << " failed";
+  } catch (...) {
+  }
+  logCaughtException(nullptr);
 }
 
 }  // namespace storage::overlayprovider

@@ -36,4 +36,8 @@ enum ObservableTransactionType : std::uint32_t {
 // called while logging a dropped task, where throwing would lose the record altogether.
 std::ostream& operator<<(std::ostream& out, ObservableTransactionType type);
 
+// For a catch block around a task: "Task of kind <kind> failed" at error severity, then the
+// caught exception's diagnostic text. Never throws.
+void logFailedTask(ObservableTransactionType type) noexcept;
+
 }  // namespace storage::overlayprovider

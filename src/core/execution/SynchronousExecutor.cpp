@@ -6,19 +6,6 @@
 
 namespace storage::overlayprovider {
 
-namespace {
-
-// For a catch block: names the failed task's kind, then the exception's diagnostic text.
-void logFailedTask(ObservableTransactionType type) noexcept {
-  try {
-    OVERLAY_LOG(foundation::log::error) << "Task of kind " << type << " failed";
-  } catch (...) {
-  }
-  logCaughtException(nullptr);
-}
-
-}  // namespace
-
 SynchronousExecutor::SynchronousExecutor(std::function<void()> activityCallback)
     : activityCallback_(std::move(activityCallback)),
       lastCompletion_(std::chrono::system_clock::now()) {}

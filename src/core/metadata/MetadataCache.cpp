@@ -72,8 +72,7 @@ std::shared_ptr<IFolderEntry> MetadataCache::lookupEntry(const fsp::StorageIRI& 
 }
 
 std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(const fsp::StorageIRI& iri) {
-  actOnPendingInvalidations();
-  if (!iri.hasParent() || isRemoved(iri)) return {};
+  if (removedAfterPendingInvalidations(iri) || !iri.hasParent()) return {};
   try {
     return lookupEntry(iri.getParent())->getFileMetadata(iri, caseSensitive_);
   } catch (const fsp::Exception& e) {
@@ -84,12 +83,11 @@ std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(const fsp::StorageI
 
 std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadata(const fsp::StorageIRI& iri) {
   if (!iri.hasParent()) return lookupEntry(iri)->getFolderMetadata();
-  if (isRemoved(iri)) return {};
   return lookupEntry(iri.getParent())->getFolderMetadata(iri, caseSensitive_);
 }
 
 std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadata(const fsp::StorageIRI& iri) {
-  actOnPendingInvalidations();
+  if (removedAfterPendingInvalidations(iri)) return {};
   try {
     return doGetFolderMetadata(iri);
   } catch (const fsp::Exception& e) {
@@ -274,8 +272,9 @@ void MetadataCache::confirmRemoval(const fsp::StorageIRI& iri) {
   if (it != pendingRemovals_.end() && --it->second <= 0) pendingRemovals_.erase(it);
 }
 
-bool MetadataCache::isRemoved(const fsp::StorageIRI& iri) {
+bool MetadataCache::removedAfterPendingInvalidations(const fsp::StorageIRI& iri) {
   Guard guard(*this);
+  actOnPendingInvalidationsLocked();
   return isRemovedLocked(iri);
 }
 

@@ -98,7 +98,6 @@ class MetadataCache {
   // still holds what the overlay removed, and a listing read again from it must not bring
   // it back: lookups at or below a removed location find nothing, and listings hide it.
   void confirmRemoval(const fsp::StorageIRI& iri);
-  bool isRemoved(const fsp::StorageIRI& iri);
 
   // Invalidation.
   void markForInvalidation(const fsp::StorageIRI& iri);
@@ -133,6 +132,9 @@ class MetadataCache {
 
   static fsp::StorageIRI rootIRI();
   void actOnPendingInvalidations();
+  // Both under one hold of the lock, as every lookup begins: acts on pending invalidations,
+  // then tells whether `iri` lies at or below a removal not yet replayed.
+  bool removedAfterPendingInvalidations(const fsp::StorageIRI& iri);
 
   // Caller holds mutex_ (MetadataCacheTree.cpp).
   std::shared_ptr<IFolderEntry> findEntryLocked(const fsp::StorageIRI& folder) const;

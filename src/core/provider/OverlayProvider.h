@@ -180,13 +180,20 @@ class OverlayProvider : public fsp::IConfigurableProvider,
                             fsp::ReplacementPolicy policy) const;
   void checkFolderDestination(const fsp::StorageIRI& destination,
                               fsp::ReplacementPolicy policy) const;
+  // The shape of setLastModified and setWritable: the record changed in the cache, the inner
+  // call replayed.
+  void setAttribute(const fsp::StorageIRI& iri, const std::string& name,
+                    ObservableTransactionType kind,
+                    std::function<void(const fsp::StorageItem&)> innerCall,
+                    const std::function<void(FileMetadata&)>& updateFile,
+                    const std::function<void(FolderMetadata&)>& updateFolder) const;
   // Changes the record of a file (true) or folder (false) at `location`; NotFound if none.
   bool updateRecord(const fsp::StorageIRI& location,
                     const std::function<void(FileMetadata&)>& updateFile,
                     const std::function<void(FolderMetadata&)>& updateFolder) const;
   static std::function<void(MetadataCache&)> confirmation(const fsp::StorageIRI& location,
                                                           bool isFile);
-  // After a move: the working files at or below `moved` adopt their new cache records.
+  // After a folder move: the working files below `moved` adopt their new cache records.
   void keepWorkingFilesOnTheirRecords(const fsp::StorageIRI& moved) const;
   // Refuses (ResourceBusy) to remove or move a file that a stream has open, unless the inner
   // store allows it.

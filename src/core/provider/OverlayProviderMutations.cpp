@@ -243,7 +243,9 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   if (stored == destination) return;  // the file is already there: nothing changes
   metadataCache_->moveFileMetadata(stored, destination);
   contentCache_->moveEntry(stored, destination);
-  keepWorkingFilesOnTheirRecords(destination);
+  if (const auto entry = contentCache_->find(destination)) {
+    entry->adoptRecord(metadataCache_->getFileMetadata(destination));
+  }
   if (isFuseHiddenName(destination)) {
     metadataCache_->confirmFile(destination);
     metadataCache_->confirmRemoval(stored);
@@ -356,36 +358,37 @@ void OverlayProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
 void OverlayProvider::doSetLastModified(const StorageIRI& iri,
                                         const fsp::posix_time::ptime& time) const {
   OVERLAY_OPERATION(iri);
-  ensureReady();
-  const auto location = resolve(iri);
-  if (passThrough_) return forwardingRefusals([&] { innerItem(location).setLastModified(time); });
-  triggerEventLatch();
-  const auto held = guard(location);
-  const bool isFile = updateRecord(
-      location, [&](FileMetadata& file) { file.setLastModified(time); },
+  setAttribute(
+      iri, "setLastModified", ObservableTransactionType::SET_LAST_MODIFIED,
+      [time](const StorageItem& item) { item.setLastModified(time); },
+      [&](FileMetadata& file) { file.setLastModified(time); },
       [&](FolderMetadata& folder) { folder.setLastModified(time); });
-  replay(
-      "setLastModified", ObservableTransactionType::SET_LAST_MODIFIED,
-      [location, time](const StorageItem& inner) {
-        innerItemFor(inner, location).setLastModified(time);
-      },
-      confirmation(location, isFile));
 }
 
 void OverlayProvider::doSetWritable(const StorageIRI& iri, bool writable) const {
   OVERLAY_OPERATION(iri);
+  setAttribute(
+      iri, "setWritable", ObservableTransactionType::SET_WRITABLE,
+      [writable](const StorageItem& item) { item.setWritable(writable); },
+      [&](FileMetadata& file) { file.setWritable(writable); },
+      [&](FolderMetadata& folder) { folder.setWritable(writable); });
+}
+
+void OverlayProvider::setAttribute(const StorageIRI& iri, const std::string& name,
+                                   ObservableTransactionType kind,
+                                   std::function<void(const StorageItem&)> innerCall,
+                                   const std::function<void(FileMetadata&)>& updateFile,
+                                   const std::function<void(FolderMetadata&)>& updateFolder) const {
   ensureReady();
   const auto location = resolve(iri);
-  if (passThrough_) return forwardingRefusals([&] { innerItem(location).setWritable(writable); });
+  if (passThrough_) return forwardingRefusals([&] { innerCall(innerItem(location)); });
   triggerEventLatch();
   const auto held = guard(location);
-  const bool isFile = updateRecord(
-      location, [&](FileMetadata& file) { file.setWritable(writable); },
-      [&](FolderMetadata& folder) { folder.setWritable(writable); });
+  const bool isFile = updateRecord(location, updateFile, updateFolder);
   replay(
-      "setWritable", ObservableTransactionType::SET_WRITABLE,
-      [location, writable](const StorageItem& inner) {
-        innerItemFor(inner, location).setWritable(writable);
+      name, kind,
+      [location, innerCall = std::move(innerCall)](const StorageItem& inner) {
+        innerCall(innerItemFor(inner, location));
       },
       confirmation(location, isFile));
 }
@@ -415,7 +418,7 @@ std::function<void(MetadataCache&)> OverlayProvider::confirmation(const StorageI
 }
 
 void OverlayProvider::keepWorkingFilesOnTheirRecords(const StorageIRI& moved) const {
-  // The metadata cache made new records at the destination; the working files that moved
+  // The metadata cache made new records below the destination; the working files that moved
   // with them must now keep those current, or their sizes would no longer show.
   for (const auto& entry : contentCache_->entries()) {
     const auto location = entry->location();
