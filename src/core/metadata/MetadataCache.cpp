@@ -56,7 +56,7 @@ std::shared_ptr<IFolderEntry> MetadataCache::lookupEntry(const fsp::StorageIRI& 
   std::shared_ptr<IFolderEntry> entry;
   {
     Guard guard(*this);
-    if (isRemovedLocked(folder)) throw fsp::Exception(fsp::ErrorCode::NotFound, folder);
+    if (isRemovedLocked(folder)) return ownEntryLocked(folder);
     entry = entryLocked(folder, true);
   }
   try {
@@ -72,9 +72,11 @@ std::shared_ptr<IFolderEntry> MetadataCache::lookupEntry(const fsp::StorageIRI& 
 }
 
 std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(const fsp::StorageIRI& iri) {
-  if (removedAfterPendingInvalidations(iri) || !iri.hasParent()) return {};
+  if (!iri.hasParent()) return {};
+  const bool removed = prepareLookup(iri);
   try {
-    return lookupEntry(iri.getParent())->getFileMetadata(iri, caseSensitive_);
+    auto record = lookupEntry(iri.getParent())->getFileMetadata(iri, caseSensitive_);
+    return removed && !record->isFrozen() ? nullptr : record;
   } catch (const fsp::Exception& e) {
     if (isNotFound(e)) return {};
     throw;
@@ -87,9 +89,10 @@ std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadata(const fsp::St
 }
 
 std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadata(const fsp::StorageIRI& iri) {
-  if (removedAfterPendingInvalidations(iri)) return {};
+  const bool removed = prepareLookup(iri);
   try {
-    return doGetFolderMetadata(iri);
+    auto record = doGetFolderMetadata(iri);
+    return removed && record && !record->isFrozen() ? nullptr : record;
   } catch (const fsp::Exception& e) {
     if (isNotFound(e)) return {};
     throw;
@@ -97,10 +100,9 @@ std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadata(const fsp::Stor
 }
 
 std::shared_ptr<IFolderEntry> MetadataCache::getFolderEntry(const fsp::StorageIRI& iri) {
-  actOnPendingInvalidations();
+  prepareLookup(iri);
   auto entry = lookupEntry(iri);
   Guard guard(*this);
-  reapplyFrozenLocked();
   hidePendingRemovalsLocked(*entry);
   return entry;
 }
@@ -136,7 +138,7 @@ std::shared_ptr<FileMetadata> MetadataCache::createFileMetadata(const fsp::Stora
   if (!iri.hasParent()) return record;
   record->setExtendedAttributes(parentAttributes(iri));
   Guard guard(*this);
-  liftRemovalsLocked(iri);
+  beginChangeLocked(iri);
   addFileMetadataLocked(record);
   return record;
 }
@@ -148,7 +150,7 @@ std::shared_ptr<FolderMetadata> MetadataCache::createFolderMetadata(const fsp::S
   if (!iri.hasParent()) return record;
   record->setExtendedAttributes(parentAttributes(iri));
   Guard guard(*this);
-  liftRemovalsLocked(iri);
+  beginChangeLocked(iri);
   enterNewFolderLocked(record);
   return record;
 }
@@ -196,7 +198,7 @@ void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::Sto
       .setLastModified(source->getLastModified())
       .setExtendedAttributes(source->getExtendedAttributes());
   Guard guard(*this);
-  liftRemovalsLocked(to);
+  beginChangeLocked(to);
   try {
     entryLocked(to.getParent(), true)->removeFile(to, caseSensitive_);
   } catch (const fsp::Exception& e) {
@@ -233,37 +235,25 @@ void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::S
       .setExtendedAttributes(source->getExtendedAttributes());
   Guard guard(*this);
   reapplyFrozenLocked();
-  liftRemovalsLocked(to);
+  beginChangeLocked(to);
   moveFolderDetail(from, to, moved, policy, tree);
   noteRemovalLocked(from);
 }
 
 void MetadataCache::confirmFile(const fsp::StorageIRI& iri) {
   Guard guard(*this);
-  if (iri.hasParent()) {
-    if (const auto parent = findEntryLocked(iri.getParent())) {
-      // The record may be stored under another spelling on a case-insensitive store.
-      auto child = parent->peekChild(iri);
-      if (!child && !caseSensitive_ && parent->isDetailReady()) {
-        try {
-          child = parent->findChild(iri, NodeKind::File, false);
-        } catch (const fsp::Exception& e) {
-          if (!isNotFound(e)) throw;
-        }
-      }
-      if (child && child->index() == 0) std::get<0>(*child)->unfreeze();
-    }
-  }
-  dropFrozenLocked(iri, false);
+  if (endChangeLocked(iri)) unfreezeFileLocked(iri);
 }
 
 void MetadataCache::confirmFolder(const fsp::StorageIRI& iri, bool recursive) {
   Guard guard(*this);
-  if (const auto entry = findEntryLocked(iri)) {
-    if (auto record = entry->peekFolderMetadata()) record->unfreeze();
-    if (recursive) unfreezeTreeLocked(entry->getIRI());
-  }
-  dropFrozenLocked(iri, false);
+  if (endChangeLocked(iri)) unfreezeFolderLocked(iri, recursive);
+}
+
+void MetadataCache::confirmAttributes(const fsp::StorageIRI& iri, bool isFile) {
+  Guard guard(*this);
+  if (changeInFlightLocked(iri)) return;
+  isFile ? unfreezeFileLocked(iri) : unfreezeFolderLocked(iri, false);
 }
 
 void MetadataCache::confirmRemoval(const fsp::StorageIRI& iri) {
@@ -272,9 +262,10 @@ void MetadataCache::confirmRemoval(const fsp::StorageIRI& iri) {
   if (it != pendingRemovals_.end() && --it->second <= 0) pendingRemovals_.erase(it);
 }
 
-bool MetadataCache::removedAfterPendingInvalidations(const fsp::StorageIRI& iri) {
+bool MetadataCache::prepareLookup(const fsp::StorageIRI& iri) {
   Guard guard(*this);
   actOnPendingInvalidationsLocked();
+  reapplyFrozenLocked();
   return isRemovedLocked(iri);
 }
 

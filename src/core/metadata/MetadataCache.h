@@ -13,7 +13,7 @@
 //
 // Locks, in order (never the other way round):
 //   1. mutex_ (this cache): folders_, frozen_, pendingInvalidations_, invalidationsPending_,
-//      pendingRemovals_, population_.
+//      pendingRemovals_, changesInFlight_, population_.
 //   2. an IFolderEntry's own mutex: that entry's folder record and children.
 //   3. a FileMetadata's / FolderMetadata's own mutex: that record's fields.
 // mutex_ is never held while the inner store is listed or while an entry's listing is waited
@@ -91,12 +91,21 @@ class MetadataCache {
                           fsp::ReplacementPolicy policy);
 
   // Confirmations: the inner store has done the change (executor thread).
+  // A creation of, or a move onto, `iri` has been replayed. Several such changes may be on
+  // their way to one location at once (a folder made, removed and made again while the replay
+  // lags behind), and a folder move places records at every location below its destination:
+  // the record becomes the store's only when the last change onto it or onto a folder above
+  // it is confirmed, never by the confirmation of an earlier one.
   void confirmFile(const fsp::StorageIRI& iri);
   void confirmFolder(const fsp::StorageIRI& iri, bool recursive);
+  // A change of attributes at `iri` has been replayed: confirms the record unless a creation
+  // or a move onto it or onto a folder above it is still on its way.
+  void confirmAttributes(const fsp::StorageIRI& iri, bool isFile);
 
   // The removal (or move away) of `iri` has been replayed on the store. Until then the store
   // still holds what the overlay removed, and a listing read again from it must not bring
-  // it back: lookups at or below a removed location find nothing, and listings hide it.
+  // it back: lookups at or below a removed location find only what the overlay has put there
+  // since (its frozen records), and listings hide the rest.
   void confirmRemoval(const fsp::StorageIRI& iri);
 
   // Invalidation.
@@ -132,9 +141,10 @@ class MetadataCache {
 
   static fsp::StorageIRI rootIRI();
   void actOnPendingInvalidations();
-  // Both under one hold of the lock, as every lookup begins: acts on pending invalidations,
-  // then tells whether `iri` lies at or below a removal not yet replayed.
-  bool removedAfterPendingInvalidations(const fsp::StorageIRI& iri);
+  // Under one hold of the lock, as every lookup begins: acts on pending invalidations,
+  // re-applies the records still frozen, then tells whether `iri` lies at or below a removal
+  // not yet replayed (where only frozen records, the overlay's own, are to be believed).
+  bool prepareLookup(const fsp::StorageIRI& iri);
 
   // Caller holds mutex_ (MetadataCacheTree.cpp).
   std::shared_ptr<IFolderEntry> findEntryLocked(const fsp::StorageIRI& folder) const;
@@ -143,7 +153,15 @@ class MetadataCache {
   void setEntryLocked(const fsp::StorageIRI& folder, std::shared_ptr<IFolderEntry> entry);
   void actOnPendingInvalidationsLocked();
   void noteRemovalLocked(const fsp::StorageIRI& iri);
-  void liftRemovalsLocked(const fsp::StorageIRI& iri);
+  void beginChangeLocked(const fsp::StorageIRI& iri);
+  // True when no counted change is left on its way to `iri` or to a folder above it.
+  bool endChangeLocked(const fsp::StorageIRI& iri);
+  bool changeInFlightLocked(const fsp::StorageIRI& iri) const;
+  void unfreezeFileLocked(const fsp::StorageIRI& iri);
+  void unfreezeFolderLocked(const fsp::StorageIRI& iri, bool recursive);
+  // The entry of a folder at or below a pending removal, when the overlay made it since
+  // (its record is frozen); NotFound otherwise.
+  std::shared_ptr<IFolderEntry> ownEntryLocked(const fsp::StorageIRI& folder);
   bool isRemovedLocked(const fsp::StorageIRI& iri) const;
   void hidePendingRemovalsLocked(IFolderEntry& entry);
   void collectFrozenLocked();
@@ -182,6 +200,8 @@ class MetadataCache {
   std::set<fsp::StorageIRI> pendingInvalidations_;
   // Removals and moves away not yet replayed, with how many of each are on their way.
   std::map<fsp::StorageIRI, int> pendingRemovals_;
+  // Creations and moves onto a location not yet replayed, with how many of each.
+  std::map<fsp::StorageIRI, int> changesInFlight_;
   bool invalidationsPending_ = false;
   std::vector<std::shared_ptr<IFolderEntry>> released_;  // dropped under the lock, see Guard
 };

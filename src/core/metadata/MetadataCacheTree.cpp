@@ -39,8 +39,14 @@ std::shared_ptr<IFolderEntry> MetadataCache::entryLocked(const fsp::StorageIRI& 
   auto entry = findEntryLocked(folder);
   if (entry || !create) return entry;
   // Made under the lock so that concurrent first lookups share one listing; the listing
-  // itself runs on the entry's own thread.
-  entry = std::make_shared<FutureFolderEntry>(folder, innerRoot_);
+  // itself runs on the entry's own thread. Below a removal not yet replayed the store still
+  // holds what was removed: such a folder starts empty and holds only the overlay's own
+  // records.
+  if (isRemovedLocked(folder)) {
+    entry = std::make_shared<IFolderEntry>(folder);
+  } else {
+    entry = std::make_shared<FutureFolderEntry>(folder, innerRoot_);
+  }
   setEntryLocked(folder, entry);
   return entry;
 }
@@ -104,13 +110,54 @@ void MetadataCache::collectFrozenLocked() {
 
 void MetadataCache::noteRemovalLocked(const fsp::StorageIRI& iri) { ++pendingRemovals_[iri]; }
 
-// What is placed at `iri` now is the cache's own complete picture: earlier removals at or
-// below it no longer hide anything there.
-void MetadataCache::liftRemovalsLocked(const fsp::StorageIRI& iri) {
-  for (auto it = pendingRemovals_.begin(); it != pendingRemovals_.end();) {
-    it = (it->first == iri || iri.isAncestorOf(it->first)) ? pendingRemovals_.erase(it)
-                                                           : std::next(it);
+void MetadataCache::beginChangeLocked(const fsp::StorageIRI& iri) { ++changesInFlight_[iri]; }
+
+bool MetadataCache::endChangeLocked(const fsp::StorageIRI& iri) {
+  const auto it = changesInFlight_.find(iri);
+  if (it != changesInFlight_.end() && --it->second <= 0) changesInFlight_.erase(it);
+  return !changeInFlightLocked(iri);
+}
+
+// A move onto an ancestor placed new records at every location below it, and the move's own
+// confirmation is the one that makes them the store's.
+bool MetadataCache::changeInFlightLocked(const fsp::StorageIRI& iri) const {
+  if (changesInFlight_.empty()) return false;
+  for (auto at = iri;; at = at.getParent()) {
+    if (changesInFlight_.count(at)) return true;
+    if (!at.hasParent()) return false;
   }
+}
+
+void MetadataCache::unfreezeFileLocked(const fsp::StorageIRI& iri) {
+  if (iri.hasParent()) {
+    if (const auto parent = findEntryLocked(iri.getParent())) {
+      // The record may be stored under another spelling on a case-insensitive store.
+      auto child = parent->peekChild(iri);
+      if (!child && !caseSensitive_ && parent->isDetailReady()) {
+        try {
+          child = parent->findChild(iri, NodeKind::File, false);
+        } catch (const fsp::Exception& e) {
+          if (e.getErrorCode() != fsp::ErrorCode::NotFound) throw;
+        }
+      }
+      if (child && child->index() == 0) std::get<0>(*child)->unfreeze();
+    }
+  }
+  dropFrozenLocked(iri, false);
+}
+
+void MetadataCache::unfreezeFolderLocked(const fsp::StorageIRI& iri, bool recursive) {
+  if (const auto entry = findEntryLocked(iri)) {
+    if (auto record = entry->peekFolderMetadata()) record->unfreeze();
+    if (recursive) unfreezeTreeLocked(entry->getIRI());
+  }
+  dropFrozenLocked(iri, false);
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::ownEntryLocked(const fsp::StorageIRI& folder) {
+  auto entry = findEntryLocked(folder);
+  if (!entry || !entry->isFrozen()) throw fsp::Exception(fsp::ErrorCode::NotFound, folder);
+  return entry;
 }
 
 bool MetadataCache::isRemovedLocked(const fsp::StorageIRI& iri) const {
@@ -122,16 +169,10 @@ bool MetadataCache::isRemovedLocked(const fsp::StorageIRI& iri) const {
 }
 
 void MetadataCache::hidePendingRemovalsLocked(IFolderEntry& entry) {
-  for (const auto& [removed, count] : pendingRemovals_) {
-    if (!removed.hasParent() || removed.getParent() != entry.getIRI()) continue;
-    for (const auto kind : {NodeKind::File, NodeKind::Folder}) {
-      try {
-        kind == NodeKind::File ? entry.removeFile(removed, true)
-                               : entry.removeFolder(removed, true);
-      } catch (const fsp::Exception&) {
-        // Not listed (any more): nothing to hide.
-      }
-    }
+  if (pendingRemovals_.empty() || !entry.isDetailReady()) return;
+  for (const auto& [iri, node] : entry.getChildren()) {
+    if (nodeIsFrozen(node) || !isRemovedLocked(iri)) continue;
+    node.index() == 0 ? entry.removeFile(iri, true) : entry.removeFolder(iri, true);
   }
 }
 
@@ -212,12 +253,14 @@ void MetadataCache::unfreezeTreeLocked(const fsp::StorageIRI& folder) const {
   auto found = folders_.find(folder);
   if (found == folders_.end()) return;
   for (const auto& node : found->second->collectRecords()) {
+    // A record made below since by a change still on its way stays the overlay's own.
+    const bool inFlight = changesInFlight_.count(nodeIRI(node)) > 0;
     if (node.index() == 0) {
-      std::get<0>(node)->unfreeze();
+      if (!inFlight) std::get<0>(node)->unfreeze();
       continue;
     }
     const auto& record = std::get<1>(node);
-    record->unfreeze();
+    if (!inFlight) record->unfreeze();
     if (record->getIRI() != folder) unfreezeTreeLocked(record->getIRI());
   }
 }

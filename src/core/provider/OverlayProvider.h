@@ -191,8 +191,6 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   bool updateRecord(const fsp::StorageIRI& location,
                     const std::function<void(FileMetadata&)>& updateFile,
                     const std::function<void(FolderMetadata&)>& updateFolder) const;
-  static std::function<void(MetadataCache&)> confirmation(const fsp::StorageIRI& location,
-                                                          bool isFile);
   // After a folder move: the working files below `moved` adopt their new cache records.
   void keepWorkingFilesOnTheirRecords(const fsp::StorageIRI& moved) const;
   // Refuses (ResourceBusy) to remove or move a file that a stream has open, unless the inner

@@ -165,10 +165,7 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   replay(
       "removeFile", ObservableTransactionType::FILE_REMOVAL,
       [stored](const StorageItem& inner) { innerItemFor(inner, stored).removeFile(); },
-      [stored](MetadataCache& cache) {
-        cache.confirmFile(stored);
-        cache.confirmRemoval(stored);
-      });
+      [stored](MetadataCache& cache) { cache.confirmRemoval(stored); });
 }
 
 void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
@@ -187,10 +184,7 @@ void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
   replay(
       "removeFolder", ObservableTransactionType::FOLDER_REMOVAL,
       [folder](const StorageItem& inner) { innerItemFor(inner, folder).removeFolder(); },
-      [folder](MetadataCache& cache) {
-        cache.confirmFolder(folder, false);
-        cache.confirmRemoval(folder);
-      });
+      [folder](MetadataCache& cache) { cache.confirmRemoval(folder); });
 }
 
 void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
@@ -208,10 +202,7 @@ void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
   replay(
       "removeFolderRecursively", ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
       [folder](const StorageItem& inner) { innerItemFor(inner, folder).removeFolderRecursively(); },
-      [folder](MetadataCache& cache) {
-        cache.confirmFolder(folder, true);
-        cache.confirmRemoval(folder);
-      });
+      [folder](MetadataCache& cache) { cache.confirmRemoval(folder); });
 }
 
 StorageIRI OverlayProvider::requireFolder(const StorageIRI& location) const {
@@ -241,6 +232,10 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   if (!record) throw notFound(source);
   checkFileDestination(stored, destination, policy);
   if (stored == destination) return;  // the file is already there: nothing changes
+  // The body of a file that the move replaces goes with that file.
+  const auto replaced = metadataCache_->getFileMetadata(destination);
+  if (replaced && replaced->getIRI() != stored)
+    contentCache_->removeEntry(replaced->getIRI(), true);
   metadataCache_->moveFileMetadata(stored, destination);
   contentCache_->moveEntry(stored, destination);
   if (const auto entry = contentCache_->find(destination)) {
@@ -298,6 +293,11 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
                     "a folder cannot move into itself");
   }
   checkFolderDestination(destination, policy);
+  // Unless the move merges, the bodies below a folder it replaces go with that folder.
+  const auto replaced = metadataCache_->getFolderMetadata(destination);
+  if (replaced && policy != fsp::ReplacementPolicy::Merge) {
+    contentCache_->removeFolderEntries(replaced->getIRI(), true);
+  }
   metadataCache_->moveFolderMetadata(stored, destination, policy);
   contentCache_->moveFolderEntries(stored, destination);
   keepWorkingFilesOnTheirRecords(destination);
@@ -390,7 +390,7 @@ void OverlayProvider::setAttribute(const StorageIRI& iri, const std::string& nam
       [location, innerCall = std::move(innerCall)](const StorageItem& inner) {
         innerCall(innerItemFor(inner, location));
       },
-      confirmation(location, isFile));
+      [location, isFile](MetadataCache& cache) { cache.confirmAttributes(location, isFile); });
 }
 
 bool OverlayProvider::updateRecord(const StorageIRI& location,
@@ -409,12 +409,6 @@ bool OverlayProvider::updateRecord(const StorageIRI& location,
     return false;
   }
   throw notFound(location);
-}
-
-std::function<void(MetadataCache&)> OverlayProvider::confirmation(const StorageIRI& location,
-                                                                  bool isFile) {
-  if (isFile) return [location](MetadataCache& cache) { cache.confirmFile(location); };
-  return [location](MetadataCache& cache) { cache.confirmFolder(location, false); };
 }
 
 void OverlayProvider::keepWorkingFilesOnTheirRecords(const StorageIRI& moved) const {
