@@ -101,10 +101,14 @@ StorageIRI OverlayProvider::publicLocation(const StorageIRI& resolved) const {
 }
 
 Exception OverlayProvider::refusalForHost(const Exception& inner) const {
-  const auto path = pathBelow(inner_->getLocation(), inner.getLocation());
-  if (!path || inner.getLocation().getScheme() != inner_->getLocation().getScheme()) {
-    return inner;
+  // The caches refuse with the overlay's own locations, the inner store with its own; the host
+  // knows neither.
+  const auto& location = inner.getLocation();
+  if (location.getScheme() == u"overlay") {
+    return Exception(inner.getErrorCode(), publicLocation(location), inner.what());
   }
+  const auto path = pathBelow(inner_->getLocation(), location);
+  if (!path || location.getScheme() != inner_->getLocation().getScheme()) return inner;
   return Exception(inner.getErrorCode(), publicRoot_.withPath(*path), inner.what());
 }
 
