@@ -237,6 +237,17 @@ TEST(MetadataCacheCaseTest, CaseInsensitiveStoreFindsDifferentlySpelledNames) {
   EXPECT_TRUE(moved->isFrozen());
   cache.confirmFile(ov(u"/A/c.txt"));
   EXPECT_FALSE(moved->isFrozen());
+
+  // Folders too are found by any spelling: the tree size, an invalidation, and a creation's
+  // confirmation, which must also end what was counted under the other spelling.
+  auto created = cache.createFileMetadata(ov(u"/a/big.bin"));
+  created->setSize(7);
+  EXPECT_EQ(cache.getFolderTreeSize(ov(u"/a")), 7u);  // first listed as "/A"
+  cache.confirmFile(ov(u"/A/BIG.bin"));
+  EXPECT_FALSE(created->isFrozen());
+  cache.invalidate(ov(u"/a"));
+  cache.getFileMetadata(ov(u"/a/c.txt"));
+  EXPECT_EQ(counted->callCount("listAll"), 2u);  // "/a" was dropped and listed again
 }
 
 TEST_F(MetadataCacheTest, CaseSensitiveStoreDoesNotMatchOtherSpellings) {

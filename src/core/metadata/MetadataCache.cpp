@@ -258,7 +258,7 @@ void MetadataCache::confirmAttributes(const fsp::StorageIRI& iri, bool isFile) {
 
 void MetadataCache::confirmRemoval(const fsp::StorageIRI& iri) {
   Guard guard(*this);
-  const auto it = pendingRemovals_.find(iri);
+  const auto it = pendingRemovals_.find(keyOf(iri));
   if (it != pendingRemovals_.end() && --it->second <= 0) pendingRemovals_.erase(it);
 }
 

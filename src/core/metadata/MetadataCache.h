@@ -147,6 +147,10 @@ class MetadataCache {
   bool prepareLookup(const fsp::StorageIRI& iri);
 
   // Caller holds mutex_ (MetadataCacheTree.cpp).
+  // The key of a location in the maps below: on a case-insensitive store every spelling of a
+  // location is one key (its path lower-cased once), so that a lookup, a confirmation or an
+  // invalidation named in another spelling finds what is stored.
+  fsp::StorageIRI keyOf(const fsp::StorageIRI& iri) const;
   std::shared_ptr<IFolderEntry> findEntryLocked(const fsp::StorageIRI& folder) const;
   std::shared_ptr<IFolderEntry> entryLocked(const fsp::StorageIRI& folder, bool create);
   void invalidateLocked(const fsp::StorageIRI& iri);
@@ -194,6 +198,7 @@ class MetadataCache {
   const bool caseSensitive_;
   std::shared_ptr<std::future<void>> population_;
   boost::once_flag populationOnce_ = BOOST_ONCE_INIT;
+  // Every map of locations below is keyed by keyOf.
   std::map<fsp::StorageIRI, std::shared_ptr<IFolderEntry>> folders_;
   mutable std::mutex mutex_;
   std::map<fsp::StorageIRI, MetadataNode> frozen_;

@@ -5,6 +5,7 @@
 #include "core/provider/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
+#include <foundation/text/Unicode.h>
 
 namespace storage::overlayprovider {
 
@@ -16,22 +17,20 @@ MetadataCache::Guard::~Guard() {
 
 void MetadataCache::setEntryLocked(const fsp::StorageIRI& folder,
                                    std::shared_ptr<IFolderEntry> entry) {
-  auto [it, inserted] = folders_.try_emplace(folder, entry);
+  auto [it, inserted] = folders_.try_emplace(keyOf(folder), entry);
   if (inserted) return;
   released_.push_back(std::move(it->second));
   it->second = std::move(entry);
 }
 
+fsp::StorageIRI MetadataCache::keyOf(const fsp::StorageIRI& iri) const {
+  if (caseSensitive_) return iri;
+  return fsp::StorageIRI(iri.getScheme(), foundation::text::toLower(iri.getPath()));
+}
+
 std::shared_ptr<IFolderEntry> MetadataCache::findEntryLocked(const fsp::StorageIRI& folder) const {
-  if (caseSensitive_) {
-    auto found = folders_.find(folder);
-    return found == folders_.end() ? nullptr : found->second;
-  }
-  const auto wanted = caseFoldedHash(folder);
-  for (const auto& [iri, entry] : folders_) {
-    if (caseFoldedHash(iri) == wanted) return entry;
-  }
-  return nullptr;
+  auto found = folders_.find(keyOf(folder));
+  return found == folders_.end() ? nullptr : found->second;
 }
 
 std::shared_ptr<IFolderEntry> MetadataCache::entryLocked(const fsp::StorageIRI& folder,
@@ -58,8 +57,9 @@ void MetadataCache::invalidateLocked(const fsp::StorageIRI& iri) {
     folders_.clear();
     return;
   }
+  const auto key = keyOf(iri);
   for (auto it = folders_.begin(); it != folders_.end();) {
-    if (it->first != iri && !iri.isAncestorOf(it->first)) {
+    if (it->first != key && !key.isAncestorOf(it->first)) {
       ++it;
       continue;
     }
@@ -74,7 +74,7 @@ void MetadataCache::actOnPendingInvalidationsLocked() {
   if (pendingInvalidations_.empty()) return;
   std::set<fsp::StorageIRI> targets;
   for (const auto& iri : pendingInvalidations_) {
-    targets.insert(iri.hasParent() ? iri.getParent() : iri);
+    targets.insert(keyOf(iri.hasParent() ? iri.getParent() : iri));
   }
   pendingInvalidations_.clear();
   collectFrozenLocked();
@@ -103,17 +103,21 @@ void MetadataCache::collectFrozenLocked() {
       const bool frozen = nodeIsFrozen(node);
       OVERLAY_LOG(foundation::log::debug)
           << nodeIRI(node).toString() << (frozen ? " is frozen." : " is not frozen.");
-      if (frozen) frozen_.insert_or_assign(nodeIRI(node), std::move(node));
+      if (frozen) frozen_.insert_or_assign(keyOf(nodeIRI(node)), std::move(node));
     }
   }
 }
 
-void MetadataCache::noteRemovalLocked(const fsp::StorageIRI& iri) { ++pendingRemovals_[iri]; }
+void MetadataCache::noteRemovalLocked(const fsp::StorageIRI& iri) {
+  ++pendingRemovals_[keyOf(iri)];
+}
 
-void MetadataCache::beginChangeLocked(const fsp::StorageIRI& iri) { ++changesInFlight_[iri]; }
+void MetadataCache::beginChangeLocked(const fsp::StorageIRI& iri) {
+  ++changesInFlight_[keyOf(iri)];
+}
 
 bool MetadataCache::endChangeLocked(const fsp::StorageIRI& iri) {
-  const auto it = changesInFlight_.find(iri);
+  const auto it = changesInFlight_.find(keyOf(iri));
   if (it != changesInFlight_.end() && --it->second <= 0) changesInFlight_.erase(it);
   return !changeInFlightLocked(iri);
 }
@@ -122,7 +126,7 @@ bool MetadataCache::endChangeLocked(const fsp::StorageIRI& iri) {
 // confirmation is the one that makes them the store's.
 bool MetadataCache::changeInFlightLocked(const fsp::StorageIRI& iri) const {
   if (changesInFlight_.empty()) return false;
-  for (auto at = iri;; at = at.getParent()) {
+  for (auto at = keyOf(iri);; at = at.getParent()) {
     if (changesInFlight_.count(at)) return true;
     if (!at.hasParent()) return false;
   }
@@ -162,7 +166,7 @@ std::shared_ptr<IFolderEntry> MetadataCache::ownEntryLocked(const fsp::StorageIR
 
 bool MetadataCache::isRemovedLocked(const fsp::StorageIRI& iri) const {
   if (pendingRemovals_.empty()) return false;
-  for (auto at = iri;; at = at.getParent()) {
+  for (auto at = keyOf(iri);; at = at.getParent()) {
     if (pendingRemovals_.count(at)) return true;
     if (!at.hasParent()) return false;
   }
@@ -183,10 +187,8 @@ void MetadataCache::reapplyFrozenLocked() {
     if (iri.hasParent()) {
       // What the cache holds now, for the record; a failed listing must not stop the pass.
       try {
-        auto parent = folders_.find(iri.getParent());
-        if (parent != folders_.end() && parent->second->isDetailReady()) {
-          parent->second->waitForDetail();
-        }
+        const auto parent = findEntryLocked(iri.getParent());
+        if (parent && parent->isDetailReady()) parent->waitForDetail();
       } catch (const std::exception& e) {
         OVERLAY_LOG(foundation::log::exception) << "Exception caught: " << e.what();
       }
@@ -226,19 +228,20 @@ void MetadataCache::enterNewFolderLocked(const std::shared_ptr<FolderMetadata>& 
 }
 
 void MetadataCache::dropFrozenLocked(const fsp::StorageIRI& iri, bool withDescendants) {
-  frozen_.erase(iri);
+  const auto key = keyOf(iri);
+  frozen_.erase(key);
   if (!withDescendants) return;
   for (auto it = frozen_.begin(); it != frozen_.end();) {
-    it = iri.isAncestorOf(it->first) ? frozen_.erase(it) : std::next(it);
+    it = key.isAncestorOf(it->first) ? frozen_.erase(it) : std::next(it);
   }
 }
 
 std::uint64_t MetadataCache::treeSizeLocked(const fsp::StorageIRI& folder) const {
-  auto found = folders_.find(folder);
-  if (found == folders_.end() || !found->second->isDetailReady()) return 0;
+  const auto found = findEntryLocked(folder);
+  if (!found || !found->isDetailReady()) return 0;
   std::uint64_t total = 0;
   try {
-    for (const auto& [iri, node] : found->second->getChildren()) {
+    for (const auto& [iri, node] : found->getChildren()) {
       total += node.index() == 0 ? std::get<0>(node)->getSize() : treeSizeLocked(iri);
     }
   } catch (const std::exception& e) {
@@ -250,11 +253,11 @@ std::uint64_t MetadataCache::treeSizeLocked(const fsp::StorageIRI& folder) const
 }
 
 void MetadataCache::unfreezeTreeLocked(const fsp::StorageIRI& folder) const {
-  auto found = folders_.find(folder);
-  if (found == folders_.end()) return;
-  for (const auto& node : found->second->collectRecords()) {
+  const auto found = findEntryLocked(folder);
+  if (!found) return;
+  for (const auto& node : found->collectRecords()) {
     // A record made below since by a change still on its way stays the overlay's own.
-    const bool inFlight = changesInFlight_.count(nodeIRI(node)) > 0;
+    const bool inFlight = changesInFlight_.count(keyOf(nodeIRI(node))) > 0;
     if (node.index() == 0) {
       if (!inFlight) std::get<0>(node)->unfreeze();
       continue;
