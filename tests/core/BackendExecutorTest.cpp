@@ -1,5 +1,6 @@
 // BackendExecutor and its WeightedTransactionQueue: ordering, back-pressure and the weight it
 // keeps, shutdowns and flushes that must neither hang nor lose accepted work, and the records.
+#include "CoreTestSupport.h"
 #include "core/execution/BackendExecutor.h"
 #include "core/execution/WeightedTransactionQueue.h"
 
@@ -8,47 +9,20 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <boost/property_tree/json_parser.hpp>
-#include <boost/property_tree/ptree.hpp>
-#include <cstdio>
-#include <cstdlib>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <sstream>
 #include <thread>
 #include <vector>
 
 namespace storage::overlayprovider {
 namespace {
 
+using coretest::Background;
+using coretest::returnsInTime;
 using foundation::log::LogCapture;
 using namespace std::chrono_literals;
-
-// Runs an action on a thread of its own. finish() waits for it at most 10 s: a hang is a
-// failure that cannot be cleaned up (shutdown or join would hang as well), so the process ends
-// there instead of blocking; CTest runs every test in a process of its own.
-struct Background {
-  std::future<void> done;
-  explicit Background(std::function<void()> action)
-      : done(std::async(std::launch::async, std::move(action))) {}
-  ~Background() { finish("a background call"); }
-  bool returned() { return done.wait_for(0s) == std::future_status::ready; }
-  void finish(const char* what) {
-    if (!done.valid()) return;
-    if (done.wait_for(10s) != std::future_status::ready) {
-      ADD_FAILURE() << what << " did not return within 10 s";
-      std::fflush(stdout);
-      std::_Exit(1);
-    }
-    done.get();
-  }
-};
-
-void returnsInTime(std::function<void()> action, const char* what) {
-  Background(std::move(action)).finish(what);
-}
 
 // A task that holds the worker until released, so a test can queue behind it.
 struct Stall {
@@ -230,13 +204,6 @@ void PrintTo(const WeightCase& c, std::ostream* out) { *out << c.name; }
 
 struct QueueWeightTest : ::testing::TestWithParam<WeightCase> {};
 
-double weightOf(WeightedTransactionQueue& queue) {
-  std::istringstream in(queue.captureMetrics());
-  boost::property_tree::ptree tree;
-  boost::property_tree::read_json(in, tree);
-  return tree.get<double>("overlay.queueStats.weight");
-}
-
 TEST_P(QueueWeightTest, GivesBackWhatPushAdded) {
   const WeightCase& c = GetParam();
   WeightedTransactionQueue queue(c.boundAtPush);
@@ -254,7 +221,8 @@ TEST_P(QueueWeightTest, GivesBackWhatPushAdded) {
   second.finish("push held back before the first entry left");
   queue.setMaxWeight(c.boundAfter);
   queue.take();
-  EXPECT_EQ(weightOf(queue), 0.0);
+  EXPECT_EQ(coretest::parseJson(queue.captureMetrics()).get<double>("overlay.queueStats.weight"),
+            0.0);
   returnsInTime([&] { queue.push(entry(1.0)); }, "push into an empty queue");
 }
 

@@ -9,8 +9,6 @@
 #include "core/quota/IQuotaAccountant.h"
 
 #include <foundation/log/LogCapture.h>
-#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
-#include <foundation/storage/provider/mem/MemProvider.h>
 #include <foundation/text/Unicode.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -78,10 +76,10 @@ class RecordingQuota : public IQuotaAccountant {
 class EventListenerTest : public ::testing::Test {
  protected:
   EventListenerTest() {
-    mem->createFolderRecursive(coretest::mem(u"/a/sub"));
-    mem->createFile(coretest::mem(u"/a/x.txt"));
-    mem->createFolder(coretest::mem(u"/b"));
-    listener = EventListener::create(root, cache, content, slot, quota);
+    store.mem->createFolderRecursive(mem(u"/a/sub"));
+    store.mem->createFile(mem(u"/a/x.txt"));
+    store.mem->createFolder(mem(u"/b"));
+    listener = EventListener::create(*store.root, cache, content, slot, quota);
   }
   ~EventListenerTest() override {
     listener->stop();
@@ -90,22 +88,19 @@ class EventListenerTest : public ::testing::Test {
   }
 
   void event(Kind kind, const std::u16string& path, EntryType type) {
-    listener->handle(kind, coretest::mem(u"/"), coretest::mem(path), type, {});
+    listener->handle(kind, mem(u"/"), mem(path), type, {});
   }
   // Listings of the store that the next lookups of /a and /b cause.
   std::uint64_t relistings() {
-    const auto before = instrumented->callCount("listAll");
+    const auto before = store.counted->callCount("listAll");
     cache->getFileMetadata(ov(u"/a/x.txt"));
     cache->getFolderMetadata(ov(u"/b"));
-    return instrumented->callCount("listAll") - before;
+    return store.counted->callCount("listAll") - before;
   }
 
-  std::shared_ptr<fsp::mem::MemProvider> mem = std::make_shared<fsp::mem::MemProvider>();
-  std::shared_ptr<fsp::instrumented::InstrumentedProvider> instrumented =
-      std::make_shared<fsp::instrumented::InstrumentedProvider>(mem);
-  fsp::StorageItem root{instrumented, fsp::mem::MemProvider::rootLocation()};
-  std::shared_ptr<MetadataCache> cache = std::make_shared<MetadataCache>(
-      std::make_shared<fsp::StorageItem>(root), fsp::FilenameSensitivity::CaseSensitive);
+  MemStore store;
+  std::shared_ptr<MetadataCache> cache =
+      std::make_shared<MetadataCache>(store.root, fsp::FilenameSensitivity::CaseSensitive);
   ContentCache content;
   std::shared_ptr<HeldExecutor> executor = std::make_shared<HeldExecutor>();
   std::shared_ptr<ExecutorSlot> slot = std::make_shared<ExecutorSlot>(executor);
