@@ -1,12 +1,13 @@
 // ContentCache: its directory, the registry of working files, space by eviction, staleness,
-// aborts, moves, and what it leaves on disk.
+// aborts and moves. What it leaves on disk at the end is checked through the provider
+// (OverlayBodies.BodiesPersistAcrossProvidersOnlyWhenAskedTo).
+#include "CoreTestSupport.h"
 #include "core/contentcache/ContentCache.h"
 
 #include "core/contentcache/CachingErrorException.h"
 #include "core/execution/SynchronousExecutor.h"
 
 #include <foundation/log/LogCapture.h>
-#include <foundation/storage/provider/mem/MemProvider.h>
 
 #include <gtest/gtest.h>
 #include <boost/filesystem.hpp>
@@ -17,10 +18,7 @@ namespace storage::overlayprovider {
 namespace {
 
 namespace fs = boost::filesystem;
-namespace fsp = foundation::storage::provider;
-using fsp::StorageIRI;
-
-StorageIRI ov(const std::u16string& path) { return StorageIRI(u"overlay", path); }
+using coretest::ov;
 
 // Grants space while `refusals` is 0, else refuses once per unit; counts releases.
 struct FakeArbitrator : ICacheSpaceArbitrator {
@@ -40,24 +38,16 @@ struct FakeArbitrator : ICacheSpaceArbitrator {
 class ContentCacheTest : public ::testing::Test {
  protected:
   ContentCacheTest() : root_(fs::temp_directory_path() / fs::unique_path("cc-test-%%%%-%%%%")) {
-    settings_.innerRoot = std::make_shared<fsp::StorageItem>(
-        std::make_shared<fsp::mem::MemProvider>(), fsp::mem::MemProvider::rootLocation());
+    settings_.innerRoot = store_.root;
     settings_.executor =
         std::make_shared<ExecutorSlot>(std::make_shared<SynchronousExecutor>([] {}));
-    cache_ = makeCache();
+    cache_->setCacheRoot(root_);
+    cache_->setArbitratorFactory(
+        [this](const fs::path&) { return std::make_unique<FakeArbitrator>(refusals_, releases_); });
   }
   ~ContentCacheTest() override {
     cache_.reset();
-    settings_.innerRoot->shutdownProvider();
     fs::remove_all(root_);
-  }
-
-  std::unique_ptr<ContentCache> makeCache() {
-    auto cache = std::make_unique<ContentCache>();
-    cache->setCacheRoot(root_);
-    cache->setArbitratorFactory(
-        [this](const fs::path&) { return std::make_unique<FakeArbitrator>(refusals_, releases_); });
-    return cache;
   }
 
   std::shared_ptr<WorkingFileEntry> retrieve(const std::u16string& path,
@@ -76,18 +66,12 @@ class ContentCacheTest : public ::testing::Test {
     entry->close(stream->id());
   }
 
-  std::size_t bodies() const {
-    const auto directory = root_ / "V1.0";
-    if (!fs::exists(directory)) return 0;
-    return static_cast<std::size_t>(
-        std::distance(fs::directory_iterator(directory), fs::directory_iterator()));
-  }
-
+  coretest::MemStore store_;
   fs::path root_;
   WorkingFileSettings settings_;
   int refusals_ = 0;
   int releases_ = 0;
-  std::unique_ptr<ContentCache> cache_;
+  std::unique_ptr<ContentCache> cache_ = std::make_unique<ContentCache>();
 };
 
 TEST_F(ContentCacheTest, EveryOperationKeepsTheVersionDirectory) {
@@ -181,19 +165,6 @@ TEST_F(ContentCacheTest, MovesReKeyEntriesAndCarryTheirBodies) {
   cache_->removeFolderEntries(ov(u"/f"), true);
   EXPECT_FALSE(cache_->contains(ov(u"/f/sub/y")));
   EXPECT_TRUE(cache_->contains(ov(u"/e")));
-}
-
-TEST_F(ContentCacheTest, OnlyPersistentCachesLeaveBodiesBehind) {
-  for (const bool persistent : {false, true}) {
-    SCOPED_TRACE(persistent ? "persistent" : "temporary");
-    cache_ = makeCache();
-    if (persistent) cache_->setPersistent();
-    write(retrieve(u"/a"), "body");
-    EXPECT_EQ(bodies(), 1u);
-    cache_.reset();
-    EXPECT_EQ(bodies(), persistent ? 1u : 0u);
-    fs::remove_all(root_);
-  }
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 // IFolderEntry and FutureFolderEntry: child lookups by kind and case, the folder's time on
-// changes, listings from an inner store, stored listing failures, extended-attribute failures.
+// changes, records filled from an inner store's listing, extended-attribute failures. Failed
+// listings, and the frozen state of a folder, are checked through the metadata cache.
 #include "CoreTestSupport.h"
 #include "core/metadata/FutureFolderEntry.h"
 #include "core/metadata/IFolderEntry.h"
 
 #include <foundation/log/LogCapture.h>
-#include <foundation/storage/provider/Exception.h>
-#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
-#include <foundation/storage/provider/mem/MemProvider.h>
 #include <gtest/gtest.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -21,9 +19,6 @@ using coretest::mem;
 using coretest::ov;
 using foundation::log::LogCapture;
 using fsp::ErrorCode;
-using fsp::StorageIRI;
-using fsp::instrumented::InstrumentedProvider;
-using fsp::mem::MemProvider;
 
 std::shared_ptr<FileMetadata> file(const std::u16string& path, const char* time) {
   auto record = std::make_shared<FileMetadata>(ov(path), false);
@@ -102,34 +97,21 @@ TEST_F(PlainEntryTest, ChildrenSnapshotIsACopySharingRecords) {
   EXPECT_EQ(entry->getFileMetadata(ov(u"/a/b.txt"), true)->getSize(), 7u);
 }
 
-TEST_F(PlainEntryTest, FrozenStateIsTheFolderRecords) {
-  EXPECT_FALSE(entry->isFrozen());
-  entry->getFolderMetadata()->freeze();
-  EXPECT_TRUE(entry->isFrozen());
-  entry->unfreeze();
-  EXPECT_FALSE(entry->getFolderMetadata()->isFrozen());
-}
-
 class FutureEntryTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    store->createFolder(mem(u"/docs"));
-    store->createFolder(mem(u"/docs/sub"));
-    auto stream = store->openStream(mem(u"/docs/a.txt"), fsp::ByteStreamOpenOptions::overwrite());
-    stream->write("hello", 5);
-    stream->close();
-    store->setWritable(mem(u"/docs/a.txt"), false);
-    store->setExtendedAttribute(mem(u"/docs/a.txt"), "WATERMARK", "w1");
-    store->setExtendedAttribute(mem(u"/docs"), "owner", "team");
+    store.mem->createFolder(mem(u"/docs"));
+    store.mem->createFolder(mem(u"/docs/sub"));
+    store.write(u"/docs/a.txt", "hello");
+    store.mem->setWritable(mem(u"/docs/a.txt"), false);
+    store.mem->setExtendedAttribute(mem(u"/docs/a.txt"), "WATERMARK", "w1");
+    store.mem->setExtendedAttribute(mem(u"/docs"), "owner", "team");
   }
   std::shared_ptr<FutureFolderEntry> entryFor(const std::u16string& path) {
-    return std::make_shared<FutureFolderEntry>(ov(path), root);
+    return std::make_shared<FutureFolderEntry>(ov(path), store.root);
   }
 
-  std::shared_ptr<MemProvider> store = std::make_shared<MemProvider>();
-  std::shared_ptr<InstrumentedProvider> counted = std::make_shared<InstrumentedProvider>(store);
-  std::shared_ptr<fsp::StorageItem> root =
-      std::make_shared<fsp::StorageItem>(counted, MemProvider::rootLocation());
+  coretest::MemStore store;
 };
 
 TEST_F(FutureEntryTest, ListingFillsRecordsFromTheInnerStore) {
@@ -139,34 +121,20 @@ TEST_F(FutureEntryTest, ListingFillsRecordsFromTheInnerStore) {
   EXPECT_FALSE(a->isWritable());
   EXPECT_EQ(a->getWatermark(), "w1");
   EXPECT_FALSE(a->isFrozen());
-  EXPECT_EQ(a->getLastModified(), store->getFileAttributes(mem(u"/docs/a.txt")).getLastModified());
+  EXPECT_EQ(a->getLastModified(),
+            store.mem->getFileAttributes(mem(u"/docs/a.txt")).getLastModified());
   EXPECT_FALSE(entry->getFolderMetadata(ov(u"/docs/sub"), true)->isFrozen());
   auto own = entry->getFolderMetadata();
   ASSERT_TRUE(own);
   EXPECT_EQ(own->getIRI(), ov(u"/docs"));
   EXPECT_EQ(own->getExtendedAttributes().getAttribute("owner"), "team");
   EXPECT_EQ(entry->getChildren().size(), 2u);
-  EXPECT_EQ(counted->callCount("listAll"), 1u);
-}
-
-TEST_F(FutureEntryTest, ListingFailureIsRethrownOnEveryWaitWithoutListingAgain) {
-  counted->failNext("listAll", 1, ErrorCode::IOError);
-  auto entry = entryFor(u"/docs");
-  EXPECT_EQ(codeOf([&] { entry->waitForDetail(); }), ErrorCode::IOError);
-  EXPECT_EQ(codeOf([&] { entry->getChildren(); }), ErrorCode::IOError);
-  EXPECT_EQ(codeOf([&] { entry->isEmpty(); }), ErrorCode::IOError);
-  EXPECT_EQ(counted->callCount("listAll"), 1u);
-}
-
-TEST_F(FutureEntryTest, MissingFolderFailsWithNotFound) {
-  auto entry = entryFor(u"/nowhere");
-  EXPECT_EQ(codeOf([&] { entry->waitForDetail(); }), ErrorCode::NotFound);
-  EXPECT_EQ(codeOf([&] { entry->waitForDetail(); }), ErrorCode::NotFound);
+  EXPECT_EQ(store.counted->callCount("listAll"), 1u);
 }
 
 TEST_F(FutureEntryTest, ExtendedAttributeFailureIsLoggedAndLeavesThemEmpty) {
   LogCapture capture;
-  counted->failNext("getExtendedAttributes", 1, ErrorCode::IOError);
+  store.counted->failNext("getExtendedAttributes", 1, ErrorCode::IOError);
   auto entry = entryFor(u"/docs");
   EXPECT_TRUE(entry->getFolderMetadata()->getExtendedAttributes().empty());
   EXPECT_EQ(entry->getChildren().size(), 2u);

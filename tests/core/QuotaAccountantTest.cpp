@@ -2,12 +2,10 @@
 // cache: figures from the store, local adjustments, failed polls and stopping.
 #include "core/quota/QuotaAccountant.h"
 
+#include "CoreTestSupport.h"
 #include "core/metadata/MetadataCache.h"
 
 #include <foundation/log/LogCapture.h>
-#include <foundation/storage/provider/Exception.h>
-#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
-#include <foundation/storage/provider/mem/MemProvider.h>
 
 #include <gtest/gtest.h>
 
@@ -28,32 +26,19 @@ constexpr long kOneHourMs = 3600 * 1000;
 
 StorageIRI overlay(const std::u16string& path) { return StorageIRI(u"overlay", path); }
 
-// A mem store of the given capacity behind the instrumented wrapper, its root item and a
-// metadata cache over it.
-struct Store {
-  explicit Store(std::uint64_t capacity) {
+// A mem store of the given capacity, seen through the instrumented wrapper, and a metadata
+// cache over it.
+struct Store : coretest::MemStore {
+  static fsp::mem::MemProvider::Options ofCapacity(std::uint64_t capacity) {
     fsp::mem::MemProvider::Options options;
     options.capacityBytes = capacity;
-    provider = std::make_shared<fsp::instrumented::InstrumentedProvider>(
-        std::make_shared<fsp::mem::MemProvider>(options));
-    root = std::make_shared<fsp::StorageItem>(provider, fsp::mem::MemProvider::rootLocation());
-    cache = std::make_shared<MetadataCache>(root, fsp::FilenameSensitivity::CaseSensitive);
+    return options;
   }
-  ~Store() { provider->shutdown(); }
+  explicit Store(std::uint64_t capacity) : MemStore(ofCapacity(capacity)) {}
+  void fill(const std::u16string& path, std::size_t bytes) { write(path, std::string(bytes, 'x')); }
 
-  // Replaces the content of the inner file at `path` with `bytes` bytes.
-  void write(const std::u16string& path, long bytes) const {
-    auto options = fsp::ByteStreamOpenOptions::readWriteCreate();
-    options.truncate = true;
-    auto stream = fsp::StorageItem(*root, path).openStream(options);
-    const std::string content(static_cast<std::size_t>(bytes), 'x');
-    ASSERT_EQ(stream->write(content.data(), bytes), bytes);
-    stream->close();
-  }
-
-  std::shared_ptr<fsp::instrumented::InstrumentedProvider> provider;
-  std::shared_ptr<fsp::StorageItem> root;
-  std::shared_ptr<MetadataCache> cache;
+  std::shared_ptr<MetadataCache> cache =
+      std::make_shared<MetadataCache>(root, fsp::FilenameSensitivity::CaseSensitive);
 };
 
 // Polls `probe` until it returns true; false if that has not happened after a generous time.
@@ -67,59 +52,44 @@ bool eventually(Probe probe) {
   return false;
 }
 
-TEST(QuotaAccountantTest, AvailableIsCapacityLessOccupiedAndWritesNeverWrapBelowZero) {
-  Store store(100);
-  store.write(u"/a.txt", 40);
-  QuotaAccountant accountant(store.root, kOneHourMs, store.cache);
-  EXPECT_EQ(accountant.getTotalQuota(), 100u);
-  EXPECT_EQ(accountant.getSpaceAvailable(), 60u);
-
-  accountant.addBytesWritten(15);
-  EXPECT_EQ(accountant.getSpaceAvailable(), 45u);
-  accountant.addBytesWritten(70);
-  EXPECT_EQ(accountant.getSpaceAvailable(), 0u);
-  EXPECT_EQ(accountant.getTotalQuota(), 100u);
-}
-
-TEST(QuotaAccountantTest, RemovedFilesGiveTheirCachedSizeBackCappedAtTheTotal) {
-  Store store(100);
-  store.write(u"/a.txt", 30);
-  store.write(u"/b.txt", 5);
-  // The cache learns both sizes; then the store shrinks a.txt behind its back, so that the
-  // store reports 90 available while the cache still holds a 30-byte record.
-  ASSERT_EQ(store.cache->getFileSize(overlay(u"/a.txt")), 30u);
-  ASSERT_EQ(store.cache->getFileSize(overlay(u"/b.txt")), 5u);
-  store.write(u"/a.txt", 5);
-  QuotaAccountant accountant(store.root, kOneHourMs, store.cache);
-  ASSERT_EQ(accountant.getSpaceAvailable(), 90u);
-
-  accountant.removeFile(overlay(u"/b.txt"));
-  EXPECT_EQ(accountant.getSpaceAvailable(), 95u);
-  accountant.removeFile(overlay(u"/a.txt"));
-  EXPECT_EQ(accountant.getSpaceAvailable(), 100u);
-}
-
-TEST(QuotaAccountantTest, FolderTreesTakeAndGiveBackTheSizeOfTheirCachedFiles) {
+// Between polls the figures follow the overlay's own changes: what it writes is taken off
+// (never below zero), and removed files and folder trees give back the sizes the metadata
+// cache holds for them (never above the total).
+TEST(QuotaAccountantTest, LocalChangesAdjustTheStoresFiguresWithinZeroAndTheTotal) {
   Store store(1000);
-  fsp::StorageItem(*store.root, u"/d").createFolder();
-  store.write(u"/d/a.txt", 100);
-  store.write(u"/d/b.txt", 50);
+  store.fill(u"/a.txt", 300);
+  store.fill(u"/b.txt", 50);
+  store.mem->createFolder(coretest::mem(u"/d"));
+  store.fill(u"/d/x.txt", 100);
+  store.fill(u"/d/y.txt", 50);
+  ASSERT_EQ(store.cache->getFileSize(overlay(u"/a.txt")), 300u);
   ASSERT_TRUE(store.cache->getFolderEntry(overlay(u"/d")));
+  store.fill(u"/a.txt", 50);  // behind the cache's back: it still holds 300 bytes for a.txt
   QuotaAccountant accountant(store.root, kOneHourMs, store.cache);
-  ASSERT_EQ(accountant.getSpaceAvailable(), 850u);
+  EXPECT_EQ(accountant.getTotalQuota(), 1000u);
+  EXPECT_EQ(accountant.getSpaceAvailable(), 750u);
 
-  accountant.addFolderTree(overlay(u"/d"));
-  EXPECT_EQ(accountant.getSpaceAvailable(), 700u);
-  accountant.removeFolderTree(overlay(u"/d"));
-  EXPECT_EQ(accountant.getSpaceAvailable(), 850u);
+  const std::pair<std::function<void()>, std::uint64_t> steps[] = {
+      {[&] { accountant.addBytesWritten(15); }, 735},
+      {[&] { accountant.removeFile(overlay(u"/b.txt")); }, 785},
+      {[&] { accountant.removeFile(overlay(u"/a.txt")); }, 1000},  // 1085, capped
+      {[&] { accountant.addFolderTree(overlay(u"/d")); }, 850},
+      {[&] { accountant.removeFolderTree(overlay(u"/d")); }, 1000},
+      {[&] { accountant.addBytesWritten(2000); }, 0},
+  };
+  for (const auto& [step, available] : steps) {
+    step();
+    EXPECT_EQ(accountant.getSpaceAvailable(), available);
+  }
+  EXPECT_EQ(accountant.getTotalQuota(), 1000u);
 }
 
 TEST(QuotaAccountantTest, StoreRefusingTheFirstPollLeavesFiguresEmptyAndEndsPolling) {
   Store store(100);
-  store.write(u"/a.txt", 30);
+  store.fill(u"/a.txt", 30);
   ASSERT_EQ(store.cache->getFileSize(overlay(u"/a.txt")), 30u);
   foundation::log::LogCapture capture;
-  store.provider->failNext("getProviderStorageInfo", 1, ErrorCode::Unavailable);
+  store.counted->failNext("getProviderStorageInfo", 1, ErrorCode::Unavailable);
   QuotaAccountant accountant(store.root, 1, store.cache);
 
   EXPECT_EQ(
@@ -137,14 +107,14 @@ TEST(QuotaAccountantTest, StoreRefusingTheFirstPollLeavesFiguresEmptyAndEndsPoll
   // now answers). The wait is only a lower bound: correct code passes however long it is.
   std::this_thread::sleep_for(100ms);
   accountant.stop();
-  EXPECT_EQ(store.provider->callCount("getProviderStorageInfo"), 1u);
+  EXPECT_EQ(store.counted->callCount("getProviderStorageInfo"), 1u);
   EXPECT_EQ(accountant.getTotalQuota(), std::nullopt);
 }
 
 TEST(QuotaAccountantTest, ForeignFailureIsLoggedAndALaterPollStillSucceeds) {
   Store store(100);
   foundation::log::LogCapture capture;
-  store.provider->throwNextUnexpected("getProviderStorageInfo", 1);
+  store.counted->throwNextUnexpected("getProviderStorageInfo", 1);
   QuotaAccountant accountant(store.root, 10, store.cache);
   EXPECT_EQ(capture.count("Unexpected exception.", foundation::log::notice), 1u);
   EXPECT_EQ(capture.count("Shutting down poll."), 0u);
@@ -161,7 +131,7 @@ TEST(QuotaAccountantTest, LaterPollReplacesLocalAdjustmentsWithTheStoresFigures)
   accountant.addBytesWritten(100);
   EXPECT_EQ(accountant.getSpaceAvailable(), 0u);
 
-  store.write(u"/a.txt", 40);
+  store.fill(u"/a.txt", 40);
   EXPECT_TRUE(eventually([&] { return accountant.getSpaceAvailable() == 60u; }))
       << "the store's new figures never arrived";
   EXPECT_EQ(accountant.getTotalQuota(), 100u);
