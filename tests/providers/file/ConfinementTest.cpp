@@ -1,6 +1,6 @@
 // Confinement of the file provider to its root: escaping and dangling links, "..", foreign
 // schemes, and links that stay inside.
-#include "TestSupport.h"
+#include "../ProviderTestSupport.h"
 
 #include <foundation/storage/provider/file/FileProvider.h>
 
@@ -10,6 +10,8 @@
 
 namespace foundation::storage::provider::file::test {
 namespace {
+
+using namespace ::foundation::storage::provider::test;
 
 StorageIRI at(const std::u16string& path) { return StorageIRI(u"file", path); }
 
@@ -66,8 +68,7 @@ TEST_F(ConfinementTest, LinksLeadingOutsideAreRefusedForEveryKindOfAccess) {
   EXPECT_EQ(invalid, errorOf([&] { p.removeFile(at(u"/outfile")); }));
 
   // Nothing outside changed and nothing inside moved away.
-  std::ifstream secret(outside() / "secret.txt");
-  EXPECT_EQ("secret", std::string(std::istreambuf_iterator<char>(secret), {}));
+  EXPECT_EQ("secret", readText(outside() / "secret.txt"));
   EXPECT_EQ(1, std::distance(fs::directory_iterator(outside()), fs::directory_iterator()));
   EXPECT_TRUE(fs::exists(root() / "sub" / "a.txt"));
 }

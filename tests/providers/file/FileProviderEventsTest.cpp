@@ -1,7 +1,7 @@
 // The file provider's inotify events beyond the contract suite: folders made (with contents)
 // by other processes, folders made after subscribing, trees moved into and out of the root,
 // queue overflow, shutdown. Moves inside the tree are checked by the contract suite.
-#include "TestSupport.h"
+#include "../ProviderTestSupport.h"
 
 #include <foundation/storage/provider/file/FileProvider.h>
 #include <foundation/text/Unicode.h>
@@ -16,6 +16,8 @@
 
 namespace foundation::storage::provider::file::test {
 namespace {
+
+using namespace ::foundation::storage::provider::test;
 
 using events::EntryType;
 using events::Kind;

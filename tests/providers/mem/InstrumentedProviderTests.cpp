@@ -56,21 +56,6 @@ TEST_F(InstrumentedProviderTest, CountsEachPublicOperationOnceEvenWhereTheInnerO
   EXPECT_EQ(wrapper.callCount("listAll"), 0u);
 }
 
-TEST_F(InstrumentedProviderTest, CountsStreamCallsOnTheStreamsItOpens) {
-  auto stream = wrapper.openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
-  stream->write("abc", 3);
-  stream->seek(0, std::ios_base::beg);
-  char buffer[4];
-  EXPECT_EQ(stream->read(buffer, 4), 3);
-  stream->close();
-  EXPECT_EQ(wrapper.callCount("openStream"), 1u);
-  EXPECT_EQ(wrapper.callCount("streamWrite"), 1u);
-  EXPECT_EQ(wrapper.callCount("streamSeek"), 1u);
-  EXPECT_EQ(wrapper.callCount("streamRead"), 1u);
-  EXPECT_EQ(wrapper.callCount("streamClose"), 1u);
-  EXPECT_EQ(mem->getFileAttributes(at(u"/f")).getSize(), 3u);
-}
-
 TEST_F(InstrumentedProviderTest, FailNextFailsThatManyCallsBeforeTheInnerStoreThenRecovers) {
   wrapper.failNext("createFile", 2, ErrorCode::Unavailable);
   for (int i = 0; i < 2; ++i) {
@@ -135,9 +120,12 @@ TEST_F(InstrumentedProviderTest, LatencyDelaysProviderAndStreamCallsByAtLeastThe
 
 // The delay stands for the network: store calls and stream calls pay it, the queries that a
 // remote store answers from memory do not, yet are still counted and can still be failed.
+// Streams the wrapper opens count their own calls. (That calls reach the inner store unchanged
+// is the contract suite's part, run through the wrapper.)
 TEST_F(InstrumentedProviderTest, DelaysOnlyTheCallsThatWouldCrossTheNetwork) {
   mem->createFile(at(u"/f"));
   fsp::ByteStreamPtr wrappedStream;
+  char buffer[1];
   wrapper.setCallLatency(std::chrono::microseconds(1));
   wrapper.setStreamLatency(std::chrono::microseconds(1));
 
@@ -164,6 +152,8 @@ TEST_F(InstrumentedProviderTest, DelaysOnlyTheCallsThatWouldCrossTheNetwork) {
        1, 0},
       {"streamWrite", [&] { wrappedStream->write("x", 1); }, 0, 1},
       {"streamSeek", [&] { wrappedStream->seek(0, std::ios_base::beg); }, 0, 1},
+      {"streamRead", [&] { wrappedStream->read(buffer, 1); }, 0, 1},
+      {"streamClose", [&] { wrappedStream->close(); }, 0, 1},
   };
   const auto& latency = wrapper.instrumentation().latency;
   for (const auto& c : cases) {
@@ -188,7 +178,6 @@ TEST_F(InstrumentedProviderTest, DelaysOnlyTheCallsThatWouldCrossTheNetwork) {
       EXPECT_EQ(latency.callDelaysApplied() - callDelays, 0u);
     }
   }
-  wrappedStream->close();
 }
 
 TEST_F(InstrumentedProviderTest, CountsAndFaultsAreExactUnderConcurrentCalls) {
@@ -251,7 +240,7 @@ TEST(FaultInjector, ArmingReplacesThePreviousPlanAndZeroDisarms) {
   EXPECT_FALSE(faults.take("a").has_value());
 }
 
-TEST(InstrumentedProviderChain, ConfigureAndShutdownReachAConfigurableInnerProvider) {
+TEST(InstrumentedProviderChain, ConfigureAndShutdownReachTheInnerProviderWhichMustExist) {
   auto inner = std::make_shared<InstrumentedProvider>(std::make_shared<MemProvider>());
   InstrumentedProvider outer(inner);
   outer.configure(boost::property_tree::ptree());
@@ -259,9 +248,6 @@ TEST(InstrumentedProviderChain, ConfigureAndShutdownReachAConfigurableInnerProvi
   EXPECT_EQ(inner->callCount("configure"), 1u);
   EXPECT_EQ(inner->callCount("shutdown"), 1u);
   EXPECT_EQ(outer.callCount("configure"), 1u);
-}
-
-TEST(InstrumentedProviderChain, RefusesANullInnerProvider) {
   EXPECT_THROW(InstrumentedProvider(nullptr), std::invalid_argument);
 }
 

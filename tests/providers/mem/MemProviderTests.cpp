@@ -1,7 +1,8 @@
 // What the mem provider does beyond the shared provider contract: case-insensitive names,
 // its capacity, its event thread and streams on removed files.
+#include "../ProviderTestSupport.h"
+
 #include <foundation/storage/provider/ByteStreamFailure.h>
-#include <foundation/storage/provider/Exception.h>
 #include <foundation/storage/provider/ProviderRegistry.h>
 #include <foundation/storage/provider/mem/MemProvider.h>
 #include <foundation/storage/provider/mem/MemProviderFactory.h>
@@ -11,12 +12,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -24,62 +21,18 @@ namespace fsp = foundation::storage::provider;
 using fsp::ErrorCode;
 using fsp::StorageIRI;
 using fsp::mem::MemProvider;
+using fsp::test::errorOf;
+using fsp::test::EventLog;
+using fsp::test::readAll;
+using fsp::test::writeAll;
 using Kind = foundation::storage::events::Kind;
 
 StorageIRI at(const std::u16string& path) { return StorageIRI(u"mem", path); }
-
-fsp::ErrorCode codeOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const fsp::Exception& e) {
-    return e.getErrorCode();
-  }
-  ADD_FAILURE() << "no Exception thrown";
-  return ErrorCode::Interrupted;
-}
-
-void writeAll(fsp::ByteStream& stream, const std::string& bytes) {
-  ASSERT_EQ(stream.write(bytes.data(), static_cast<long>(bytes.size())),
-            static_cast<long>(bytes.size()));
-}
-
-std::string readAll(fsp::ByteStream& stream) {
-  std::string out;
-  char buffer[16];
-  for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) out.append(buffer, n);
-  return out;
-}
 
 std::string contentOf(const MemProvider& provider, const std::u16string& path) {
   auto stream = provider.openReadOnlyStream(at(path));
   return readAll(*stream);
 }
-
-// Events seen by a subscriber, with the thread that delivered each; waits are bounded.
-struct Seen {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::pair<Kind, std::u16string>> events;
-  std::vector<std::thread::id> threads;
-
-  fsp::EventPublisher publisher() {
-    return [this](Kind kind, const StorageIRI& location, const StorageIRI&,
-                  foundation::storage::events::EntryType, boost::property_tree::ptree) {
-      std::lock_guard lock(mutex);
-      events.emplace_back(kind, location.getPath());
-      threads.push_back(std::this_thread::get_id());
-      changed.notify_all();
-    };
-  }
-  bool waitForCount(std::size_t count) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, std::chrono::seconds(10), [&] { return events.size() >= count; });
-  }
-  std::size_t count() {
-    std::lock_guard lock(mutex);
-    return events.size();
-  }
-};
 
 MemProvider::Options caseInsensitive() {
   MemProvider::Options options;
@@ -101,32 +54,16 @@ TEST(MemProviderNames, CaseInsensitiveStoreFindsAnySpellingAndKeepsTheOriginal) 
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, (fsp::NameList{u"A.txt", u"\u00C4rger.txt"}));
 
-  EXPECT_EQ(codeOf([&] { provider.createFile(at(u"/Docs/a.txt")); }), ErrorCode::AlreadyExists);
-  EXPECT_EQ(codeOf([&] { provider.createFolder(at(u"/docs")); }), ErrorCode::AlreadyExists);
-  provider.removeFile(at(u"/DOCS/a.txt"));
-  EXPECT_FALSE(provider.fileExists(at(u"/Docs/A.txt")));
-}
-
-TEST(MemProviderNames, CaseInsensitiveMoveOntoItselfTakesTheNewSpelling) {
-  MemProvider provider(caseInsensitive());
-  provider.createFile(at(u"/a.txt"));
-  provider.moveFile(at(u"/a.txt"), at(u"/A.TXT"), fsp::ReplacementPolicy::Fail);
-  EXPECT_EQ(provider.listAllNamesOnly(at(u"/")), fsp::NameList{u"A.TXT"});
-}
-
-TEST(MemProviderNames, CaseSensitiveStoreKeepsSpellingsApart) {
-  MemProvider provider;
-  provider.createFile(at(u"/A.txt"));
-  provider.createFile(at(u"/a.txt"));
-  EXPECT_FALSE(provider.fileExists(at(u"/A.TXT")));
-  EXPECT_EQ(provider.listAllNamesOnly(at(u"/")).size(), 2u);
-}
-
-TEST(MemProviderNames, RefusesControlCharactersAndForeignSchemes) {
-  MemProvider provider;
-  EXPECT_EQ(codeOf([&] { provider.createFile(at(u"/bad\nname")); }), ErrorCode::InvalidName);
-  EXPECT_EQ(codeOf([&] { provider.createFile(StorageIRI(u"file", u"/x")); }),
-            ErrorCode::InvalidLocation);
+  EXPECT_EQ(errorOf([&] { provider.createFile(at(u"/Docs/a.txt")); }), ErrorCode::AlreadyExists);
+  EXPECT_EQ(errorOf([&] { provider.createFolder(at(u"/docs")); }), ErrorCode::AlreadyExists);
+  EXPECT_EQ(errorOf([&] { provider.createFile(at(u"/Docs/bad\nname")); }), ErrorCode::InvalidName);
+  // A move onto another spelling of itself takes the new spelling.
+  provider.moveFile(at(u"/docs/a.txt"), at(u"/DOCS/a.TXT"), fsp::ReplacementPolicy::Fail);
+  names = provider.listAllNamesOnly(at(u"/docs"));
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (fsp::NameList{u"a.TXT", u"\u00C4rger.txt"}));
+  provider.removeFile(at(u"/DOCS/A.txt"));
+  EXPECT_FALSE(provider.fileExists(at(u"/Docs/a.TXT")));
 }
 
 MemProvider::Options capacity(std::uint64_t bytes) {
@@ -158,7 +95,7 @@ TEST(MemProviderCapacity, OccupiedSpaceFollowsRemovalsTruncationsAndCopies) {
   provider.createFolder(at(u"/d"));
   writeAll(*provider.openStream(at(u"/d/a"), fsp::ByteStreamOpenOptions::overwrite()), "123456");
   EXPECT_EQ(
-      codeOf([&] { provider.copyFile(at(u"/d/a"), at(u"/b"), fsp::ReplacementPolicy::Fail); }),
+      errorOf([&] { provider.copyFile(at(u"/d/a"), at(u"/b"), fsp::ReplacementPolicy::Fail); }),
       ErrorCode::QuotaExceeded);
   EXPECT_FALSE(provider.fileExists(at(u"/b")));
 
@@ -199,39 +136,33 @@ TEST(MemProviderStreams, StreamOutlivesItsProvider) {
   stream->close();
 }
 
-TEST(MemProviderEvents, DeliveredOnTheProvidersThreadNotTheCallers) {
+// Events come on the provider's own thread; waitForEventsDelivered returns once every event
+// queued before it has been delivered.
+TEST(MemProviderEvents, DeliveredOnTheProvidersThreadAndAwaitedByWaitForEventsDelivered) {
   MemProvider provider;
-  Seen seen;
+  EventLog seen;
   provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::Yes);
-  provider.createFile(at(u"/a"));
-  ASSERT_TRUE(seen.waitForCount(1));
-  std::lock_guard lock(seen.mutex);
-  EXPECT_EQ(seen.events[0], std::make_pair(Kind::Appeared, std::u16string(u"/a")));
-  EXPECT_NE(seen.threads[0], std::this_thread::get_id());
-}
-
-TEST(MemProviderEvents, WaitForEventsDeliveredReturnsAfterEveryQueuedEvent) {
-  MemProvider provider;
-  Seen seen;
-  provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::Yes);
-  constexpr int kFiles = 200;
-  for (int i = 0; i < kFiles; ++i) {
+  constexpr std::size_t kFiles = 200;
+  for (std::size_t i = 0; i < kFiles; ++i) {
     provider.createFile(at(u"/f" + foundation::text::toUtf16(std::to_string(i))));
   }
   provider.waitForEventsDelivered();
-  EXPECT_EQ(seen.count(), static_cast<std::size_t>(kFiles));
+  const auto events = seen.snapshot();
+  ASSERT_EQ(events.size(), kFiles);
+  EXPECT_EQ(events[0].kind, Kind::Appeared);
+  EXPECT_EQ(events[0].path, u"/f0");
+  EXPECT_NE(events[0].thread, std::this_thread::get_id());
 }
 
 TEST(MemProviderEvents, SubscriptionSpelledDifferentlyHearsTheStoredSpelling) {
   MemProvider provider(caseInsensitive());
   provider.createFolder(at(u"/Docs"));
-  Seen seen;
+  EventLog seen;
   provider.publishFolderEventsFor(at(u"/DOCS"), seen.publisher(), {Kind::Appeared},
                                   fsp::RecursiveFileWatching::No);
   provider.createFile(at(u"/docs/x"));
   ASSERT_TRUE(seen.waitForCount(1));
-  std::lock_guard lock(seen.mutex);
-  EXPECT_EQ(seen.events[0].second, u"/Docs/x");
+  EXPECT_EQ(seen.snapshot()[0].path, u"/Docs/x");
 }
 
 TEST(MemProviderEvents, ClosingAWritingStreamReportsTheFilesCurrentLocationOnce) {
@@ -239,7 +170,7 @@ TEST(MemProviderEvents, ClosingAWritingStreamReportsTheFilesCurrentLocationOnce)
   provider.createFile(at(u"/old"));
   auto reader = provider.openReadOnlyStream(at(u"/old"));
   auto writer = provider.openStream(at(u"/old"), fsp::ByteStreamOpenOptions::readWrite());
-  Seen seen;
+  EventLog seen;
   provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {Kind::Changed},
                                   fsp::RecursiveFileWatching::No);
   provider.moveFile(at(u"/old"), at(u"/new"), fsp::ReplacementPolicy::Fail);
@@ -248,15 +179,16 @@ TEST(MemProviderEvents, ClosingAWritingStreamReportsTheFilesCurrentLocationOnce)
   reader->close();  // read nothing, changed nothing: no event
   writer->close();
   provider.waitForEventsDelivered();
-  std::lock_guard lock(seen.mutex);
-  ASSERT_EQ(seen.events.size(), 1u);
-  EXPECT_EQ(seen.events[0], std::make_pair(Kind::Changed, std::u16string(u"/new")));
+  const auto events = seen.snapshot();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].kind, Kind::Changed);
+  EXPECT_EQ(events[0].path, u"/new");
 }
 
 TEST(MemProviderEvents, ExtendedAttributeChangesReportChanged) {
   MemProvider provider;
   provider.createFolder(at(u"/d"));
-  Seen seen;
+  EventLog seen;
   provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::No);
   provider.setExtendedAttribute(at(u"/d"), "tag", "x");
   provider.removeExtendedAttribute(at(u"/d"), "missing");  // nothing changed: no event
@@ -264,13 +196,13 @@ TEST(MemProviderEvents, ExtendedAttributeChangesReportChanged) {
   provider.waitForEventsDelivered();
   EXPECT_EQ(seen.count(), 2u);
   EXPECT_TRUE(provider.getExtendedAttributes(at(u"/d")).empty());
-  EXPECT_EQ(codeOf([&] { provider.setExtendedAttribute(at(u"/nope"), "a", "b"); }),
+  EXPECT_EQ(errorOf([&] { provider.setExtendedAttribute(at(u"/nope"), "a", "b"); }),
             ErrorCode::NotFound);
 }
 
 TEST(MemProviderEvents, ShutdownStopsDeliveryAndIsIdempotent) {
   MemProvider provider;
-  Seen seen;
+  EventLog seen;
   provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::No);
   provider.createFile(at(u"/a"));
   provider.waitForEventsDelivered();

@@ -1,7 +1,9 @@
-// Shared helpers of the file provider's tests: a temporary directory per test and a
-// collector of change events that tests wait on with a bounded condition-variable wait.
+// Helpers shared by the tests of the inner stores: a temporary directory per test, whole
+// files and streams read and written, the error code of a refused call, and a collector of
+// change events that tests wait on with a bounded condition-variable wait.
 #pragma once
 
+#include <foundation/storage/provider/ByteStream.h>
 #include <foundation/storage/provider/EventPublisher.h>
 #include <foundation/storage/provider/Exception.h>
 
@@ -13,11 +15,13 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
-namespace foundation::storage::provider::file::test {
+namespace foundation::storage::provider::test {
 
 namespace fs = std::filesystem;
 
@@ -46,11 +50,30 @@ inline void writeText(const fs::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
+inline std::string readText(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline void writeAll(ByteStream& stream, const std::string& bytes) {
+  ASSERT_EQ(stream.write(bytes.data(), static_cast<long>(bytes.size())),
+            static_cast<long>(bytes.size()));
+}
+
+// What is left to read from `stream`.
+inline std::string readAll(ByteStream& stream) {
+  std::string out;
+  char buffer[16];
+  for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) out.append(buffer, n);
+  return out;
+}
+
 struct SeenEvent {
   events::Kind kind;
   std::u16string path;
   std::u16string other;
   events::EntryType type;
+  std::thread::id thread;  // that delivered it
 };
 
 class EventLog {
@@ -59,7 +82,8 @@ class EventLog {
     return [this](events::Kind kind, const StorageIRI& location, const StorageIRI& other,
                   events::EntryType type, const boost::property_tree::ptree&) {
       std::lock_guard lock(mutex_);
-      events_.push_back({kind, location.getPath(), other.getPath(), type});
+      events_.push_back(
+          {kind, location.getPath(), other.getPath(), type, std::this_thread::get_id()});
       changed_.notify_all();
     };
   }
@@ -76,10 +100,16 @@ class EventLog {
       return false;
     });
   }
+  bool waitForCount(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20),
+                             [&] { return events_.size() >= count; });
+  }
   std::vector<SeenEvent> snapshot() const {
     std::lock_guard lock(mutex_);
     return events_;
   }
+  std::size_t count() const { return snapshot().size(); }
 
  private:
   mutable std::mutex mutex_;
@@ -99,4 +129,4 @@ ErrorCode errorOf(Action&& action) {
   return ErrorCode::Interrupted;  // a value no test expects
 }
 
-}  // namespace foundation::storage::provider::file::test
+}  // namespace foundation::storage::provider::test
