@@ -9,16 +9,15 @@
 
 using namespace foundation::storage::provider;
 
-TEST(ByteStreamFailure, IsAnIosFailureNamedAfterItsClass) {
+// Caught as an iostream failure named after its class, as the framework's exception with its
+// code, and as std::exception without ambiguity.
+TEST(ByteStreamFailure, IsAnIosFailureAndAFrameworkExceptionWithItsCode) {
   try {
     throw ByteStreamSeekFailure(ErrorCode::IOError);
   } catch (const std::ios_base::failure& e) {
     EXPECT_STREQ(e.what(), "ByteStreamSeekFailure");
     EXPECT_EQ(e.code(), std::make_error_code(std::io_errc::stream));
   }
-}
-
-TEST(ByteStreamFailure, CarriesItsErrorCodeAndIsAFrameworkException) {
   try {
     throw ByteStreamWriteFailure(ErrorCode::QuotaExceeded);
   } catch (const ByteStreamFailure& e) {
@@ -26,7 +25,6 @@ TEST(ByteStreamFailure, CarriesItsErrorCodeAndIsAFrameworkException) {
     EXPECT_NE(dynamic_cast<const foundation::core::except::IInternalException*>(&e), nullptr);
     EXPECT_NE(dynamic_cast<const boost::exception*>(&e), nullptr);
   }
-  // Caught as std::exception without ambiguity.
   EXPECT_THROW(throw ByteStreamCloseFailure(ErrorCode::IOError), std::exception);
 }
 

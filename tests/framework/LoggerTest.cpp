@@ -52,20 +52,18 @@ TEST(DiagnosticLogger, CaptureRestoresTheMaskItReplaced) {
   EXPECT_EQ(severityMask(), before);
 }
 
-TEST(ScopedTrace, NamesTheGivenFileAndTheFullSignature) {
+TEST(ScopedTrace, NamesTheGivenFileAndTheFullSignatureAndIsSilentWhenTraceIsOff) {
+  {
+    LogCapture capture(error);
+    { FOUNDATION_TRACE_SCOPE_IRI(testLogger(), "src/core/Example", "mem:/a"); }
+    EXPECT_TRUE(capture.records().empty());
+  }
   LogCapture capture(trace);
   { FOUNDATION_TRACE_SCOPE_IRI(testLogger(), "src/core/Example", "mem:/a"); }
   const auto records = capture.records();
   ASSERT_EQ(records.size(), 2u);
   EXPECT_EQ(records[0].message, "Entering iri=mem:/a");
   EXPECT_EQ(records[0].file, "src/core/Example");
-  EXPECT_NE(records[0].function.find("ScopedTrace_NamesTheGivenFileAndTheFullSignature"),
-            std::string::npos);
+  EXPECT_NE(records[0].function.find("ScopedTrace_NamesTheGivenFile"), std::string::npos);
   EXPECT_EQ(records[1].message, "Leaving");
-}
-
-TEST(ScopedTrace, WritesNothingWhenTraceIsOff) {
-  LogCapture capture(error);
-  { FOUNDATION_TRACE_SCOPE_IRI(testLogger(), "src/core/Example", "mem:/a"); }
-  EXPECT_TRUE(capture.records().empty());
 }

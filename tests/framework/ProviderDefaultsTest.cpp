@@ -1,11 +1,11 @@
 // The framework's default operations, run on the mem store (which keeps the framework's
 // versions of these slots).
-#include <foundation/storage/provider/Exception.h>
+#include "../providers/ProviderTestSupport.h"
+
 #include <foundation/storage/provider/mem/MemProvider.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <set>
@@ -42,23 +42,17 @@ class ProviderDefaults : public ::testing::Test {
 
 }  // namespace
 
+// Readers see the old body until the transaction closes; an abandoned one changes nothing;
+// neither leaves its scratch file behind.
 TEST_F(ProviderDefaults, ATransactionalStreamReplacesTheTargetOnlyWhenClosed) {
   write(u"/f", "old");
+  mem->openTransactionalStream(at(u"/f"), ByteStreamOpenOptions::appendTo())->write("+more", 5);
+  EXPECT_EQ(read(u"/f"), "old");
   auto stream = mem->openTransactionalStream(at(u"/f"), ByteStreamOpenOptions::overwrite());
   stream->write("new body", 8);
-  EXPECT_EQ(read(u"/f"), "old") << "readers see the old body until the transaction closes";
+  EXPECT_EQ(read(u"/f"), "old");
   stream->close();
   EXPECT_EQ(read(u"/f"), "new body");
-  EXPECT_EQ(entriesIn(u"/"), 1u) << "no scratch file is left behind";
-}
-
-TEST_F(ProviderDefaults, AnAbandonedTransactionLeavesTheTargetAsItWas) {
-  write(u"/f", "old");
-  {
-    auto stream = mem->openTransactionalStream(at(u"/f"), ByteStreamOpenOptions::appendTo());
-    stream->write("+more", 5);
-  }
-  EXPECT_EQ(read(u"/f"), "old");
   EXPECT_EQ(entriesIn(u"/"), 1u);
   EXPECT_THROW(mem->openTransactionalStream(at(u"/none"), ByteStreamOpenOptions::readWrite()),
                Exception);
@@ -104,35 +98,16 @@ TEST_F(ProviderDefaults, TruncationKeepsThePrefixAndPadsWithZeros) {
 }
 
 TEST_F(ProviderDefaults, ChangePollingReportsWhatChangedBetweenListings) {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::pair<Kind, std::u16string>> seen;
+  test::EventLog seen;
   write(u"/keep", "1");
   write(u"/gone", "1");
-  mem->startChangePolling(
-      at(u"/"),
-      [&](Kind kind, const StorageIRI& location, const StorageIRI&, EntryType,
-          boost::property_tree::ptree) {
-        std::lock_guard lock(mutex);
-        seen.emplace_back(kind, location.getPath());
-        changed.notify_all();
-      },
-      {}, 5, RecursiveChangePolling::No);
+  mem->startChangePolling(at(u"/"), seen.publisher(), {}, 5, RecursiveChangePolling::No);
   write(u"/new", "1");
   mem->removeFile(at(u"/gone"));
   write(u"/keep", "longer");
-  {
-    std::unique_lock lock(mutex);
-    const bool all = changed.wait_for(lock, std::chrono::seconds(10), [&] {
-      auto has = [&](Kind kind, const char16_t* path) {
-        return std::find(seen.begin(), seen.end(), std::make_pair(kind, std::u16string(path))) !=
-               seen.end();
-      };
-      return has(Kind::Appeared, u"/new") && has(Kind::Disappeared, u"/gone") &&
-             has(Kind::Changed, u"/keep");
-    });
-    EXPECT_TRUE(all) << seen.size() << " events seen";
-  }
+  EXPECT_TRUE(seen.waitFor(Kind::Appeared, u"/new"));
+  EXPECT_TRUE(seen.waitFor(Kind::Disappeared, u"/gone"));
+  EXPECT_TRUE(seen.waitFor(Kind::Changed, u"/keep"));
   mem->stopChangePolling(at(u"/"));
 }
 
