@@ -62,17 +62,14 @@ TEST_F(BundleHostErrors, PathWithoutALoadableLibraryIsAnInvalidLocation) {
   std::filesystem::remove(notALibrary);
 }
 
-TEST_F(BundleHostErrors, CorruptManifestIsRefused) {
-  expectLoadError(BAD_BUNDLE_CORRUPT_JSON_PATH, "manifest.json is not valid JSON");
-}
-
-TEST_F(BundleHostErrors, ManifestWithoutSchemeIsRefused) {
-  expectLoadError(BAD_BUNDLE_MISSING_SCHEME_PATH, "\"scheme\" is missing");
-}
-
-TEST_F(BundleHostErrors, ComponentNotOfferingTheFactoryIsRefused) {
-  expectLoadError(BAD_BUNDLE_WRONG_INTERFACE_PATH,
-                  "does not offer foundation::storage::provider::ContainerProviderFactory");
+TEST_F(BundleHostErrors, BadManifestOrComponentIsRefused) {
+  const std::pair<const char*, const char*> bundles[] = {
+      {BAD_BUNDLE_CORRUPT_JSON_PATH, "manifest.json is not valid JSON"},
+      {BAD_BUNDLE_MISSING_SCHEME_PATH, "\"scheme\" is missing"},
+      {BAD_BUNDLE_WRONG_INTERFACE_PATH,
+       "does not offer foundation::storage::provider::ContainerProviderFactory"},
+  };
+  for (const auto& [path, expected] : bundles) expectLoadError(path, expected);
 }
 
 TEST_F(BundleHostErrors, MissingEntryPointIsRefusedAndTheContextTakenBack) {
