@@ -1,5 +1,6 @@
 // What the file provider does with the local file system beyond the shared contract: errno
-// translation, stat-based attributes, user xattrs, statvfs, merge checks, registration.
+// translation, stat-based attributes, user xattrs, statvfs, the merge's check before it
+// changes anything (merging itself is the contract's), registration.
 #include "../ProviderTestSupport.h"
 
 #include <foundation/storage/provider/ByteStreamFailure.h>
@@ -147,21 +148,6 @@ TEST_F(FileProviderLocalTest, MergeRefusesAFolderMeetingAFileBeforeChangingAnyth
   }
   EXPECT_EQ("new", readText(root() / "a" / "x.txt"));
   EXPECT_EQ("old", readText(root() / "b" / "x.txt"));
-}
-
-TEST_F(FileProviderLocalTest, MergeDescendsIntoFoldersPresentOnBothSides) {
-  fs::create_directories(root() / "a" / "d");
-  writeText(root() / "a" / "d" / "y.txt", "y");
-  writeText(root() / "a" / "d" / "z.txt", "new z");
-  fs::create_directories(root() / "b" / "d");
-  writeText(root() / "b" / "d" / "z.txt", "old z");
-  writeText(root() / "b" / "d" / "w.txt", "w");
-
-  provider_->moveFolder(at(u"/a"), at(u"/b"), ReplacementPolicy::Merge);
-  EXPECT_FALSE(fs::exists(root() / "a"));
-  EXPECT_EQ("y", readText(root() / "b" / "d" / "y.txt"));
-  EXPECT_EQ("new z", readText(root() / "b" / "d" / "z.txt"));
-  EXPECT_EQ("w", readText(root() / "b" / "d" / "w.txt"));
 }
 
 TEST_F(FileProviderLocalTest, CopyOntoAnotherNameOfTheSameFileKeepsItsBytes) {
