@@ -28,6 +28,9 @@ namespace fs = boost::filesystem;
 namespace pt = boost::posix_time;
 using coretest::ov;
 using Ranges = std::map<std::int64_t, std::int64_t>;
+constexpr auto FULL = RangeStatus::FULLY_CACHED;
+constexpr auto NOT = RangeStatus::NOT_CACHED;
+constexpr auto PARTIAL = RangeStatus::PARTIALLY_CACHED;
 
 const pt::ptime kTime(boost::gregorian::date(2024, 3, 1), pt::hours(12));
 
@@ -89,60 +92,37 @@ TEST(CacheResourceTest, LogRecordIsOneLineOfJsonThatReadsBack) {
   EXPECT_EQ(tree.get_child("overlay.debug").size(), 3u);
 }
 
-struct RangeCase {
-  const char* name;
-  Writes writes;
-  Ranges expected;
-};
-
-TEST(CacheResourceTest, WritesRecordAndMergeRanges) {
-  const std::vector<RangeCase> cases = {
-      {"apart", {{0, 10}, {20, 10}}, {{0, 10}, {20, 30}}},
-      {"bridged", {{0, 10}, {20, 10}, {10, 10}}, {{0, 30}}},
-      {"touching before", {{10, 10}, {0, 10}}, {{0, 20}}},
-      {"extended in place", {{0, 10}, {5, 45}}, {{0, 50}}},
-      // Extending the range that holds the position does not merge the ranges after it.
-      {"extension not merged", {{0, 10}, {20, 10}, {5, 20}}, {{0, 25}, {20, 30}}},
-      {"new range swallows", {{0, 5}, {10, 5}, {20, 5}, {6, 15}}, {{0, 5}, {6, 25}}},
-      {"zero length", {{7, 0}}, {}},
-  };
-  for (const auto& c : cases) {
-    TempDir dir;
-    FilesystemCacheResource resource(record(u"/f", 0), dir.path);
-    writeAll(resource, c.writes);
-    EXPECT_EQ(resource.ranges(), c.expected) << c.name;
-    EXPECT_FALSE(resource.hasFailed()) << c.name;
-  }
-}
-
-TEST(CacheResourceTest, QueryRangeFindsTheFirstGap) {
-  struct Case {
+// Each case writes, then checks the recorded ranges and what a query finds of a range.
+TEST(CacheResourceTest, WritesRecordAndMergeRangesAndQueriesFindTheFirstGap) {
+  const struct {
     const char* name;
     Writes writes;
+    Ranges ranges;
     std::int64_t position, length;
     RangeStatus status;
     std::optional<ByteRange> gap;
-  };
-  const std::vector<Case> cases = {
-      {"gap between", {{0, 10}, {12, 18}}, 5, 10, RangeStatus::PARTIALLY_CACHED, ByteRange{10, 12}},
-      {"gap at end", {{0, 10}}, 5, 10, RangeStatus::PARTIALLY_CACHED, ByteRange{10, 15}},
-      {"first byte missing", {{0, 10}}, 10, 5, RangeStatus::NOT_CACHED, std::nullopt},
-      {"nothing cached", {}, 0, 5, RangeStatus::NOT_CACHED, std::nullopt},
-      {"up to the end", {{0, 10}}, 2, 8, RangeStatus::FULLY_CACHED, std::nullopt},
-      {"overlapping ranges",
-       {{0, 10}, {20, 10}, {5, 20}},
-       5,
-       24,
-       RangeStatus::FULLY_CACHED,
-       std::nullopt},
+  } cases[] = {
+      {"gap between", {{0, 10}, {20, 10}}, {{0, 10}, {20, 30}}, 5, 20, PARTIAL, {{10, 20}}},
+      {"bridged", {{0, 10}, {20, 10}, {10, 10}}, {{0, 30}}, 2, 28, FULL, std::nullopt},
+      // A range written just before another merges with it; the gap ends at the query's end.
+      {"touching before", {{10, 10}, {0, 10}}, {{0, 20}}, 10, 15, PARTIAL, {{20, 25}}},
+      {"extended in place", {{0, 10}, {5, 45}}, {{0, 50}}, 50, 5, NOT, std::nullopt},
+      // Extending the range that holds the position does not merge the ranges after it, yet a
+      // query across them finds everything cached.
+      {"not merged", {{0, 10}, {20, 10}, {5, 20}}, {{0, 25}, {20, 30}}, 5, 24, FULL, std::nullopt},
+      {"swallow", {{0, 5}, {10, 5}, {20, 5}, {6, 15}}, {{0, 5}, {6, 25}}, 0, 10, PARTIAL, {{5, 6}}},
+      {"zero length", {{7, 0}}, {}, 0, 5, NOT, std::nullopt},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     TempDir dir;
     FilesystemCacheResource resource(record(u"/f", 0), dir.path);
     writeAll(resource, c.writes);
+    EXPECT_EQ(resource.ranges(), c.ranges);
+    EXPECT_FALSE(resource.hasFailed());
     const RangeQuery query = resource.queryRange(c.position, c.length);
-    EXPECT_EQ(query.status, c.status) << c.name;
-    EXPECT_EQ(query.gap, c.gap) << c.name;
+    EXPECT_EQ(query.status, c.status);
+    EXPECT_EQ(query.gap, c.gap);
   }
 }
 
