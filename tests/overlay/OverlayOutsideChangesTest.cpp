@@ -158,6 +158,10 @@ Check folderGone(std::u16string path, Check inside) {
   };
 }
 
+Check nothingElse() {
+  return [](const Sides&) { return std::string(); };
+}
+
 // Through the overlay: each file is written and reaches the store, then the overlay lists every
 // folder down to it, queries it and reads it, so that both of its caches hold the files as they
 // were. With `keepOpen` the stream that read the last file stays open and is returned (a reader
@@ -264,7 +268,7 @@ const std::vector<OutsideChange>& outsideChanges() {
          s.direct(u"p/one").removeFolderRecursively();
          s.direct(u"q/two").removeFolderRecursively();
        },
-       folderGone(u"p/one", folderGone(u"q/two", [](const Sides&) { return std::string(); }))},
+       folderGone(u"p/one", folderGone(u"q/two", nothingElse()))},
   };
   return cases;
 }
