@@ -16,6 +16,7 @@ void FileProvider::doPublishFolderEventsFor(const StorageIRI& location,
                                             RecursiveFileWatching recursive) const {
   root_.resolve(location);
   watcher_->ensureStarted();
+  watcher_->ensureWatched(plain(location), recursive == RecursiveFileWatching::Yes);
   subscriptions_.addFolder(plain(location), publisher, kinds, recursive);
 }
 
@@ -24,6 +25,7 @@ void FileProvider::doPublishFileEventsFor(const StorageIRI& location,
                                           const std::vector<events::Kind>& kinds) const {
   root_.resolve(location);
   watcher_->ensureStarted();
+  if (location.hasParent()) watcher_->ensureWatched(plain(location).getParent(), false);
   subscriptions_.addFile(plain(location), publisher, kinds);
 }
 

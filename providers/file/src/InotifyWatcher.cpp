@@ -69,6 +69,22 @@ void InotifyWatcher::ensureStarted() {
   started_ = true;
 }
 
+void InotifyWatcher::ensureWatched(const StorageIRI& folder, bool withSubfolders) {
+  std::lock_guard lock(mutex_);
+  if (!started_ || stopped_) return;
+  // The ancestors too: events on the folder itself come through its parent's watch.
+  StorageIRI at(u"file", u"/");
+  for (const auto& part : folder.getPathView()) {
+    if (!addWatch(at)) return;
+    at = StorageIRI(at, part);
+  }
+  if (withSubfolders) {
+    watchTree(at, nullptr);
+  } else {
+    addWatch(at);
+  }
+}
+
 void InotifyWatcher::stop() {
   std::thread thread;
   {
@@ -213,7 +229,7 @@ void InotifyWatcher::processOverflow(std::vector<Delivery>& out) {
   watchTree(rootLocation, nullptr);  // folders made during the overflow have no watch yet
 }
 
-void InotifyWatcher::watchTree(const StorageIRI& folder, std::vector<Delivery>* created) {
+bool InotifyWatcher::addWatch(const StorageIRI& folder) {
   const std::string local = root_.localPathOf(folder);
   const int wd = ::inotify_add_watch(inotify_.get(), local.c_str(), kWatchMask);
   if (wd < 0) {
@@ -221,9 +237,15 @@ void InotifyWatcher::watchTree(const StorageIRI& folder, std::vector<Delivery>* 
       FOUNDATION_LOG(fileLogger(), log::error)
           << "Cannot watch '" << local << "': " << std::generic_category().message(errno);
     }
-    return;
+    return false;
   }
   watches_[wd] = folder.getPath();
+  return true;
+}
+
+void InotifyWatcher::watchTree(const StorageIRI& folder, std::vector<Delivery>* created) {
+  if (!addWatch(folder)) return;
+  const std::string local = root_.localPathOf(folder);
   // The watch exists before the listing, so nothing made from now on is missed.
   UniqueDir dir(::opendir(local.c_str()));
   if (!dir) return;

@@ -121,6 +121,7 @@ void EventListener::stop() {
   std::unique_lock active(activeMutex_);
   std::lock_guard lock(stateMutex_);
   heldEvents_.clear();
+  removedFolders_.clear();
 }
 
 void EventListener::handleEvent(const Location& location, events::Kind kind,
@@ -163,8 +164,6 @@ void EventListener::handleFolderEvent(const Location& location, events::Kind kin
     contentCache_.releasePending();
     return;
   }
-  const auto now = Clock::now();
-  lastFolderEvent_.store(now);
   switch (kind) {
     case events::Kind::Changed:
       enqueue([location](EventListener& self) {
@@ -172,14 +171,29 @@ void EventListener::handleFolderEvent(const Location& location, events::Kind kin
         self.metadataCache_->markForInvalidation(location);
       });
       break;
-    case events::Kind::Disappeared:
-      enqueue([location, now](EventListener& self) {
-        // Only the latest folder event acts: a burst of removals costs one invalidation.
-        if (self.lastFolderEvent_.load() != now) return;
-        OVERLAY_LOG(log::info) << "Triggering invalidation " << location.toString();
-        self.metadataCache_->markForInvalidation(location);
+    case events::Kind::Disappeared: {
+      std::uint64_t removal = 0;
+      {
+        std::lock_guard lock(stateMutex_);
+        removedFolders_.insert(location);
+        removal = ++latestRemoval_;
+      }
+      enqueue([removal](EventListener& self) {
+        // Only the latest removal's job acts, for every removal heard before it too: a burst
+        // of removals costs one pass, and a removal whose own job was passed over is not lost.
+        std::set<Location> removed;
+        {
+          std::lock_guard lock(self.stateMutex_);
+          if (self.latestRemoval_ != removal) return;
+          removed.swap(self.removedFolders_);
+        }
+        for (const auto& folder : removed) {
+          OVERLAY_LOG(log::info) << "Triggering invalidation " << folder.toString();
+          self.metadataCache_->markForInvalidation(folder);
+        }
       });
       break;
+    }
     case events::Kind::Appeared:
       if (location.hasParent()) {
         enqueue([location](EventListener& self) { self.forgetFolder(location); });

@@ -15,7 +15,9 @@
 // changed; 2 an entry appeared there; 3 an entry went away; 4 the entry itself changed.
 //   - a file: 4 forgets the file's figures and its folder's listing; 2 and 3 the parent's;
 //   - a folder: 4 forgets that folder; 2 its parent; 3 its parent too, but debounced: only the
-//     job of the latest folder event acts, so a burst of removals ends in one invalidation;
+//     job of the latest folder removal acts, and it forgets the parents of every folder removed
+//     since the last one acted, so a burst of removals costs one job and one batch of
+//     invalidations, and none of them is lost;
 //   - 1 on the root drops the whole metadata cache and the content cache's pending state at
 //     once, on the event's thread (nothing is queued: the store may have lost track of
 //     everything, and a busy executor must not delay that); 1 elsewhere is only noted.
@@ -29,10 +31,11 @@
 //
 // Threads: handle() on whatever thread the inner store delivers events; pause() and unpause()
 // on the latch's threads; jobs on the executor's worker; stop() on the provider's shutdown.
-// Locks: stateMutex_ guards paused_ and heldEvents_ and is never held while a handler runs or a
-// job is queued. Each handler runs under a shared hold of activeMutex_, which stop() takes
-// exclusively, so stop() returns only after every running handler has finished. Order:
-// activeMutex_, then stateMutex_; the executor's and the caches' locks come after both.
+// Locks: stateMutex_ guards paused_, heldEvents_, removedFolders_ and latestRemoval_, and is
+// never held while a handler runs or a job is queued. Each handler runs under a shared hold of
+// activeMutex_, which stop() takes exclusively, so stop() returns only after every running
+// handler has finished. Order: activeMutex_, then stateMutex_; the executor's and the caches'
+// locks come after both.
 #pragma once
 
 #include "core/execution/ExecutorSlot.h"
@@ -43,10 +46,11 @@
 #include <boost/property_tree/ptree.hpp>
 
 #include <atomic>
-#include <chrono>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <shared_mutex>
 #include <utility>
 
@@ -58,8 +62,6 @@ class MetadataCache;
 
 class EventListener : public std::enable_shared_from_this<EventListener> {
  public:
-  using Clock = std::chrono::steady_clock;
-
   // Makes the listener and subscribes it to the whole inner tree. A refused subscription is
   // logged ("Error subscribing to inner provider.") and the listener stays deaf; it never
   // throws for that. `innerRoot` is the inner location that the overlay's root stands for.
@@ -115,10 +117,13 @@ class EventListener : public std::enable_shared_from_this<EventListener> {
   const std::shared_ptr<IQuotaAccountant> quotaAccountant_;
   const Location innerRoot_;
   std::atomic<bool> running_{true};
-  std::atomic<Clock::time_point> lastFolderEvent_{Clock::time_point{}};
   mutable std::mutex stateMutex_;
   bool paused_ = false;
   std::map<Location, HeldEvent> heldEvents_;
+  // Folders heard removed whose parents are not marked yet, and the number of the latest
+  // removal, whose job marks them all.
+  std::set<Location> removedFolders_;
+  std::uint64_t latestRemoval_ = 0;
   std::shared_mutex activeMutex_;
 };
 

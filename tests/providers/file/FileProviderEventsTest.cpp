@@ -11,8 +11,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <latch>
+#include <thread>
 
 namespace foundation::storage::provider::file::test {
 namespace {
@@ -93,6 +97,53 @@ TEST_F(FileProviderEventsTest, FolderMadeAfterSubscribingIsWatched) {
   EXPECT_TRUE(log_.waitFor(Kind::Changed, u"/sub/x.txt"));
   provider_->removeFile(at(u"/sub/x.txt"));
   EXPECT_TRUE(log_.waitFor(Kind::Disappeared, u"/sub/x.txt"));
+}
+
+// A folder made after the first subscription gets its watch from the event thread, when that
+// comes to the folder's creation; a subscription to the folder must hear it at once all the
+// same. The event thread is held up here by the first subscriber, so that it has not come to
+// the creation when the folder is subscribed to and a file in it is made and removed.
+TEST_F(FileProviderEventsTest, ASubscriptionToAFolderJustMadeHearsItBeforeTheEventThreadDoes) {
+  // Opened however the test ends, so that the provider can stop its event thread.
+  struct Gate {
+    std::promise<void> promise;
+    std::shared_future<void> opened = promise.get_future().share();
+    bool open = false;
+    void let() {
+      if (!open) promise.set_value();
+      open = true;
+    }
+    ~Gate() { let(); }
+  } gate;
+  std::atomic<bool> holding{false};
+  provider_->publishFolderEventsFor(
+      at(u"/"),
+      [&holding, opened = gate.opened](events::Kind, const StorageIRI&, const StorageIRI&,
+                                       events::EntryType, const boost::property_tree::ptree&) {
+        holding = true;
+        opened.wait();
+      },
+      {}, RecursiveFileWatching::Yes);
+  provider_->createFolder(at(u"/hold"));
+  for (int i = 0; i < 2000 && !holding; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_TRUE(holding) << "the event thread never reached the first subscriber";
+
+  provider_->createFolder(at(u"/w"));
+  provider_->publishFolderEventsFor(at(u"/w"), log_.publisher(), {}, RecursiveFileWatching::No);
+  provider_->createFile(at(u"/w/a.txt"));
+  provider_->removeFile(at(u"/w/a.txt"));
+  provider_->publishFolderEventsFor(at(u"/"), log_.publisher(), {Kind::Appeared},
+                                    RecursiveFileWatching::No);
+  provider_->createFile(at(u"/marker"));
+  gate.let();
+  // inotify keeps one queue, in order: once the marker is heard, everything before it was.
+  ASSERT_TRUE(log_.waitFor(Kind::Appeared, u"/marker"));
+  const auto seen = log_.snapshot();
+  EXPECT_TRUE(std::any_of(seen.begin(), seen.end(), [](const SeenEvent& e) {
+    return e.kind == Kind::Disappeared && e.path == u"/w/a.txt";
+  })) << "the removal in the folder just subscribed to was not heard";
 }
 
 TEST_F(FileProviderEventsTest, QueueOverflowAsksForARescanOfTheRoot) {

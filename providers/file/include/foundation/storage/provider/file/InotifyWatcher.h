@@ -5,6 +5,10 @@
 // Life cycle: nothing is watched until ensureStarted() (the provider calls it on the first
 // subscription). It then adds a watch to every folder of the existing tree, synchronously, so
 // a change made after the subscription call has returned is seen, and starts the thread.
+// Folders made after that get their watches from the event thread, when it comes to their
+// IN_CREATE: so every later subscription calls ensureWatched(), which watches what it covers
+// at once, for a subscription may come before the event thread has caught up (a folder just
+// made, then subscribed to, and a file in it made and removed at once).
 // Stopping the last subscription keeps the watches and the thread (they cost little and a new
 // subscription then needs no new walk); stop() ends both, is idempotent, and the destructor
 // calls it. ensureStarted() after stop() is refused with OperationRefused.
@@ -66,6 +70,10 @@ class InotifyWatcher {
   InotifyWatcher& operator=(const InotifyWatcher&) = delete;
 
   void ensureStarted();
+  // Watches, before returning, every folder from the root down to `folder` and, with
+  // `withSubfolders`, every folder below it. Watching a folder that is watched already changes
+  // nothing. Nothing before ensureStarted() or after stop().
+  void ensureWatched(const StorageIRI& folder, bool withSubfolders);
   void stop();
 
  private:
@@ -93,6 +101,8 @@ class InotifyWatcher {
   void processOverflow(std::vector<Delivery>& out);
   // Watches `folder` and every folder below it; with `created`, reports what it finds there.
   void watchTree(const StorageIRI& folder, std::vector<Delivery>* created);
+  // Watches `folder` alone; false when it cannot be watched (gone, or not a folder).
+  bool addWatch(const StorageIRI& folder);
   void renameWatches(const std::u16string& from, const std::u16string& to);
   void dropWatches(const std::u16string& under);
   void deliver(const std::vector<Delivery>& deliveries) const;
