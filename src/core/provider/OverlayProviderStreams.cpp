@@ -63,10 +63,7 @@ fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(const StorageIRI& iri) 
 fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
                                                      const fsp::ByteStreamOpenOptions& options,
                                                      bool readOnly) const {
-  // Only an open that may change the store has echoes for the listener to absorb (writes
-  // through the stream trigger the latch themselves): a program that keeps reading a file
-  // must not keep the overlay from hearing that someone else changed it.
-  if (!readOnly && (options.write || options.create || options.truncate)) triggerEventLatch();
+  triggerEventLatch();
   const auto held = guard(location);
   bool created = false;
   const auto record = recordForStream(location, options, readOnly, created);
