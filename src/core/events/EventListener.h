@@ -17,7 +17,8 @@
 //   - a folder: 4 forgets that folder; 2 its parent; 3 its parent too, but debounced: only the
 //     job of the latest folder removal acts, and it forgets the parents of every folder removed
 //     since the last one acted, so a burst of removals costs one job and one batch of
-//     invalidations, and none of them is lost;
+//     invalidations, and none of them is lost (acting on the latest folder alone, as a plain
+//     debounce would, leaves an earlier removal in an unrelated folder showing for ever);
 //   - 1 on the root drops the whole metadata cache and the content cache's pending state at
 //     once, on the event's thread (nothing is queued: the store may have lost track of
 //     everything, and a busy executor must not delay that); 1 elsewhere is only noted.
