@@ -3,11 +3,11 @@
 #include "StoreContents.h"
 #include "Workload.h"
 
-#include <foundation/log/LogCapture.h>
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
 #include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
 #include <foundation/storage/provider/mem/MemProvider.h>
 
+#include <iostream>
 #include <stdexcept>
 
 namespace overlaydemo {
@@ -26,16 +26,28 @@ struct SlowStore {
     slow->setCallLatency(latency);
     slow->setStreamLatency(latency);
   }
-  ~SlowStore() { mem->shutdown(); }
+  ~SlowStore() {
+    try {
+      mem->shutdown();
+    } catch (const std::exception& e) {
+      std::cerr << "the in-memory store did not shut down: " << e.what() << "\n";
+    } catch (...) {
+      std::cerr << "the in-memory store did not shut down\n";
+    }
+  }
   fsp::StorageItem root() const { return fsp::StorageItem(slow, MemProvider::rootLocation()); }
 };
 
-// Runs the workload on `root`, then compares the raw in-memory store with what it wrote.
+// Runs the workload on `root`, then `drain` (timed), then compares the raw in-memory store
+// with what the workload wrote.
 void runAndCheck(const fsp::StorageItem& root, const SlowStore& store, RunResult& result,
-                 const std::function<void()>& beforeCheck) {
+                 const std::function<void()>& drain) {
   Workload workload(root, result.timings);
   workload.run();
-  beforeCheck();
+  result.innerTotalWhenCallerDone = store.slow->totalCalls();
+  const auto started = std::chrono::steady_clock::now();
+  drain();
+  result.drain = std::chrono::steady_clock::now() - started;
   result.innerCalls = store.slow->instrumentation().counters.snapshot();
   result.innerTotal = store.slow->totalCalls();
   result.problems = workload.problems();
@@ -57,17 +69,11 @@ RunResult runThroughOverlay(const fsp::ProviderRegistry& registry,
                             std::chrono::microseconds latency) {
   SlowStore store(latency);
   RunResult result;
-  foundation::log::LogCapture capture(foundation::log::notice | foundation::log::warning |
-                                      foundation::log::error | foundation::log::exception);
   const fsp::StorageItem overlay = registry.open(u"overlay", store.root());
   auto* flushable =
       dynamic_cast<fsp::extensions::IFlushableFilesystem*>(overlay.getProvider().get());
   if (flushable == nullptr) throw std::runtime_error("the overlay provider cannot be flushed");
-  runAndCheck(overlay, store, result,
-              [&] { result.timings.time("flush", [&] { flushable->flushFilesystem(); }); });
-  for (const auto& record : capture.matching("\"queueStats\"", foundation::log::notice)) {
-    result.queueStats.push_back(record.message);
-  }
+  runAndCheck(overlay, store, result, [&] { flushable->flushFilesystem(); });
   overlay.shutdownProvider();
   return result;
 }

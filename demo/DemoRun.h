@@ -3,9 +3,7 @@
 // "overlay" provider obtained from the registry. Afterwards it checks that the in-memory
 // store holds exactly what the workload wrote, and keeps what it measured.
 //
-// Runs on the caller's thread; owns its stores for the length of run(). The overlay run
-// captures the overlay's queue-statistics log records (LogCapture: not nestable, so only
-// one overlay run at a time).
+// Runs on the caller's thread; owns its stores for the length of run().
 #pragma once
 
 #include "OperationTimings.h"
@@ -21,14 +19,18 @@
 namespace overlaydemo {
 
 struct RunResult {
+  // The workload's operations, as its caller waited for them.
   OperationTimings timings;
-  // Calls that reached the slow store, by operation name (instrumented counters).
+  // From the workload's end until the store held all of it: the overlay's flush (zero for the
+  // direct run, whose calls are done when they return).
+  std::chrono::nanoseconds drain{0};
+  // Calls that reached the slow store, by operation name (instrumented counters), in all and
+  // by the time the workload returned (the rest were still queued behind it).
   std::map<std::string, std::uint64_t, std::less<>> innerCalls;
   std::uint64_t innerTotal = 0;
+  std::uint64_t innerTotalWhenCallerDone = 0;
   // Wrong answers during the workload and differences found in the store afterwards.
   std::vector<std::string> problems;
-  // The "overlay.queueStats" records the overlay logged (overlay run only).
-  std::vector<std::string> queueStats;
 };
 
 // The workload straight against the slow store.

@@ -55,6 +55,7 @@ void Workload::problem(const std::u16string& path, const std::string& what) {
 }
 
 void Workload::run() {
+  openStore();
   makeFolders();
   writeFiles();
   readFiles();
@@ -62,6 +63,12 @@ void Workload::run() {
   listFolders();
   checkExistence();
   renameFiles();
+}
+
+void Workload::openStore() {
+  const bool empty =
+      timings_.time("first call (list /)", [&] { return !root_.listAll()->hasNext(); });
+  if (!empty) problem(u"/", "holds entries before the workload made any");
 }
 
 void Workload::makeFolders() {

@@ -1,6 +1,7 @@
-// Workload: what a developer's tool does to a project tree on a store: make the folders,
-// write ~20 small source files, read them back, stat them, list the folders, check which
-// files exist and rename a few. It checks every answer against what it wrote and keeps the
+// Workload: what a developer's tool does to a project tree on a store: list the store's root
+// (through the overlay, its first call, which sets the overlay up), make the folders, write
+// ~20 small source files, read them back, stat them, list the folders, check which files
+// exist and rename a few. It checks every answer against what it wrote and keeps the
 // tree it expects the store to hold afterwards.
 //
 // Runs on the caller's thread against one root item; owns nothing but its expectations and
@@ -36,6 +37,7 @@ class Workload {
 
  private:
   foundation::storage::provider::StorageItem at(const std::u16string& path) const;
+  void openStore();
   void makeFolders();
   void writeFiles();
   void readFiles();

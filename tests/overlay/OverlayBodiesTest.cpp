@@ -158,19 +158,31 @@ TEST(OverlayBodies, StreamCursorRules) {
   EXPECT_EQ("0123456789AB", innerContent(env, u"/ten"));
 }
 
+// A write beyond the store's room is refused at once. A store with a local cache of its own is
+// asked for that cache's room; any other store is not asked at all (for a remote store it
+// would be a round trip per write), and the quota accountant's estimate refuses instead.
 TEST(OverlayBodies, RefusedWritesBecomeWriteFailuresWithTheirCode) {
-  fsp::mem::MemProvider::Options small;
-  small.capacityBytes = 100;
-  OverlayOverMem env(small);
-  auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
-  const std::string bytes(200, 'x');
-  try {
-    stream->write(bytes.data(), 200);
-    ADD_FAILURE() << "a write beyond the store's room was accepted";
-  } catch (const fsp::ByteStreamWriteFailure& failure) {
-    EXPECT_EQ(failure.getErrorCode(), fsp::ErrorCode::CacheSpaceExhausted);
+  const struct {
+    bool storeHasCache;
+    fsp::ErrorCode expected;
+  } cases[] = {{false, fsp::ErrorCode::QuotaExceeded}, {true, fsp::ErrorCode::CacheSpaceExhausted}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.storeHasCache ? "store with a cache" : "store without a cache");
+    fsp::mem::MemProvider::Options small;
+    small.capacityBytes = 100;
+    if (c.storeHasCache) small.features.insert(fsp::ExtendedFeature::CacheUsage);
+    OverlayOverMem env(small);
+    auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
+    const std::string bytes(200, 'x');
+    try {
+      stream->write(bytes.data(), 200);
+      ADD_FAILURE() << "a write beyond the store's room was accepted";
+    } catch (const fsp::ByteStreamWriteFailure& failure) {
+      EXPECT_EQ(failure.getErrorCode(), c.expected);
+    }
+    EXPECT_EQ(env.innerCalls("getProviderCacheUsage") > 0, c.storeHasCache);
+    EXPECT_EQ(env.overlay->getFileAttributes(env.at(u"f")).getSize(), 0u);
   }
-  EXPECT_EQ(env.overlay->getFileAttributes(env.at(u"f")).getSize(), 0u);
 }
 
 TEST(OverlayBodies, AFileOpenForWritingReportsItsWorkingSize) {

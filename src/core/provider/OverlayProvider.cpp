@@ -154,7 +154,7 @@ void OverlayProvider::lazyInitialize() const {
   // A mutation's checks must not cost a store round trip on the caller's thread.
   for (const auto feature :
        {fsp::ExtendedFeature::RemoveWhileOpen, fsp::ExtendedFeature::RemoveWhileClosing,
-        fsp::ExtendedFeature::FolderWritableEnforced}) {
+        fsp::ExtendedFeature::FolderWritableEnforced, fsp::ExtendedFeature::CacheUsage}) {
     innerHasFeature(feature);
   }
   metadataCache_->populateWholeFolderTreeWhenPossible(synchronous_.load());

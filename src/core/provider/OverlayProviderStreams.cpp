@@ -28,6 +28,7 @@ WorkingFileSettings OverlayProvider::workingFileSettings() const {
   settings.maxWritePayloadSize = static_cast<std::int64_t>(maxWritePayloadSize_.load());
   settings.minQueueItemWeight = minQueueItemWeight_.load();
   settings.contentCacheDisabled = contentCacheDisabled_.load();
+  settings.storeReportsCacheUsage = innerHasFeature(fsp::ExtendedFeature::CacheUsage);
   return settings;
 }
 

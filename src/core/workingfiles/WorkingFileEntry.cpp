@@ -238,6 +238,11 @@ std::int64_t WorkingFileEntry::append(const char* data, std::int64_t count) {
 }
 
 void WorkingFileEntry::checkSpace(std::int64_t offset, std::int64_t count) {
+  // A store without a cache of its own would answer from its storage figures, which for a
+  // remote store is a round trip on the caller's thread at every write; the quota
+  // accountant's estimate (checkQuotaLocked) stands for those, and counts the bytes still
+  // queued, which the store's own figures cannot.
+  if (!settings_.storeReportsCacheUsage) return;
   const auto available = settings_.innerRoot->getProviderCacheUsage().getSpaceAvailable();
   if (available < static_cast<std::uint64_t>(offset + count)) {
     // What was written so far still goes to the store.

@@ -36,6 +36,10 @@
 //    a fully cached file is then read with no store call at all.
 //  - Writes go to the inner stream with a seek only when the stream is not already at the
 //    block's offset.
+//  - Room: a write is refused before it lands when it would take the file beyond the quota
+//    accountant's estimate of the store's free space (QuotaExceeded) or, for a store with a
+//    local cache of its own (ExtendedFeature::CacheUsage), beyond the room that cache reports
+//    (CacheSpaceExhausted; the store answers from memory). A write asks no other store.
 //  - When the last stream closes, a complete body (every byte of the file cached) is stamped
 //    with the file's last-modified time (in persistent mode also flushed to disk), so that a
 //    later entry takes it as fresh; a partial body is stamped with the epoch, so that no later

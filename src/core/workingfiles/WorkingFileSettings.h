@@ -33,6 +33,11 @@ struct WorkingFileSettings {
   double minQueueItemWeight = 0.0;
   // "overlay.disableContentCache": no body is kept and every write goes through at once.
   bool contentCacheDisabled = false;
+  // The inner store keeps a local cache of its own and reports its room
+  // (ExtendedFeature::CacheUsage, asked once by the provider). Only then is the store asked,
+  // at each write, whether the file still fits there; it answers from memory. Any other store
+  // is not asked: its room is what the quota accountant estimates.
+  bool storeReportsCacheUsage = false;
 };
 
 // The weight of a queued transaction that carries `bytes` bytes: the minimum item weight plus
