@@ -11,12 +11,14 @@
 // and refuses anything else with InvalidLocation (10). With "overlay.backslashToForwardSlash"
 // set, backslashes in paths are read as separators.
 //
-// What it does today: queries and listings are answered from the metadata cache (one inner
-// listing per folder, shared by concurrent callers) and storage information from the quota
-// accountant. Mutations and streams are still carried out on the inner provider on the
-// caller's thread, under the path guard of their location(s); each then updates the metadata
-// cache with what it changed, so that the cache stays true. The executor exists for flushing
-// and for the transactions that write-behind will queue.
+// What it does: queries and listings are answered from the metadata cache (one inner listing
+// per folder, shared by concurrent callers) and storage information from the quota
+// accountant. File bodies are read from and written to working files of the content cache.
+// Mutations are checked and applied to both caches on the caller's thread, under the path
+// guard of their location(s), and replayed on the inner store in order by the executor
+// (write-behind), which then confirms them in the metadata cache. The event listener keeps
+// both caches true when someone else changes the store; the event latch holds it back while
+// the overlay's own work reaches the store.
 //
 // Lifecycle: built (constructor) -> configured (doConfigure, any time) -> initialised (the
 // first operation runs lazyInitialize once; a failure rolls back and the next operation tries
