@@ -51,7 +51,7 @@ void ContentCache::discard() {
 void ContentCache::deleteMadeBodies() noexcept {
   for (const auto& body : madeBodies_) {
     boost::system::error_code ignored;
-    fs::remove(body, ignored);
+    fs::remove(fs::path(body), ignored);
   }
   madeBodies_.clear();
 }
@@ -138,7 +138,8 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieve(
     }
     makeRoomLocked(metadata->getSize());
     auto entry = std::make_shared<WorkingFileEntry>(metadata, cacheRoot_ / "V1.0", mode_, settings);
-    if (const auto body = entry->resource()->path(); !body.empty()) madeBodies_.insert(body);
+    if (const auto body = entry->resource()->path(); !body.empty())
+      madeBodies_.insert(body.string());
     entries_.emplace(iri, entry);
     ++entryCount_;
     return entry;
@@ -279,7 +280,7 @@ void ContentCache::moveEntry(const StorageIRI& from, const StorageIRI& to) {
     eraseLocked(target);
   }
   entry->moveTo(to);
-  if (const auto body = entry->resource()->path(); !body.empty()) madeBodies_.insert(body);
+  if (const auto body = entry->resource()->path(); !body.empty()) madeBodies_.insert(body.string());
   entries_.emplace(to, std::move(entry));
   ++entryCount_;
 }

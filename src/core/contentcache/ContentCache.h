@@ -46,6 +46,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <unordered_set>
 #include <vector>
 
 namespace storage::overlayprovider {
@@ -123,7 +124,9 @@ class ContentCache {
   ArbitratorFactory arbitratorFactory_;
   std::unique_ptr<ICacheSpaceArbitrator> arbitrator_;
   bool initialized_ = false;
-  std::set<boost::filesystem::path> madeBodies_;
+  // Native path strings: hashing a string is far cheaper than ordering paths component by
+  // component, and every create and rename adds one.
+  std::unordered_set<std::string> madeBodies_;
   mutable std::mutex mutex_;
 };
 

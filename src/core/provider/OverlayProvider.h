@@ -178,8 +178,10 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   void requireWritableParent(const fsp::StorageIRI& location) const;
   // The folder as the store spells it; NotFound when unknown, OperationRefused for the root.
   fsp::StorageIRI requireFolder(const fsp::StorageIRI& location) const;
-  void checkFileDestination(const fsp::StorageIRI& source, const fsp::StorageIRI& destination,
-                            fsp::ReplacementPolicy policy) const;
+  // Returns the file the move would replace, if any.
+  std::shared_ptr<FileMetadata> checkFileDestination(const fsp::StorageIRI& source,
+                                                     const fsp::StorageIRI& destination,
+                                                     fsp::ReplacementPolicy policy) const;
   void checkFolderDestination(const fsp::StorageIRI& destination,
                               fsp::ReplacementPolicy policy) const;
   // The shape of setLastModified and setWritable: the record changed in the cache, the inner

@@ -230,12 +230,12 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   const auto stored = record ? record->getIRI() : source;
   refuseWhileOpen(stored);
   if (!record) throw notFound(source);
-  checkFileDestination(stored, destination, policy);
+  const auto replaced = checkFileDestination(stored, destination, policy);
   if (stored == destination) return;  // the file is already there: nothing changes
   // The body of a file that the move replaces goes with that file.
-  const auto replaced = metadataCache_->getFileMetadata(destination);
-  if (replaced && replaced->getIRI() != stored)
+  if (replaced && replaced->getIRI() != stored) {
     contentCache_->removeEntry(replaced->getIRI(), true);
+  }
   metadataCache_->moveFileMetadata(stored, destination);
   contentCache_->moveEntry(stored, destination);
   if (const auto entry = contentCache_->find(destination)) {
@@ -258,8 +258,8 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
       });
 }
 
-void OverlayProvider::checkFileDestination(const StorageIRI& source, const StorageIRI& destination,
-                                           fsp::ReplacementPolicy policy) const {
+std::shared_ptr<FileMetadata> OverlayProvider::checkFileDestination(
+    const StorageIRI& source, const StorageIRI& destination, fsp::ReplacementPolicy policy) const {
   if (metadataCache_->getFolderMetadata(destination)) {
     throw Exception(ErrorCode::AlreadyExists, publicLocation(destination), "a folder");
   }
@@ -271,6 +271,7 @@ void OverlayProvider::checkFileDestination(const StorageIRI& source, const Stora
   }
   requireParentFolder(destination);
   requireWritableParent(destination);
+  return existing;
 }
 
 void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
