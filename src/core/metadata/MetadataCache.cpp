@@ -100,9 +100,10 @@ std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadata(const fsp::Stor
 }
 
 std::shared_ptr<IFolderEntry> MetadataCache::getFolderEntry(const fsp::StorageIRI& iri) {
-  prepareLookup(iri);
+  actOnPendingInvalidations();
   auto entry = lookupEntry(iri);
   Guard guard(*this);
+  reapplyFrozenLocked();
   hidePendingRemovalsLocked(*entry);
   return entry;
 }
@@ -265,7 +266,6 @@ void MetadataCache::confirmRemoval(const fsp::StorageIRI& iri) {
 bool MetadataCache::prepareLookup(const fsp::StorageIRI& iri) {
   Guard guard(*this);
   actOnPendingInvalidationsLocked();
-  reapplyFrozenLocked();
   return isRemovedLocked(iri);
 }
 

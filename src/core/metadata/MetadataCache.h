@@ -141,9 +141,10 @@ class MetadataCache {
 
   static fsp::StorageIRI rootIRI();
   void actOnPendingInvalidations();
-  // Under one hold of the lock, as every lookup begins: acts on pending invalidations,
-  // re-applies the records still frozen, then tells whether `iri` lies at or below a removal
-  // not yet replayed (where only frozen records, the overlay's own, are to be believed).
+  // Under one hold of the lock, as every record lookup begins: acts on pending invalidations
+  // (re-applying the records still frozen waits for the next folder listing, removal or
+  // move), then tells whether `iri` lies at or below a removal not yet replayed (where only
+  // frozen records, the overlay's own, are to be believed).
   bool prepareLookup(const fsp::StorageIRI& iri);
 
   // Caller holds mutex_ (MetadataCacheTree.cpp).
