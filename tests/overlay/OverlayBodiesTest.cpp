@@ -19,13 +19,6 @@ using fsp::StorageItem;
 
 namespace {
 
-std::string readAll(fsp::ByteStream& stream) {
-  std::string content;
-  char buffer[1000];
-  for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) content.append(buffer, n);
-  return content;
-}
-
 std::string innerContent(const OverlayOverMem& env, const std::u16string& path) {
   auto stream = env.mem->openReadOnlyStream(StorageIRI(u"mem", path));
   return readAll(*stream);

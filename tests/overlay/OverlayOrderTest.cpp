@@ -49,13 +49,6 @@ struct Side {
   const fsp::IProvider* operator->() const { return provider.get(); }
 };
 
-std::string readAll(fsp::ByteStream& stream) {
-  std::string bytes;
-  char buffer[4096];
-  for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, n);
-  return bytes;
-}
-
 // One change or read with its arguments drawn, applicable to either side; `apply` returns what
 // the caller observed besides success (positions, what was read).
 struct Change {

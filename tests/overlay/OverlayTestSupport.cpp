@@ -26,4 +26,11 @@ OverlayOverMem::~OverlayOverMem() {
   if (defaultRoot) boost::filesystem::remove_all(cacheRoot, ignored);
 }
 
+std::string readAll(fsp::ByteStream& stream) {
+  std::string content;
+  char buffer[4096];
+  for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) content.append(buffer, n);
+  return content;
+}
+
 }  // namespace overlaytest

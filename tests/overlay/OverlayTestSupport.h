@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
 
 namespace overlaytest {
 
@@ -34,5 +35,8 @@ struct OverlayOverMem {
   std::shared_ptr<storage::overlayprovider::OverlayProvider> overlay;
   fsp::StorageIRI root;
 };
+
+// What is left to read from `stream`.
+std::string readAll(fsp::ByteStream& stream);
 
 }  // namespace overlaytest

@@ -169,6 +169,7 @@ class MetadataCache {
   std::shared_ptr<IFolderEntry> ownEntryLocked(const fsp::StorageIRI& folder);
   bool isRemovedLocked(const fsp::StorageIRI& iri) const;
   void hidePendingRemovalsLocked(IFolderEntry& entry);
+  static void hideUnlessFrozen(IFolderEntry& entry, const MetadataNode& node);
   void collectFrozenLocked();
   void reapplyFrozenLocked();
   void reapplyLocked(const MetadataNode& node);

@@ -174,10 +174,29 @@ bool MetadataCache::isRemovedLocked(const fsp::StorageIRI& iri) const {
 
 void MetadataCache::hidePendingRemovalsLocked(IFolderEntry& entry) {
   if (pendingRemovals_.empty() || !entry.isDetailReady()) return;
-  for (const auto& [iri, node] : entry.getChildren()) {
-    if (nodeIsFrozen(node) || !isRemovedLocked(iri)) continue;
-    node.index() == 0 ? entry.removeFile(iri, true) : entry.removeFolder(iri, true);
+  if (isRemovedLocked(entry.getIRI())) {
+    for (const auto& [iri, node] : entry.getChildren()) hideUnlessFrozen(entry, node);
+    return;
   }
+  // Only the removals directly below this folder can hide a child: each is looked up by name
+  // rather than every child tested, since a large folder is listed often.
+  const auto folder = keyOf(entry.getIRI());
+  for (const auto& [removed, count] : pendingRemovals_) {
+    if (!removed.hasParent() || removed.getParent() != folder) continue;
+    for (const auto kind : {NodeKind::File, NodeKind::Folder}) {
+      try {
+        hideUnlessFrozen(entry, entry.findChild(removed, kind, caseSensitive_));
+      } catch (const fsp::Exception& e) {
+        if (e.getErrorCode() != fsp::ErrorCode::NotFound) throw;
+      }
+    }
+  }
+}
+
+void MetadataCache::hideUnlessFrozen(IFolderEntry& entry, const MetadataNode& node) {
+  if (nodeIsFrozen(node)) return;
+  const auto& iri = nodeIRI(node);
+  node.index() == 0 ? entry.removeFile(iri, true) : entry.removeFolder(iri, true);
 }
 
 void MetadataCache::reapplyFrozenLocked() {

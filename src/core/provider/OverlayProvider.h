@@ -178,6 +178,11 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   void requireWritableParent(const fsp::StorageIRI& location) const;
   // The folder as the store spells it; NotFound when unknown, OperationRefused for the root.
   fsp::StorageIRI requireFolder(const fsp::StorageIRI& location) const;
+  // Both caches forget the folder at once; the store's removal (`removal` on its item) and
+  // its confirmation are queued.
+  void removeFolderBehind(const fsp::StorageIRI& folder, const std::string& name,
+                          ObservableTransactionType kind,
+                          std::function<void(const fsp::StorageItem&)> removal) const;
   // Returns the file the move would replace, if any.
   std::shared_ptr<FileMetadata> checkFileDestination(const fsp::StorageIRI& source,
                                                      const fsp::StorageIRI& destination,

@@ -179,12 +179,8 @@ void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
   if (!metadataCache_->getFolderEntry(folder)->isEmpty()) {
     throw Exception(ErrorCode::FolderNotEmpty, publicLocation(location));
   }
-  metadataCache_->removeFolderMetadata(folder);
-  contentCache_->removeFolderEntries(folder, true);
-  replay(
-      "removeFolder", ObservableTransactionType::FOLDER_REMOVAL,
-      [folder](const StorageItem& inner) { innerItemFor(inner, folder).removeFolder(); },
-      [folder](MetadataCache& cache) { cache.confirmRemoval(folder); });
+  removeFolderBehind(folder, "removeFolder", ObservableTransactionType::FOLDER_REMOVAL,
+                     [](const StorageItem& item) { item.removeFolder(); });
 }
 
 void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
@@ -197,11 +193,21 @@ void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
   triggerEventLatch();
   const auto held = guard(location);
   const auto folder = requireFolder(location);
+  removeFolderBehind(folder, "removeFolderRecursively",
+                     ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
+                     [](const StorageItem& item) { item.removeFolderRecursively(); });
+}
+
+void OverlayProvider::removeFolderBehind(const StorageIRI& folder, const std::string& name,
+                                         ObservableTransactionType kind,
+                                         std::function<void(const StorageItem&)> removal) const {
   metadataCache_->removeFolderMetadata(folder);
   contentCache_->removeFolderEntries(folder, true);
   replay(
-      "removeFolderRecursively", ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
-      [folder](const StorageItem& inner) { innerItemFor(inner, folder).removeFolderRecursively(); },
+      name, kind,
+      [folder, removal = std::move(removal)](const StorageItem& inner) {
+        removal(innerItemFor(inner, folder));
+      },
       [folder](MetadataCache& cache) { cache.confirmRemoval(folder); });
 }
 
