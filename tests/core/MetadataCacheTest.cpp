@@ -318,7 +318,9 @@ TEST_F(MetadataCacheTest, FrozenFileSurvivesInvalidationUntilConfirmed) {
   EXPECT_TRUE(created->isFrozen());
   LogCapture capture;
   cache().markForInvalidation(ov(u"/a/new.txt"));
-  // The store does not hold the file yet; the fresh listing lacks it, the cache keeps it.
+  // The store does not hold the file yet; the fresh listing lacks it, the cache keeps it,
+  // for a lookup of the record as for a listing.
+  EXPECT_EQ(cache().getFileMetadata(ov(u"/a/new.txt")), created);
   EXPECT_TRUE(names(u"/a").count(u"new.txt"));
   EXPECT_EQ(listings(), 2u);
   EXPECT_EQ(capture.count("overlay:/a/new.txt is frozen.", foundation::log::debug), 1u);
@@ -357,6 +359,7 @@ TEST_F(MetadataCacheTest, CreatedFolderIsCompleteWithoutTheStoreAndSurvivesInval
 
   cache().markForInvalidation(ov(u"/a/fresh"));
   cache().markForInvalidation(ov(u"/a/sub"));
+  EXPECT_EQ(cache().getFolderMetadata(ov(u"/a/fresh")), folder);
   EXPECT_TRUE(names(u"/a").count(u"fresh"));
   EXPECT_EQ(names(u"/a/fresh"), (std::set<std::u16string>{u"f.txt"}));
 }
@@ -443,6 +446,26 @@ TEST_F(MetadataCacheTest, UpdateWhileTheParentIsListedIsNotLost) {
   gate.release.set_value();
   EXPECT_EQ(lookup.get(), (std::set<std::u16string>{u"b.txt", u"sub", u"streamed.txt"}));
   EXPECT_EQ(cache().getFileSize(ov(u"/a/streamed.txt")), 9u);
+}
+
+// A removal and the re-creation after it, both confirmed while a lookup waits for the
+// parent's listing: the folder exists, whatever the lookup saw of the removal before it waited.
+TEST_F(MetadataCacheTest, ConfirmationsDuringALookupDoNotHideTheFolder) {
+  cache().getFolderEntry(ov(u"/a"));
+  cache().removeFolderMetadata(ov(u"/a/sub"));
+  const auto again = cache().createFolderMetadata(ov(u"/a/sub"));
+  Gate gate;
+  hooked->before = [&](std::string_view op, const StorageIRI&) {
+    if (op == "listAll") gate.pass();
+  };
+  cache().markForInvalidation(ov(u"/a/sub"));
+  auto lookup =
+      std::async(std::launch::async, [&] { return cache().getFolderMetadata(ov(u"/a/sub")); });
+  gate.entered.get_future().wait();
+  cache().confirmRemoval(ov(u"/a/sub"));
+  cache().confirmFolder(ov(u"/a/sub"), false);
+  gate.release.set_value();
+  EXPECT_EQ(lookup.get(), again);
 }
 
 TEST_F(MetadataCacheTest, PopulationFillsTheTreeFromOneRecursiveListing) {

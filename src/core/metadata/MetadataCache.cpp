@@ -73,10 +73,9 @@ std::shared_ptr<IFolderEntry> MetadataCache::lookupEntry(const fsp::StorageIRI& 
 
 std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(const fsp::StorageIRI& iri) {
   if (!iri.hasParent()) return {};
-  const bool removed = prepareLookup(iri);
+  prepareLookup();
   try {
-    auto record = lookupEntry(iri.getParent())->getFileMetadata(iri, caseSensitive_);
-    return removed && !record->isFrozen() ? nullptr : record;
+    return believed(iri, lookupEntry(iri.getParent())->getFileMetadata(iri, caseSensitive_));
   } catch (const fsp::Exception& e) {
     if (isNotFound(e)) return {};
     throw;
@@ -89,10 +88,9 @@ std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadata(const fsp::St
 }
 
 std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadata(const fsp::StorageIRI& iri) {
-  const bool removed = prepareLookup(iri);
+  prepareLookup();
   try {
-    auto record = doGetFolderMetadata(iri);
-    return removed && record && !record->isFrozen() ? nullptr : record;
+    return believed(iri, doGetFolderMetadata(iri));
   } catch (const fsp::Exception& e) {
     if (isNotFound(e)) return {};
     throw;
@@ -263,10 +261,22 @@ void MetadataCache::confirmRemoval(const fsp::StorageIRI& iri) {
   if (it != pendingRemovals_.end() && --it->second <= 0) pendingRemovals_.erase(it);
 }
 
-bool MetadataCache::prepareLookup(const fsp::StorageIRI& iri) {
+void MetadataCache::prepareLookup() {
   Guard guard(*this);
   actOnPendingInvalidationsLocked();
-  return isRemovedLocked(iri);
+  reapplyFrozenLocked();
+}
+
+template <typename Record>
+std::shared_ptr<Record> MetadataCache::believed(const fsp::StorageIRI& iri,
+                                                std::shared_ptr<Record> record) {
+  if (!record) return record;
+  // Under the lock, as the confirmations change both: the removal and the record's frozen
+  // state must be read at one instant. Read apart, a removal seen before a long listing and
+  // a record unfrozen after it (the removal and the re-creation both confirmed meanwhile)
+  // would hide a folder that the store holds.
+  Guard guard(*this);
+  return isRemovedLocked(iri) && !record->isFrozen() ? nullptr : record;
 }
 
 void MetadataCache::markForInvalidation(const fsp::StorageIRI& iri) {

@@ -40,6 +40,13 @@
 //    one shows the inner store's truth.
 //  - Re-applying a frozen folder makes a complete entry of its own only when the folder has no
 //    entry; an existing entry keeps its contents.
+//
+// Deliberate deviation: a record lookup (getFileMetadata, getFolderMetadata) re-applies the
+// records still frozen right after acting on pending invalidations, instead of leaving that to
+// the next listing, removal or move. Otherwise an event that invalidates a folder (an echo of
+// the overlay's own replay is enough) makes the next lookup list the store, which does not yet
+// hold what the overlay just created: a folder made a moment ago is reported missing, and the
+// caller's next write or move into it fails with NotFound.
 #pragma once
 
 #include "core/metadata/IFolderEntry.h"
@@ -141,11 +148,13 @@ class MetadataCache {
 
   static fsp::StorageIRI rootIRI();
   void actOnPendingInvalidations();
-  // Under one hold of the lock, as every record lookup begins: acts on pending invalidations
-  // (re-applying the records still frozen waits for the next folder listing, removal or
-  // move), then tells whether `iri` lies at or below a removal not yet replayed (where only
-  // frozen records, the overlay's own, are to be believed).
-  bool prepareLookup(const fsp::StorageIRI& iri);
+  // Under one hold of the lock, as every record lookup begins: acts on pending invalidations,
+  // then re-applies the records still frozen.
+  void prepareLookup();
+  // The record a lookup found, or nothing when it lies at or below a removal not yet
+  // replayed and is not frozen (there only the overlay's own records are to be believed).
+  template <typename Record>
+  std::shared_ptr<Record> believed(const fsp::StorageIRI& iri, std::shared_ptr<Record> record);
 
   // Caller holds mutex_ (MetadataCacheTree.cpp).
   // The key of a location in the maps below: on a case-insensitive store every spelling of a
