@@ -111,7 +111,7 @@ std::shared_ptr<FileMetadata> OverlayProvider::recordForStream(
     throw notFound(location.getParent());
   }
   try {
-    contentCache_->removeEntry(location, false);
+    contentCache_->discardEntry(location, false);
   } catch (const boost::filesystem::filesystem_error&) {
     throw CachingErrorException("Caching failed due to an unknown error.");
   }

@@ -25,6 +25,10 @@
 //    block over and waits, in rounds of QV_OVERLAY_WAIT_FOR_ZERO_PERIOD milliseconds (default
 //    2000), until no transaction of this file is pending or the entry is aborted; only then is
 //    the store asked, so a read never returns bytes older than a write the caller made.
+//    Likewise, a read that misses while the file's record is still frozen (its creation, a
+//    move onto it or a truncation has not reached the store) first waits once until every
+//    change queued so far has been replayed: before that, the store holds older bytes there,
+//    or nothing.
 //  - The inner stream: at most one per entry. It is opened on first need: by a read miss (on
 //    the caller's thread, read-only), by the first FILE_WRITE, or by the FILE_OPEN_READWRITE
 //    that an open queues when it must change the store (create or truncate the file). A
@@ -159,6 +163,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::int64_t readCachedLocked(std::int64_t offset, char* buffer, std::int64_t count);
   bool bodyMayLackPendingWritesLocked() const;
   bool waitForPendingWrites();
+  // Waits until every change queued so far has reached the store.
+  void waitForEarlierChanges();
   std::int64_t fetchWindowLocked(std::int64_t offset, std::int64_t count) const;
   std::int64_t fetch(std::int64_t offset, char* buffer, std::int64_t count);
   void checkSpace(std::int64_t offset, std::int64_t count);
