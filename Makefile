@@ -1,5 +1,5 @@
 # Entry points. Each target installs what is missing, configures, builds and runs.
-.PHONY: all deps build test test-sanitize test-tsan format clean demo
+.PHONY: all deps build test test-sanitize test-tsan soak format clean demo
 
 all: build
 
@@ -22,6 +22,10 @@ test-tsan: deps
 	cmake --preset tsan
 	cmake --build --preset tsan
 	ctest --preset tsan
+
+# The randomized soak, long: 250,000 operations in each of its four plans.
+soak: build
+	OVERLAY_SOAK_OPS=$${OVERLAY_SOAK_OPS:-250000} ./build/default/tests/overlay/overlay_soak_tests
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
