@@ -131,7 +131,10 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieve(
   try {
     ensureInitializedLocked();
     auto it = entries_.find(iri);
-    if (it != entries_.end() && !it->second->isAborted()) return it->second;
+    if (it != entries_.end() && !it->second->isAborted()) {
+      it->second->pin();
+      return it->second;
+    }
     if (it != entries_.end()) {
       OVERLAY_LOG(log::notice) << "Retrieving " << iri.toString() << " due to previous abort.";
       it->second->removeCachedBody();
@@ -143,6 +146,7 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieve(
       madeBodies_.insert(body.string());
     entries_.emplace(iri, entry);
     ++entryCount_;
+    entry->pin();
     return entry;
   } catch (const CachingErrorException&) {
     throw;

@@ -80,7 +80,8 @@ class ContentCache {
 
   // Creates the version directory when missing and the arbitrator when there is none.
   void ensureInitialized();
-  // The entry of a file, made when missing (throws CachingErrorException).
+  // The entry of a file, made when missing (throws CachingErrorException). It comes pinned
+  // (WorkingFileEntry::pin): the caller unpins it once its stream is open or the open failed.
   std::shared_ptr<WorkingFileEntry> retrieve(const fsp::StorageIRI& iri,
                                              const std::shared_ptr<FileMetadata>& metadata,
                                              const WorkingFileSettings& settings);

@@ -446,6 +446,7 @@ std::size_t WorkingFileEntry::openCount() const {
 }
 
 bool WorkingFileEntry::isIdle() {
+  if (pins_.load() > 0) return false;
   {
     std::lock_guard lock(mutex_);
     if (!openStreams_.empty() || (pendingBlock_ && pendingBlock_->size() > 0)) return false;

@@ -122,9 +122,13 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
 
   // --- the content cache's view (called under the content cache's mutex) ---
   std::size_t openCount() const;
-  // No stream open, nothing written that the store has not received: the body holds exactly
-  // what the store held when the entry last synchronised with it.
+  // No stream open or about to open (pinned), nothing written that the store has not
+  // received: the body holds exactly what the store held when the entry last synchronised.
   bool isIdle();
+  // A caller that got the entry from the content cache and is about to open a stream on it
+  // holds a pin meanwhile, so that no other thread evicts the entry in between.
+  void pin() { ++pins_; }
+  void unpin() { --pins_; }
   // 1 while the last stream is closing, 0 otherwise.
   int state() const;
   std::int64_t lastAccess() const { return lastAccess_.load(); }
@@ -213,6 +217,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // The same resource when it keeps a body on disk (null for a disabled content cache).
   FilesystemCacheResource* const body_;
   std::atomic<bool> aborted_{false};
+  std::atomic<int> pins_{0};
   std::atomic<std::int64_t> lastAccess_{0};
 
   std::mutex submitMutex_;
