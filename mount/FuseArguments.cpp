@@ -23,18 +23,37 @@ std::string storeName(const MountOptions& options) {
 
 }  // namespace
 
+// The kernel's writeback cache is the command's to turn on (in init), so libfuse's parser
+// does not know its names: they are taken out of the list here.
+std::string FuseArguments::takeWritebackChoice(const std::string& list) {
+  std::string rest;
+  std::size_t start = 0;
+  while (start <= list.size()) {
+    const std::size_t end = std::min(list.find(',', start), list.size());
+    const std::string option = list.substr(start, end - start);
+    if (option == "no_writeback_cache" || option == "writeback_cache") {
+      writebackCache_ = option == "writeback_cache";
+    } else if (!option.empty()) {
+      rest += (rest.empty() ? "" : ",") + option;
+    }
+    start = end + 1;
+  }
+  return rest;
+}
+
 FuseArguments::FuseArguments(const MountOptions& options) {
-  // The timeouts are modest because changes made outside the mount reach the overlay after its
-  // quiet period; auto_cache drops cached pages of a file whose size or time changed.
+  // default_permissions: the kernel checks access against the modes shown (the store's
+  // writable flag), as on a local file system, root included. The timeouts are modest because
+  // changes made outside the mount reach the overlay after its quiet period; auto_cache drops
+  // cached pages of a file whose size or time changed.
   std::vector<std::string> strings = {
       "cachemount", "-o",
-      "auto_cache,entry_timeout=1,attr_timeout=1,negative_timeout=1,"
+      "default_permissions,auto_cache,entry_timeout=1,attr_timeout=1,negative_timeout=1,"
       "subtype=cachemount,fsname=cachemount:" +
           escapeOptionValue(storeName(options))};
-  for (const auto& option : options.fuseOptions) {
-    strings.push_back("-o");
-    strings.push_back(option);
-    if (option.find("no_writeback_cache") != std::string::npos) writebackCache_ = false;
+  for (const auto& list : options.fuseOptions) {
+    const std::string rest = takeWritebackChoice(list);
+    if (!rest.empty()) strings.insert(strings.end(), {"-o", rest});
   }
   if (options.debug) strings.push_back("-d");
   for (const auto& text : strings) {

@@ -24,6 +24,10 @@ class FuseArguments {
   bool writebackCacheWanted() const { return writebackCache_; }
 
  private:
+  // The list without [no_]writeback_cache, which sets writebackCache_ (escaped commas are
+  // not expected in these lists).
+  std::string takeWritebackChoice(const std::string& list);
+
   fuse_args args_ = FUSE_ARGS_INIT(0, nullptr);
   bool writebackCache_ = true;
 };

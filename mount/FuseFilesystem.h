@@ -7,7 +7,8 @@
 //   create, open     openStream (O_CREAT|O_EXCL: createFile first, so an existing name is
 //                    EEXIST); O_TRUNC and O_APPEND as stream options
 //   read, write      the open file's stream at the request's offset (OpenFile)
-//   truncate         truncateToSize
+//   truncate         truncateToSize, then the file's open streams are opened afresh (a store
+//                    may truncate by replacing the file)
 //   flush            nothing: the stream's writes are the overlay's once written
 //   release          closes the stream
 //   fsync            the overlay's flushFilesystem: when it returns, every change queued
@@ -16,7 +17,7 @@
 //   unlink, rmdir    removeFile, removeFolder
 //   mkdir            createFolder
 //   rename           moveFile / moveFolder; replaces a destination unless RENAME_NOREPLACE
-//                    (then EEXIST); RENAME_EXCHANGE is EINVAL
+//                    (then EEXIST); RENAME_EXCHANGE is EINVAL. Open files follow the move.
 //   utimens          setLastModified (the access time is not kept)
 //   chmod            setWritable from the mode's write bits (other bits are not kept)
 //   chown            accepted and ignored: the store keeps no owners, files show as the
@@ -55,8 +56,9 @@ class FuseFilesystem {
   void attach(const StoreStack& stores);
   // The callbacks; private_data must be this object.
   static fuse_operations operations();
-  // Closes what the kernel left open (after the session loop has ended).
-  void closeAll() noexcept;
+  // After the session loop has ended: closes what the kernel left open and lets go of the
+  // provider, which must be gone before the stores unload the bundle that holds its code.
+  void detach() noexcept;
   std::size_t openFiles() const { return handles_.size(); }
 
  private:

@@ -31,7 +31,7 @@ int FuseFilesystem::openStream(const char* path, fuse_file_info* fi, bool create
   options.create = create;
   options.truncate = writing && (fi->flags & O_TRUNC) != 0;
   const bool appendOnly = (fi->flags & O_APPEND) != 0 && !writebackCache_;
-  auto file = std::make_shared<OpenFile>(target.openStream(options), appendOnly);
+  auto file = std::make_shared<OpenFile>(target, target.openStream(options), appendOnly);
   fi->fh = handles_.add(std::move(file));
   return 0;
 }
@@ -64,8 +64,10 @@ int FuseFilesystem::write(const char*, const char* data, size_t size, off_t offs
 int FuseFilesystem::truncate(const char* path, off_t size, fuse_file_info*) {
   return guarded("truncate", [&] {
     if (size < 0) return -EINVAL;
-    const auto target = self().item(path);
+    auto& fs = self();
+    const auto target = fs.item(path);
     target.getProvider()->truncateToSize(target.getLocation(), static_cast<std::uint64_t>(size));
+    for (const auto& file : fs.handles_.at(target.getLocation())) file->reopen();
     return 0;
   });
 }
@@ -86,7 +88,7 @@ int FuseFilesystem::fsync(const char*, int, fuse_file_info*) {
   });
 }
 
-void FuseFilesystem::closeAll() noexcept {
+void FuseFilesystem::detach() noexcept {
   try {
     for (const auto& file : handles_.takeAll()) {
       try {
@@ -95,6 +97,8 @@ void FuseFilesystem::closeAll() noexcept {
         logCaughtException("closing a file left open at unmount");
       }
     }
+    root_ = fsp::StorageItem(fsp::StorageIRI());
+    stores_ = nullptr;
   } catch (...) {
     logCaughtException("closing the files left open");
   }

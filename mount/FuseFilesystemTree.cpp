@@ -49,6 +49,7 @@ int FuseFilesystem::rename(const char* from, const char* to, unsigned int flags)
     } else {
       source.moveFile(destination, policy);
     }
+    for (const auto& file : fs.handles_.all()) file->moved(source.getLocation(), destination);
     return 0;
   });
 }

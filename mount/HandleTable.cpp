@@ -33,6 +33,21 @@ std::vector<std::shared_ptr<OpenFile>> HandleTable::takeAll() {
   return all;
 }
 
+std::vector<std::shared_ptr<OpenFile>> HandleTable::all() const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::shared_ptr<OpenFile>> files;
+  files.reserve(files_.size());
+  for (const auto& [handle, file] : files_) files.push_back(file);
+  return files;
+}
+
+std::vector<std::shared_ptr<OpenFile>> HandleTable::at(
+    const foundation::storage::provider::StorageIRI& location) const {
+  auto files = all();
+  std::erase_if(files, [&](const auto& file) { return !file->isAt(location); });
+  return files;
+}
+
 std::size_t HandleTable::size() const {
   std::lock_guard lock(mutex_);
   return files_.size();

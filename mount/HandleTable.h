@@ -1,7 +1,7 @@
 // HandleTable: the files open through the mount, by the number FUSE gives the kernel
 // (fuse_file_info::fh). Owned by the FuseFilesystem. Locks: its own mutex, held only to look
 // up, insert or remove (never across a stream call). Threads: any FUSE worker thread, and the
-// main thread for closeAll after the session loop has ended.
+// main thread (FuseFilesystem::detach) after the session loop has ended.
 #pragma once
 
 #include "OpenFile.h"
@@ -24,6 +24,10 @@ class HandleTable {
   // Removes every file (the caller closes them outside the lock).
   std::vector<std::shared_ptr<OpenFile>> takeAll();
   std::size_t size() const;
+  // The open files at a location (copied out, so the caller works on them without the lock).
+  std::vector<std::shared_ptr<OpenFile>> at(
+      const foundation::storage::provider::StorageIRI& location) const;
+  std::vector<std::shared_ptr<OpenFile>> all() const;
 
  private:
   mutable std::mutex mutex_;

@@ -113,7 +113,7 @@ int MountSession::run() {
   fuse_remove_signal_handlers(fuse_get_session(handle.get()));
   fuse_unmount(handle.get());
   reporter.stop();
-  filesystem.closeAll();
+  filesystem.detach();
   const bool flushed = flushAndReport(*stores, out_);
   handle.reset();
   stores->shutdown();

@@ -5,6 +5,7 @@
 #include <ios>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 namespace storage::mount {
 
@@ -19,8 +20,10 @@ long asStreamCount(std::size_t size) {
 
 }  // namespace
 
-OpenFile::OpenFile(foundation::storage::provider::ByteStreamPtr stream, bool appendOnly)
-    : stream_(std::move(stream)), appendOnly_(appendOnly) {}
+namespace fsp = foundation::storage::provider;
+
+OpenFile::OpenFile(fsp::StorageItem file, fsp::ByteStreamPtr stream, bool appendOnly)
+    : file_(std::move(file)), stream_(std::move(stream)), appendOnly_(appendOnly) {}
 
 OpenFile::~OpenFile() {
   try {
@@ -57,6 +60,35 @@ void OpenFile::close() {
   if (!stream_) return;
   auto stream = std::move(stream_);
   stream->close();
+}
+
+}  // namespace storage::mount
+
+namespace storage::mount {
+
+void OpenFile::reopen() {
+  std::lock_guard lock(mutex_);
+  if (!stream_) return;
+  auto fresh = file_.openStream(fsp::ByteStreamOpenOptions::readWrite());
+  auto old = std::exchange(stream_, std::move(fresh));
+  old->close();
+}
+
+bool OpenFile::isAt(const fsp::StorageIRI& location) {
+  std::lock_guard lock(mutex_);
+  return file_.getLocation() == location;
+}
+
+void OpenFile::moved(const fsp::StorageIRI& from, const fsp::StorageIRI& to) {
+  std::lock_guard lock(mutex_);
+  const auto& path = file_.getLocation().getPath();
+  const auto& prefix = from.getPath();
+  if (path == prefix) {
+    file_ = fsp::StorageItem(file_, to.getPath());
+  } else if (path.size() > prefix.size() && path.compare(0, prefix.size(), prefix) == 0 &&
+             path[prefix.size()] == u'/') {
+    file_ = fsp::StorageItem(file_, to.getPath() + path.substr(prefix.size()));
+  }
 }
 
 }  // namespace storage::mount

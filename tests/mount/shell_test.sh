@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# The shell operations (shell_operations.sh) give the same transcript on a plain folder, on
+# the overlay over a folder, on the overlay over a slow in-memory store, and on a
+# pass-through mount; after unmounting, the folder behind the overlay holds exactly what the
+# plain folder holds. The errno checks and a random read/write/truncate check against a
+# model run on the same mounts.
+#   shell_test.sh CACHEMOUNT MOUNT_CHECK [RANDOM_OPERATIONS]
+CACHEMOUNT=$1
+MOUNT_CHECK=$2
+RANDOM_OPERATIONS=${3:-3000}
+HERE=$(cd "$(dirname "$0")" && pwd)
+source "$HERE/mount_lib.sh"
+require_fuse
+
+transcript() {
+  (cd "$1" && bash "$HERE/shell_operations.sh") >"$2"
+}
+
+step "plain folder"
+mkdir -p "$WORK/plain"
+transcript "$WORK/plain" "$WORK/plain.txt"
+
+check_mount() {
+  local name=$1 store=$2
+  shift 2
+  local mp="$WORK/mnt-$name" log="$WORK/$name.log"
+  step "$name"
+  mount_store "$store" "$mp" "$log" "$@" || fail "cannot mount $name"
+  transcript "$mp" "$WORK/$name.txt"
+  diff -u "$WORK/plain.txt" "$WORK/$name.txt" || fail "$name: transcript differs from a plain folder"
+  mkdir "$mp/errnos"
+  "$MOUNT_CHECK" errnos "$mp/errnos" || fail "$name: errnos"
+  "$MOUNT_CHECK" random "$mp/random.bin" "$WORK/$name.model" 7 "$RANDOM_OPERATIONS" ||
+    fail "$name: random check"
+  kill -USR1 "$MOUNT_PID"
+  sleep 0.3
+  grep -q "cachemount: queue" "$log" || fail "$name: SIGUSR1 printed no queue statistics"
+  unmount_store "$mp" "$log"
+}
+
+mkdir -p "$WORK/inner"
+check_mount overlay-file "$WORK/inner"
+step "the folder behind the overlay holds what was written"
+rm -rf "$WORK/inner/errnos"
+cmp "$WORK/inner/random.bin" "$WORK/overlay-file.model" || fail "random.bin differs in the store"
+rm "$WORK/inner/random.bin"
+diff -r "$WORK/plain" "$WORK/inner" || fail "the store differs from the plain folder"
+
+check_mount overlay-mem mem: --latency-ms 2
+mkdir -p "$WORK/passthrough"
+check_mount pass-through "$WORK/passthrough" --pass-through
+echo "PASS"
