@@ -8,6 +8,7 @@
 #include <foundation/storage/provider/file/FileProvider.h>
 #include <foundation/storage/provider/mem/MemProvider.h>
 
+#include <cctype>
 #include <stdexcept>
 
 namespace storage::mount {
@@ -52,7 +53,10 @@ void StoreStack::flush() const {
 
 std::string StoreStack::queueStatistics() const {
   auto* source = dynamic_cast<fsp::extensions::IQueueStatistics*>(root_.getProvider().get());
-  return source == nullptr ? std::string("{}") : source->queueStatistics();
+  std::string json = source == nullptr ? std::string("{}") : source->queueStatistics();
+  // One line in the command's reports: the JSON writer ends its text with a line break.
+  while (!json.empty() && std::isspace(static_cast<unsigned char>(json.back()))) json.pop_back();
+  return json;
 }
 
 void StoreStack::shutdown() noexcept {

@@ -38,7 +38,7 @@ class StoreStack {
   // Returns once every change accepted so far has reached the store (the overlay's flush;
   // nothing to wait for in a pass-through).
   void flush() const;
-  // The overlay's queue snapshot as JSON ("{}" in a pass-through).
+  // The overlay's queue snapshot as one line of JSON ("{}" in a pass-through).
   std::string queueStatistics() const;
   std::uint64_t storeCalls() const { return instrumented_->totalCalls(); }
   void shutdown() noexcept;

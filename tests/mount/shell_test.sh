@@ -9,7 +9,7 @@ CACHEMOUNT=$1
 MOUNT_CHECK=$2
 RANDOM_OPERATIONS=${3:-3000}
 HERE=$(cd "$(dirname "$0")" && pwd)
-source "$HERE/mount_lib.sh"
+source "$HERE/../../mount/workload/mount_lib.sh"
 require_fuse
 
 transcript() {

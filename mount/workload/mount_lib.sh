@@ -1,6 +1,7 @@
-# Shared by the mount tests: mounting and unmounting cachemount, skipping where FUSE cannot
-# be used. Source it; it needs CACHEMOUNT (the command) and sets WORK (a fresh folder that is
-# removed, with every mount left behind, when the test exits).
+# Shared by the mount tests, the mount demo and the mount benchmark: mounting and
+# unmounting cachemount, skipping (exit 77) where FUSE cannot be used. Source it (bash); it
+# needs CACHEMOUNT (the command) and sets WORK (a fresh folder that is removed, with every
+# mount left behind, when the script exits).
 set -euo pipefail
 
 SKIP=77
@@ -52,7 +53,7 @@ mount_store() {
 }
 
 # unmount_store MOUNTPOINT LOG: unmounts and waits for the command, which flushes the queue
-# before it exits; it must exit 0.
+# before it exits; it must exit 0. Prints the command's flush report.
 unmount_store() {
   local mp=$1 log=$2 status=0
   umount "$mp"
@@ -62,6 +63,16 @@ unmount_store() {
     fail "cachemount exited with $status after unmounting $mp"
   fi
   grep "flush took" "$log" || fail "no flush report in $log"
+}
+
+# store_calls LOG: asks the command for its queue statistics (SIGUSR1) and prints the count
+# of store calls so far.
+store_calls() {
+  local log=$1 before
+  before=$(grep -c "cachemount: queue" "$log" || true)
+  kill -USR1 "$MOUNT_PID"
+  while [ "$(grep -c "cachemount: queue" "$log" || true)" -le "$before" ]; do sleep 0.05; done
+  grep "cachemount: queue" "$log" | tail -1 | sed 's/.*store calls //'
 }
 
 # Exits with the skip code when this machine cannot mount FUSE file systems.
