@@ -3,6 +3,7 @@
 #include <boost/program_options.hpp>
 
 #include <array>
+#include <cmath>
 #include <filesystem>
 #include <ostream>
 #include <sstream>
@@ -95,7 +96,9 @@ boost::property_tree::ptree overlayConfigFrom(const po::variables_map& vm) {
       config.put(key.key, "true");
     } else if (key.kind == KeyKind::Number) {
       const double value = vm[key.option].as<double>();
-      if (value < 0) throw UsageError(std::string("--") + key.option + " must not be negative");
+      if (!(value >= 0) || !std::isfinite(value)) {
+        throw UsageError(std::string("--") + key.option + " must be a number >= 0");
+      }
       config.put(key.key, numberText(value));
     } else {
       config.put(key.key, std::filesystem::absolute(vm[key.option].as<std::string>()).string());
@@ -136,7 +139,7 @@ MountOptions optionsFrom(const po::variables_map& vm) {
   readStore(vm["store"].as<std::string>(), options);
   options.mountpoint = existingDirectory(vm["mountpoint"].as<std::string>(), "the mountpoint");
   const double latencyMs = vm["latency-ms"].as<double>();
-  if (latencyMs < 0 || latencyMs > 60000) throw UsageError("--latency-ms must be in 0..60000");
+  if (!(latencyMs >= 0 && latencyMs <= 60000)) throw UsageError("--latency-ms must be in 0..60000");
   options.latency = std::chrono::microseconds(static_cast<long long>(latencyMs * 1000));
   options.overlayConfig = overlayConfigFrom(vm);
   if (vm.count("option")) options.fuseOptions = vm["option"].as<std::vector<std::string>>();
