@@ -46,6 +46,17 @@ int serve(fuse* handle, unsigned maxThreads) {
   return status;
 }
 
+// libfuse's loop returns the signal that ended it (SIGINT, SIGTERM, SIGHUP: an unmount the
+// user asked for) in place of 0.
+bool endedCleanly(int loopStatus) {
+  const int status = loopStatus < 0 ? -loopStatus : loopStatus;
+  if (status != 0 && status != SIGINT && status != SIGTERM && status != SIGHUP) {
+    MOUNT_LOG(foundation::log::error) << "the FUSE session ended with status " << loopStatus;
+    return false;
+  }
+  return true;
+}
+
 // Writes every queued change to the store and says how long that took.
 bool flushAndReport(StoreStack& stores, std::ostream& out) {
   out << "cachemount: unmounted; writing queued changes to the store: queue "
@@ -117,7 +128,7 @@ int MountSession::run() {
   const bool flushed = flushAndReport(*stores, out_);
   handle.reset();
   stores->shutdown();
-  return flushed && loopStatus == 0 ? 0 : 1;
+  return flushed && endedCleanly(loopStatus) ? 0 : 1;
 }
 
 }  // namespace storage::mount

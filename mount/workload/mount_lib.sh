@@ -52,16 +52,18 @@ mount_store() {
   return 1
 }
 
-# unmount_store MOUNTPOINT LOG: unmounts and waits for the command, which flushes the queue
-# before it exits; it must exit 0. Prints the command's flush report.
+# unmount_store MOUNTPOINT LOG [SIGNAL]: unmounts (with `umount`, or by sending the command
+# SIGNAL) and waits for the command, which flushes the queue before it exits; it must exit 0
+# and leave nothing mounted. Prints the command's flush report.
 unmount_store() {
-  local mp=$1 log=$2 status=0
-  umount "$mp"
+  local mp=$1 log=$2 signal=${3:-} status=0
+  if [ -n "$signal" ]; then kill "-$signal" "$MOUNT_PID"; else umount "$mp"; fi
   wait "$MOUNT_PID" || status=$?
   if [ "$status" -ne 0 ]; then
     cat "$log" >&2
     fail "cachemount exited with $status after unmounting $mp"
   fi
+  ! grep -q " $mp " /proc/mounts || fail "$mp is still mounted"
   grep "flush took" "$log" || fail "no flush report in $log"
 }
 
