@@ -144,6 +144,18 @@ int runErrnos(const std::string& dir) {
        },
        ENAMETOOLONG},
       {"setxattr", [&] { return ::setxattr(a.c_str(), "user.k", "v", 1, 0); }, EOPNOTSUPP},
+      {"getxattr of a name the file lacks",
+       [&] {
+         char v[8];
+         return static_cast<int>(::getxattr(a.c_str(), "user.none", v, sizeof v));
+       },
+       ENODATA},
+      {"listxattr of a file without any",
+       [&] {
+         char v[8];
+         return static_cast<int>(::listxattr(a.c_str(), v, sizeof v));
+       },
+       0},
       {"make a file read-only", [&] { return ::chmod(b.c_str(), 0444); }, 0},
       {"rename onto an existing read-only file", [&] { return ::rename(a.c_str(), b.c_str()); }, 0},
       {"rmdir a file", [&] { return ::rmdir(b.c_str()); }, ENOTDIR},
