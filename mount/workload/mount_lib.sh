@@ -73,7 +73,12 @@ store_calls() {
   local log=$1 before
   before=$(grep -c "cachemount: queue" "$log" || true)
   kill -USR1 "$MOUNT_PID"
-  while [ "$(grep -c "cachemount: queue" "$log" || true)" -le "$before" ]; do sleep 0.05; done
+  local i
+  for i in $(seq 1 200); do
+    [ "$(grep -c "cachemount: queue" "$log" || true)" -le "$before" ] || break
+    sleep 0.05
+  done
+  [ "$i" -lt 200 ] || fail "no queue statistics within 10 s of SIGUSR1"
   grep "cachemount: queue" "$log" | tail -1 | sed 's/.*store calls //'
 }
 
