@@ -1,5 +1,5 @@
 # Entry points. Each target installs what is missing, configures, builds and runs.
-.PHONY: all deps build test test-sanitize test-tsan soak format clean demo
+.PHONY: all deps build test test-sanitize test-tsan soak format clean demo bench-mount
 
 all: build
 
@@ -33,5 +33,13 @@ format:
 clean:
 	rm -rf build
 
+# First part: real programs on a mounted slow store (skipped, status 77, where FUSE cannot be
+# used); second part: the in-process workload through the bundle.
 demo: build
+	bash demo/mount_demo.sh build/default/mount/cachemount || [ $$? -eq 77 ]
 	./build/default/demo/overlay_demo
+
+# Not part of CI: the tool workload on a folder, the overlay over it, rclone's mount of it,
+# and the slow in-memory store with and without the overlay (installs rclone if missing).
+bench-mount: build
+	bash benchmarks/mount_benchmark.sh build/default/mount/cachemount

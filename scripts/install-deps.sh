@@ -8,7 +8,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libboost-dev libboost-log-dev libboost-date-time-dev libboost-iostreams-dev
   libboost-filesystem-dev libboost-thread-dev
-  libcrypto++-dev libicu-dev libfuse3-dev
+  libcrypto++-dev libicu-dev libfuse3-dev libboost-program-options-dev
+  fuse3 git tar grep diffutils
 )
 
 missing=()

@@ -51,7 +51,7 @@ class HeldExecutor : public IExecutor {
   bool isQueueEmpty() override { return tasks.empty(); }
   void waitForPendingToFinish() override { runAll(); }
   void setMaxQueueWeight(double) override {}
-  void captureQueueMetrics() override {}
+  std::string captureQueueMetrics() override { return "{}"; }
 
   std::deque<std::function<void()>> tasks;
 };

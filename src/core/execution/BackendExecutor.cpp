@@ -113,6 +113,6 @@ void BackendExecutor::setMaxQueueWeight(double maxWeight) {
   queue_.setMaxWeight(maxWeight);
 }
 
-void BackendExecutor::captureQueueMetrics() { queue_.captureMetrics(); }
+std::string BackendExecutor::captureQueueMetrics() { return queue_.captureMetrics(); }
 
 }  // namespace storage::overlayprovider

@@ -77,7 +77,7 @@ class BackendExecutor : public IExecutor {
   // has ended.
   void waitForPendingToFinish() override;
   void setMaxQueueWeight(double maxWeight) override;
-  void captureQueueMetrics() override;
+  std::string captureQueueMetrics() override;
 
  private:
   void runWorker();

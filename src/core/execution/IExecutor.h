@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <functional>
+#include <string>
 
 namespace storage::overlayprovider {
 
@@ -40,8 +41,9 @@ class IExecutor {
   virtual void waitForPendingToFinish() = 0;
   // Changes the waiting weight above which submitters are held back (<= 0: unbounded).
   virtual void setMaxQueueWeight(double maxWeight) = 0;
-  // Logs a snapshot of the queue's statistics.
-  virtual void captureQueueMetrics() = 0;
+  // Logs a snapshot of the queue's statistics and returns it as compact JSON ("{}" when the
+  // executor queues nothing).
+  virtual std::string captureQueueMetrics() = 0;
 };
 
 }  // namespace storage::overlayprovider

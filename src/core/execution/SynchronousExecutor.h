@@ -37,7 +37,7 @@ class SynchronousExecutor : public IExecutor {
   bool isQueueEmpty() override { return true; }
   void waitForPendingToFinish() override {}
   void setMaxQueueWeight(double) override {}
-  void captureQueueMetrics() override {}
+  std::string captureQueueMetrics() override { return "{}"; }
 
  private:
   std::function<void()> activityCallback_;

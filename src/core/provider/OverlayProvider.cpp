@@ -244,6 +244,11 @@ void OverlayProvider::doFlushFilesystem() {
   flushBody();
 }
 
+std::string OverlayProvider::doQueueStatistics() {
+  const auto executor = executor_->load();
+  return executor ? executor->captureQueueMetrics() : std::string("{}");
+}
+
 void OverlayProvider::flushBody() const {
   OVERLAY_LOG(log::info) << "Flushing filesystem";
   const auto started = std::chrono::steady_clock::now();

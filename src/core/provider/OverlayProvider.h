@@ -47,6 +47,7 @@
 #include <foundation/storage/provider/StorageItem.h>
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
 #include <foundation/storage/provider/extensions/IInvalidatable.h>
+#include <foundation/storage/provider/extensions/IQueueStatistics.h>
 
 #include <array>
 #include <atomic>
@@ -61,7 +62,8 @@ namespace fsp = foundation::storage::provider;
 
 class OverlayProvider : public fsp::IConfigurableProvider,
                         public fsp::extensions::IFlushableFilesystem,
-                        public fsp::extensions::IInvalidatable {
+                        public fsp::extensions::IInvalidatable,
+                        public fsp::extensions::IQueueStatistics {
  public:
   explicit OverlayProvider(fsp::StorageItem innerRoot);
   // The same provider with its content cache, metadata cache and executor supplied by the
@@ -140,6 +142,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   void doConfigure(boost::property_tree::ptree config) override;
   void doFlushFilesystem() override;
   void doInvalidate(const fsp::StorageIRI&) override;
+  // The executor's snapshot; "{}" before initialisation.
+  std::string doQueueStatistics() override;
 
  private:
   void ensureInitialized() const;

@@ -1,0 +1,188 @@
+#include "MountOptions.h"
+
+#include <boost/program_options.hpp>
+
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <ostream>
+#include <sstream>
+
+namespace storage::mount {
+
+namespace po = boost::program_options;
+
+namespace {
+
+// The command's own bound on queued work: about 64 MiB of written data may wait for the
+// store before a writer is held back, so memory stays bounded when programs write faster
+// than the store drains.
+constexpr const char* kDefaultMaxQueueWeight = "64";
+
+enum class KeyKind { Text, Number, Flag };
+
+struct OverlayKey {
+  const char* option;
+  const char* key;
+  KeyKind kind;
+  const char* help;
+};
+
+constexpr std::array<OverlayKey, 9> kOverlayKeys{{
+    {"cache-root", "overlay.cacheRoot", KeyKind::Text,
+     "content cache directory (default: a fresh one in the temporary directory)"},
+    {"max-queue-weight", "overlay.maxQueueWeight", KeyKind::Number,
+     "write-behind bound, about MiB of queued data (default 64; 0 = unbounded)"},
+    {"min-queue-item-weight", "overlay.minQueueItemWeight", KeyKind::Number,
+     "weight of each queued change"},
+    {"persist-content-cache", "overlay.persistContentCache", KeyKind::Flag,
+     "keep cached bodies after unmounting"},
+    {"max-read-payload-size", "overlay.maxReadPayloadSize", KeyKind::Number,
+     "largest read request sent to the store, bytes"},
+    {"max-write-payload-size", "overlay.maxWritePayloadSize", KeyKind::Number,
+     "largest write request sent to the store, bytes"},
+    {"synchronous", "overlay.synchronous", KeyKind::Flag,
+     "replay changes on the store before each call returns"},
+    {"disable-content-cache", "overlay.disableContentCache", KeyKind::Flag,
+     "keep no file bodies on the local disk"},
+    {"backslash-to-forward-slash", "overlay.backslashToForwardSlash", KeyKind::Flag,
+     "read backslashes in names as separators"},
+}};
+
+po::options_description describeOptions() {
+  po::options_description general("Options");
+  general.add_options()("help,h", "show this help")(
+      "option,o", po::value<std::vector<std::string>>()->composing(),
+      "FUSE mount options, comma separated (repeatable), e.g. -o allow_other")(
+      "foreground,f", "stay in the foreground (messages and the unmount report on stderr)")(
+      "debug,d", "FUSE debug output (implies -f)")(
+      "pass-through", "mount the store without the overlay: every call goes to the store")(
+      "latency-ms", po::value<double>()->default_value(0),
+      "simulated store latency per call and per stream call, milliseconds")(
+      "log-mask", po::value<std::string>(),
+      "log severities, decimal or 0x hex (default: FOUNDATION_LOG_MASK, else 0x210)")(
+      "stats-interval", po::value<unsigned>()->default_value(0),
+      "print queue statistics every N seconds (0: only on SIGUSR1)")(
+      "max-threads", po::value<unsigned>()->default_value(10), "most FUSE worker threads")(
+      "bundle", po::value<std::string>()->default_value(CACHEMOUNT_BUNDLE_PATH),
+      "the overlay bundle library to load");
+  po::options_description overlay("Overlay configuration (the host's \"overlay.\" keys)");
+  for (const auto& key : kOverlayKeys) {
+    if (key.kind == KeyKind::Flag) {
+      overlay.add_options()(key.option, key.help);
+    } else if (key.kind == KeyKind::Number) {
+      overlay.add_options()(key.option, po::value<double>(), key.help);
+    } else {
+      overlay.add_options()(key.option, po::value<std::string>(), key.help);
+    }
+  }
+  general.add(overlay);
+  return general;
+}
+
+std::string numberText(double value) {
+  std::ostringstream text;
+  text.precision(17);
+  text << value;
+  return text.str();
+}
+
+boost::property_tree::ptree overlayConfigFrom(const po::variables_map& vm) {
+  boost::property_tree::ptree config;
+  config.put("overlay.maxQueueWeight", kDefaultMaxQueueWeight);
+  for (const auto& key : kOverlayKeys) {
+    if (vm.count(key.option) == 0) continue;
+    if (key.kind == KeyKind::Flag) {
+      config.put(key.key, "true");
+    } else if (key.kind == KeyKind::Number) {
+      const double value = vm[key.option].as<double>();
+      if (!(value >= 0) || !std::isfinite(value)) {
+        throw UsageError(std::string("--") + key.option + " must be a number >= 0");
+      }
+      config.put(key.key, numberText(value));
+    } else {
+      config.put(key.key, std::filesystem::absolute(vm[key.option].as<std::string>()).string());
+    }
+  }
+  return config;
+}
+
+std::string existingDirectory(const std::string& path, const char* what) {
+  std::error_code error;
+  if (!std::filesystem::is_directory(path, error)) {
+    throw UsageError(std::string(what) + " is not a directory: " + path);
+  }
+  return std::filesystem::canonical(path).string();
+}
+
+unsigned parseLogMask(const std::string& text) {
+  try {
+    std::size_t used = 0;
+    const unsigned long mask = std::stoul(text, &used, 0);
+    if (used == text.size() && mask <= 0xffffffffUL) return static_cast<unsigned>(mask);
+  } catch (const std::logic_error&) {
+  }
+  throw UsageError("--log-mask is not a number: " + text);
+}
+
+void readStore(const std::string& store, MountOptions& options) {
+  if (store == "mem:" || store == "mem") {
+    options.storeKind = MountOptions::StoreKind::Mem;
+    return;
+  }
+  const std::string directory = store.rfind("file:", 0) == 0 ? store.substr(5) : store;
+  options.storeDirectory = existingDirectory(directory, "the store");
+}
+
+MountOptions optionsFrom(const po::variables_map& vm) {
+  MountOptions options;
+  readStore(vm["store"].as<std::string>(), options);
+  options.mountpoint = existingDirectory(vm["mountpoint"].as<std::string>(), "the mountpoint");
+  const double latencyMs = vm["latency-ms"].as<double>();
+  if (!(latencyMs >= 0 && latencyMs <= 60000)) throw UsageError("--latency-ms must be in 0..60000");
+  options.latency = std::chrono::microseconds(static_cast<long long>(latencyMs * 1000));
+  options.overlayConfig = overlayConfigFrom(vm);
+  if (vm.count("option")) options.fuseOptions = vm["option"].as<std::vector<std::string>>();
+  options.debug = vm.count("debug") != 0;
+  options.foreground = options.debug || vm.count("foreground") != 0;
+  options.passThrough = vm.count("pass-through") != 0;
+  if (vm.count("log-mask")) options.logMask = parseLogMask(vm["log-mask"].as<std::string>());
+  options.statsInterval = vm["stats-interval"].as<unsigned>();
+  options.maxThreads = vm["max-threads"].as<unsigned>();
+  if (options.maxThreads == 0) throw UsageError("--max-threads must be at least 1");
+  options.bundlePath = vm["bundle"].as<std::string>();
+  return options;
+}
+
+}  // namespace
+
+std::optional<MountOptions> parseMountOptions(int argc, const char* const* argv,
+                                              std::ostream& out) {
+  const auto visible = describeOptions();
+  po::options_description all;
+  all.add(visible).add_options()("store", po::value<std::string>())("mountpoint",
+                                                                    po::value<std::string>());
+  po::positional_options_description positional;
+  positional.add("store", 1).add("mountpoint", 1);
+  po::variables_map vm;
+  try {
+    po::store(po::command_line_parser(argc, argv).options(all).positional(positional).run(), vm);
+    po::notify(vm);
+  } catch (const po::error& e) {
+    throw UsageError(e.what());
+  }
+  if (vm.count("help")) {
+    out << "Usage: cachemount [options] STORE MOUNTPOINT\n"
+        << "  STORE is a local directory (or file:DIR), or mem: for an in-memory store.\n"
+        << "  Unmount with Ctrl-C, SIGTERM or `umount MOUNTPOINT`: queued changes reach the\n"
+        << "  store before the command exits. SIGUSR1 prints the queue statistics.\n\n"
+        << visible << "\n";
+    return std::nullopt;
+  }
+  if (!vm.count("store") || !vm.count("mountpoint")) {
+    throw UsageError("a STORE and a MOUNTPOINT are needed (see --help)");
+  }
+  return optionsFrom(vm);
+}
+
+}  // namespace storage::mount

@@ -1,0 +1,48 @@
+// MountOptions: what the command line asks of cachemount, read with Boost.Program_options.
+// A plain value made once on the main thread before anything is mounted.
+//
+//   cachemount [options] STORE MOUNTPOINT
+//   STORE: a local directory (or file:DIR) for the `file` store, or mem: for an in-memory
+//   store (gone when the command ends), made slow with --latency-ms for demonstrations.
+#pragma once
+
+#include <boost/property_tree/ptree.hpp>
+
+#include <chrono>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace storage::mount {
+
+// A command line that cannot be used; what() says why (exit code 2).
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct MountOptions {
+  enum class StoreKind { File, Mem };
+
+  StoreKind storeKind = StoreKind::File;
+  std::string storeDirectory;  // absolute; File only
+  std::string mountpoint;      // absolute
+  std::chrono::microseconds latency{0};
+  // The "overlay." keys given (and the command's own default queue bound).
+  boost::property_tree::ptree overlayConfig;
+  std::vector<std::string> fuseOptions;  // each as given to -o
+  bool foreground = false;
+  bool debug = false;
+  bool passThrough = false;
+  std::optional<unsigned> logMask;
+  // Seconds between queue reports; 0: only on SIGUSR1.
+  unsigned statsInterval = 0;
+  std::string bundlePath;
+  unsigned maxThreads = 10;
+};
+
+// nullopt when --help was asked (the usage has been written to `out`). Throws UsageError.
+std::optional<MountOptions> parseMountOptions(int argc, const char* const* argv, std::ostream& out);
+
+}  // namespace storage::mount

@@ -1,0 +1,94 @@
+#include "OpenFile.h"
+
+#include "MountLog.h"
+
+#include <ios>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+namespace storage::mount {
+
+namespace {
+
+long asStreamCount(std::size_t size) {
+  if (size > static_cast<std::size_t>(std::numeric_limits<long>::max())) {
+    throw std::length_error("request larger than a stream call takes");
+  }
+  return static_cast<long>(size);
+}
+
+}  // namespace
+
+namespace fsp = foundation::storage::provider;
+
+OpenFile::OpenFile(fsp::StorageItem file, fsp::ByteStreamPtr stream, bool appendOnly)
+    : file_(std::move(file)), stream_(std::move(stream)), appendOnly_(appendOnly) {}
+
+OpenFile::~OpenFile() {
+  try {
+    close();
+  } catch (...) {
+    logCaughtException("closing a file left open");
+  }
+}
+
+std::size_t OpenFile::read(std::uint64_t offset, char* buffer, std::size_t size) {
+  std::lock_guard lock(mutex_);
+  stream_->seek(static_cast<long>(offset), std::ios_base::beg);
+  std::size_t done = 0;
+  while (done < size) {
+    const long got = stream_->read(buffer + done, asStreamCount(size - done));
+    if (got <= 0) break;
+    done += static_cast<std::size_t>(got);
+  }
+  return done;
+}
+
+void OpenFile::write(std::uint64_t offset, const char* data, std::size_t size) {
+  std::lock_guard lock(mutex_);
+  if (appendOnly_) {
+    stream_->seek(0, std::ios_base::end);
+  } else {
+    stream_->seek(static_cast<long>(offset), std::ios_base::beg);
+  }
+  stream_->write(data, asStreamCount(size));
+}
+
+void OpenFile::close() {
+  std::lock_guard lock(mutex_);
+  if (!stream_) return;
+  auto stream = std::move(stream_);
+  stream->close();
+}
+
+}  // namespace storage::mount
+
+namespace storage::mount {
+
+void OpenFile::reopen() {
+  std::lock_guard lock(mutex_);
+  if (!stream_) return;
+  auto fresh = file_.openStream(fsp::ByteStreamOpenOptions::readWrite());
+  auto old = std::exchange(stream_, std::move(fresh));
+  old->close();
+}
+
+bool OpenFile::isAt(const fsp::StorageIRI& location) {
+  std::lock_guard lock(mutex_);
+  return file_.getLocation() == location;
+}
+
+void OpenFile::moved(const fsp::StorageIRI& from, const fsp::StorageIRI& to) {
+  std::lock_guard lock(mutex_);
+  const auto& path = file_.getLocation().getPath();
+  const auto& prefix = from.getPath();
+  if (path == prefix) {
+    file_ = fsp::StorageItem(file_, to.getPath());
+  } else if (path.size() > prefix.size() && path.compare(0, prefix.size(), prefix) == 0 &&
+             path[prefix.size()] == u'/') {
+    file_ = fsp::StorageItem(file_, to.getPath() + path.substr(prefix.size()));
+  }
+}
+
+}  // namespace storage::mount

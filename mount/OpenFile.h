@@ -1,0 +1,53 @@
+// OpenFile: one file opened through the mount, held as a provider byte stream. FUSE hands
+// the kernel a number for it (HandleTable); every read and write of that open file comes
+// back here with an explicit offset.
+//
+// Ownership: shared (std::shared_ptr) between the handle table and each callback that is
+// using it, so a release racing a read cannot destroy the stream under the reader; the
+// stream and the file's StorageItem share ownership of the provider. Locks: its own mutex,
+// held across seek and read/write because a provider stream has one position and serves one
+// thread at a time (and across reopen); no other lock of ours is taken under it. Threads: any FUSE
+// worker thread.
+#pragma once
+
+#include <foundation/storage/provider/ByteStream.h>
+#include <foundation/storage/provider/StorageItem.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+
+namespace storage::mount {
+
+class OpenFile {
+ public:
+  // appendOnly: every write goes to the end of the file whatever offset it names (O_APPEND
+  // without the kernel's writeback cache, which otherwise resolves the offset itself).
+  OpenFile(foundation::storage::provider::StorageItem file,
+           foundation::storage::provider::ByteStreamPtr stream, bool appendOnly);
+  ~OpenFile();
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+
+  // Up to `size` bytes from `offset`; fewer only at the end of the file.
+  std::size_t read(std::uint64_t offset, char* buffer, std::size_t size);
+  void write(std::uint64_t offset, const char* data, std::size_t size);
+  // Closes the stream, reporting its failure (the destructor only logs one).
+  void close();
+  // A store may carry out a truncation by replacing the file (the framework's default does),
+  // which would leave this stream on the old body: a fresh stream on the file replaces it.
+  // The new stream is opened before the old one closes, so the file never has none.
+  void reopen();
+  bool isAt(const foundation::storage::provider::StorageIRI& location);
+  // The file was renamed (or a folder above it): later reopenings use the new location.
+  void moved(const foundation::storage::provider::StorageIRI& from,
+             const foundation::storage::provider::StorageIRI& to);
+
+ private:
+  std::mutex mutex_;
+  foundation::storage::provider::StorageItem file_;
+  foundation::storage::provider::ByteStreamPtr stream_;
+  bool appendOnly_;
+};
+
+}  // namespace storage::mount

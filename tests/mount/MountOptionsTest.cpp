@@ -1,0 +1,101 @@
+// The command line of cachemount: what reaches the overlay's configuration and FUSE, and the
+// clear refusal of what cannot be used.
+#include "MountOptions.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace storage::mount {
+namespace {
+
+std::optional<MountOptions> parse(std::vector<std::string> args) {
+  args.insert(args.begin(), "cachemount");
+  std::vector<const char*> argv;
+  for (const auto& arg : args) argv.push_back(arg.c_str());
+  std::ostringstream out;
+  return parseMountOptions(static_cast<int>(argv.size()), argv.data(), out);
+}
+
+const std::string kTmp = std::filesystem::canonical(std::filesystem::temp_directory_path());
+
+TEST(MountOptions, OverlayKeysReachTheConfiguration) {
+  struct Case {
+    std::vector<std::string> args;
+    std::map<std::string, std::string> keys;  // "" : the key must be absent
+  };
+  const std::vector<Case> cases = {
+      {{}, {{"overlay.maxQueueWeight", "64"}, {"overlay.synchronous", ""}}},
+      {{"--max-queue-weight", "8", "--min-queue-item-weight", "0.5"},
+       {{"overlay.maxQueueWeight", "8"}, {"overlay.minQueueItemWeight", "0.5"}}},
+      {{"--synchronous", "--disable-content-cache", "--persist-content-cache",
+        "--backslash-to-forward-slash"},
+       {{"overlay.synchronous", "true"},
+        {"overlay.disableContentCache", "true"},
+        {"overlay.persistContentCache", "true"},
+        {"overlay.backslashToForwardSlash", "true"}}},
+      {{"--max-read-payload-size", "1048576", "--max-write-payload-size", "4096"},
+       {{"overlay.maxReadPayloadSize", "1048576"}, {"overlay.maxWritePayloadSize", "4096"}}},
+      {{"--cache-root", "relative/cache"},
+       {{"overlay.cacheRoot", (std::filesystem::current_path() / "relative/cache").string()}}},
+  };
+  for (const auto& c : cases) {
+    auto args = c.args;
+    args.insert(args.end(), {"mem:", kTmp});
+    const auto options = parse(args);
+    ASSERT_TRUE(options);
+    for (const auto& [key, value] : c.keys) {
+      EXPECT_EQ(options->overlayConfig.get<std::string>(key, ""), value) << key;
+    }
+  }
+}
+
+TEST(MountOptions, StoreFuseOptionsAndModes) {
+  const auto file = parse({"-o", "ro", "-o", "allow_other,max_read=65536", "-d", "--log-mask",
+                           "0x3ff", "--latency-ms", "2.5", "file:" + kTmp, kTmp});
+  ASSERT_TRUE(file);
+  EXPECT_EQ(file->storeKind, MountOptions::StoreKind::File);
+  EXPECT_EQ(file->storeDirectory, kTmp);
+  EXPECT_EQ(file->fuseOptions, (std::vector<std::string>{"ro", "allow_other,max_read=65536"}));
+  EXPECT_TRUE(file->debug && file->foreground);
+  EXPECT_EQ(file->logMask, 0x3ffu);
+  EXPECT_EQ(file->latency.count(), 2500);
+  const auto plain = parse({"--pass-through", kTmp + "/.", kTmp});
+  ASSERT_TRUE(plain);
+  EXPECT_TRUE(plain->passThrough);
+  EXPECT_FALSE(plain->foreground);
+  EXPECT_EQ(plain->storeDirectory, kTmp);
+  EXPECT_FALSE(parse({"--help"}));
+}
+
+TEST(MountOptions, UnusableCommandLinesAreRefusedWithTheReason) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"mem:"}, "a STORE and a MOUNTPOINT"},
+      {{"/no/such/store", kTmp}, "the store is not a directory: /no/such/store"},
+      {{"mem:", "/no/such/mountpoint"}, "the mountpoint is not a directory"},
+      {{"--max-queue-weight", "-1", "mem:", kTmp}, "--max-queue-weight must be a number >= 0"},
+      {{"--min-queue-item-weight", "nan", "mem:", kTmp}, "must be a number >= 0"},
+      {{"--latency-ms", "nan", "mem:", kTmp}, "--latency-ms must be in"},
+      {{"--max-queue-weight", "lots", "mem:", kTmp}, "is invalid"},
+      {{"--log-mask", "0xZZ", "mem:", kTmp}, "--log-mask is not a number"},
+      {{"--latency-ms", "-1", "mem:", kTmp}, "--latency-ms must be in"},
+      {{"--max-threads", "0", "mem:", kTmp}, "--max-threads must be at least 1"},
+      {{"--no-such-option", "mem:", kTmp}, "unrecognised option"},
+      {{"mem:", kTmp, "extra"}, "too many positional options"},
+  };
+  for (const auto& [args, reason] : cases) {
+    try {
+      parse(args);
+      ADD_FAILURE() << "accepted: " << args.front();
+    } catch (const UsageError& e) {
+      EXPECT_NE(std::string(e.what()).find(reason), std::string::npos) << e.what();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace storage::mount

@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# The shell operations (shell_operations.sh) give the same transcript on a plain folder, on
+# the overlay over a folder, on the overlay over a slow in-memory store, and on a
+# pass-through mount, unmounted with umount, SIGTERM and SIGHUP (a background job ignores
+# SIGINT); after unmounting, the folder behind the overlay holds exactly what the plain
+# folder holds. The errno checks and a random read/write/truncate check against a model run
+# on the same mounts.
+#   shell_test.sh CACHEMOUNT MOUNT_CHECK [RANDOM_OPERATIONS]
+CACHEMOUNT=$1
+MOUNT_CHECK=$2
+RANDOM_OPERATIONS=${3:-3000}
+HERE=$(cd "$(dirname "$0")" && pwd)
+source "$HERE/../../mount/workload/mount_lib.sh"
+require_fuse
+
+transcript() {
+  (cd "$1" && bash "$HERE/shell_operations.sh") >"$2"
+}
+
+step "plain folder"
+mkdir -p "$WORK/plain"
+transcript "$WORK/plain" "$WORK/plain.txt"
+
+# check_mount NAME STORE UNMOUNT_SIGNAL [cachemount options]: an empty signal unmounts with
+# `umount`.
+check_mount() {
+  local name=$1 store=$2 signal=$3
+  shift 3
+  local mp="$WORK/mnt-$name" log="$WORK/$name.log"
+  step "$name"
+  mount_store "$store" "$mp" "$log" "$@" || fail "cannot mount $name"
+  transcript "$mp" "$WORK/$name.txt"
+  diff -u "$WORK/plain.txt" "$WORK/$name.txt" || fail "$name: transcript differs from a plain folder"
+  mkdir "$mp/errnos"
+  "$MOUNT_CHECK" errnos "$mp/errnos" || fail "$name: errnos"
+  "$MOUNT_CHECK" random "$mp/random.bin" "$WORK/$name.model" 7 "$RANDOM_OPERATIONS" ||
+    fail "$name: random check"
+  store_calls "$log" >/dev/null
+  unmount_store "$mp" "$log" "$signal"
+}
+
+mkdir -p "$WORK/inner"
+check_mount overlay-file "$WORK/inner" ""
+step "the folder behind the overlay holds what was written"
+rm -rf "$WORK/inner/errnos"
+cmp "$WORK/inner/random.bin" "$WORK/overlay-file.model" || fail "random.bin differs in the store"
+rm "$WORK/inner/random.bin"
+diff -r "$WORK/plain" "$WORK/inner" || fail "the store differs from the plain folder"
+
+check_mount overlay-mem mem: TERM --latency-ms 2
+mkdir -p "$WORK/passthrough"
+check_mount pass-through "$WORK/passthrough" HUP --pass-through
+echo "PASS"
