@@ -1,5 +1,5 @@
 # Entry points. Each target installs what is missing, configures, builds and runs.
-.PHONY: all deps build test test-sanitize test-tsan format clean demo
+.PHONY: all deps build test test-sanitize test-tsan fuzz format clean demo
 
 all: build
 
@@ -22,6 +22,15 @@ test-tsan: deps
 	cmake --preset tsan
 	cmake --build --preset tsan
 	ctest --preset tsan
+
+# Builds the libFuzzer targets (clang) and runs each for FUZZ_SECONDS (default 60) over a
+# scratch copy of its seed corpus; see scripts/run-fuzzers.sh.
+FUZZ_SECONDS ?= 60
+fuzz:
+	./scripts/install-deps.sh fuzz
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	FUZZ_SECONDS=$(FUZZ_SECONDS) ./scripts/run-fuzzers.sh
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
