@@ -17,11 +17,13 @@ for source in fuzz/fuzz_*.cpp; do
   name="$(basename "$source" .cpp)"
   corpus="$scratch/$name"
   artifacts="build/fuzz/artifacts/$name"
-  mkdir -p "$corpus" "$artifacts"
+  mkdir -p "$corpus" "$artifacts" "$scratch/tmp"
   cp fuzz/corpus/"$name"/* "$corpus"/
   echo "== $name: ${seconds}s"
-  # -timeout: one input running longer than this is a hang. Leak checks stay on.
-  if ! "$bin/$name" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
+  # -timeout: one input running longer than this is a hang. Leak checks stay on. The targets'
+  # own scratch files go to the temporary directory, here inside the scratch directory, so a
+  # target that aborts leaves nothing behind either.
+  if ! TMPDIR="$scratch/tmp" "$bin/$name" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
       -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" 2>"$scratch/$name.log"; then
     failed+=("$name")
     tail -n 60 "$scratch/$name.log"
