@@ -38,8 +38,7 @@ void checkBlock(const PendingWriteBlock& block, const Model& model) {
   require(block.size() == static_cast<std::int64_t>(model.written.size()),
           "a block spans the bytes it took");
   require(block.refersToBody() == model.refersToBody,
-          "a block refers to the body only while "
-          "every byte it took is there");
+          "a block refers to the body while every byte it took is there");
   if (!model.refersToBody) {
     require(std::string(block.bytes().begin(), block.bytes().end()) == model.written,
             "a block's copy holds the bytes written, in order");
