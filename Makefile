@@ -1,5 +1,5 @@
 # Entry points. Each target installs what is missing, configures, builds and runs.
-.PHONY: all deps build test test-sanitize test-tsan fuzz format clean demo
+.PHONY: all deps build test test-sanitize test-tsan soak fuzz format clean demo
 
 all: build
 
@@ -22,6 +22,10 @@ test-tsan: deps
 	cmake --preset tsan
 	cmake --build --preset tsan
 	ctest --preset tsan
+
+# The randomized soak, long: 250,000 operations in each of its four plans.
+soak: build
+	OVERLAY_SOAK_OPS=$${OVERLAY_SOAK_OPS:-250000} ./build/default/tests/overlay/overlay_soak_tests
 
 # Builds the libFuzzer targets (clang) and runs each for FUZZ_SECONDS (default 60) over a
 # scratch copy of its seed corpus; see scripts/run-fuzzers.sh.

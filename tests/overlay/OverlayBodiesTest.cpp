@@ -230,6 +230,17 @@ TEST(OverlayBodies, QueuedWritesLandBeforeALaterMoveOrRemoval) {
   EXPECT_EQ("body", readAll(*reader));
 }
 
+// A file whose body the overlay does not hold, moved over another: until the move is replayed
+// the store holds the replaced file's bytes there, which a read must never be served.
+TEST(OverlayBodies, AReadAfterAQueuedMoveGetsTheMovedBytes) {
+  OverlayOverMem env;
+  putInner(env, u"/source", "moved bytes");
+  putInner(env, u"/target", "replaced");
+  env.instrumented->setCallLatency(std::chrono::milliseconds(20));
+  env.overlay->moveFile(env.at(u"source"), env.at(u"target"), fsp::ReplacementPolicy::Overwrite);
+  EXPECT_EQ("moved bytes", readAll(*env.overlay->openReadOnlyStream(env.at(u"target"))));
+}
+
 // Queued writes refer to their bytes in the cached body; whatever takes the body away first
 // must leave the bytes with the writes.
 TEST(OverlayBodies, QueuedBytesSurviveTheirBodyGoing) {

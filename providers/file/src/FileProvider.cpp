@@ -53,11 +53,6 @@ void removeTree(int parentFd, const std::string& name, const std::string& localP
   }
 }
 
-bool isLink(const std::string& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
-
 }  // namespace
 
 FileProvider::FileProvider(const std::filesystem::path& root)

@@ -10,14 +10,11 @@
 #include <cerrno>
 #include <memory>
 #include <optional>
-#include <set>
 #include <utility>
 
 namespace foundation::storage::provider::file {
 
 namespace {
-
-using FolderId = std::pair<dev_t, ino_t>;
 
 struct LocalEntry {
   std::string name;
@@ -60,27 +57,37 @@ std::optional<FolderEntry> rowOf(const LocalRoot& root, const std::string& path,
   return FolderEntry(std::move(rowName), fileAttributesOf(status), std::move(extended));
 }
 
-// Pre-order walk: each folder's row, then its contents. `ancestors` holds the folders being
-// walked, so a link back to one of them is listed but not entered again.
+// A folder reached through a link is listed but not entered: a handful of links pointing
+// sideways can make the paths below a folder grow exponentially, while the folders themselves
+// are walked once through their real paths. The row tells a consumer that fills a cache from
+// this listing to list that folder on its own.
+constexpr const char* kNotEntered = "initiallyInvalid";
+
+// Pre-order walk: each folder's row, then its contents.
 void walk(const LocalRoot& root, const std::string& path, const std::u16string& prefix,
-          const StorageIRI& location, std::set<FolderId>& ancestors,
-          std::vector<FolderEntry>& rows) {
+          const StorageIRI& location, std::vector<FolderEntry>& rows) {
   for (const LocalEntry& entry : readFolder(path, location)) {
     const std::string childPath = path + "/" + entry.name;
     const std::u16string rowName = prefix + text::toUtf16(entry.name);
     struct stat status {};
     auto row = rowOf(root, childPath, entry, rowName, location, status);
     if (!row) continue;
-    const bool folder = !row->isFile();
+    if (row->isFile()) {
+      rows.push_back(std::move(*row));
+      continue;
+    }
+    if (entry.maybeLink && isLink(childPath)) {
+      ExtendedAttributes attributes = row->getExtendedAttributes();
+      attributes.setAttribute(kNotEntered, "1");
+      rows.emplace_back(rowName, row->getFolderAttributes(), std::move(attributes));
+      continue;
+    }
     rows.push_back(std::move(*row));
-    const FolderId id{status.st_dev, status.st_ino};
-    if (!folder || !ancestors.insert(id).second) continue;
     try {
-      walk(root, childPath, rowName + u"/", location, ancestors, rows);
+      walk(root, childPath, rowName + u"/", location, rows);
     } catch (const Exception& e) {
       if (e.getErrorCode() != ErrorCode::NotFound) throw;  // removed while walking
     }
-    ancestors.erase(id);
   }
 }
 
@@ -118,11 +125,9 @@ FolderEntryIteratorPtr FileProvider::doListFolders(const StorageIRI& folder) con
 
 FolderEntryIteratorPtr FileProvider::doListAllRecursive(const StorageIRI& folder) const {
   const std::string local = root_.resolve(folder);
-  const LocalStatus status = statEntry(local, folder);
-  if (status.kind != EntryKind::Folder) throw Exception(ErrorCode::NotFound, folder);
-  std::set<FolderId> ancestors{{status.status.st_dev, status.status.st_ino}};
+  if (kindOf(local, folder) != EntryKind::Folder) throw Exception(ErrorCode::NotFound, folder);
   std::vector<FolderEntry> rows;
-  walk(root_, local, u"", folder, ancestors, rows);
+  walk(root_, local, u"", folder, rows);
   return std::make_unique<VectorFolderEntryIterator>(std::move(rows));
 }
 

@@ -69,6 +69,11 @@ LocalStatus statEntry(const std::string& path, const StorageIRI& location) {
   return result;
 }
 
+bool isLink(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 posix_time::ptime toPtime(const struct timespec& time) {
   return kEpoch + posix_time::seconds(time.tv_sec) + posix_time::microseconds(time.tv_nsec / 1000);
 }

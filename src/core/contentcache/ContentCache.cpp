@@ -1,5 +1,6 @@
 #include "core/contentcache/ContentCache.h"
 
+#include "core/contentcache/CacheResourceLog.h"
 #include "core/contentcache/CachingErrorException.h"
 #include "core/contentcache/LocalFSCacheSpaceArbitrator.h"
 #include "core/provider/OverlayLog.h"
@@ -130,7 +131,10 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieve(
   try {
     ensureInitializedLocked();
     auto it = entries_.find(iri);
-    if (it != entries_.end() && !it->second->isAborted()) return it->second;
+    if (it != entries_.end() && !it->second->isAborted()) {
+      it->second->pin();
+      return it->second;
+    }
     if (it != entries_.end()) {
       OVERLAY_LOG(log::notice) << "Retrieving " << iri.toString() << " due to previous abort.";
       it->second->removeCachedBody();
@@ -142,6 +146,7 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieve(
       madeBodies_.insert(body.string());
     entries_.emplace(iri, entry);
     ++entryCount_;
+    entry->pin();
     return entry;
   } catch (const CachingErrorException&) {
     throw;
@@ -160,20 +165,34 @@ void ContentCache::makeRoomLocked(std::uint64_t bytes) {
       OVERLAY_LOG(log::notice) << "Content caching failure (no space).";
       throw CachingErrorException("Caching failed due to a lack of filespace.");
     }
-    evictOneLocked();
+    if (!evictOneLocked()) return;
   }
 }
 
-void ContentCache::evictOneLocked() {
+bool ContentCache::evictOneLocked() {
   OVERLAY_LOG(log::notice) << "Content cache out of space. "
                            << "Removing least recently accessed item.";
-  auto oldest = entries_.begin();
+  auto oldest = entries_.end();
   for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-    if (it->second->lastAccess() < oldest->second->lastAccess()) oldest = it;
+    if (!isEvictable(*it->second)) continue;
+    if (oldest == entries_.end() || it->second->lastAccess() < oldest->second->lastAccess()) {
+      oldest = it;
+    }
+  }
+  if (oldest == entries_.end()) {
+    OVERLAY_LOG(log::notice) << "Every cached body is in use or ahead of the store; the cache "
+                                "goes over its space until one settles.";
+    return false;
   }
   oldest->second->removeCachedBody();
   eraseLocked(oldest);
   arbitrator_->releaseSpace();
+  return true;
+}
+
+bool ContentCache::isEvictable(WorkingFileEntry& entry) {
+  const auto record = entry.record();
+  return entry.isIdle() && !(record && record->isFrozen());
 }
 
 ContentCache::EntryMap::iterator ContentCache::eraseLocked(EntryMap::iterator it) {
@@ -255,6 +274,24 @@ void ContentCache::removeEntry(const StorageIRI& iri, bool notify) {
   if (const auto it = entries_.find(iri); it != entries_.end()) dropEntryLocked(it, notify);
 }
 
+void ContentCache::discardEntry(const StorageIRI& iri, bool notify) {
+  MutexLock lock(mutex_);
+  ensureInitializedLocked();
+  if (const auto it = entries_.find(iri); it != entries_.end()) {
+    it->second->enqueueProviderWrite();
+    it->second->removeCachedBody();
+    if (notify) it->second->stampAndWake();
+    it->second->abort();
+    eraseLocked(it);
+  }
+  removeBodyFileLocked(iri);
+}
+
+void ContentCache::removeBodyFileLocked(const StorageIRI& iri) {
+  boost::system::error_code ignored;
+  boost::filesystem::remove(cacheRoot_ / "V1.0" / cacheFileName(iri), ignored);
+}
+
 void ContentCache::removeFolderEntries(const StorageIRI& folder, bool notify) {
   MutexLock lock(mutex_);
   ensureInitializedLocked();
@@ -271,7 +308,12 @@ void ContentCache::moveEntry(const StorageIRI& from, const StorageIRI& to) {
   MutexLock lock(mutex_);
   ensureInitializedLocked();
   const auto it = entries_.find(from);
-  if (it == entries_.end() || from == to) return;
+  if (from == to) return;
+  if (it == entries_.end()) {
+    // The moved file's body is not here; one left at the destination is the replaced file's.
+    if (!entries_.count(to)) removeBodyFileLocked(to);
+    return;
+  }
   auto entry = it->second;
   entries_.erase(it);
   --entryCount_;

@@ -8,7 +8,14 @@
 // recreated by every operation, so one deleted from outside comes back.
 //
 // Space: before an entry is made, the arbitrator is asked for the file's whole size; while it
-// refuses, the least recently accessed entry is evicted (its body deleted, open or not).
+// refuses, the least recently accessed settled entry is evicted (its body deleted). Settled
+// means no stream open, nothing queued for the store and the file's record confirmed. When no
+// entry is settled, the cache goes over its space for now rather than fail the caller.
+//
+// Deliberate deviation: entries in use or ahead of the store are never evicted. A read after
+// an eviction goes to the store, and while the file's changes are still queued the store holds
+// older bytes, or nothing at all for a file whose creation or move has not been replayed: the
+// reader would get old bytes or NotFound, and a truncate of the evicted file would fail.
 // Entries that leave the registry are kept alive in a release list until the next flush or
 // invalidation, or until the executor reports new activity, so that a transaction or a
 // caller that fetched one may still use it.
@@ -74,7 +81,8 @@ class ContentCache {
 
   // Creates the version directory when missing and the arbitrator when there is none.
   void ensureInitialized();
-  // The entry of a file, made when missing (throws CachingErrorException).
+  // The entry of a file, made when missing (throws CachingErrorException). It comes pinned
+  // (WorkingFileEntry::pin): the caller unpins it once its stream is open or the open failed.
   std::shared_ptr<WorkingFileEntry> retrieve(const fsp::StorageIRI& iri,
                                              const std::shared_ptr<FileMetadata>& metadata,
                                              const WorkingFileSettings& settings);
@@ -90,6 +98,9 @@ class ContentCache {
   // the store, and the change event made the cache read it again).
   void dropIfOutdated(const fsp::StorageIRI& iri, const std::shared_ptr<FileMetadata>& current);
   void removeEntry(const fsp::StorageIRI& iri, bool notify);
+  // As removeEntry, and the body on disk goes too, with or without an entry: the file is
+  // removed, replaced or made anew, so no later entry may take that body for its own.
+  void discardEntry(const fsp::StorageIRI& iri, bool notify);
   void moveEntry(const fsp::StorageIRI& from, const fsp::StorageIRI& to);
   void removeFolderEntries(const fsp::StorageIRI& folder, bool notify);
   void moveFolderEntries(const fsp::StorageIRI& from, const fsp::StorageIRI& to);
@@ -109,7 +120,12 @@ class ContentCache {
 
   void ensureInitializedLocked() OVERLAY_REQUIRES(mutex_);
   void makeRoomLocked(std::uint64_t bytes) OVERLAY_REQUIRES(mutex_);
-  void evictOneLocked() OVERLAY_REQUIRES(mutex_);
+  // Evicts the least recently accessed entry that may go; false when none may.
+  bool evictOneLocked() OVERLAY_REQUIRES(mutex_);
+  void removeBodyFileLocked(const fsp::StorageIRI& iri) OVERLAY_REQUIRES(mutex_);
+  // Settled: no stream open, nothing queued for the store, and the file's record confirmed,
+  // so that a read after the eviction finds in the store what the body held.
+  static bool isEvictable(WorkingFileEntry& entry);
   // Takes the entry at `it` out of the registry (deferred release); returns the next one.
   EntryMap::iterator eraseLocked(EntryMap::iterator it) OVERLAY_REQUIRES(mutex_);
   void dropEntryLocked(EntryMap::iterator it, bool notify) OVERLAY_REQUIRES(mutex_);

@@ -69,7 +69,7 @@ FilesystemCacheResource::FilesystemCacheResource(const std::shared_ptr<FileMetad
                                                  fs::path cacheDirectory)
     : FilesystemCacheResource(*metadata, std::move(cacheDirectory)) {
   try {
-    dropIfStale();
+    dropIfStale(metadata->getSize());
     if (exists()) recordWholeBody(metadata->getSize());
   } catch (...) {
     logFailure(foundation::log::error, "error", "Failure in checking file existence", false);
@@ -87,10 +87,13 @@ FilesystemCacheResource::FilesystemCacheResource(const std::shared_ptr<FileMetad
   }
 }
 
-void FilesystemCacheResource::dropIfStale() {
+void FilesystemCacheResource::dropIfStale(std::uint64_t size) {
+  if (!exists()) return;
   // A record without a time cannot vouch for the body, so the body is not trusted.
   const auto source = wholeSeconds(sourceLastModified_);
-  if (!source || *source > *wholeSeconds(lastModified())) doRemove();
+  boost::system::error_code error;
+  const auto bytes = fs::file_size(checkoutPath_, error);
+  if (!source || *source != *wholeSeconds(lastModified()) || error || bytes != size) doRemove();
 }
 
 void FilesystemCacheResource::recordWholeBody(std::uint64_t size) {

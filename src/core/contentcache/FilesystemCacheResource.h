@@ -5,7 +5,12 @@
 // sparse: bytes are written as callers fetch them from the inner store, and only the ranges
 // recorded here are trusted; queryRange tells a caller which part of a request it can read
 // locally and where the first missing stretch is. A local file left by an earlier run is
-// trusted as a whole body on opening unless it is older than the file's record.
+// trusted as a whole body on opening only when its time (whole seconds) and size are the
+// record's: a whole body is stamped with the record's time when its last stream closes.
+// Deliberate deviation: a body newer than the record is not trusted either. One that was
+// being written when the process stopped, or one left by another file at the same location
+// (a file moved onto it, or one whose time was set into the past), would otherwise be served
+// as this file's bytes.
 //
 // Ownership: made and held (std::shared_ptr<CacheResource>) by the file's WorkingFileEntry;
 // it owns its range map and its descriptor. It never deletes the local file on destruction:
@@ -89,7 +94,7 @@ class FilesystemCacheResource : public CacheResource {
   using RangeMap = std::map<std::int64_t, std::int64_t>;
 
   FilesystemCacheResource(const FileMetadata& metadata, boost::filesystem::path cacheDirectory);
-  void dropIfStale();
+  void dropIfStale(std::uint64_t size);
   void recordWholeBody(std::uint64_t size);
   void seedFrom(const boost::filesystem::path& sourceFile, std::uint64_t size);
   int handle();

@@ -91,7 +91,7 @@ void OverlayProvider::doCreateFile(const StorageIRI& iri) const {
   const auto held = guard(location);
   requireNothingAt(location);
   requireParentFolder(location);
-  contentCache_->removeEntry(location, false);
+  contentCache_->discardEntry(location, false);
   metadataCache_->createFileMetadata(location);
   replay(
       "createFile", ObservableTransactionType::FILE_CREATION,
@@ -161,7 +161,7 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   refuseWhileOpen(stored);
   metadataCache_->removeFileMetadata(stored);
   // The file's unsent writes are queued ahead of its removal rather than lost with its entry.
-  contentCache_->removeEntry(stored, true);
+  contentCache_->discardEntry(stored, true);
   replay(
       "removeFile", ObservableTransactionType::FILE_REMOVAL,
       [stored](const StorageItem& inner) { innerItemFor(inner, stored).removeFile(); },
@@ -240,7 +240,7 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   if (stored == destination) return;  // the file is already there: nothing changes
   // The body of a file that the move replaces goes with that file.
   if (replaced && replaced->getIRI() != stored) {
-    contentCache_->removeEntry(replaced->getIRI(), true);
+    contentCache_->discardEntry(replaced->getIRI(), true);
   }
   metadataCache_->moveFileMetadata(stored, destination);
   contentCache_->moveEntry(stored, destination);

@@ -80,6 +80,7 @@ fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
     // The cache's directory cannot be made or reached: as much a caching error as no space.
     throw CachingErrorException("Caching failed due to an unknown error.");
   }
+  const std::shared_ptr<void> unpin(nullptr, [entry](void*) { entry->unpin(); });
   if (readOnly) {
     return std::make_unique<WorkingFileByteStream>(entry, entry->openReadOnly(), false, false);
   }
@@ -111,7 +112,7 @@ std::shared_ptr<FileMetadata> OverlayProvider::recordForStream(
     throw notFound(location.getParent());
   }
   try {
-    contentCache_->removeEntry(location, false);
+    contentCache_->discardEntry(location, false);
   } catch (const boost::filesystem::filesystem_error&) {
     throw CachingErrorException("Caching failed due to an unknown error.");
   }

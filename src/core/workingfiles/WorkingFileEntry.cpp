@@ -103,7 +103,9 @@ std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadWrite(
 std::int64_t WorkingFileEntry::readAt(std::int64_t offset, char* buffer, std::int64_t count) {
   touch();
   if (offset < 0) throw Exception(ErrorCode::IOError, location(), "negative read position");
+  bool waitedForTheStore = false;
   for (;;) {
+    bool storeMayLag = false;
     {
       std::lock_guard lock(mutex_);
       if (offset >= size_) return -1;
@@ -113,11 +115,27 @@ std::int64_t WorkingFileEntry::readAt(std::int64_t offset, char* buffer, std::in
         nextSequential_ = offset + n;
         return n;
       }
-      if (!bodyMayLackPendingWritesLocked()) break;
+      if (!bodyMayLackPendingWritesLocked()) {
+        // A change of this file that the store has not received yet (its creation, a move
+        // onto it, a truncation) leaves older bytes or none there: the store catches up first.
+        if (waitedForTheStore || !record_->isFrozen()) break;
+        storeMayLag = true;
+      }
     }
-    if (!waitForPendingWrites()) break;
+    if (storeMayLag) {
+      waitForEarlierChanges();
+      waitedForTheStore = true;
+    } else if (!waitForPendingWrites()) {
+      break;
+    }
   }
   return fetch(offset, buffer, count);
+}
+
+void WorkingFileEntry::waitForEarlierChanges() {
+  if (const auto executor = settings_.executor ? settings_.executor->load() : nullptr) {
+    executor->waitForPendingToFinish();
+  }
 }
 
 std::int64_t WorkingFileEntry::readCachedLocked(std::int64_t offset, char* buffer,
@@ -428,6 +446,7 @@ std::size_t WorkingFileEntry::openCount() const {
 }
 
 bool WorkingFileEntry::isIdle() {
+  if (pins_.load() > 0) return false;
   {
     std::lock_guard lock(mutex_);
     if (!openStreams_.empty() || (pendingBlock_ && pendingBlock_->size() > 0)) return false;

@@ -25,6 +25,10 @@
 //    block over and waits, in rounds of QV_OVERLAY_WAIT_FOR_ZERO_PERIOD milliseconds (default
 //    2000), until no transaction of this file is pending or the entry is aborted; only then is
 //    the store asked, so a read never returns bytes older than a write the caller made.
+//    Likewise, a read that misses while the file's record is still frozen (its creation, a
+//    move onto it or a truncation has not reached the store) first waits once until every
+//    change queued so far has been replayed: before that, the store holds older bytes there,
+//    or nothing.
 //  - The inner stream: at most one per entry. It is opened on first need: by a read miss (on
 //    the caller's thread, read-only), by the first FILE_WRITE, or by the FILE_OPEN_READWRITE
 //    that an open queues when it must change the store (create or truncate the file). A
@@ -118,9 +122,13 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
 
   // --- the content cache's view (called under the content cache's mutex) ---
   std::size_t openCount() const;
-  // No stream open, nothing written that the store has not received: the body holds exactly
-  // what the store held when the entry last synchronised with it.
+  // No stream open or about to open (pinned), nothing written that the store has not
+  // received: the body holds exactly what the store held when the entry last synchronised.
   bool isIdle();
+  // A caller that got the entry from the content cache and is about to open a stream on it
+  // holds a pin meanwhile, so that no other thread evicts the entry in between.
+  void pin() { ++pins_; }
+  void unpin() { --pins_; }
   // 1 while the last stream is closing, 0 otherwise.
   int state() const;
   std::int64_t lastAccess() const { return lastAccess_.load(); }
@@ -159,6 +167,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::int64_t readCachedLocked(std::int64_t offset, char* buffer, std::int64_t count);
   bool bodyMayLackPendingWritesLocked() const;
   bool waitForPendingWrites();
+  // Waits until every change queued so far has reached the store.
+  void waitForEarlierChanges();
   std::int64_t fetchWindowLocked(std::int64_t offset, std::int64_t count) const;
   std::int64_t fetch(std::int64_t offset, char* buffer, std::int64_t count);
   void checkSpace(std::int64_t offset, std::int64_t count);
@@ -207,6 +217,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // The same resource when it keeps a body on disk (null for a disabled content cache).
   FilesystemCacheResource* const body_;
   std::atomic<bool> aborted_{false};
+  std::atomic<int> pins_{0};
   std::atomic<std::int64_t> lastAccess_{0};
 
   std::mutex submitMutex_;

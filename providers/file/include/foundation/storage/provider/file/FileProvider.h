@@ -4,8 +4,10 @@
 // Confinement: no location reaches outside the directory; see LocalRoot.h for the rules
 // (lexical ".." never climbs above "/", symbolic links leading outside or nowhere are refused
 // with InvalidLocation, links that stay inside are followed, and the accepted race). Listings
-// and recursive walks leave out entries that are links leading outside the root, and a
-// recursive walk does not descend into a folder it is already inside (link loops).
+// and recursive walks leave out entries that are links leading outside the root. A recursive
+// walk lists a link to a folder but does not enter it (links pointing sideways could make the
+// walk exponential); that row carries the extended attribute "initiallyInvalid", so that a
+// cache filled from the walk lists the folder on its own.
 // Removing a file or folder that is a symbolic link removes the link, not what it leads to.
 //
 // Errors: every failed system call is translated by errnoException (ErrnoTranslation.h);

@@ -30,6 +30,9 @@ inline EntryKind kindOf(const std::string& path, const StorageIRI& location) {
   return statEntry(path, location).kind;
 }
 
+// lstat(2): the entry itself is a symbolic link.
+bool isLink(const std::string& path);
+
 // UTC, microsecond precision.
 posix_time::ptime toPtime(const struct timespec& time);
 // Exception(OperationRefused) for a special value (not-a-date-time, infinities).
