@@ -92,15 +92,21 @@ void Workload::writeFiles() {
   }
 }
 
+// The loops below name a map entry's parts as plain references, not a structured binding:
+// clang 14 does not let a lambda capture a structured binding.
 void Workload::readFiles() {
-  for (const auto& [path, content] : expected_.files) {
+  for (const auto& file : expected_.files) {
+    const std::u16string& path = file.first;
+    const std::string& content = file.second;
     const std::string read = timings_.time("read file", [&] { return readWholeFile(at(path)); });
     if (read != content) problem(path, "read back different bytes");
   }
 }
 
 void Workload::statFiles() {
-  for (const auto& [path, content] : expected_.files) {
+  for (const auto& file : expected_.files) {
+    const std::u16string& path = file.first;
+    const std::string& content = file.second;
     const auto attributes =
         timings_.time("stat file", [&] { return at(path).getFileAttributes(); });
     if (attributes.getSize() != content.size()) problem(path, "reports a wrong size");
@@ -129,7 +135,8 @@ void Workload::listFolders() {
 }
 
 void Workload::checkExistence() {
-  for (const auto& [path, content] : expected_.files) {
+  for (const auto& file : expected_.files) {
+    const std::u16string& path = file.first;
     if (!timings_.time("file exists", [&] { return at(path).fileExists(); })) {
       problem(path, "does not exist");
     }

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those that are missing.
 # Runs as root on a fresh Debian 12 machine; a no-op when everything is present.
+# With the argument "fuzz", also clang and its runtime libraries (libFuzzer and the
+# sanitizers), which only the fuzz build (make fuzz) needs.
 set -euo pipefail
 
 packages=(
@@ -11,6 +13,11 @@ packages=(
   libcrypto++-dev libicu-dev libfuse3-dev libboost-program-options-dev
   fuse3 git tar grep diffutils
 )
+if [ "${1:-}" = "fuzz" ]; then
+  # libclang-rt-14-dev carries libFuzzer; clang only recommends it, and recommendations are
+  # not installed below.
+  packages+=(clang libclang-rt-14-dev)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -20,6 +20,8 @@
 #include <map>
 #include <memory>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace foundation::storage::provider::detail {
 
@@ -38,7 +40,18 @@ class ChangePoller {
   };
   using Snapshot = std::map<std::u16string, Seen>;
   // What the polling thread uses; shared so that it outlives a poller destroyed meanwhile.
+  // Has a constructor rather than being an aggregate: make_shared initialises with
+  // parentheses, which clang 14 does not accept for aggregates.
   struct State {
+    State(const IProvider& provider, StorageIRI location, EventPublisher publisher,
+          std::vector<events::Kind> kinds, long periodMs, bool recursive)
+        : provider(provider),
+          location(std::move(location)),
+          publisher(std::move(publisher)),
+          kinds(std::move(kinds)),
+          periodMs(periodMs),
+          recursive(recursive) {}
+
     const IProvider& provider;
     StorageIRI location;
     EventPublisher publisher;

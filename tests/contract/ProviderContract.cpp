@@ -130,35 +130,32 @@ boost::posix_time::ptime toSeconds(const boost::posix_time::ptime& time) {
 }
 
 void expectError(ErrorCode code, const StorageIRI& location, const std::function<void()>& operation,
-                 std::source_location where) {
+                 CallSite where) {
   try {
     operation();
-    ADD_FAILURE_AT(where.file_name(), where.line())
+    ADD_FAILURE_AT(where.file, where.line)
         << "expected " << code << " at " << location << ", but nothing was thrown";
   } catch (const fsp::Exception& e) {
     if (e.getErrorCode() != code || e.getLocation() != location) {
-      ADD_FAILURE_AT(where.file_name(), where.line())
+      ADD_FAILURE_AT(where.file, where.line)
           << "expected " << code << " at " << location << ", caught: " << e.what();
     }
   } catch (const std::exception& e) {
-    ADD_FAILURE_AT(where.file_name(), where.line())
+    ADD_FAILURE_AT(where.file, where.line)
         << "expected Exception(" << code << "), caught another exception: " << e.what();
   }
 }
 
-void expectErrorCode(ErrorCode code, const std::function<void()>& operation,
-                     std::source_location where) {
+void expectErrorCode(ErrorCode code, const std::function<void()>& operation, CallSite where) {
   try {
     operation();
-    ADD_FAILURE_AT(where.file_name(), where.line())
-        << "expected " << code << ", but nothing was thrown";
+    ADD_FAILURE_AT(where.file, where.line) << "expected " << code << ", but nothing was thrown";
   } catch (const fsp::Exception& e) {
     if (e.getErrorCode() != code) {
-      ADD_FAILURE_AT(where.file_name(), where.line())
-          << "expected " << code << ", caught: " << e.what();
+      ADD_FAILURE_AT(where.file, where.line) << "expected " << code << ", caught: " << e.what();
     }
   } catch (const std::exception& e) {
-    ADD_FAILURE_AT(where.file_name(), where.line())
+    ADD_FAILURE_AT(where.file, where.line)
         << "expected Exception(" << code << "), caught another exception: " << e.what();
   }
 }

@@ -26,7 +26,6 @@
 #include <mutex>
 #include <optional>
 #include <ostream>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -150,24 +149,34 @@ std::string patternBytes(std::size_t size);
 // A time truncated to whole seconds (stores keep times at least to the second).
 boost::posix_time::ptime toSeconds(const boost::posix_time::ptime& time);
 
+// Where a check was called from, named in its failure. Not std::source_location: clang 14 with
+// libstdc++ 12 cannot compile that header, while both compilers fill these builtins in at the
+// caller of a function whose default argument calls here().
+struct CallSite {
+  static CallSite here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    return CallSite{file, line};
+  }
+  const char* file;
+  int line;
+};
+
 // Runs `operation` and checks that it throws Exception with `code` and `location`.
 void expectError(fsp::ErrorCode code, const fsp::StorageIRI& location,
-                 const std::function<void()>& operation,
-                 std::source_location where = std::source_location::current());
+                 const std::function<void()>& operation, CallSite where = CallSite::here());
 // As expectError, for refusals whose location the contract leaves open.
 void expectErrorCode(fsp::ErrorCode code, const std::function<void()>& operation,
-                     std::source_location where = std::source_location::current());
+                     CallSite where = CallSite::here());
 
 // Runs `operation` and checks that it throws the ByteStream failure kind Failure.
 template <class Failure>
 void expectStreamFailure(const std::function<void()>& operation,
-                         std::source_location where = std::source_location::current()) {
+                         CallSite where = CallSite::here()) {
   try {
     operation();
-    ADD_FAILURE_AT(where.file_name(), where.line()) << "expected " << Failure::kName;
+    ADD_FAILURE_AT(where.file, where.line) << "expected " << Failure::kName;
   } catch (const Failure&) {
   } catch (const std::exception& e) {
-    ADD_FAILURE_AT(where.file_name(), where.line())
+    ADD_FAILURE_AT(where.file, where.line)
         << "expected " << Failure::kName << ", caught: " << e.what();
   }
 }

@@ -103,13 +103,23 @@ TEST(CacheResourceTest, WritesRecordAndMergeRangesAndQueriesFindTheFirstGap) {
     std::optional<ByteRange> gap;
   } cases[] = {
       {"gap between", {{0, 10}, {20, 10}}, {{0, 10}, {20, 30}}, 5, 20, PARTIAL, {{10, 20}}},
+      // The gap is the first missing stretch only, even when the query ends past the next range.
+      {"gap before a range", {{0, 10}, {20, 10}}, {{0, 10}, {20, 30}}, 5, 30, PARTIAL, {{10, 20}}},
       {"bridged", {{0, 10}, {20, 10}, {10, 10}}, {{0, 30}}, 2, 28, FULL, std::nullopt},
       // A range written just before another merges with it; the gap ends at the query's end.
       {"touching before", {{10, 10}, {0, 10}}, {{0, 20}}, 10, 15, PARTIAL, {{20, 25}}},
       {"extended in place", {{0, 10}, {5, 45}}, {{0, 50}}, 50, 5, NOT, std::nullopt},
-      // Extending the range that holds the position does not merge the ranges after it, yet a
-      // query across them finds everything cached.
-      {"not merged", {{0, 10}, {20, 10}, {5, 20}}, {{0, 25}, {20, 30}}, 5, 24, FULL, std::nullopt},
+      // Extending the range that holds the position merges the ranges it reaches.
+      {"extended and merged", {{0, 10}, {20, 10}, {5, 20}}, {{0, 30}}, 5, 24, FULL, std::nullopt},
+      // Ranges extended one after another into each other once left a chain of overlapping
+      // ranges, across which a query reported cached bytes as missing.
+      {"extended chain",
+       {{0, 5}, {8, 1}, {18, 12}, {8, 12}, {3, 7}},
+       {{0, 30}},
+       0,
+       30,
+       FULL,
+       std::nullopt},
       {"swallow", {{0, 5}, {10, 5}, {20, 5}, {6, 15}}, {{0, 5}, {6, 25}}, 0, 10, PARTIAL, {{5, 6}}},
       {"zero length", {{7, 0}}, {}, 0, 5, NOT, std::nullopt},
   };

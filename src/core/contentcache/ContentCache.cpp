@@ -42,7 +42,7 @@ ContentCache::~ContentCache() {
 void ContentCache::discard() {
   std::vector<std::shared_ptr<WorkingFileEntry>> released;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     for (auto it = entries_.begin(); it != entries_.end();) it = eraseLocked(it);
     released.swap(pendingRelease_);
     if (mode_ == CacheMode::TEMPORARY) deleteMadeBodies();
@@ -58,39 +58,39 @@ void ContentCache::deleteMadeBodies() noexcept {
 }
 
 void ContentCache::setCacheRoot(fs::path root) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   cacheRoot_ = std::move(root);
 }
 
 void ContentCache::setPersistent() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   mode_ = CacheMode::PERSISTENT;
 }
 
 void ContentCache::setArbitratorFactory(ArbitratorFactory factory) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   arbitratorFactory_ = std::move(factory);
   arbitrator_.reset();
   initialized_ = false;
 }
 
 CacheMode ContentCache::mode() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mode_;
 }
 
 fs::path ContentCache::cacheRoot() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return cacheRoot_;
 }
 
 fs::path ContentCache::versionDirectory() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return cacheRoot_ / "V1.0";
 }
 
 void ContentCache::ensureInitialized() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ensureInitializedLocked();
 }
 
@@ -127,7 +127,7 @@ void ContentCache::ensureInitializedLocked() {
 std::shared_ptr<WorkingFileEntry> ContentCache::retrieve(
     const StorageIRI& iri, const std::shared_ptr<FileMetadata>& metadata,
     const WorkingFileSettings& settings) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   try {
     ensureInitializedLocked();
     auto it = entries_.find(iri);
@@ -210,20 +210,20 @@ void ContentCache::deferRelease(std::shared_ptr<WorkingFileEntry> entry) {
 }
 
 bool ContentCache::contains(const StorageIRI& iri) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ensureInitializedLocked();
   return entries_.count(iri) > 0;
 }
 
 std::shared_ptr<WorkingFileEntry> ContentCache::find(const StorageIRI& iri) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ensureInitializedLocked();
   const auto it = entries_.find(iri);
   return it == entries_.end() ? nullptr : it->second;
 }
 
 bool ContentCache::isInUse(const StorageIRI& iri, bool checkState) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ensureInitializedLocked();
   const auto it = entries_.find(iri);
   if (it == entries_.end() || it->second->openCount() < 1) return false;
@@ -231,7 +231,7 @@ bool ContentCache::isInUse(const StorageIRI& iri, bool checkState) {
 }
 
 void ContentCache::dropIfStale(const StorageIRI& iri, const std::string& watermark, bool notify) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ensureInitializedLocked();
   const auto it = entries_.find(iri);
   if (it == entries_.end() || it->second->record()->getWatermark() == watermark) return;
@@ -242,7 +242,7 @@ void ContentCache::dropIfStale(const StorageIRI& iri, const std::string& waterma
 
 void ContentCache::dropIfOutdated(const StorageIRI& iri,
                                   const std::shared_ptr<FileMetadata>& current) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ensureInitializedLocked();
   const auto it = entries_.find(iri);
   if (it == entries_.end()) return;
@@ -269,13 +269,13 @@ void ContentCache::dropEntryLocked(EntryMap::iterator it, bool notify) {
 }
 
 void ContentCache::removeEntry(const StorageIRI& iri, bool notify) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ensureInitializedLocked();
   if (const auto it = entries_.find(iri); it != entries_.end()) dropEntryLocked(it, notify);
 }
 
 void ContentCache::discardEntry(const StorageIRI& iri, bool notify) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ensureInitializedLocked();
   if (const auto it = entries_.find(iri); it != entries_.end()) {
     it->second->enqueueProviderWrite();
@@ -293,7 +293,7 @@ void ContentCache::removeBodyFileLocked(const StorageIRI& iri) {
 }
 
 void ContentCache::removeFolderEntries(const StorageIRI& folder, bool notify) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ensureInitializedLocked();
   std::vector<EntryMap::iterator> below;
   for (auto it = entries_.begin(); it != entries_.end(); ++it) {
@@ -305,7 +305,7 @@ void ContentCache::removeFolderEntries(const StorageIRI& folder, bool notify) {
 void ContentCache::clear() { removeFolderEntries(StorageIRI(u"overlay", u"/"), true); }
 
 void ContentCache::moveEntry(const StorageIRI& from, const StorageIRI& to) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ensureInitializedLocked();
   const auto it = entries_.find(from);
   if (from == to) return;
@@ -330,7 +330,7 @@ void ContentCache::moveEntry(const StorageIRI& from, const StorageIRI& to) {
 void ContentCache::moveFolderEntries(const StorageIRI& from, const StorageIRI& to) {
   std::vector<std::pair<StorageIRI, StorageIRI>> moves;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     ensureInitializedLocked();
     const auto& fromPath = from.getPath();
     for (const auto& [iri, entry] : entries_) {
@@ -344,7 +344,7 @@ void ContentCache::moveFolderEntries(const StorageIRI& from, const StorageIRI& t
 }
 
 std::vector<std::shared_ptr<WorkingFileEntry>> ContentCache::entries() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   std::vector<std::shared_ptr<WorkingFileEntry>> all;
   all.reserve(entries_.size());
   for (const auto& [iri, entry] : entries_) all.push_back(entry);
@@ -354,7 +354,7 @@ std::vector<std::shared_ptr<WorkingFileEntry>> ContentCache::entries() {
 void ContentCache::releasePending() {
   std::vector<std::shared_ptr<WorkingFileEntry>> released;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     ensureInitializedLocked();
     released.swap(pendingRelease_);
   }

@@ -35,12 +35,14 @@
 // after its executor. The cache shares ownership of its entries with their streams.
 // Locks: mutex_ for every operation, for its whole duration, then an entry's own lock (never
 // the other way round); the arbitrator is called under mutex_. markActivity takes no lock.
+// What mutex_ guards is annotated, so a clang build checks it (core/support/Mutex.h).
 // Threads: the host's threads (opening streams, mutations, flush), the executor's activity
 // callback (markActivity).
 #pragma once
 
 #include "core/contentcache/CacheMode.h"
 #include "core/contentcache/ICacheSpaceArbitrator.h"
+#include "core/support/Mutex.h"
 #include "core/workingfiles/WorkingFileEntry.h"
 #include "core/workingfiles/WorkingFileSettings.h"
 
@@ -51,7 +53,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <unordered_set>
 #include <vector>
@@ -117,33 +118,33 @@ class ContentCache {
  private:
   using EntryMap = std::map<fsp::StorageIRI, std::shared_ptr<WorkingFileEntry>>;
 
-  void ensureInitializedLocked();
-  void makeRoomLocked(std::uint64_t bytes);
+  void ensureInitializedLocked() OVERLAY_REQUIRES(mutex_);
+  void makeRoomLocked(std::uint64_t bytes) OVERLAY_REQUIRES(mutex_);
   // Evicts the least recently accessed entry that may go; false when none may.
-  bool evictOneLocked();
-  void removeBodyFileLocked(const fsp::StorageIRI& iri);
+  bool evictOneLocked() OVERLAY_REQUIRES(mutex_);
+  void removeBodyFileLocked(const fsp::StorageIRI& iri) OVERLAY_REQUIRES(mutex_);
   // Settled: no stream open, nothing queued for the store, and the file's record confirmed,
   // so that a read after the eviction finds in the store what the body held.
   static bool isEvictable(WorkingFileEntry& entry);
   // Takes the entry at `it` out of the registry (deferred release); returns the next one.
-  EntryMap::iterator eraseLocked(EntryMap::iterator it);
-  void dropEntryLocked(EntryMap::iterator it, bool notify);
-  void deferRelease(std::shared_ptr<WorkingFileEntry> entry);
-  void deleteMadeBodies() noexcept;
+  EntryMap::iterator eraseLocked(EntryMap::iterator it) OVERLAY_REQUIRES(mutex_);
+  void dropEntryLocked(EntryMap::iterator it, bool notify) OVERLAY_REQUIRES(mutex_);
+  void deferRelease(std::shared_ptr<WorkingFileEntry> entry) OVERLAY_REQUIRES(mutex_);
+  void deleteMadeBodies() noexcept OVERLAY_REQUIRES(mutex_);
 
-  CacheMode mode_ = CacheMode::TEMPORARY;
-  boost::filesystem::path cacheRoot_;
-  EntryMap entries_;
-  std::size_t entryCount_ = 0;
-  std::vector<std::shared_ptr<WorkingFileEntry>> pendingRelease_;
+  mutable Mutex mutex_;
+  CacheMode mode_ OVERLAY_GUARDED_BY(mutex_) = CacheMode::TEMPORARY;
+  boost::filesystem::path cacheRoot_ OVERLAY_GUARDED_BY(mutex_);
+  EntryMap entries_ OVERLAY_GUARDED_BY(mutex_);
+  std::size_t entryCount_ OVERLAY_GUARDED_BY(mutex_) = 0;
+  std::vector<std::shared_ptr<WorkingFileEntry>> pendingRelease_ OVERLAY_GUARDED_BY(mutex_);
   std::atomic<bool> activitySeen_{false};
-  ArbitratorFactory arbitratorFactory_;
-  std::unique_ptr<ICacheSpaceArbitrator> arbitrator_;
-  bool initialized_ = false;
+  ArbitratorFactory arbitratorFactory_ OVERLAY_GUARDED_BY(mutex_);
+  std::unique_ptr<ICacheSpaceArbitrator> arbitrator_ OVERLAY_GUARDED_BY(mutex_);
+  bool initialized_ OVERLAY_GUARDED_BY(mutex_) = false;
   // Native path strings: hashing a string is far cheaper than ordering paths component by
   // component, and every create and rename adds one.
-  std::unordered_set<std::string> madeBodies_;
-  mutable std::mutex mutex_;
+  std::unordered_set<std::string> madeBodies_ OVERLAY_GUARDED_BY(mutex_);
 };
 
 }  // namespace storage::overlayprovider

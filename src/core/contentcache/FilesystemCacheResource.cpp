@@ -46,14 +46,14 @@ int whenceOf(std::ios_base::seekdir direction) {
   return SEEK_SET;
 }
 
-// The first range, in start order, that holds `position`. Ranges may overlap (a write only
-// extends the range it starts in), so the one with the nearest start is not always it.
+// The range that holds `position`, if any. Ranges never overlap, so it can only be the last
+// one that starts at or before the position.
 template <class Map>
 auto holderIn(Map& ranges, std::int64_t position) {
-  for (auto it = ranges.begin(); it != ranges.end() && it->first <= position; ++it) {
-    if (position < it->second) return it;
-  }
-  return ranges.end();
+  auto it = ranges.upper_bound(position);
+  if (it == ranges.begin()) return ranges.end();
+  --it;
+  return position < it->second ? it : ranges.end();
 }
 
 }  // namespace
@@ -98,8 +98,7 @@ void FilesystemCacheResource::dropIfStale(std::uint64_t size) {
 
 void FilesystemCacheResource::recordWholeBody(std::uint64_t size) {
   if (size == 0) return;  // an empty range would claim a byte that does not exist
-  cachedRanges_.insert_or_assign(0, static_cast<std::int64_t>(size));
-  rangeCount_ = cachedRanges_.size();
+  recordWritten(0, static_cast<std::int64_t>(size));
 }
 
 void FilesystemCacheResource::seedFrom(const fs::path& sourceFile, std::uint64_t size) {
@@ -141,7 +140,6 @@ boost::posix_time::ptime FilesystemCacheResource::lastModified() const {
 void FilesystemCacheResource::doRemove() {
   descriptor_.reset();
   cachedRanges_.clear();
-  rangeCount_ = 0;
   try {
     if (fs::exists(checkoutPath_)) fs::remove(checkoutPath_);
   } catch (...) {
@@ -156,15 +154,12 @@ RangeQuery FilesystemCacheResource::queryRange(std::int64_t position, std::int64
   if (holder == cachedRanges_.end()) return {RangeStatus::NOT_CACHED, std::nullopt};
   if (length <= 0) return {RangeStatus::FULLY_CACHED, std::nullopt};
   const std::int64_t last = position + length;
-  const auto lastHolder =
-      std::find_if(cachedRanges_.begin(), cachedRanges_.end(),
-                   [last](const auto& r) { return r.first < last && last <= r.second; });
-  if (lastHolder == cachedRanges_.end()) {
-    return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, last}};
-  }
-  // Overlapping or touching ranges (left by extending writes) leave no gap between them.
-  if (lastHolder->first <= holder->second) return {RangeStatus::FULLY_CACHED, std::nullopt};
-  return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, lastHolder->first}};
+  if (last <= holder->second) return {RangeStatus::FULLY_CACHED, std::nullopt};
+  // Ranges neither overlap nor touch, so the first missing stretch runs from the holder's end
+  // to the next range, or to the end of the request.
+  const auto next = std::next(holder);
+  const std::int64_t gapEnd = next == cachedRanges_.end() ? last : std::min(last, next->first);
+  return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, gapEnd}};
 }
 
 std::int64_t FilesystemCacheResource::read(std::int64_t position, char* buffer,
@@ -207,30 +202,28 @@ void FilesystemCacheResource::write(std::int64_t position, const char* data, std
   }
 }
 
+// Keeps the ranges apart: a written range joins the range that holds or touches its start
+// (or becomes a new one) and swallows every range it reaches. Extending ranges without merging
+// them once left chains of overlapping ranges, across which queries reported cached bytes as
+// missing. A sequential writer extends the last range, so the merge finds nothing after it.
 void FilesystemCacheResource::recordWritten(std::int64_t position, std::int64_t end) {
   if (end <= position) return;
-  const auto holder = holderIn(cachedRanges_, position);
-  if (holder != cachedRanges_.end()) {
-    holder->second = std::max(holder->second, end);
-    return;
+  auto current = cachedRanges_.upper_bound(position);
+  if (current != cachedRanges_.begin() && std::prev(current)->second >= position) {
+    current = std::prev(current);
+    if (current->second >= end) return;
+    current->second = end;
+  } else {
+    current = cachedRanges_.emplace_hint(current, position, end);
   }
-  const auto [inserted, isNew] = cachedRanges_.try_emplace(position, end);
-  if (!isNew) return;
-  ++rangeCount_;
-  if (rangeCount_ < 2) return;
-  mergeFrom(inserted == cachedRanges_.begin() ? inserted : std::prev(inserted));
+  mergeFollowing(current);
 }
 
-// Merges every range that overlaps or touches the one before it, from `current` to the end.
-void FilesystemCacheResource::mergeFrom(RangeMap::iterator current) {
-  for (auto next = std::next(current); next != cachedRanges_.end(); next = std::next(current)) {
-    if (current->second < next->first) {
-      current = next;
-      continue;
-    }
+void FilesystemCacheResource::mergeFollowing(RangeMap::iterator current) {
+  for (auto next = std::next(current);
+       next != cachedRanges_.end() && next->first <= current->second; next = std::next(current)) {
     current->second = std::max(current->second, next->second);
     cachedRanges_.erase(next);
-    --rangeCount_;
   }
 }
 

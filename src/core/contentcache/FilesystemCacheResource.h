@@ -68,9 +68,8 @@ class FilesystemCacheResource : public CacheResource {
   RangeQuery queryRange(std::int64_t position, std::int64_t length) const override;
   // One pread on the body (after opening it if needed); 0 after a failed write or on error.
   std::int64_t read(std::int64_t position, char* buffer, std::int64_t count) override;
-  // pwrite, then records [position, position + written). A range that already holds
-  // `position` is only extended (not merged with the ranges after it); a new range is merged
-  // with the ranges it overlaps or touches.
+  // pwrite, then records [position, position + written), merged with every range it
+  // overlaps or touches: recorded ranges never overlap or touch.
   void write(std::int64_t position, const char* data, std::int64_t count) override;
   // Opens the body if needed (0700, created if missing) and moves its offset; -1 if lseek
   // fails. Throws std::runtime_error("Bad file descriptor") if the body cannot be opened.
@@ -100,7 +99,8 @@ class FilesystemCacheResource : public CacheResource {
   void seedFrom(const boost::filesystem::path& sourceFile, std::uint64_t size);
   int handle();
   void recordWritten(std::int64_t position, std::int64_t end);
-  void mergeFrom(RangeMap::iterator inserted);
+  // Merges into `current` every following range that it overlaps or touches.
+  void mergeFollowing(RangeMap::iterator current);
   void logFailure(unsigned severity, const char* level, const char* message, bool withDetail) const;
 
   foundation::storage::provider::StorageIRI iri_;  // replaced by move()
@@ -109,9 +109,8 @@ class FilesystemCacheResource : public CacheResource {
   boost::filesystem::path checkoutPath_;  // cacheDirectory_ / cacheFileName(iri_)
   std::shared_ptr<boost::iostreams::file_descriptor> descriptor_;  // null until needed
   bool failed_ = false;
-  RangeMap cachedRanges_;  // start -> end, half-open, never empty ranges
-  // Always cachedRanges_.size(): a write that made no new range skips the merge pass.
-  std::size_t rangeCount_ = 0;
+  // start -> end, half-open; never empty, never overlapping or touching one another.
+  RangeMap cachedRanges_;
 };
 
 }  // namespace storage::overlayprovider
