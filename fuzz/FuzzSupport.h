@@ -1,10 +1,12 @@
 // Helpers shared by the libFuzzer targets of this folder: a reader that decodes operations
-// from the fuzzer's bytes, and the check that turns a broken property into a crash libFuzzer
-// records (with the input that caused it).
+// from the fuzzer's bytes, the check that turns a broken property into a crash libFuzzer
+// records (with the input that caused it), and a scratch directory removed at exit.
 //
 // Ownership: plain values over the fuzzer's buffer, which outlives one LLVMFuzzerTestOneInput
 // call. Locks and threads: none; libFuzzer calls a target on one thread.
 #pragma once
+
+#include <boost/filesystem.hpp>
 
 #include <algorithm>
 #include <cstddef>
@@ -52,5 +54,26 @@ class Bytes {
   std::size_t size_;
   std::size_t offset_ = 0;
 };
+
+// A fresh directory under the system's temporary one, named after `prefix`, made on first use
+// and removed when the process exits; with `asTemporaryDirectory` also the process's TMPDIR, so
+// that what the code under test puts in "the temporary directory" stays in it.
+inline const boost::filesystem::path& scratch(const char* prefix, bool asTemporaryDirectory) {
+  struct Dir {
+    Dir(const char* prefix, bool asTemporaryDirectory)
+        : path(boost::filesystem::temp_directory_path() /
+               boost::filesystem::unique_path(std::string(prefix) + "-%%%%%%%%")) {
+      boost::filesystem::create_directories(path);
+      if (asTemporaryDirectory) ::setenv("TMPDIR", path.c_str(), 1);
+    }
+    ~Dir() {
+      boost::system::error_code ignored;
+      boost::filesystem::remove_all(path, ignored);
+    }
+    boost::filesystem::path path;
+  };
+  static const Dir dir(prefix, asTemporaryDirectory);
+  return dir.path;
+}
 
 }  // namespace fuzzsupport

@@ -30,21 +30,7 @@ constexpr std::int64_t kSpan = 256;
 constexpr std::int64_t kMaxWrite = 40;
 constexpr std::int64_t kModelSize = kSpan + kMaxWrite + 1;
 
-struct ScratchDir {
-  ScratchDir() : path(fs::temp_directory_path() / fs::unique_path("fuzz-cache-ranges-%%%%%%%%")) {
-    fs::create_directories(path);
-  }
-  ~ScratchDir() {
-    boost::system::error_code ignored;
-    fs::remove_all(path, ignored);
-  }
-  fs::path path;
-};
-
-const fs::path& scratch() {
-  static const ScratchDir dir;
-  return dir.path;
-}
+const fs::path& scratch() { return fuzzsupport::scratch("fuzz-cache-ranges", false); }
 
 struct Model {
   std::vector<bool> valid = std::vector<bool>(kModelSize, false);

@@ -33,22 +33,7 @@ using boost::property_tree::ptree;
 using fuzzsupport::require;
 using storage::overlayprovider::OverlayProvider;
 
-struct ScratchDir {
-  ScratchDir() : path(fs::temp_directory_path() / fs::unique_path("fuzz-overlay-config-%%%%%%%%")) {
-    fs::create_directories(path);
-    ::setenv("TMPDIR", path.c_str(), 1);
-  }
-  ~ScratchDir() {
-    boost::system::error_code ignored;
-    fs::remove_all(path, ignored);
-  }
-  fs::path path;
-};
-
-const fs::path& scratch() {
-  static const ScratchDir dir;
-  return dir.path;
-}
+const fs::path& scratch() { return fuzzsupport::scratch("fuzz-overlay-config", true); }
 
 void confineCacheRoot(ptree& config) {
   const auto root = config.get_optional<std::string>("overlay.cacheRoot");
