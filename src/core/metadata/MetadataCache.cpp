@@ -259,6 +259,7 @@ void MetadataCache::confirmRemoval(const fsp::StorageIRI& iri) {
   Guard guard(*this);
   const auto it = pendingRemovals_.find(keyOf(iri));
   if (it != pendingRemovals_.end() && --it->second <= 0) pendingRemovals_.erase(it);
+  removalsPending_ = !pendingRemovals_.empty();
 }
 
 void MetadataCache::prepareLookup() {
@@ -270,7 +271,9 @@ void MetadataCache::prepareLookup() {
 template <typename Record>
 std::shared_ptr<Record> MetadataCache::believed(const fsp::StorageIRI& iri,
                                                 std::shared_ptr<Record> record) {
-  if (!record) return record;
+  // A frozen record is believed, and so is any record while no removal is pending: each is
+  // one reading at one instant, so the common lookup takes no second hold of the lock.
+  if (!record || !removalsPending_.load() || record->isFrozen()) return record;
   // Under the lock, as the confirmations change both: the removal and the record's frozen
   // state must be read at one instant. Read apart, a removal seen before a long listing and
   // a record unfrozen after it (the removal and the re-creation both confirmed meanwhile)

@@ -54,6 +54,7 @@
 #include <foundation/storage/provider/StorageItem.h>
 #include <foundation/storage/provider/Types.h>
 
+#include <atomic>
 #include <boost/thread/once.hpp>
 #include <cstdint>
 #include <future>
@@ -216,6 +217,8 @@ class MetadataCache {
   std::set<fsp::StorageIRI> pendingInvalidations_;
   // Removals and moves away not yet replayed, with how many of each are on their way.
   std::map<fsp::StorageIRI, int> pendingRemovals_;
+  // Whether pendingRemovals_ holds anything; written under mutex_, read without it.
+  std::atomic<bool> removalsPending_{false};
   // Creations and moves onto a location not yet replayed, with how many of each.
   std::map<fsp::StorageIRI, int> changesInFlight_;
   bool invalidationsPending_ = false;

@@ -110,6 +110,7 @@ void MetadataCache::collectFrozenLocked() {
 
 void MetadataCache::noteRemovalLocked(const fsp::StorageIRI& iri) {
   ++pendingRemovals_[keyOf(iri)];
+  removalsPending_ = true;
 }
 
 void MetadataCache::beginChangeLocked(const fsp::StorageIRI& iri) {
