@@ -414,6 +414,14 @@ std::string differences(const Tree& seen, const Tree& expected) {
   return count ? std::to_string(count) + " paths differ" + text : std::string();
 }
 
+std::string differencesFrom(const Side& side, const Tree& expected) {
+  try {
+    return differences(snapshot(side), expected);
+  } catch (const std::exception& e) {
+    return std::string("the listing failed: ") + e.what();
+  }
+}
+
 std::uint64_t fromEnvironment(const char* name, std::uint64_t otherwise) {
   const char* text = std::getenv(name);
   return text ? std::stoull(text) : otherwise;
@@ -537,8 +545,8 @@ Run soak(const Plan& plan, std::uint64_t seed, int perThread, bool tracing) {
   store.instrumented().instrumentation().faults.clear();
   const auto expected = snapshot(reference);
   run.entries = expected.size();
-  run.storeDiffers = differences(snapshot(store.side()), expected);
-  run.overlayDiffers = differences(snapshot(overlay), expected);
+  run.storeDiffers = differencesFrom(store.side(), expected);
+  run.overlayDiffers = differencesFrom(overlay, expected);
   run.storeCalls = store.instrumented().totalCalls();
   overlay.provider->shutdown();
   return run;

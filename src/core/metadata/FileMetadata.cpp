@@ -56,7 +56,22 @@ std::string FileMetadata::getWatermark() const {
 
 bool FileMetadata::isFrozen() const {
   std::lock_guard lock(mutex_);
+  return frozen_ || writeHolds_ > 0;
+}
+
+bool FileMetadata::isFrozenByChange() const {
+  std::lock_guard lock(mutex_);
   return frozen_;
+}
+
+void FileMetadata::holdForWrites() {
+  std::lock_guard lock(mutex_);
+  ++writeHolds_;
+}
+
+void FileMetadata::releaseWrites() {
+  std::lock_guard lock(mutex_);
+  if (writeHolds_ > 0) --writeHolds_;
 }
 
 void FileMetadata::freeze() {

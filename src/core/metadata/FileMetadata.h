@@ -47,9 +47,21 @@ class FileMetadata {
   // never stamped simply has no watermark yet, which is not an error for its readers).
   std::string getWatermark() const;
 
+  // Frozen: a change of the overlay's own (a creation, a move onto the file, an attribute
+  // change, or writes through a stream) has not reached the store yet, so a listing read
+  // again from the store must not replace this record.
   bool isFrozen() const;
+  // Only the mutation's flag, not the writes' holds: whether the store may lack the file as
+  // the overlay made it (created, moved there, emptied) rather than just its latest bytes.
+  bool isFrozenByChange() const;
   void freeze();
   void unfreeze();
+  // A working file with a stream open for writing, or writes still on their way to the
+  // store, holds the record frozen until the store has them all. Counted apart from the
+  // flag above, so that the confirmation of a creation does not thaw a record whose writes
+  // are still queued, nor the end of the writes a creation that is.
+  void holdForWrites();
+  void releaseWrites();
 
  private:
   const fsp::StorageIRI iri_;  // immutable, so read without the lock
@@ -58,6 +70,7 @@ class FileMetadata {
   bool writable_ = true;
   fsp::ExtendedAttributes extendedAttributes_;
   bool frozen_;
+  int writeHolds_ = 0;
   mutable std::mutex mutex_;
 };
 

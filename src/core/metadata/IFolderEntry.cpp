@@ -136,6 +136,10 @@ bool IFolderEntry::isEmpty() {
 
 void IFolderEntry::apply(QueuedChange& change) {
   auto it = locate(change.iri, change.caseSensitive);
+  if (change.forget) {
+    if (it != children_.end()) eraseChildLocked(it);
+    return;
+  }
   if (change.insert) {
     // Differently spelled, same name: the new record takes the old one's place.
     if (it != children_.end()) eraseChildLocked(it);
@@ -191,6 +195,24 @@ void IFolderEntry::removeFolder(const fsp::StorageIRI& iri, bool caseSensitive) 
   const auto now = boost::posix_time::microsec_clock::universal_time();
   std::lock_guard lock(mutex_);
   change({std::nullopt, iri, NodeKind::Folder, now, caseSensitive});
+}
+
+void IFolderEntry::forgetUnlessFrozen(const fsp::StorageIRI& iri, bool caseSensitive) {
+  std::lock_guard lock(mutex_);
+  if (filled_) {
+    const auto it = locate(iri, caseSensitive);
+    if (it != children_.end() && !nodeIsFrozen(it->second)) eraseChildLocked(it);
+    return;
+  }
+  // Still listing: what the overlay queued for that name is newer than the store's answer
+  // and stays; otherwise the listing's row goes when it arrives.
+  const auto same = [&](const fsp::StorageIRI& other) {
+    return caseSensitive ? other == iri : foldedName(other) == foldedName(iri);
+  };
+  for (const auto& queued : queued_) {
+    if (queued.insert && same(queued.iri)) return;
+  }
+  queued_.push_back({std::nullopt, iri, NodeKind::File, std::nullopt, caseSensitive, true});
 }
 
 std::shared_ptr<FolderMetadata> IFolderEntry::peekFolderMetadata() {

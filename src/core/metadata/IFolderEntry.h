@@ -84,6 +84,10 @@ class IFolderEntry {
   // Erase the child (NotFound when absent); the folder's time becomes now (UTC).
   void removeFile(const fsp::StorageIRI& iri, bool caseSensitive);
   void removeFolder(const fsp::StorageIRI& iri, bool caseSensitive);
+  // The store no longer holds `iri`: a child of that name (either kind) goes unless it is
+  // frozen, or, while the listing runs, unless the overlay has queued one since (that one is
+  // newer than what the listing read). Absent is no error, and the folder's time stays.
+  void forgetUnlessFrozen(const fsp::StorageIRI& iri, bool caseSensitive);
 
   // A copy of the children map; the records themselves are shared.
   ChildMap getChildren();
@@ -112,6 +116,7 @@ class IFolderEntry {
     NodeKind kind;
     std::optional<boost::posix_time::ptime> time;  // folder's new time, if it changes
     bool caseSensitive;
+    bool forget = false;  // an erasure of either kind, absent or not (forgetUnlessFrozen)
   };
   // Caller holds mutex_. end() when there is no child of that name; case-insensitively, the
   // first match in location order.

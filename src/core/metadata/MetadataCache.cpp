@@ -47,11 +47,6 @@ MetadataCache::~MetadataCache() {
 
 fsp::StorageIRI MetadataCache::rootIRI() { return fsp::StorageIRI(u"overlay", u"/"); }
 
-void MetadataCache::actOnPendingInvalidations() {
-  Guard guard(*this);
-  actOnPendingInvalidationsLocked();
-}
-
 std::shared_ptr<IFolderEntry> MetadataCache::lookupEntry(const fsp::StorageIRI& folder) {
   std::shared_ptr<IFolderEntry> entry;
   {
@@ -98,7 +93,10 @@ std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadata(const fsp::Stor
 }
 
 std::shared_ptr<IFolderEntry> MetadataCache::getFolderEntry(const fsp::StorageIRI& iri) {
-  actOnPendingInvalidations();
+  // Frozen records go back into the listing that replaces a dropped folder under the same
+  // hold that dropped it: a confirmation in between would thaw a record that the new
+  // listing, started before the store received it, may lack.
+  prepareLookup();
   auto entry = lookupEntry(iri);
   Guard guard(*this);
   reapplyFrozenLocked();
@@ -131,7 +129,7 @@ fsp::ExtendedAttributes MetadataCache::parentAttributes(const fsp::StorageIRI& i
 }
 
 std::shared_ptr<FileMetadata> MetadataCache::createFileMetadata(const fsp::StorageIRI& iri) {
-  actOnPendingInvalidations();
+  prepareLookup();
   auto record = std::make_shared<FileMetadata>(iri, true);
   record->setLastModified(nowUtc()).setWritable(true).setSize(0);
   if (!iri.hasParent()) return record;
@@ -143,7 +141,7 @@ std::shared_ptr<FileMetadata> MetadataCache::createFileMetadata(const fsp::Stora
 }
 
 std::shared_ptr<FolderMetadata> MetadataCache::createFolderMetadata(const fsp::StorageIRI& iri) {
-  actOnPendingInvalidations();
+  prepareLookup();
   auto record = std::make_shared<FolderMetadata>(iri, true);
   record->setLastModified(nowUtc()).setWritable(true);
   if (!iri.hasParent()) return record;
@@ -183,7 +181,7 @@ void MetadataCache::removeFolderMetadata(const fsp::StorageIRI& iri) {
 }
 
 void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to) {
-  actOnPendingInvalidations();
+  prepareLookup();
   if (!from.hasParent() || !to.hasParent()) {
     throw fsp::Exception(fsp::ErrorCode::InvalidLocation, from.hasParent() ? to : from);
   }
@@ -222,7 +220,7 @@ void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::Sto
 
 void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
                                        fsp::ReplacementPolicy policy) {
-  actOnPendingInvalidations();
+  prepareLookup();
   if (!from.hasParent() || !to.hasParent() || from == to || from.isAncestorOf(to)) {
     throw fsp::Exception(fsp::ErrorCode::OperationRefused, from, "folder cannot move there");
   }
@@ -260,6 +258,13 @@ void MetadataCache::confirmRemoval(const fsp::StorageIRI& iri) {
   const auto it = pendingRemovals_.find(keyOf(iri));
   if (it != pendingRemovals_.end() && --it->second <= 0) pendingRemovals_.erase(it);
   removalsPending_ = !pendingRemovals_.empty();
+  // Until now lookups hid what a listing of the parent brought back from the store; a
+  // listing read before the store changed (still running, or done but not yet looked at)
+  // would show it again from here on, so it goes from that listing now.
+  if (!iri.hasParent()) return;
+  if (const auto parent = findEntryLocked(iri.getParent())) {
+    parent->forgetUnlessFrozen(iri, caseSensitive_);
+  }
 }
 
 void MetadataCache::prepareLookup() {

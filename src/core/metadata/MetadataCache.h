@@ -41,12 +41,19 @@
 //  - Re-applying a frozen folder makes a complete entry of its own only when the folder has no
 //    entry; an existing entry keeps its contents.
 //
-// Deliberate deviation: a record lookup (getFileMetadata, getFolderMetadata) re-applies the
-// records still frozen right after acting on pending invalidations, instead of leaving that to
-// the next listing, removal or move. Otherwise an event that invalidates a folder (an echo of
-// the overlay's own replay is enough) makes the next lookup list the store, which does not yet
-// hold what the overlay just created: a folder made a moment ago is reported missing, and the
-// caller's next write or move into it fails with NotFound.
+// Deliberate deviations, each found by the randomized soak with events acted on while the
+// replay lags behind the callers:
+//  - Every lookup (records, folder entries) and every update that acts on pending
+//    invalidations re-applies the records still frozen under the same hold of the lock,
+//    instead of leaving that to the next listing, removal or move. Otherwise an event that
+//    invalidates a folder (an echo of the overlay's own replay is enough) makes the next
+//    lookup list the store, which does not yet hold what the overlay just created: a folder
+//    made a moment ago is reported missing; and a confirmation that lands between the two
+//    holds thaws a record that the new listing, read before the store received it, lacks.
+//  - confirmRemoval takes the removed child out of its parent's entry (unless the overlay
+//    has put a frozen record there since), also from a listing still running: such a listing
+//    may have read the store before the removal reached it, and once the removal is no
+//    longer pending nothing else would hide the stale row.
 #pragma once
 
 #include "core/metadata/IFolderEntry.h"
@@ -148,9 +155,8 @@ class MetadataCache {
   };
 
   static fsp::StorageIRI rootIRI();
-  void actOnPendingInvalidations();
-  // Under one hold of the lock, as every record lookup begins: acts on pending invalidations,
-  // then re-applies the records still frozen.
+  // Under one hold of the lock, as every lookup and every update that reads the tree begins:
+  // acts on pending invalidations, then re-applies the records still frozen.
   void prepareLookup();
   // The record a lookup found, or nothing when it lies at or below a removal not yet
   // replayed and is not frozen (there only the overlay's own records are to be believed).

@@ -81,6 +81,10 @@ fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
     throw CachingErrorException("Caching failed due to an unknown error.");
   }
   const std::shared_ptr<void> unpin(nullptr, [entry](void*) { entry->unpin(); });
+  // A folder listed again from the store may have replaced the record the entry was made
+  // with; the entry keeps the cache's record current from now on, or its writes would not
+  // show in listings.
+  entry->adoptRecord(record);
   if (readOnly) {
     return std::make_unique<WorkingFileByteStream>(entry, entry->openReadOnly(), false, false);
   }

@@ -55,7 +55,10 @@ WorkingFileEntry::WorkingFileEntry(std::shared_ptr<FileMetadata> record,
       location_(record_->getIRI()),
       size_(static_cast<std::int64_t>(record_->getSize())) {}
 
-WorkingFileEntry::~WorkingFileEntry() = default;
+WorkingFileEntry::~WorkingFileEntry() {
+  // Reached with a hold only when the executor dropped the closing transaction unrun.
+  if (writesHeld_) record_->releaseWrites();
+}
 
 void WorkingFileEntry::touch() { lastAccess_.store(steadyNow()); }
 
@@ -64,7 +67,10 @@ std::uint64_t WorkingFileEntry::registerStream(bool writable) {
   std::lock_guard lock(mutex_);
   const auto id = nextStreamId_++;
   openStreams_.insert(id);
-  if (writable) writableStreams_.insert(id);
+  if (writable) {
+    writableStreams_.insert(id);
+    holdRecordLocked();
+  }
   return id;
 }
 
@@ -118,7 +124,7 @@ std::int64_t WorkingFileEntry::readAt(std::int64_t offset, char* buffer, std::in
       if (!bodyMayLackPendingWritesLocked()) {
         // A change of this file that the store has not received yet (its creation, a move
         // onto it, a truncation) leaves older bytes or none there: the store catches up first.
-        if (waitedForTheStore || !record_->isFrozen()) break;
+        if (waitedForTheStore || !record_->isFrozenByChange()) break;
         storeMayLag = true;
       }
     }
@@ -484,7 +490,23 @@ void WorkingFileEntry::adoptRecord(const std::shared_ptr<FileMetadata>& record) 
   std::lock_guard lock(mutex_);
   if (record == record_) return;
   record->setSize(static_cast<std::uint64_t>(size_)).setLastModified(record_->getLastModified());
+  if (writesHeld_) {
+    record->holdForWrites();
+    record_->releaseWrites();
+  }
   record_ = record;
+}
+
+void WorkingFileEntry::holdRecordLocked() {
+  if (writesHeld_) return;
+  writesHeld_ = true;
+  record_->holdForWrites();
+}
+
+void WorkingFileEntry::releaseRecordLocked() {
+  if (!writesHeld_) return;
+  writesHeld_ = false;
+  record_->releaseWrites();
 }
 
 void WorkingFileEntry::moveTo(const fsp::StorageIRI& location) {

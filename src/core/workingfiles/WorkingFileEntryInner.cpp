@@ -179,6 +179,8 @@ void WorkingFileEntry::runClose() {
   if (openStreams_.empty()) {
     state_ = 0;
     if (!aborted_.load()) stampBodyLocked();
+    // Every write queued before the last close has been replayed before this task.
+    releaseRecordLocked();
   }
 }
 
