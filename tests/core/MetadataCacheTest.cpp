@@ -332,6 +332,21 @@ TEST_F(MetadataCacheTest, FrozenFileSurvivesInvalidationUntilConfirmed) {
   EXPECT_FALSE(names(u"/a").count(u"new.txt"));  // the inner store's truth
 }
 
+// Writes through a stream hold the store's record frozen: a relisting from a store that has
+// not received them yet keeps the written size, and only the end of the writes thaws it.
+TEST_F(MetadataCacheTest, FileHeldForWritesSurvivesInvalidationUntilReleased) {
+  auto record = cache().getFileMetadata(ov(u"/a/b.txt"));
+  record->holdForWrites();
+  record->setSize(9);
+  cache().markForInvalidation(ov(u"/a/b.txt"));
+  EXPECT_EQ(cache().getFileSize(ov(u"/a/b.txt")), 9u);
+  cache().confirmFile(ov(u"/a/b.txt"));  // another change's confirmation
+  EXPECT_TRUE(record->isFrozen());
+  record->releaseWrites();
+  cache().markForInvalidation(ov(u"/a/b.txt"));
+  EXPECT_EQ(cache().getFileSize(ov(u"/a/b.txt")), 5u);
+}
+
 TEST_F(MetadataCacheTest, CreatedFileTakesParentAttributesAndSetsItsTime) {
   store.mem->setExtendedAttribute(mem(u"/a"), "team", "blue");
   auto created = cache().createFileMetadata(ov(u"/a/new.txt"));
@@ -401,9 +416,15 @@ TEST_F(MetadataCacheTest, MovedFolderTreeIsRebuiltFrozenAndConfirmedRecursively)
   EXPECT_EQ(cache().getFolderTreeSize(ov(u"/ab/moved")), 8u);
   EXPECT_EQ(cache().getFolderTreeSize(ov(u"/ab")), 9u);
 
+  // A later move inside the tree is still on its way when the first is confirmed: what it
+  // placed stays frozen until its own confirmation.
+  cache().moveFolderMetadata(ov(u"/ab/moved/sub"), ov(u"/ab/moved/sub2"),
+                             fsp::ReplacementPolicy::Fail);
+  const auto c2 = cache().getFileMetadata(ov(u"/ab/moved/sub2/c.txt"));
   cache().confirmFolder(ov(u"/ab/moved"), true);
-  EXPECT_FALSE(c->isFrozen());
-  EXPECT_FALSE(cache().getFolderMetadata(ov(u"/ab/moved/sub"))->isFrozen());
+  EXPECT_TRUE(c2->isFrozen());
+  cache().confirmFolder(ov(u"/ab/moved/sub2"), true);
+  EXPECT_FALSE(c2->isFrozen());
   EXPECT_FALSE(cache().getFolderMetadata(ov(u"/ab/moved"))->isFrozen());
 }
 
@@ -466,6 +487,24 @@ TEST_F(MetadataCacheTest, ConfirmationsDuringALookupDoNotHideTheFolder) {
   cache().confirmFolder(ov(u"/a/sub"), false);
   gate.release.set_value();
   EXPECT_EQ(lookup.get(), again);
+}
+
+// A listing that read the store before a removal reached it must not bring the removed file
+// back once the removal is confirmed.
+TEST_F(MetadataCacheTest, ARemovalConfirmedDuringAListingLeavesNoStaleRow) {
+  cache().getFolderEntry(ov(u"/a"));
+  cache().removeFileMetadata(ov(u"/a/b.txt"));
+  Gate gate;
+  hooked->before = [&](std::string_view op, const StorageIRI&) {
+    if (op == "listAll") gate.pass();
+  };
+  cache().markForInvalidation(ov(u"/a/b.txt"));
+  auto lookup = std::async(std::launch::async, [&] { return names(u"/a"); });
+  gate.entered.get_future().wait();
+  cache().confirmRemoval(ov(u"/a/b.txt"));
+  gate.release.set_value();
+  EXPECT_EQ(lookup.get(), (std::set<std::u16string>{u"sub"}));
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/a/b.txt")));
 }
 
 TEST_F(MetadataCacheTest, PopulationFillsTheTreeFromOneRecursiveListing) {

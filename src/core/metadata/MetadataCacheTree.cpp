@@ -276,8 +276,9 @@ void MetadataCache::unfreezeTreeLocked(const fsp::StorageIRI& folder) const {
   const auto found = findEntryLocked(folder);
   if (!found) return;
   for (const auto& node : found->collectRecords()) {
-    // A record made below since by a change still on its way stays the overlay's own.
-    const bool inFlight = changesInFlight_.count(keyOf(nodeIRI(node))) > 0;
+    // A record placed since by a change still on its way, onto it or onto a folder between
+    // it and the confirmed one (a later move into the tree), stays the overlay's own.
+    const bool inFlight = changeInFlightLocked(nodeIRI(node));
     if (node.index() == 0) {
       if (!inFlight) std::get<0>(node)->unfreeze();
       continue;
