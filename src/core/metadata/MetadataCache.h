@@ -39,7 +39,9 @@
 //    then forgets the collection: a change that is still in flight stays visible, a confirmed
 //    one shows the inner store's truth.
 //  - Re-applying a frozen folder makes a complete entry of its own only when the folder has no
-//    entry; an existing entry keeps its contents.
+//    entry and its creation or a move onto it is still on its way; an existing entry keeps
+//    its contents, and a folder frozen only for a change of its attributes is listed from the
+//    store on demand (its contents are there).
 //
 // Deliberate deviations, each found by the randomized soak with events acted on while the
 // replay lags behind the callers:

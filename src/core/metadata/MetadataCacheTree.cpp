@@ -226,7 +226,9 @@ void MetadataCache::reapplyLocked(const MetadataNode& node) {
   }
   const auto& record = std::get<1>(node);
   entryLocked(record->getIRI().getParent(), true)->addFolder(record, caseSensitive_);
-  if (!findEntryLocked(record->getIRI())) {
+  // A folder the overlay made or moved here is complete in the cache alone; one frozen only
+  // for a change of its attributes keeps its contents in the store, listed on demand.
+  if (!findEntryLocked(record->getIRI()) && changeInFlightLocked(record->getIRI())) {
     auto own = std::make_shared<IFolderEntry>(record->getIRI());
     own->setFolderMetadata(record);
     setEntryLocked(record->getIRI(), std::move(own));

@@ -221,6 +221,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::shared_ptr<FileMetadata> recordForStream(const fsp::StorageIRI& location,
                                                 const fsp::ByteStreamOpenOptions& options,
                                                 bool readOnly, bool& created) const;
+  // After a writable open: keeps the working file on the record the metadata cache shows.
+  void followCurrentRecord(const fsp::StorageIRI& location, WorkingFileEntry& entry) const;
   // A caching error while opening: flush, then forward everything for good.
   void fallBackToInnerStore(const char* message) const;
   void flushBody() const;

@@ -403,19 +403,28 @@ void OverlayProvider::setAttribute(const StorageIRI& iri, const std::string& nam
 bool OverlayProvider::updateRecord(const StorageIRI& location,
                                    const std::function<void(FileMetadata&)>& updateFile,
                                    const std::function<void(FolderMetadata&)>& updateFolder) const {
-  if (const auto file = metadataCache_->getFileMetadata(location)) {
-    updateFile(*file);
-    // A working file keeps its own record, which its close writes back to the store.
-    if (const auto entry = contentCache_->find(file->getIRI())) {
-      if (entry->record() != file) updateFile(*entry->record());
+  // The record stays frozen until the change is replayed, so that a folder listed again from
+  // the store meanwhile keeps the new value. A relisting between the lookup and the freeze
+  // replaces the record before it is frozen: the change then goes again to the one that the
+  // cache shows now (which, frozen, stays). Each round needs another relisting in that window.
+  for (int round = 0;; ++round) {
+    const bool last = round == 2;
+    if (const auto file = metadataCache_->getFileMetadata(location)) {
+      updateFile(*file);
+      file->freeze();
+      // A working file keeps its own record, which its close writes back to the store.
+      if (const auto entry = contentCache_->find(file->getIRI())) {
+        if (entry->record() != file) updateFile(*entry->record());
+      }
+      if (last || metadataCache_->getFileMetadata(location) == file) return true;
+    } else if (const auto folder = metadataCache_->getFolderMetadata(location)) {
+      updateFolder(*folder);
+      folder->freeze();
+      if (last || metadataCache_->getFolderMetadata(location) == folder) return false;
+    } else {
+      throw notFound(location);
     }
-    return true;
   }
-  if (const auto folder = metadataCache_->getFolderMetadata(location)) {
-    updateFolder(*folder);
-    return false;
-  }
-  throw notFound(location);
 }
 
 void OverlayProvider::keepWorkingFilesOnTheirRecords(const StorageIRI& moved) const {

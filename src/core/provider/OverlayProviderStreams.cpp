@@ -95,6 +95,7 @@ fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
     onOpened = [metadataCache = metadataCache_, key] { metadataCache->confirmFile(key); };
   }
   auto registration = entry->openReadWrite(openOptions, std::move(onOpened));
+  if (options.write) followCurrentRecord(location, *entry);
   return std::make_unique<WorkingFileByteStream>(entry, std::move(registration), options.append,
                                                  options.write);
 }
@@ -122,6 +123,19 @@ std::shared_ptr<FileMetadata> OverlayProvider::recordForStream(
   }
   created = true;
   return metadataCache_->createFileMetadata(location);
+}
+
+void OverlayProvider::followCurrentRecord(const StorageIRI& location,
+                                          WorkingFileEntry& entry) const {
+  // The writable stream holds the entry's record frozen, so from now on no listing read
+  // again from the store replaces it. One that did between the lookup and the hold left the
+  // entry on a record the cache no longer shows: the entry moves to the cache's (and holds
+  // that one instead). Each round needs another relisting inside that short window.
+  for (int round = 0; round < 3; ++round) {
+    const auto current = metadataCache_->getFileMetadata(location);
+    if (!current || current == entry.record()) return;
+    entry.adoptRecord(current);
+  }
 }
 
 void OverlayProvider::copyThroughStreams(fsp::ByteStreamPtr source,
