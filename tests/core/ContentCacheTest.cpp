@@ -102,6 +102,22 @@ TEST_F(ContentCacheTest, NoSpaceAndNothingToEvictIsACachingError) {
   EXPECT_FALSE(cache_->contains(ov(u"/a")));
 }
 
+// With no entry left, the space is held by bodies that entries leaving the registry kept for
+// later use: those go first (except one that a stream still reads), and the caller is served.
+TEST_F(ContentCacheTest, NoSpaceWithNoEntryDeletesUnusedBodiesBeforeFailing) {
+  const auto unused = retrieve(u"/a"), reading = retrieve(u"/b");
+  write(unused, "aaaa");
+  write(reading, "bbbb");
+  const auto stream = reading->openReadOnly();
+  cache_->removeEntry(ov(u"/a"), false);
+  cache_->removeEntry(ov(u"/b"), false);
+  ASSERT_TRUE(unused->resource()->exists());
+  refusals_ = 1;
+  EXPECT_NO_THROW(retrieve(u"/c"));
+  EXPECT_FALSE(unused->resource()->exists());
+  EXPECT_TRUE(reading->resource()->exists());
+}
+
 // Only settled entries go: the oldest here is about to be opened (pinned) and stays, and when
 // nothing is settled the cache goes over its space rather than fail.
 TEST_F(ContentCacheTest, EvictsTheLeastRecentlyAccessedSettledEntryFirst) {

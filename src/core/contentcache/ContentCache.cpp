@@ -162,11 +162,39 @@ void ContentCache::makeRoomLocked(std::uint64_t bytes) {
   if (!arbitrator_) return;
   while (!arbitrator_->hasSpaceFor(bytes)) {
     if (entryCount_ == 0) {
+      if (reclaimUnusedBodiesLocked()) continue;
       OVERLAY_LOG(log::notice) << "Content caching failure (no space).";
       throw CachingErrorException("Caching failed due to a lack of filespace.");
     }
     if (!evictOneLocked()) return;
   }
+}
+
+bool ContentCache::reclaimUnusedBodiesLocked() {
+  // Bodies of entries that left the registry stay on disk, to be taken up again by a later
+  // entry of the same file; when the space is gone and no entry is left, they are what holds
+  // it. Without this, bodies that nobody uses would turn the overlay into pass-through for good.
+  // A released entry that a stream still reads from keeps its body.
+  std::unordered_set<std::string> inUse;
+  for (const auto& entry : pendingRelease_) {
+    if (!entry->isIdle()) inUse.insert(entry->resource()->path().string());
+  }
+  bool reclaimed = false;
+  for (auto it = madeBodies_.begin(); it != madeBodies_.end();) {
+    if (inUse.count(*it)) {
+      ++it;
+      continue;
+    }
+    boost::system::error_code error;
+    reclaimed |= fs::remove(fs::path(*it), error);
+    it = madeBodies_.erase(it);
+  }
+  if (reclaimed) {
+    OVERLAY_LOG(log::notice) << "Content cache out of space: cached bodies that no entry uses "
+                                "were deleted.";
+    arbitrator_->releaseSpace();
+  }
+  return reclaimed;
 }
 
 bool ContentCache::evictOneLocked() {

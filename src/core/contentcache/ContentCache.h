@@ -16,6 +16,10 @@
 // an eviction goes to the store, and while the file's changes are still queued the store holds
 // older bytes, or nothing at all for a file whose creation or move has not been replayed: the
 // reader would get old bytes or NotFound, and a truncate of the evicted file would fail.
+// Second deviation: with no entry left and still no space, the bodies made here that no
+// entry uses (kept on disk for a later entry of the same file) are deleted before the cache
+// gives up. Those bodies are what holds the space then, and giving up turns the provider into
+// pass-through for good: every later call waits for the store, and its failures reach callers.
 // Entries that leave the registry are kept alive in a release list until the next flush or
 // invalidation, or until the executor reports new activity, so that a transaction or a
 // caller that fetched one may still use it.
@@ -122,6 +126,8 @@ class ContentCache {
   void makeRoomLocked(std::uint64_t bytes) OVERLAY_REQUIRES(mutex_);
   // Evicts the least recently accessed entry that may go; false when none may.
   bool evictOneLocked() OVERLAY_REQUIRES(mutex_);
+  // With no entry left: deletes the bodies made here that no entry uses; true when one went.
+  bool reclaimUnusedBodiesLocked() OVERLAY_REQUIRES(mutex_);
   void removeBodyFileLocked(const fsp::StorageIRI& iri) OVERLAY_REQUIRES(mutex_);
   // Settled: no stream open, nothing queued for the store, and the file's record confirmed,
   // so that a read after the eviction finds in the store what the body held.
