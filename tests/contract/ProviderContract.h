@@ -160,21 +160,23 @@ struct CallSite {
   int line;
 };
 
-// Runs `operation` and checks that it throws Exception with `code` and `location`.
-void expectError(fsp::ErrorCode code, const fsp::StorageIRI& location,
+// Runs `operation` and checks that it throws Exception with `code`, and with `location` unless
+// the contract leaves the refusal's location open (nullopt).
+void expectError(fsp::ErrorCode code, const std::optional<fsp::StorageIRI>& location,
                  const std::function<void()>& operation, CallSite where = CallSite::here());
-// As expectError, for refusals whose location the contract leaves open.
-void expectErrorCode(fsp::ErrorCode code, const std::function<void()>& operation,
-                     CallSite where = CallSite::here());
 
-// Runs `operation` and checks that it throws the ByteStream failure kind Failure.
+// Runs `operation` and checks that it throws the ByteStream failure kind Failure with `code`.
 template <class Failure>
-void expectStreamFailure(const std::function<void()>& operation,
+void expectStreamFailure(fsp::ErrorCode code, const std::function<void()>& operation,
                          CallSite where = CallSite::here()) {
   try {
     operation();
     ADD_FAILURE_AT(where.file, where.line) << "expected " << Failure::kName;
-  } catch (const Failure&) {
+  } catch (const Failure& e) {
+    if (e.getErrorCode() != code) {
+      ADD_FAILURE_AT(where.file, where.line)
+          << "expected " << Failure::kName << " with " << code << ", got " << e.getErrorCode();
+    }
   } catch (const std::exception& e) {
     ADD_FAILURE_AT(where.file, where.line)
         << "expected " << Failure::kName << ", caught: " << e.what();

@@ -129,28 +129,6 @@ TEST(OverlayBodies, ColdReadsFetchWhatTheyNeedOnce) {
   stream->close();
 }
 
-TEST(OverlayBodies, StreamCursorRules) {
-  OverlayOverMem env;
-  putInner(env, u"/ten", "0123456789");
-  auto stream = env.overlay->openStream(env.at(u"ten"), ByteStreamOpenOptions::readWrite());
-  EXPECT_EQ(stream->seek(-1, std::ios_base::beg), -1);
-  EXPECT_EQ(stream->seek(5, std::ios_base::end), 15);
-  EXPECT_EQ(stream->seek(-10, std::ios_base::cur), 5);
-  char byte;
-  stream->seek(10, std::ios_base::beg);
-  EXPECT_EQ(stream->read(&byte, 1), -1);
-  EXPECT_EQ(stream->seek(0, std::ios_base::cur), 10) << "a read at the end leaves the position";
-  stream->close();
-
-  auto appender = env.overlay->openStream(env.at(u"ten"), ByteStreamOpenOptions::appendTo());
-  appender->seek(2, std::ios_base::beg);
-  appender->write("AB", 2);
-  EXPECT_EQ(appender->seek(0, std::ios_base::cur), 12) << "append mode ignores the position";
-  appender->close();
-  env.overlay->flushFilesystem();
-  EXPECT_EQ("0123456789AB", innerContent(env, u"/ten"));
-}
-
 // A write beyond the store's room is refused at once. A store with a local cache of its own is
 // asked for that cache's room; any other store is not asked at all (for a remote store it
 // would be a round trip per write), and the quota accountant's estimate refuses instead.
@@ -210,24 +188,6 @@ TEST(OverlayBodies, ADroppedStreamStillDeliversItsWrites) {
   env.overlay->flushFilesystem();
   EXPECT_EQ("kept", innerContent(env, u"/f"));
   EXPECT_NO_THROW(env.overlay->removeFile(env.at(u"f"))) << "no longer counted as open";
-}
-
-TEST(OverlayBodies, QueuedWritesLandBeforeALaterMoveOrRemoval) {
-  OverlayOverMem env;
-  env.instrumented->setStreamLatency(std::chrono::milliseconds(20));
-  for (const auto* name : {u"moved", u"removed"}) {
-    auto stream = env.overlay->openStream(env.at(name), ByteStreamOpenOptions::overwrite());
-    stream->write("body", 4);
-    stream->close();
-  }
-  env.overlay->moveFile(env.at(u"moved"), env.at(u"target"), fsp::ReplacementPolicy::Fail);
-  env.overlay->removeFile(env.at(u"removed"));
-  env.overlay->flushFilesystem();
-  EXPECT_EQ("body", innerContent(env, u"/target"));
-  EXPECT_FALSE(env.mem->fileExists(StorageIRI(u"mem", u"/moved")));
-  EXPECT_FALSE(env.mem->fileExists(StorageIRI(u"mem", u"/removed")));
-  auto reader = env.overlay->openReadOnlyStream(env.at(u"target"));
-  EXPECT_EQ("body", readAll(*reader));
 }
 
 // A file whose body the overlay does not hold, moved over another: until the move is replayed
