@@ -8,23 +8,11 @@ using fsp::ErrorCode;
 using fsp::StorageIRI;
 namespace flog = foundation::log;
 
-namespace {
-
-StorageIRI memAt(const char16_t* path) { return StorageIRI(u"mem", path); }
-
-void putInMem(fsp::mem::MemProvider& mem, const char16_t* path, std::string_view bytes) {
-  auto stream = mem.openStream(memAt(path), fsp::ByteStreamOpenOptions::overwrite());
-  stream->write(bytes.data(), static_cast<long>(bytes.size()));
-  stream->close();
-}
-
-}  // namespace
-
 TEST(OverlayQueries, AFolderListedOnceAnswersEveryLaterQueryFromMemory) {
   OverlayOverMem env;
-  env.mem->createFolder(memAt(u"/docs"));
-  putInMem(*env.mem, u"/docs/a.txt", "hello");
-  env.mem->createFolder(memAt(u"/docs/sub"));
+  env.mem->createFolder(StorageIRI(u"mem", u"/docs"));
+  env.put(u"/docs/a.txt", "hello");
+  env.mem->createFolder(StorageIRI(u"mem", u"/docs/sub"));
 
   EXPECT_TRUE(env.overlay->fileExists(env.at(u"docs/a.txt")));
   env.instrumented->resetCounters();
@@ -42,7 +30,7 @@ TEST(OverlayQueries, StorageInformationComesFromTheQuotaEstimate) {
   fsp::mem::MemProvider::Options options;
   options.capacityBytes = 100;
   OverlayOverMem env(options);
-  putInMem(*env.mem, u"/sixty", std::string(60, 'x'));
+  env.put(u"/sixty", std::string(60, 'x'));
   const auto info = env.overlay->getProviderStorageInfo(env.root);
   EXPECT_EQ(info.getStorageCapacity(), 100u);
   EXPECT_EQ(info.getSpaceOccupied(), 60u);
@@ -53,11 +41,7 @@ TEST(OverlayQueries, MissingQuotaFiguresAreRefusedWithCodeNine) {
   // The accountant's first poll fails with the framework's exception: it never has figures.
   env.instrumented->failNext("getProviderStorageInfo", 1, ErrorCode::IOError);
   flog::LogCapture capture(flog::error | flog::notice);
-  try {
-    env.overlay->getProviderStorageInfo(env.root);
-    ADD_FAILURE() << "no refusal";
-  } catch (const fsp::Exception& e) {
-    EXPECT_EQ(e.getErrorCode(), ErrorCode::Unavailable);
-  }
+  EXPECT_EQ(fsp::test::errorOf([&] { env.overlay->getProviderStorageInfo(env.root); }),
+            ErrorCode::Unavailable);
   EXPECT_EQ(capture.count("Quota information unavailable", flog::error), 1u);
 }

@@ -1,5 +1,5 @@
-// Helpers shared by the tests of the inner stores: a temporary directory per test, whole
-// files and streams read and written, the error code of a refused call, and a collector of
+// Helpers shared by every test binary: a temporary directory per test, whole files and streams
+// read and written, what a refused call threw (its code, location or text), and a collector of
 // change events that tests wait on with a bounded condition-variable wait.
 #pragma once
 
@@ -17,8 +17,10 @@
 #include <functional>
 #include <iterator>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace foundation::storage::provider::test {
@@ -63,7 +65,7 @@ inline void writeAll(ByteStream& stream, const std::string& bytes) {
 // What is left to read from `stream`.
 inline std::string readAll(ByteStream& stream) {
   std::string out;
-  char buffer[16];
+  char buffer[4096];
   for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) out.append(buffer, n);
   return out;
 }
@@ -117,16 +119,40 @@ class EventLog {
   std::vector<SeenEvent> events_;
 };
 
-// Runs `action` and returns the ErrorCode of the provider Exception it throws.
-template <class Action>
-ErrorCode errorOf(Action&& action) {
+// Runs `call` and returns the exception of type E that it throws; fails the test and returns
+// nothing when it throws none. (Anything else it throws fails the test where GoogleTest
+// catches it.)
+template <class E, class Call>
+std::optional<E> thrown(Call&& call) {
   try {
-    action();
-  } catch (const Exception& e) {
-    return e.getErrorCode();
+    call();
+  } catch (const E& e) {
+    return e;
   }
-  ADD_FAILURE() << "no Exception was thrown";
-  return ErrorCode::Interrupted;  // a value no test expects
+  ADD_FAILURE() << "nothing was thrown";
+  return std::nullopt;
+}
+
+// The code of the E (a provider Exception or a ByteStream failure) that `call` throws.
+template <class E = Exception, class Call>
+ErrorCode errorOf(Call&& call) {
+  const auto e = thrown<E>(std::forward<Call>(call));
+  return e ? e->getErrorCode() : ErrorCode::Interrupted;  // a value no test expects
+}
+
+// The code and location of the provider Exception that `call` throws.
+template <class Call>
+std::pair<ErrorCode, StorageIRI> refusalOf(Call&& call) {
+  const auto e = thrown<Exception>(std::forward<Call>(call));
+  return e ? std::pair(e->getErrorCode(), e->getLocation())
+           : std::pair(ErrorCode::Interrupted, StorageIRI());
+}
+
+// The text of the E that `call` throws.
+template <class E, class Call>
+std::string whatOf(Call&& call) {
+  const auto e = thrown<E>(std::forward<Call>(call));
+  return e ? e->what() : "";
 }
 
 }  // namespace foundation::storage::provider::test

@@ -30,8 +30,7 @@ using Kind = foundation::storage::events::Kind;
 StorageIRI at(const std::u16string& path) { return StorageIRI(u"mem", path); }
 
 std::string contentOf(const MemProvider& provider, const std::u16string& path) {
-  auto stream = provider.openReadOnlyStream(at(path));
-  return readAll(*stream);
+  return readAll(*provider.openReadOnlyStream(at(path)));
 }
 
 MemProvider::Options caseInsensitive() {
@@ -76,12 +75,8 @@ TEST(MemProviderCapacity, WriteBeyondCapacityFailsWithQuotaExceededAndKeepsTheFi
   MemProvider provider(capacity(10));
   auto stream = provider.openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
   writeAll(*stream, "12345678");
-  try {
-    stream->write("abc", 3);
-    FAIL() << "write beyond capacity accepted";
-  } catch (const fsp::ByteStreamWriteFailure& e) {
-    EXPECT_EQ(e.getErrorCode(), ErrorCode::QuotaExceeded);
-  }
+  EXPECT_EQ(errorOf<fsp::ByteStreamWriteFailure>([&] { stream->write("abc", 3); }),
+            ErrorCode::QuotaExceeded);
   writeAll(*stream, "ab");  // exactly up to the capacity
   stream->close();
   EXPECT_EQ(contentOf(provider, u"/f"), "12345678ab");
