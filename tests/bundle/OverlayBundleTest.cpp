@@ -1,5 +1,7 @@
 // The overlay bundle as a host sees it: loaded through BundleHost, asked for "overlay"
 // providers through the registry, and unloaded again.
+#include "../providers/ProviderTestSupport.h"
+
 #include <foundation/host/BundleAbi.h>
 #include <foundation/host/BundleHost.h>
 #include <foundation/log/LogCapture.h>
@@ -26,16 +28,14 @@ using ::testing::UnorderedElementsAre;
 
 std::string readAll(const fsp::StorageItem& file) {
   auto stream = file.openReadOnlyStream();
-  std::string content;
-  char buffer[256];
-  for (long n; (n = stream->read(buffer, sizeof buffer)) > 0;) content.append(buffer, n);
+  auto content = fsp::test::readAll(*stream);
   stream->close();
   return content;
 }
 
 void writeAll(const fsp::StorageItem& file, const std::string& content) {
   auto stream = file.openStream(fsp::ByteStreamOpenOptions::overwrite());
-  stream->write(content.data(), static_cast<long>(content.size()));
+  fsp::test::writeAll(*stream, content);
   stream->close();
 }
 
@@ -114,12 +114,9 @@ TEST_F(OverlayBundle, RootLocationIsOverlayComposedOverTheInnerLocation) {
 TEST_F(OverlayBundle, UnloadRemovesTheScheme) {
   host_.unload();
   EXPECT_TRUE(host_.loadedBundles().empty());
-  try {
-    registry_.open(u"overlay", memRoot_);
-    FAIL() << "the overlay scheme outlived its bundle";
-  } catch (const fsp::Exception& error) {
-    EXPECT_EQ(error.getErrorCode(), fsp::ErrorCode::NotSupported);
-  }
+  EXPECT_EQ(fsp::test::errorOf([&] { registry_.open(u"overlay", memRoot_); }),
+            fsp::ErrorCode::NotSupported)
+      << "the overlay scheme outlived its bundle";
   // And the bundle can be loaded again afterwards.
   host_.load(OVERLAY_BUNDLE_PATH);
   EXPECT_NE(registry_.open(u"overlay", memRoot_).getProvider(), nullptr);

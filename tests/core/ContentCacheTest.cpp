@@ -92,12 +92,8 @@ TEST_F(ContentCacheTest, EveryOperationKeepsTheVersionDirectory) {
 TEST_F(ContentCacheTest, NoSpaceAndNothingToEvictIsACachingError) {
   refusals_ = -1;
   foundation::log::LogCapture log;
-  try {
-    retrieve(u"/a");
-    ADD_FAILURE() << "no error";
-  } catch (const CachingErrorException& e) {
-    EXPECT_STREQ(e.what(), "Caching failed due to a lack of filespace.");
-  }
+  EXPECT_EQ(coretest::whatOf<CachingErrorException>([&] { retrieve(u"/a"); }),
+            "Caching failed due to a lack of filespace.");
   EXPECT_EQ(log.count("Content caching failure (no space)."), 1u);
   EXPECT_FALSE(cache_->contains(ov(u"/a")));
 }

@@ -1,7 +1,6 @@
-// ObservableTransactionType's text, the SynchronousExecutor, and what both executors do with a
-// task that fails.
+// The SynchronousExecutor, and what both executors do with a task that fails. (The kinds'
+// names are checked where the executors log them.)
 #include "core/execution/BackendExecutor.h"
-#include "core/execution/ObservableTransactionType.h"
 #include "core/execution/SynchronousExecutor.h"
 
 #include <foundation/core/except/IException.h>
@@ -10,7 +9,6 @@
 
 #include <boost/exception/info.hpp>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -19,24 +17,6 @@ namespace storage::overlayprovider {
 namespace {
 
 using foundation::log::LogCapture;
-
-std::string text(ObservableTransactionType type) {
-  std::ostringstream out;
-  out << type;
-  return out.str();
-}
-
-TEST(ObservableTransactionTypeTest, WritesMemberNamesAndNothingOutsideTheSet) {
-  EXPECT_EQ(text(FILE_OPEN_READONLY), "FILE_OPEN_READONLY");
-  EXPECT_EQ(text(FILE_CREATION), "FILE_CREATION");
-  EXPECT_EQ(text(FOLDER_REMOVAL_RECURSIVE), "FOLDER_REMOVAL_RECURSIVE");
-  EXPECT_EQ(text(WAKEUP_FLUSH), "WAKEUP_FLUSH");
-  EXPECT_EQ(text(EXTERNAL_EVENT), "EXTERNAL_EVENT");
-  std::ostringstream out;
-  out << "[" << static_cast<ObservableTransactionType>(17) << "]";
-  EXPECT_EQ(out.str(), "[]");
-  EXPECT_TRUE(out.good());
-}
 
 struct SynchronousExecutorTest : ::testing::Test {
   int callbacks = 0;

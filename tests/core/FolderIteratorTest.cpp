@@ -84,29 +84,6 @@ TEST(FolderIteratorTest, EachKindYieldsItsChildrenInIriOrder) {
   }
 }
 
-TEST(FolderIteratorTest, RowsCarryTheRecordsAttributes) {
-  IFolderEntry entry(kFolder);
-  auto a = file(u"a.txt", 42);
-  a->setExtendedAttributes(fsp::ExtendedAttributes().setAttribute("WATERMARK", "w1"));
-  entry.addFile(a, true);
-  entry.addFolder(folder(u"m"), true);
-  FolderIterator<ListAllPred> it(entry.getChildren());
-
-  it.next();
-  const auto fileRow = it.current();
-  ASSERT_TRUE(fileRow.isFile());
-  EXPECT_EQ(fileRow.getFileAttributes().getSize(), 42u);
-  EXPECT_TRUE(fileRow.getFileAttributes().isWritable());
-  EXPECT_EQ(fileRow.getFileAttributes().getLastModified(), a->getLastModified());
-  EXPECT_EQ(fileRow.getExtendedAttributes().getAttribute("WATERMARK"), "w1");
-  it.next();
-  const auto folderRow = it.current();
-  ASSERT_FALSE(folderRow.isFile());
-  EXPECT_FALSE(folderRow.getFolderAttributes().isWritable());
-  EXPECT_EQ(folderRow.getFolderAttributes().getLastModified(),
-            boost::posix_time::ptime(boost::gregorian::date(2023, 1, 2)));
-}
-
 TEST(FolderIteratorTest, LaterRecordChangesShowButLaterChildrenDoNot) {
   auto entry = mixedEntry();
   FolderIterator<ListFilesPred> it(entry->getChildren());
