@@ -26,18 +26,8 @@ using foundation::host::BundleHost;
 using fsp::mem::MemProvider;
 using ::testing::UnorderedElementsAre;
 
-std::string readAll(const fsp::StorageItem& file) {
-  auto stream = file.openReadOnlyStream();
-  auto content = fsp::test::readAll(*stream);
-  stream->close();
-  return content;
-}
-
-void writeAll(const fsp::StorageItem& file, const std::string& content) {
-  auto stream = file.openStream(fsp::ByteStreamOpenOptions::overwrite());
-  fsp::test::writeAll(*stream, content);
-  stream->close();
-}
+using fsp::test::readFile;
+using fsp::test::writeFile;
 
 std::vector<std::u16string> names(fsp::FolderEntryIteratorPtr entries) {
   std::vector<std::u16string> result;
@@ -79,10 +69,10 @@ TEST_F(OverlayBundle, EveryOpenMakesANewProviderThatWritesThroughToTheInnerStore
   const fsp::StorageItem note(root, u"/docs/note.txt");
   docs.createFolder();
   note.createFile();
-  writeAll(note, "written through the overlay");
+  writeFile(note, "written through the overlay");
 
   EXPECT_TRUE(docs.folderExists());
-  EXPECT_EQ(readAll(note), "written through the overlay");
+  EXPECT_EQ(readFile(note), "written through the overlay");
   EXPECT_THAT(names(docs.listAll()), UnorderedElementsAre(u"note.txt"));
 
   if (auto* flushable =
@@ -92,8 +82,8 @@ TEST_F(OverlayBundle, EveryOpenMakesANewProviderThatWritesThroughToTheInnerStore
     ADD_FAILURE() << "the overlay provider is not flushable";
   }
   EXPECT_TRUE(inner(u"/docs").folderExists());
-  EXPECT_EQ(readAll(inner(u"/docs/note.txt")), "written through the overlay");
-  EXPECT_EQ(readAll(fsp::StorageItem(second, u"/docs/note.txt")), "written through the overlay");
+  EXPECT_EQ(readFile(inner(u"/docs/note.txt")), "written through the overlay");
+  EXPECT_EQ(readFile(fsp::StorageItem(second, u"/docs/note.txt")), "written through the overlay");
   root.shutdownProvider();
   second.shutdownProvider();
 }

@@ -34,7 +34,7 @@ TEST_P(ProviderContract, StreamReadAndSeek) {
   EXPECT_EQ(6, stream->seek(-5, ios_base::end));
   EXPECT_EQ("wo", take(*stream, 2));
   EXPECT_EQ(0, stream->seek(0, ios_base::beg));
-  EXPECT_EQ("hello world", readRest(*stream));
+  EXPECT_EQ("hello world", readAll(*stream));
   EXPECT_EQ(11, stream->seek(0, ios_base::cur));
   stream->close();
 }
@@ -48,7 +48,7 @@ TEST_P(ProviderContract, StreamWriteSeekAndZeroFill) {
   EXPECT_EQ(10, stream->seek(10, ios_base::beg)) << "seeking past the end is allowed";
   EXPECT_EQ(1, put(*stream, "Z"));
   EXPECT_EQ(0, stream->seek(0, ios_base::beg));
-  EXPECT_EQ(std::string("aBc\0\0\0\0\0\0\0Z", 11), readRest(*stream));
+  EXPECT_EQ(std::string("aBc\0\0\0\0\0\0\0Z", 11), readAll(*stream));
   stream->close();
 
   EXPECT_EQ(std::string("aBc\0\0\0\0\0\0\0Z", 11), readFile(at(u"/f")));
@@ -80,7 +80,7 @@ TEST_P(ProviderContract, StreamOpenOptions) {
   EXPECT_EQ("XYcdefgh", readFile(at(u"/f"))) << "append writes at the end wherever the position";
 
   auto keepCreate = at(u"/f").openStream(ByteStreamOpenOptions::readWriteCreate());
-  EXPECT_EQ("XYcdefgh", readRest(*keepCreate)) << "create keeps an existing body";
+  EXPECT_EQ("XYcdefgh", readAll(*keepCreate)) << "create keeps an existing body";
   keepCreate->close();
 
   auto truncate = at(u"/f").openStream(ByteStreamOpenOptions::overwrite());
@@ -148,7 +148,7 @@ TEST_P(ProviderContract, StreamNegativeSeekFails) {
   EXPECT_EQ(2, stream->seek(2, ios_base::beg));
   refused(-3, ios_base::cur);
   refused(-5, ios_base::end);
-  EXPECT_EQ("ta", readRest(*stream)) << "a refused seek leaves the position where it was";
+  EXPECT_EQ("ta", readAll(*stream)) << "a refused seek leaves the position where it was";
   stream->close();
 }
 
@@ -166,7 +166,7 @@ TEST_P(ProviderContract, TwoStreamsOnOneFileSeeEachOther) {
   writer->seek(0, ios_base::end);
   put(*writer, "tail");
   reader->seek(10, ios_base::beg);
-  EXPECT_EQ("tail", readRest(*reader)) << "growth by one stream is visible to the other";
+  EXPECT_EQ("tail", readAll(*reader)) << "growth by one stream is visible to the other";
 
   writer->close();
   reader->close();

@@ -6,7 +6,6 @@
 #include <sys/xattr.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -19,21 +18,13 @@ namespace fs = std::filesystem;
 // Owns the temporary directory and the provider over it; removes the directory afterwards.
 class FileUnderTest final : public ProviderUnderTest {
  public:
-  FileUnderTest() : dir_(makeTempDir()) {
-    provider_ = std::make_shared<fsp::file::FileProvider>(dir_);
-  }
-  ~FileUnderTest() override {
-    provider_.reset();
-    removeDir();
-  }
-
   fsp::StorageItem root() override {
     return fsp::StorageItem(provider_, fsp::file::FileProvider::rootLocation());
   }
 
   void setExtendedAttributeBehind(const std::u16string& path, const std::string& name,
                                   const std::string& value) override {
-    const fs::path local = dir_ / fs::path(foundation::text::toUtf8(path)).relative_path();
+    const fs::path local = dir_.path() / fs::path(foundation::text::toUtf8(path)).relative_path();
     const std::string key = "user." + name;
     if (::setxattr(local.c_str(), key.c_str(), value.data(), value.size(), 0) != 0) {
       throw std::runtime_error("setxattr " + local.string() + " " + key + ": " +
@@ -44,28 +35,9 @@ class FileUnderTest final : public ProviderUnderTest {
   std::string name() const override { return "file"; }
 
  private:
-  static fs::path makeTempDir() {
-    std::string pattern = (fs::temp_directory_path() / "contract-file-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp: " + std::string(std::strerror(errno)));
-    }
-    return pattern;
-  }
-
-  // Tests clear write bits; give them back so that removal works when not run as root.
-  void removeDir() {
-    std::error_code ignored;
-    for (auto it = fs::recursive_directory_iterator(dir_, ignored);
-         it != fs::recursive_directory_iterator(); it.increment(ignored)) {
-      if (!it->is_symlink(ignored)) {
-        fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-      }
-    }
-    fs::remove_all(dir_, ignored);
-  }
-
-  fs::path dir_;
-  std::shared_ptr<fsp::file::FileProvider> provider_;
+  fsp::test::TempDir dir_;  // destroyed after the provider
+  std::shared_ptr<fsp::file::FileProvider> provider_ =
+      std::make_shared<fsp::file::FileProvider>(dir_.path());
 };
 
 using fsp::mem::MemProvider;

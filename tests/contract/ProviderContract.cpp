@@ -38,7 +38,7 @@ StorageItem ProviderContract::at(const std::u16string& path) const {
 }
 
 void ProviderContract::writeFile(const std::u16string& path, std::string_view bytes) const {
-  contract::writeFile(at(path), bytes);
+  fsp::test::writeFile(at(path), bytes);
 }
 
 void ProviderContract::makeFolders(const std::vector<std::u16string>& paths) const {
@@ -49,43 +49,6 @@ void ProviderContract::makeFolders(const std::vector<std::u16string>& paths) con
 
 StorageItem below(const StorageItem& base, const std::u16string& relative) {
   return StorageItem(base.getProvider(), StorageIRI(base.getLocation(), relative));
-}
-
-void writeFile(const StorageItem& item, std::string_view bytes) {
-  auto stream = item.openStream(fsp::ByteStreamOpenOptions::overwrite());
-  ASSERT_TRUE(stream);
-  if (!bytes.empty()) {
-    EXPECT_EQ(static_cast<long>(bytes.size()),
-              stream->write(bytes.data(), static_cast<long>(bytes.size())));
-  }
-  stream->close();
-}
-
-std::string readRest(fsp::ByteStream& stream) {
-  std::string content;
-  std::vector<char> buffer(64 * 1024);
-  for (;;) {
-    long n = stream.read(buffer.data(), static_cast<long>(buffer.size()));
-    if (n < 0) break;
-    if (n == 0) {
-      // The end is reported as -1; a 0 here would make every read loop spin forever.
-      ADD_FAILURE() << "read returned 0 instead of -1 at the end";
-      break;
-    }
-    content.append(buffer.data(), static_cast<std::size_t>(n));
-  }
-  return content;
-}
-
-std::string readFile(const StorageItem& item) {
-  auto stream = item.openReadOnlyStream();
-  if (!stream) {
-    ADD_FAILURE() << "openReadOnlyStream returned no stream";
-    return {};
-  }
-  std::string content = readRest(*stream);
-  stream->close();
-  return content;
 }
 
 std::vector<fsp::FolderEntry> rows(fsp::FolderEntryIteratorPtr it) {

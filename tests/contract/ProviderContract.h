@@ -13,6 +13,8 @@
 // provider's event threads (it takes its own mutex, see below).
 #pragma once
 
+#include "../providers/ProviderTestSupport.h"
+
 #include <foundation/storage/provider/ByteStreamFailure.h>
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/storage/provider/StorageItem.h>
@@ -134,11 +136,10 @@ class ProviderContract : public ::testing::TestWithParam<ContractParam> {
 
 // The item at `relative` below `base` (for instance below a backing store's root).
 fsp::StorageItem below(const fsp::StorageItem& base, const std::u16string& relative);
-void writeFile(const fsp::StorageItem& item, std::string_view bytes);
-// The whole content of the file, read through a read-only stream.
-std::string readFile(const fsp::StorageItem& item);
-// Reads everything left in the stream.
-std::string readRest(fsp::ByteStream& stream);
+using fsp::test::readAll;
+inline std::string readRest(fsp::ByteStream& stream) { return readAll(stream); }
+using fsp::test::readFile;
+using fsp::test::writeFile;
 // Every row of a listing, in the order produced.
 std::vector<fsp::FolderEntry> rows(fsp::FolderEntryIteratorPtr it);
 // The names of a listing (UTF-8), sorted, since listing order is unspecified.

@@ -6,6 +6,7 @@
 #include <foundation/storage/provider/ByteStream.h>
 #include <foundation/storage/provider/EventPublisher.h>
 #include <foundation/storage/provider/Exception.h>
+#include <foundation/storage/provider/StorageItem.h>
 
 #include <gtest/gtest.h>
 
@@ -19,6 +20,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -27,16 +29,23 @@ namespace foundation::storage::provider::test {
 
 namespace fs = std::filesystem;
 
-// A fresh directory under the system's temporary directory, removed with its contents.
+// A fresh directory under the system's temporary directory, removed with its contents. Tests
+// clear write bits; they are given back first, so that removal works when not run as root.
 class TempDir {
  public:
   TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "fileprovider-XXXXXX").string();
+    std::string pattern = (fs::temp_directory_path() / "provider-test-XXXXXX").string();
     if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
     path_ = pattern;
   }
   ~TempDir() {
     std::error_code ignored;
+    for (auto it = fs::recursive_directory_iterator(path_, ignored);
+         it != fs::recursive_directory_iterator(); it.increment(ignored)) {
+      if (!it->is_symlink(ignored)) {
+        fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+      }
+    }
     fs::remove_all(path_, ignored);
   }
   TempDir(const TempDir&) = delete;
@@ -57,17 +66,44 @@ inline std::string readText(const fs::path& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-inline void writeAll(ByteStream& stream, const std::string& bytes) {
+inline void writeAll(ByteStream& stream, std::string_view bytes) {
   ASSERT_EQ(stream.write(bytes.data(), static_cast<long>(bytes.size())),
             static_cast<long>(bytes.size()));
 }
 
-// What is left to read from `stream`.
+// What is left to read from `stream`. The end is reported as -1: a 0 there would make every
+// read loop spin forever.
 inline std::string readAll(ByteStream& stream) {
   std::string out;
-  char buffer[4096];
-  for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) out.append(buffer, n);
+  std::vector<char> buffer(64 * 1024);
+  for (long n; (n = stream.read(buffer.data(), static_cast<long>(buffer.size()))) >= 0;) {
+    if (n == 0) {
+      ADD_FAILURE() << "read returned 0 instead of -1 at the end";
+      break;
+    }
+    out.append(buffer.data(), static_cast<std::size_t>(n));
+  }
   return out;
+}
+
+// Creates or replaces the file with `bytes` through a stream.
+inline void writeFile(const StorageItem& item, std::string_view bytes) {
+  auto stream = item.openStream(ByteStreamOpenOptions::overwrite());
+  ASSERT_TRUE(stream);
+  writeAll(*stream, bytes);
+  stream->close();
+}
+
+// The whole content of the file, read through a read-only stream.
+inline std::string readFile(const StorageItem& item) {
+  auto stream = item.openReadOnlyStream();
+  if (!stream) {
+    ADD_FAILURE() << "openReadOnlyStream returned no stream";
+    return {};
+  }
+  std::string content = readAll(*stream);
+  stream->close();
+  return content;
 }
 
 struct SeenEvent {
