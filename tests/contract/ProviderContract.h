@@ -10,7 +10,7 @@
 // (after the root item) in TearDown. The provider under test owns whatever backs the store
 // (a temporary directory, an inner provider).
 // Threads: the tests run on GoogleTest's main thread; only EventRecorder is reached from the
-// provider's event threads (it takes its own mutex, see below).
+// provider's event threads (it takes its own mutex, see ProviderTestSupport.h).
 #pragma once
 
 #include "../providers/ProviderTestSupport.h"
@@ -22,10 +22,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -67,48 +65,7 @@ void PrintTo(const ContractParam& param, std::ostream* out);
 // Names each instantiated test after its provider: Contract/ProviderContract.X/<name>.
 std::string paramName(const ::testing::TestParamInfo<ContractParam>& info);
 
-// Collects the events a provider publishes, from the provider's threads, and lets the test
-// wait (bounded) until the events it expects have arrived. The publisher shares the state, so
-// an event arriving after the recorder is gone is harmless.
-// Locking: one mutex guards the recorded events; publishers notify under it.
-class EventRecorder {
- public:
-  struct Event {
-    foundation::storage::events::Kind kind;
-    std::u16string path;
-    std::u16string otherPath;
-    foundation::storage::events::EntryType type;
-  };
-  using Predicate = std::function<bool(const std::vector<Event>&)>;
-
-  EventRecorder();
-  fsp::EventPublisher publisher() const;
-  // Waits until `done` holds for the events seen so far. Fails the test (naming
-  // `expectation` and listing what did arrive) when it does not hold within the bound.
-  bool waitFor(const Predicate& done, const std::string& expectation,
-               std::chrono::seconds bound = std::chrono::seconds(10)) const;
-  // Waits for one event of `kind` whose location has this path.
-  bool waitForEvent(foundation::storage::events::Kind kind, const std::u16string& path) const;
-  // Waits for both ends of a move of an entry of `type`: Disappeared at `from` naming `to`,
-  // then Appeared at `to` naming `from`. Fails the test when either is missing or they came
-  // in the other order.
-  bool waitForMove(const std::u16string& from, const std::u16string& to,
-                   foundation::storage::events::EntryType type) const;
-  std::vector<Event> events() const;
-  void clear();
-
-  static bool contains(const std::vector<Event>& events, foundation::storage::events::Kind kind,
-                       const std::u16string& path);
-  static std::string describe(const std::vector<Event>& events);
-
- private:
-  struct State {
-    mutable std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Event> events;
-  };
-  std::shared_ptr<State> state_;
-};
+using EventRecorder = fsp::test::EventRecorder;
 
 class ProviderContract : public ::testing::TestWithParam<ContractParam> {
  protected:

@@ -95,16 +95,16 @@ TEST_F(ProviderDefaults, TruncationKeepsThePrefixAndPadsWithZeros) {
 }
 
 TEST_F(ProviderDefaults, ChangePollingReportsWhatChangedBetweenListings) {
-  test::EventLog seen;
+  test::EventRecorder seen;
   write(u"/keep", "1");
   write(u"/gone", "1");
   mem->startChangePolling(at(u"/"), seen.publisher(), {}, 5, RecursiveChangePolling::No);
   write(u"/new", "1");
   mem->removeFile(at(u"/gone"));
   write(u"/keep", "longer");
-  EXPECT_TRUE(seen.waitFor(Kind::Appeared, u"/new"));
-  EXPECT_TRUE(seen.waitFor(Kind::Disappeared, u"/gone"));
-  EXPECT_TRUE(seen.waitFor(Kind::Changed, u"/keep"));
+  EXPECT_TRUE(seen.waitForEvent(Kind::Appeared, u"/new"));
+  EXPECT_TRUE(seen.waitForEvent(Kind::Disappeared, u"/gone"));
+  EXPECT_TRUE(seen.waitForEvent(Kind::Changed, u"/keep"));
   mem->stopChangePolling(at(u"/"));
 }
 

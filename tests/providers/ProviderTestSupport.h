@@ -7,9 +7,11 @@
 #include <foundation/storage/provider/EventPublisher.h>
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/storage/provider/StorageItem.h>
+#include <foundation/text/Unicode.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -17,8 +19,10 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -106,53 +110,115 @@ inline std::string readFile(const StorageItem& item) {
   return content;
 }
 
-struct SeenEvent {
-  events::Kind kind;
-  std::u16string path;
-  std::u16string other;
-  events::EntryType type;
-  std::thread::id thread;  // that delivered it
-};
-
-class EventLog {
+// Collects the events a provider publishes, from the provider's threads, and lets a test wait
+// (bounded, so that a lost event fails instead of hanging) until the events it expects have
+// arrived. The publisher shares the state, so an event arriving after the recorder is gone is
+// harmless.
+// Locking: one mutex guards the recorded events; publishers notify under it.
+class EventRecorder {
  public:
-  EventPublisher publisher() {
-    return [this](events::Kind kind, const StorageIRI& location, const StorageIRI& other,
-                  events::EntryType type, const boost::property_tree::ptree&) {
-      std::lock_guard lock(mutex_);
-      events_.push_back(
+  struct Event {
+    events::Kind kind;
+    std::u16string path;
+    std::u16string otherPath;
+    events::EntryType type;
+    std::thread::id thread;  // that delivered it
+  };
+  using Predicate = std::function<bool(const std::vector<Event>&)>;
+
+  EventPublisher publisher() const {
+    return [state = state_](events::Kind kind, const StorageIRI& location, const StorageIRI& other,
+                            events::EntryType type, const boost::property_tree::ptree&) {
+      std::lock_guard lock(state->mutex);
+      state->events.push_back(
           {kind, location.getPath(), other.getPath(), type, std::this_thread::get_id()});
-      changed_.notify_all();
+      state->changed.notify_all();
     };
   }
-  // Waits (at most 20 s, so a lost event fails instead of hanging) for a matching event.
-  bool waitFor(events::Kind kind, const std::u16string& path) {
-    return waitUntil([&](const SeenEvent& e) { return e.kind == kind && e.path == path; });
+  // Waits until `done` holds for the events seen so far. Fails the test (naming `expectation`
+  // and listing what did arrive) when it does not hold within the bound.
+  bool waitFor(const Predicate& done, const std::string& expectation,
+               std::chrono::seconds bound = std::chrono::seconds(20)) const {
+    std::unique_lock lock(state_->mutex);
+    if (state_->changed.wait_for(lock, bound, [&] { return done(state_->events); })) return true;
+    ADD_FAILURE() << "no " << expectation << " within " << bound.count()
+                  << " s; events seen: " << describe(state_->events);
+    return false;
   }
-  bool waitUntil(const std::function<bool(const SeenEvent&)>& matches) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), [&] {
-      for (const auto& e : events_) {
-        if (matches(e)) return true;
-      }
+  // Waits for one event that `matches`.
+  bool waitForEvent(const std::function<bool(const Event&)>& matches,
+                    const std::string& expectation) const {
+    return waitFor([&](const auto& seen) { return std::ranges::any_of(seen, matches); },
+                   expectation);
+  }
+  // Waits for one event of `kind` whose location has this path.
+  bool waitForEvent(events::Kind kind, const std::u16string& path) const {
+    return waitForEvent([&](const Event& e) { return e.kind == kind && e.path == path; },
+                        "event of kind " + std::to_string(static_cast<unsigned>(kind)) + " for " +
+                            text::toUtf8(path));
+  }
+  // Waits for both ends of a move of an entry of `type`: Disappeared at `from` naming `to`,
+  // then Appeared at `to` naming `from`. Fails the test when either is missing or they came
+  // in the other order.
+  bool waitForMove(const std::u16string& from, const std::u16string& to,
+                   events::EntryType type) const {
+    // The position of the end of the move that is at `path` and names `other`.
+    const auto at = [&](const std::vector<Event>& seen, events::Kind kind,
+                        const std::u16string& path, const std::u16string& other) {
+      return std::ranges::find_if(seen,
+                                  [&](const Event& e) {
+                                    return e.kind == kind && e.path == path &&
+                                           e.otherPath == other && e.type == type;
+                                  }) -
+             seen.begin();
+    };
+    const std::string move = text::toUtf8(from) + " -> " + text::toUtf8(to);
+    if (!waitFor(
+            [&](const auto& e) { return at(e, events::Kind::Appeared, to, from) < std::ssize(e); },
+            "the destination's end of the move " + move)) {
       return false;
-    });
+    }
+    const auto seen = events();
+    if (at(seen, events::Kind::Disappeared, from, to) <
+        at(seen, events::Kind::Appeared, to, from)) {
+      return true;
+    }
+    ADD_FAILURE() << "no source's end before the destination's end of " << move << ": "
+                  << describe(seen);
+    return false;
   }
-  bool waitForCount(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20),
-                             [&] { return events_.size() >= count; });
+  std::vector<Event> events() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->events;
   }
-  std::vector<SeenEvent> snapshot() const {
-    std::lock_guard lock(mutex_);
-    return events_;
+  void clear() {
+    std::lock_guard lock(state_->mutex);
+    state_->events.clear();
   }
-  std::size_t count() const { return snapshot().size(); }
+
+  static bool contains(const std::vector<Event>& seen, events::Kind kind,
+                       const std::u16string& path) {
+    return std::ranges::any_of(seen,
+                               [&](const Event& e) { return e.kind == kind && e.path == path; });
+  }
+  static std::string describe(const std::vector<Event>& seen) {
+    std::ostringstream out;
+    out << "[";
+    for (const auto& e : seen) {
+      out << " (kind " << static_cast<unsigned>(e.kind) << ", " << text::toUtf8(e.path) << " -> "
+          << text::toUtf8(e.otherPath) << ", type " << static_cast<unsigned>(e.type) << ")";
+    }
+    out << " ]";
+    return out.str();
+  }
 
  private:
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<SeenEvent> events_;
+  struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<Event> events;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 // Runs `call` and returns the exception of type E that it throws; fails the test and returns

@@ -22,7 +22,7 @@ using fsp::ErrorCode;
 using fsp::StorageIRI;
 using fsp::mem::MemProvider;
 using fsp::test::errorOf;
-using fsp::test::EventLog;
+using fsp::test::EventRecorder;
 using fsp::test::readAll;
 using fsp::test::writeAll;
 using Kind = foundation::storage::events::Kind;
@@ -135,14 +135,14 @@ TEST(MemProviderStreams, StreamOutlivesItsProvider) {
 // queued before it has been delivered.
 TEST(MemProviderEvents, DeliveredOnTheProvidersThreadAndAwaitedByWaitForEventsDelivered) {
   MemProvider provider;
-  EventLog seen;
+  EventRecorder seen;
   provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::Yes);
   constexpr std::size_t kFiles = 200;
   for (std::size_t i = 0; i < kFiles; ++i) {
     provider.createFile(at(u"/f" + foundation::text::toUtf16(std::to_string(i))));
   }
   provider.waitForEventsDelivered();
-  const auto events = seen.snapshot();
+  const auto events = seen.events();
   ASSERT_EQ(events.size(), kFiles);
   EXPECT_EQ(events[0].kind, Kind::Appeared);
   EXPECT_EQ(events[0].path, u"/f0");
@@ -152,12 +152,12 @@ TEST(MemProviderEvents, DeliveredOnTheProvidersThreadAndAwaitedByWaitForEventsDe
 TEST(MemProviderEvents, SubscriptionSpelledDifferentlyHearsTheStoredSpelling) {
   MemProvider provider(caseInsensitive());
   provider.createFolder(at(u"/Docs"));
-  EventLog seen;
+  EventRecorder seen;
   provider.publishFolderEventsFor(at(u"/DOCS"), seen.publisher(), {Kind::Appeared},
                                   fsp::RecursiveFileWatching::No);
   provider.createFile(at(u"/docs/x"));
-  ASSERT_TRUE(seen.waitForCount(1));
-  EXPECT_EQ(seen.snapshot()[0].path, u"/Docs/x");
+  ASSERT_TRUE(seen.waitFor([](const auto& e) { return !e.empty(); }, "an event"));
+  EXPECT_EQ(seen.events()[0].path, u"/Docs/x");
 }
 
 TEST(MemProviderEvents, ClosingAWritingStreamReportsTheFilesCurrentLocationOnce) {
@@ -165,7 +165,7 @@ TEST(MemProviderEvents, ClosingAWritingStreamReportsTheFilesCurrentLocationOnce)
   provider.createFile(at(u"/old"));
   auto reader = provider.openReadOnlyStream(at(u"/old"));
   auto writer = provider.openStream(at(u"/old"), fsp::ByteStreamOpenOptions::readWrite());
-  EventLog seen;
+  EventRecorder seen;
   provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {Kind::Changed},
                                   fsp::RecursiveFileWatching::No);
   provider.moveFile(at(u"/old"), at(u"/new"), fsp::ReplacementPolicy::Fail);
@@ -174,7 +174,7 @@ TEST(MemProviderEvents, ClosingAWritingStreamReportsTheFilesCurrentLocationOnce)
   reader->close();  // read nothing, changed nothing: no event
   writer->close();
   provider.waitForEventsDelivered();
-  const auto events = seen.snapshot();
+  const auto events = seen.events();
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].kind, Kind::Changed);
   EXPECT_EQ(events[0].path, u"/new");
@@ -183,13 +183,13 @@ TEST(MemProviderEvents, ClosingAWritingStreamReportsTheFilesCurrentLocationOnce)
 TEST(MemProviderEvents, ExtendedAttributeChangesReportChanged) {
   MemProvider provider;
   provider.createFolder(at(u"/d"));
-  EventLog seen;
+  EventRecorder seen;
   provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::No);
   provider.setExtendedAttribute(at(u"/d"), "tag", "x");
   provider.removeExtendedAttribute(at(u"/d"), "missing");  // nothing changed: no event
   provider.removeExtendedAttribute(at(u"/d"), "tag");
   provider.waitForEventsDelivered();
-  EXPECT_EQ(seen.count(), 2u);
+  EXPECT_EQ(seen.events().size(), 2u);
   EXPECT_TRUE(provider.getExtendedAttributes(at(u"/d")).empty());
   EXPECT_EQ(errorOf([&] { provider.setExtendedAttribute(at(u"/nope"), "a", "b"); }),
             ErrorCode::NotFound);
@@ -197,7 +197,7 @@ TEST(MemProviderEvents, ExtendedAttributeChangesReportChanged) {
 
 TEST(MemProviderEvents, ShutdownStopsDeliveryAndIsIdempotent) {
   MemProvider provider;
-  EventLog seen;
+  EventRecorder seen;
   provider.publishFolderEventsFor(at(u"/"), seen.publisher(), {}, fsp::RecursiveFileWatching::No);
   provider.createFile(at(u"/a"));
   provider.waitForEventsDelivered();
@@ -206,7 +206,7 @@ TEST(MemProviderEvents, ShutdownStopsDeliveryAndIsIdempotent) {
   provider.createFile(at(u"/b"));  // the tree still works without events
   provider.waitForEventsDelivered();
   EXPECT_TRUE(provider.fileExists(at(u"/b")));
-  EXPECT_EQ(seen.count(), 1u);
+  EXPECT_EQ(seen.events().size(), 1u);
 }
 
 TEST(MemProviderEvents, WaitingFromInsideASubscriberDoesNotDeadlock) {
