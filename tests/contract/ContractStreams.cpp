@@ -152,6 +152,17 @@ TEST_P(ProviderContract, StreamNegativeSeekFails) {
   stream->close();
 }
 
+// A stream holds what it needs by shared ownership: it may be used after every other handle on
+// its provider, and what backs the provider, is gone.
+TEST_P(ProviderContract, StreamOutlivesItsProvider) {
+  auto stream = at(u"/f").openStream(ByteStreamOpenOptions::overwrite());
+  dropProvider();
+  EXPECT_EQ(4, put(*stream, "late"));
+  EXPECT_EQ(0, stream->seek(0, ios_base::beg));
+  EXPECT_EQ("late", readAll(*stream));
+  stream->close();
+}
+
 TEST_P(ProviderContract, TwoStreamsOnOneFileSeeEachOther) {
   writeFile(u"/f", "0123456789");
   auto writer = at(u"/f").openStream(ByteStreamOpenOptions::readWrite());

@@ -28,7 +28,9 @@ void ProviderContract::SetUp() {
   ASSERT_TRUE(root_->getProvider()) << "the root item has no provider";
 }
 
-void ProviderContract::TearDown() {
+void ProviderContract::TearDown() { dropProvider(); }
+
+void ProviderContract::dropProvider() {
   root_.reset();
   underTest_.reset();
 }

@@ -83,6 +83,8 @@ class ProviderContract : public ::testing::TestWithParam<ContractParam> {
   void writeFile(const std::u16string& path, std::string_view bytes) const;
   // Creates each folder (with its ancestors) of the list.
   void makeFolders(const std::vector<std::u16string>& paths) const;
+  // Drops the fixture's root item and the provider under test, with whatever backs it.
+  void dropProvider();
 
  private:
   std::unique_ptr<ProviderUnderTest> underTest_;

@@ -145,20 +145,6 @@ TEST(OverlayBodies, AFileOpenForWritingReportsItsWorkingSize) {
   stream->close();
 }
 
-// A stream holds what it needs by shared ownership: it may be used after its provider is gone
-// (its writes then no longer reach the store, which the executor logs).
-TEST(OverlayBodies, AStreamMayOutliveItsProvider) {
-  OverlayOverMem env;
-  auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
-  env.overlay->shutdown();
-  env.overlay.reset();
-  EXPECT_EQ(stream->write("late", 4), 4);
-  stream->seek(0, std::ios_base::beg);
-  EXPECT_EQ("late", readAll(*stream));
-  stream->close();
-  stream.reset();
-}
-
 TEST(OverlayBodies, ADroppedStreamStillDeliversItsWrites) {
   OverlayOverMem env;
   {

@@ -121,16 +121,6 @@ TEST(MemProviderStreams, StreamOnRemovedFileKeepsItsBytesApartFromTheStore) {
   EXPECT_THROW(stream->read(nullptr, 0), fsp::ByteStreamReadFailure);
 }
 
-TEST(MemProviderStreams, StreamOutlivesItsProvider) {
-  auto provider = std::make_shared<MemProvider>();
-  auto stream = provider->openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
-  provider.reset();
-  writeAll(*stream, "still here");
-  EXPECT_EQ(stream->seek(0, std::ios_base::beg), 0);
-  EXPECT_EQ(readAll(*stream), "still here");
-  stream->close();
-}
-
 // Events come on the provider's own thread; waitForEventsDelivered returns once every event
 // queued before it has been delivered.
 TEST(MemProviderEvents, DeliveredOnTheProvidersThreadAndAwaitedByWaitForEventsDelivered) {
