@@ -27,9 +27,7 @@ TEST(OverlayQueries, AFolderListedOnceAnswersEveryLaterQueryFromMemory) {
 }
 
 TEST(OverlayQueries, StorageInformationComesFromTheQuotaEstimate) {
-  fsp::mem::MemProvider::Options options;
-  options.capacityBytes = 100;
-  OverlayOverMem env(options);
+  OverlayOverMem env({.capacityBytes = 100});
   env.put(u"/sixty", std::string(60, 'x'));
   const auto info = env.overlay->getProviderStorageInfo(env.root);
   EXPECT_EQ(info.getStorageCapacity(), 100u);

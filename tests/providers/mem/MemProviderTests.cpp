@@ -33,14 +33,8 @@ std::string contentOf(const MemProvider& provider, const std::u16string& path) {
   return readAll(*provider.openReadOnlyStream(at(path)));
 }
 
-MemProvider::Options caseInsensitive() {
-  MemProvider::Options options;
-  options.sensitivity = fsp::FilenameSensitivity::CaseInsensitive;
-  return options;
-}
-
 TEST(MemProviderNames, CaseInsensitiveStoreFindsAnySpellingAndKeepsTheOriginal) {
-  MemProvider provider(caseInsensitive());
+  MemProvider provider({.sensitivity = fsp::FilenameSensitivity::CaseInsensitive});
   provider.createFolder(at(u"/Docs"));
   provider.createFile(at(u"/Docs/A.txt"));
   provider.createFile(at(u"/Docs/\u00C4rger.txt"));  // "Ärger": lower-casing beyond ASCII
@@ -65,14 +59,8 @@ TEST(MemProviderNames, CaseInsensitiveStoreFindsAnySpellingAndKeepsTheOriginal) 
   EXPECT_FALSE(provider.fileExists(at(u"/Docs/a.TXT")));
 }
 
-MemProvider::Options capacity(std::uint64_t bytes) {
-  MemProvider::Options options;
-  options.capacityBytes = bytes;
-  return options;
-}
-
 TEST(MemProviderCapacity, WriteBeyondCapacityFailsWithQuotaExceededAndKeepsTheFile) {
-  MemProvider provider(capacity(10));
+  MemProvider provider({.capacityBytes = 10});
   auto stream = provider.openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
   writeAll(*stream, "12345678");
   EXPECT_EQ(errorOf<fsp::ByteStreamWriteFailure>([&] { stream->write("abc", 3); }),
@@ -86,7 +74,7 @@ TEST(MemProviderCapacity, WriteBeyondCapacityFailsWithQuotaExceededAndKeepsTheFi
 }
 
 TEST(MemProviderCapacity, OccupiedSpaceFollowsRemovalsTruncationsAndCopies) {
-  MemProvider provider(capacity(10));
+  MemProvider provider({.capacityBytes = 10});
   provider.createFolder(at(u"/d"));
   writeAll(*provider.openStream(at(u"/d/a"), fsp::ByteStreamOpenOptions::overwrite()), "123456");
   EXPECT_EQ(
@@ -104,7 +92,7 @@ TEST(MemProviderCapacity, OccupiedSpaceFollowsRemovalsTruncationsAndCopies) {
 }
 
 TEST(MemProviderStreams, StreamOnRemovedFileKeepsItsBytesApartFromTheStore) {
-  MemProvider provider(capacity(100));
+  MemProvider provider({.capacityBytes = 100});
   auto stream = provider.openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite());
   writeAll(*stream, "abc");
   provider.removeFile(at(u"/f"));
@@ -140,7 +128,7 @@ TEST(MemProviderEvents, DeliveredOnTheProvidersThreadAndAwaitedByWaitForEventsDe
 }
 
 TEST(MemProviderEvents, SubscriptionSpelledDifferentlyHearsTheStoredSpelling) {
-  MemProvider provider(caseInsensitive());
+  MemProvider provider({.sensitivity = fsp::FilenameSensitivity::CaseInsensitive});
   provider.createFolder(at(u"/Docs"));
   EventRecorder seen;
   provider.publishFolderEventsFor(at(u"/DOCS"), seen.publisher(), {Kind::Appeared},
