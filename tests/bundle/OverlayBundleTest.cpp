@@ -29,12 +29,6 @@ using ::testing::UnorderedElementsAre;
 using fsp::test::readFile;
 using fsp::test::writeFile;
 
-std::vector<std::u16string> names(fsp::FolderEntryIteratorPtr entries) {
-  std::vector<std::u16string> result;
-  for (const auto& row : fsp::collectRows(*entries)) result.push_back(row.getName());
-  return result;
-}
-
 class OverlayBundle : public ::testing::Test {
  protected:
   void SetUp() override { host_.load(OVERLAY_BUNDLE_PATH); }
@@ -73,7 +67,7 @@ TEST_F(OverlayBundle, EveryOpenMakesANewProviderThatWritesThroughToTheInnerStore
 
   EXPECT_TRUE(docs.folderExists());
   EXPECT_EQ(readFile(note), "written through the overlay");
-  EXPECT_THAT(names(docs.listAll()), UnorderedElementsAre(u"note.txt"));
+  EXPECT_THAT(fsp::test::rowNames(*docs.listAll()), UnorderedElementsAre(u"note.txt"));
 
   if (auto* flushable =
           dynamic_cast<fsp::extensions::IFlushableFilesystem*>(root.getProvider().get())) {

@@ -10,18 +10,6 @@ using foundation::storage::events::EntryType;
 using foundation::storage::events::Kind;
 using fsp::RecursiveFileWatching;
 
-namespace {
-
-const EventRecorder::Event* find(const std::vector<EventRecorder::Event>& events, Kind kind,
-                                 const std::u16string& path) {
-  for (const auto& e : events) {
-    if (e.kind == kind && e.path == path) return &e;
-  }
-  return nullptr;
-}
-
-}  // namespace
-
 TEST_P(ProviderContract, EventsForCreateModifyRemove) {
   at(u"/w").createFolder();
   EventRecorder folder;
@@ -30,7 +18,11 @@ TEST_P(ProviderContract, EventsForCreateModifyRemove) {
 
   at(u"/w/a.txt").createFile();
   ASSERT_TRUE(folder.waitForEvent(Kind::Appeared, u"/w/a.txt"));
-  EXPECT_EQ(EntryType::File, find(folder.events(), Kind::Appeared, u"/w/a.txt")->type);
+  for (const auto& e : folder.events()) {
+    if (e.kind == Kind::Appeared && e.path == u"/w/a.txt") {
+      EXPECT_EQ(EntryType::File, e.type);
+    }
+  }
 
   // Whatever the creation itself still reports has arrived once a later change has.
   at(u"/w/marker").createFile();

@@ -6,6 +6,7 @@
 #include <foundation/storage/provider/ByteStream.h>
 #include <foundation/storage/provider/EventPublisher.h>
 #include <foundation/storage/provider/Exception.h>
+#include <foundation/storage/provider/FolderEntryIterator.h>
 #include <foundation/storage/provider/StorageItem.h>
 #include <foundation/text/Unicode.h>
 
@@ -88,6 +89,13 @@ inline std::string readAll(ByteStream& stream) {
     out.append(buffer.data(), static_cast<std::size_t>(n));
   }
   return out;
+}
+
+// The names of the rows left in a listing, in the order produced.
+inline std::vector<std::u16string> rowNames(IFolderEntryIterator& listing) {
+  std::vector<std::u16string> names;
+  for (const auto& row : collectRows(listing)) names.push_back(row.getName());
+  return names;
 }
 
 // Creates or replaces the file with `bytes` through a stream.

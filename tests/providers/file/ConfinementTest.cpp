@@ -16,12 +16,6 @@ using namespace ::foundation::storage::provider::test;
 
 StorageIRI at(const std::u16string& path) { return StorageIRI(u"file", path); }
 
-std::vector<std::u16string> names(IFolderEntryIterator& it) {
-  std::vector<std::u16string> result;
-  for (const auto& row : collectRows(it)) result.push_back(row.getName());
-  return result;
-}
-
 bool contains(const std::vector<std::u16string>& list, const std::u16string& name) {
   return std::find(list.begin(), list.end(), name) != list.end();
 }
@@ -103,7 +97,7 @@ TEST_F(ConfinementTest, LinksInsideAreFollowedAndEscapingOnesAreLeftOutOfListing
   EXPECT_EQ("inside", std::string(buffer, 6));
   stream->close();
 
-  const auto top = names(*provider_->listAll(at(u"/")));
+  const auto top = rowNames(*provider_->listAll(at(u"/")));
   EXPECT_TRUE(contains(top, u"sub"));
   EXPECT_TRUE(contains(top, u"inside"));
   EXPECT_FALSE(contains(top, u"out"));
