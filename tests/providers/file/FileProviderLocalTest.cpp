@@ -1,6 +1,7 @@
 // What the file provider does with the local file system beyond the shared contract: errno
-// translation, stat-based attributes, user xattrs, statvfs, the merge's check before it
-// changes anything (merging itself is the contract's), registration.
+// translation, stat-based attributes, statvfs, the merge's check before it changes anything
+// (merging itself, and user xattrs reported without their prefix, are the contract's),
+// registration.
 #include "../ProviderTestSupport.h"
 
 #include <foundation/storage/provider/file/ErrnoTranslation.h>
@@ -10,7 +11,6 @@
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/xattr.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -89,30 +89,6 @@ TEST_F(FileProviderLocalTest, TimesKeepMicrosecondsAndWritableFollowsTheWriteBit
   provider_->setWritable(at(u"/d/f"), true);
   EXPECT_EQ(0644u, modeOf(root() / "d" / "f"));
   EXPECT_TRUE(provider_->getFileAttributes(at(u"/d/f")).isWritable());
-}
-
-TEST_F(FileProviderLocalTest, UserExtendedAttributesAreReportedWithoutTheirPrefix) {
-  writeText(root() / "f.txt", "x");
-  fs::create_directory(root() / "d");
-  const std::string file = (root() / "f.txt").string(), folder = (root() / "d").string();
-  if (::setxattr(file.c_str(), "user.color", "blue", 4, 0) != 0) {
-    GTEST_SKIP() << "no user xattrs on this file system: " << std::strerror(errno);
-  }
-  ASSERT_EQ(0, ::setxattr(file.c_str(), "user.empty", "", 0, 0));
-  ASSERT_EQ(0, ::setxattr(folder.c_str(), "user.kind", "box", 3, 0));
-
-  const ExtendedAttributes expected(ExtendedAttributes::Map{{"color", "blue"}, {"empty", ""}});
-  EXPECT_EQ(expected, provider_->getExtendedAttributes(at(u"/f.txt")));
-  EXPECT_EQ("box", provider_->getExtendedAttributes(at(u"/d")).getAttribute("kind"));
-  int rowsSeen = 0;
-  for (const auto& row : collectRows(*provider_->listAll(at(u"/")))) {
-    if (row.getName() != u"f.txt") continue;
-    ++rowsSeen;
-    EXPECT_EQ(expected, row.getExtendedAttributes());
-  }
-  EXPECT_EQ(1, rowsSeen);
-  EXPECT_EQ(ErrorCode::NotFound,
-            errorOf([&] { provider_->getExtendedAttributes(at(u"/missing")); }));
 }
 
 TEST_F(FileProviderLocalTest, StorageInformationComesFromStatvfs) {
