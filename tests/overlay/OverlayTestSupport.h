@@ -1,5 +1,7 @@
 // An overlay over an instrumented in-memory store, for the overlay's own unit tests: the
 // instrumentation counts what reaches the inner store and injects its failures.
+// Ownership: the fixture owns the store, the wrapper and the overlay, and shuts the overlay down
+// before the others go. Threads: called from the test's thread only.
 #pragma once
 
 #include "../providers/ProviderTestSupport.h"

@@ -1,6 +1,8 @@
 // Helpers shared by every test binary: a temporary directory per test, whole files and streams
 // read and written, what a refused call threw (its code, location or text), and a collector of
 // change events that tests wait on with a bounded condition-variable wait.
+// Threads: everything is called from the test's thread, except an EventRecorder's publisher,
+// which providers call from their event threads (it takes the recorder's one mutex).
 #pragma once
 
 #include <foundation/storage/provider/ByteStream.h>
@@ -15,6 +17,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -44,14 +47,18 @@ class TempDir {
     path_ = pattern;
   }
   ~TempDir() {
-    std::error_code ignored;
-    for (auto it = fs::recursive_directory_iterator(path_, ignored);
-         it != fs::recursive_directory_iterator(); it.increment(ignored)) {
-      if (!it->is_symlink(ignored)) {
-        fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+    try {
+      std::error_code ignored;
+      for (auto it = fs::recursive_directory_iterator(path_, ignored);
+           it != fs::recursive_directory_iterator(); it.increment(ignored)) {
+        if (!it->is_symlink(ignored)) {
+          fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+        }
       }
+      fs::remove_all(path_, ignored);
+    } catch (...) {
+      std::fprintf(stderr, "could not remove the temporary directory %s\n", path_.c_str());
     }
-    fs::remove_all(path_, ignored);
   }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
