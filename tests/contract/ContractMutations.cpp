@@ -37,6 +37,7 @@ TEST_P(ProviderContract, CreateFileAndFolder) {
 TEST_P(ProviderContract, CreateRefusals) {
   writeFile(u"/file", "keep");
   at(u"/dir").createFolder();
+  const std::u16string withNul(u"/a\0b", 4);
   const std::pair<const char*, std::function<void(const fsp::StorageItem&)>> creates[] = {
       {"createFile", [](const auto& item) { item.createFile(); }},
       {"createFolder", [](const auto& item) { item.createFolder(); }}};
@@ -47,6 +48,7 @@ TEST_P(ProviderContract, CreateRefusals) {
     expectError(ErrorCode::NotFound, loc(u"/missing"), [&] { create(at(u"/missing/a")); });
     expectError(ErrorCode::NotFound, loc(u"/file"), [&] { create(at(u"/file/a")); });
     expectError(ErrorCode::AlreadyExists, root().getLocation(), [&] { create(root()); });
+    expectError(ErrorCode::InvalidName, loc(withNul), [&] { create(at(withNul)); });
   }
   EXPECT_EQ("keep", readFile(at(u"/file"))) << "a refused create must not empty the file";
   EXPECT_TRUE(at(u"/dir").folderExists());

@@ -138,6 +138,7 @@ TEST_P(ProviderContract, ForeignSchemeIsRefused) {
   expectError(ErrorCode::InvalidLocation, foreignFolder,
               [&] { provider().createFolder(foreignFolder); });
   expectError(ErrorCode::InvalidLocation, foreign, [&] { provider().removeFile(foreign); });
+  expectError(ErrorCode::InvalidLocation, foreign, [&] { provider().fileExists(foreign); });
   expectError(ErrorCode::InvalidLocation, foreign,
               [&] { provider().openStream(foreign, fsp::ByteStreamOpenOptions::overwrite()); });
   EXPECT_EQ("kept", readFile(at(u"/a.txt"))) << "a refused location must not reach the store";
