@@ -1,6 +1,7 @@
 #include "InnerStoresUnderTest.h"
 
 #include <foundation/storage/provider/file/FileProvider.h>
+#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
 #include <foundation/text/Unicode.h>
 
 #include <sys/xattr.h>
@@ -40,15 +41,19 @@ class FileUnderTest final : public ProviderUnderTest {
       std::make_shared<fsp::file::FileProvider>(dir_.path());
 };
 
+using fsp::instrumented::InstrumentedProvider;
 using fsp::mem::MemProvider;
 
 class MemUnderTest final : public ProviderUnderTest {
  public:
-  MemUnderTest(std::string name, MemProvider::Options options)
-      : name_(std::move(name)), provider_(std::make_shared<MemProvider>(std::move(options))) {}
+  MemUnderTest(std::string name, MemProvider::Options options, bool instrumented)
+      : name_(std::move(name)),
+        provider_(std::make_shared<MemProvider>(std::move(options))),
+        wrapper_(instrumented ? std::make_shared<InstrumentedProvider>(provider_) : nullptr) {}
 
   fsp::StorageItem root() override {
-    return fsp::StorageItem(provider_, MemProvider::rootLocation());
+    return fsp::StorageItem(wrapper_ ? std::shared_ptr<fsp::IProvider>(wrapper_) : provider_,
+                            MemProvider::rootLocation());
   }
 
   void setExtendedAttributeBehind(const std::u16string& path, const std::string& name,
@@ -62,6 +67,7 @@ class MemUnderTest final : public ProviderUnderTest {
  private:
   std::string name_;
   std::shared_ptr<MemProvider> provider_;
+  std::shared_ptr<InstrumentedProvider> wrapper_;
 };
 
 }  // namespace
@@ -74,9 +80,9 @@ fsp::mem::MemProvider::Options caseInsensitive() {
 
 std::unique_ptr<ProviderUnderTest> makeFileUnderTest() { return std::make_unique<FileUnderTest>(); }
 
-std::unique_ptr<ProviderUnderTest> makeMemUnderTest(std::string name,
-                                                    MemProvider::Options options) {
-  return std::make_unique<MemUnderTest>(std::move(name), std::move(options));
+std::unique_ptr<ProviderUnderTest> makeMemUnderTest(std::string name, MemProvider::Options options,
+                                                    bool instrumented) {
+  return std::make_unique<MemUnderTest>(std::move(name), std::move(options), instrumented);
 }
 
 }  // namespace contract
