@@ -1,5 +1,7 @@
 // The host's answers to bundles it cannot use: each must be a clear error, leave nothing
 // registered and nothing half-loaded.
+#include "../providers/ProviderTestSupport.h"
+
 #include <foundation/host/BundleHost.h>
 #include <foundation/host/BundleLoadError.h>
 #include <foundation/log/LogCapture.h>
@@ -25,26 +27,18 @@ class BundleHostErrors : public ::testing::Test {
   // Expects load(path) to fail with BundleLoadError whose message holds `expected`, and the
   // host and registry to be as before.
   void expectLoadError(const char* path, const std::string& expected) {
-    try {
-      host_.load(path);
-      FAIL() << "loading " << path << " succeeded";
-    } catch (const BundleLoadError& error) {
-      EXPECT_THAT(error.what(), HasSubstr(path));
-      EXPECT_THAT(error.what(), HasSubstr(expected));
-    }
+    const auto text = fsp::test::whatOf<BundleLoadError>([&] { host_.load(path); });
+    EXPECT_THAT(text, HasSubstr(path));
+    EXPECT_THAT(text, HasSubstr(expected));
     EXPECT_TRUE(host_.loadedBundles().empty());
     EXPECT_TRUE(registry_.schemes().empty());
   }
 
   void expectInvalidLocation(const std::string& path) {
-    try {
-      host_.load(path);
-      FAIL() << "loading " << path << " succeeded";
-    } catch (const fsp::Exception& error) {
-      EXPECT_EQ(error.getErrorCode(), fsp::ErrorCode::InvalidLocation);
-      EXPECT_EQ(error.getLocation().getScheme(), u"file");
-      EXPECT_EQ(error.getLocation().getName(), std::filesystem::path(path).filename().u16string());
-    }
+    const auto [code, location] = fsp::test::refusalOf([&] { host_.load(path); });
+    EXPECT_EQ(code, fsp::ErrorCode::InvalidLocation);
+    EXPECT_EQ(location.getScheme(), u"file");
+    EXPECT_EQ(location.getName(), std::filesystem::path(path).filename().u16string());
     EXPECT_TRUE(host_.loadedBundles().empty());
   }
 
@@ -90,28 +84,17 @@ TEST_F(BundleHostErrors, UnknownSchemeIsNotSupported) {
   host_.load(OVERLAY_BUNDLE_PATH);
   const fsp::StorageItem container(std::make_shared<fsp::mem::MemProvider>(),
                                    fsp::mem::MemProvider::rootLocation());
-  try {
-    registry_.open(u"no-such-scheme", container);
-    FAIL() << "an unregistered scheme was opened";
-  } catch (const fsp::Exception& error) {
-    EXPECT_EQ(error.getErrorCode(), fsp::ErrorCode::NotSupported);
-    EXPECT_EQ(error.getLocation().getScheme(), u"no-such-scheme");
-  }
+  const auto [code, location] =
+      fsp::test::refusalOf([&] { registry_.open(u"no-such-scheme", container); });
+  EXPECT_EQ(code, fsp::ErrorCode::NotSupported);
+  EXPECT_EQ(location.getScheme(), u"no-such-scheme");
 }
 
 TEST_F(BundleHostErrors, LoadingABundleTwiceIsRefusedAndKeepsTheFirst) {
   host_.load(OVERLAY_BUNDLE_PATH);
   const auto factory = registry_.findFactory(u"overlay");
-  EXPECT_THROW(
-      {
-        try {
-          host_.load(OVERLAY_BUNDLE_PATH);
-        } catch (const BundleLoadError& error) {
-          EXPECT_THAT(error.what(), HasSubstr("com_brindle_overlayprovider is already loaded"));
-          throw;
-        }
-      },
-      BundleLoadError);
+  EXPECT_THAT(fsp::test::whatOf<BundleLoadError>([&] { host_.load(OVERLAY_BUNDLE_PATH); }),
+              HasSubstr("com_brindle_overlayprovider is already loaded"));
   EXPECT_EQ(host_.loadedBundles().size(), 1u);
   EXPECT_EQ(registry_.findFactory(u"overlay"), factory);
 }

@@ -1,5 +1,7 @@
 // The overlay bundle as a host sees it: loaded through BundleHost, asked for "overlay"
 // providers through the registry, and unloaded again.
+#include "../providers/ProviderTestSupport.h"
+
 #include <foundation/host/BundleAbi.h>
 #include <foundation/host/BundleHost.h>
 #include <foundation/log/LogCapture.h>
@@ -24,26 +26,8 @@ using foundation::host::BundleHost;
 using fsp::mem::MemProvider;
 using ::testing::UnorderedElementsAre;
 
-std::string readAll(const fsp::StorageItem& file) {
-  auto stream = file.openReadOnlyStream();
-  std::string content;
-  char buffer[256];
-  for (long n; (n = stream->read(buffer, sizeof buffer)) > 0;) content.append(buffer, n);
-  stream->close();
-  return content;
-}
-
-void writeAll(const fsp::StorageItem& file, const std::string& content) {
-  auto stream = file.openStream(fsp::ByteStreamOpenOptions::overwrite());
-  stream->write(content.data(), static_cast<long>(content.size()));
-  stream->close();
-}
-
-std::vector<std::u16string> names(fsp::FolderEntryIteratorPtr entries) {
-  std::vector<std::u16string> result;
-  for (const auto& row : fsp::collectRows(*entries)) result.push_back(row.getName());
-  return result;
-}
+using fsp::test::readFile;
+using fsp::test::writeFile;
 
 class OverlayBundle : public ::testing::Test {
  protected:
@@ -79,11 +63,11 @@ TEST_F(OverlayBundle, EveryOpenMakesANewProviderThatWritesThroughToTheInnerStore
   const fsp::StorageItem note(root, u"/docs/note.txt");
   docs.createFolder();
   note.createFile();
-  writeAll(note, "written through the overlay");
+  writeFile(note, "written through the overlay");
 
   EXPECT_TRUE(docs.folderExists());
-  EXPECT_EQ(readAll(note), "written through the overlay");
-  EXPECT_THAT(names(docs.listAll()), UnorderedElementsAre(u"note.txt"));
+  EXPECT_EQ(readFile(note), "written through the overlay");
+  EXPECT_THAT(fsp::test::rowNames(*docs.listAll()), UnorderedElementsAre(u"note.txt"));
 
   if (auto* flushable =
           dynamic_cast<fsp::extensions::IFlushableFilesystem*>(root.getProvider().get())) {
@@ -92,8 +76,8 @@ TEST_F(OverlayBundle, EveryOpenMakesANewProviderThatWritesThroughToTheInnerStore
     ADD_FAILURE() << "the overlay provider is not flushable";
   }
   EXPECT_TRUE(inner(u"/docs").folderExists());
-  EXPECT_EQ(readAll(inner(u"/docs/note.txt")), "written through the overlay");
-  EXPECT_EQ(readAll(fsp::StorageItem(second, u"/docs/note.txt")), "written through the overlay");
+  EXPECT_EQ(readFile(inner(u"/docs/note.txt")), "written through the overlay");
+  EXPECT_EQ(readFile(fsp::StorageItem(second, u"/docs/note.txt")), "written through the overlay");
   root.shutdownProvider();
   second.shutdownProvider();
 }
@@ -114,12 +98,9 @@ TEST_F(OverlayBundle, RootLocationIsOverlayComposedOverTheInnerLocation) {
 TEST_F(OverlayBundle, UnloadRemovesTheScheme) {
   host_.unload();
   EXPECT_TRUE(host_.loadedBundles().empty());
-  try {
-    registry_.open(u"overlay", memRoot_);
-    FAIL() << "the overlay scheme outlived its bundle";
-  } catch (const fsp::Exception& error) {
-    EXPECT_EQ(error.getErrorCode(), fsp::ErrorCode::NotSupported);
-  }
+  EXPECT_EQ(fsp::test::errorOf([&] { registry_.open(u"overlay", memRoot_); }),
+            fsp::ErrorCode::NotSupported)
+      << "the overlay scheme outlived its bundle";
   // And the bundle can be loaded again afterwards.
   host_.load(OVERLAY_BUNDLE_PATH);
   EXPECT_NE(registry_.open(u"overlay", memRoot_).getProvider(), nullptr);

@@ -103,10 +103,11 @@ TEST_P(ProviderContract, ExtendedAttributesSetBehindAreReported) {
   const std::string binary("a\0b\xff", 4);
   underTest().setExtendedAttributeBehind(u"/file", "color", "blue");
   underTest().setExtendedAttributeBehind(u"/file", "blob", binary);
+  underTest().setExtendedAttributeBehind(u"/file", "empty", "");
   underTest().setExtendedAttributeBehind(u"/dir", "owner", "team");
 
   const auto fileAttributes = at(u"/file").getExtendedAttributes();
-  EXPECT_EQ((fsp::ExtendedAttributes::Map{{"blob", binary}, {"color", "blue"}}),
+  EXPECT_EQ((fsp::ExtendedAttributes::Map{{"blob", binary}, {"color", "blue"}, {"empty", ""}}),
             fileAttributes.all());
   EXPECT_EQ((fsp::ExtendedAttributes::Map{{"owner", "team"}}),
             at(u"/dir").getExtendedAttributes().all());

@@ -66,6 +66,8 @@ TEST_P(ProviderContract, ListNamesOnly) {
   EXPECT_EQ((Names{"a.txt", "ab.txt", "b.txt", "dir.txt"}),
             sortedUtf8(provider().listAllNamesOnly(d, u"*.txt")));
   EXPECT_EQ(Names{"dir.txt"}, sortedUtf8(provider().listFoldersNamesOnly(d, u"*.txt")));
+  EXPECT_EQ((Names{"a.txt", "ab.txt", "b.txt", "dir.txt", "sub/deeper/y.txt", "sub/x.txt"}),
+            sortedUtf8(provider().listAllRecursiveNamesOnly(d, u"*.txt")));
 }
 
 TEST_P(ProviderContract, ListWithWildcards) {

@@ -34,7 +34,7 @@ TEST_P(ProviderContract, StreamReadAndSeek) {
   EXPECT_EQ(6, stream->seek(-5, ios_base::end));
   EXPECT_EQ("wo", take(*stream, 2));
   EXPECT_EQ(0, stream->seek(0, ios_base::beg));
-  EXPECT_EQ("hello world", readRest(*stream));
+  EXPECT_EQ("hello world", readAll(*stream));
   EXPECT_EQ(11, stream->seek(0, ios_base::cur));
   stream->close();
 }
@@ -48,7 +48,7 @@ TEST_P(ProviderContract, StreamWriteSeekAndZeroFill) {
   EXPECT_EQ(10, stream->seek(10, ios_base::beg)) << "seeking past the end is allowed";
   EXPECT_EQ(1, put(*stream, "Z"));
   EXPECT_EQ(0, stream->seek(0, ios_base::beg));
-  EXPECT_EQ(std::string("aBc\0\0\0\0\0\0\0Z", 11), readRest(*stream));
+  EXPECT_EQ(std::string("aBc\0\0\0\0\0\0\0Z", 11), readAll(*stream));
   stream->close();
 
   EXPECT_EQ(std::string("aBc\0\0\0\0\0\0\0Z", 11), readFile(at(u"/f")));
@@ -75,11 +75,12 @@ TEST_P(ProviderContract, StreamOpenOptions) {
   auto append = at(u"/f").openStream(ByteStreamOpenOptions::appendTo());
   append->seek(0, ios_base::beg);
   put(*append, "gh");
+  EXPECT_EQ(8, append->seek(0, ios_base::cur)) << "an append leaves the position at the end";
   append->close();
   EXPECT_EQ("XYcdefgh", readFile(at(u"/f"))) << "append writes at the end wherever the position";
 
   auto keepCreate = at(u"/f").openStream(ByteStreamOpenOptions::readWriteCreate());
-  EXPECT_EQ("XYcdefgh", readRest(*keepCreate)) << "create keeps an existing body";
+  EXPECT_EQ("XYcdefgh", readAll(*keepCreate)) << "create keeps an existing body";
   keepCreate->close();
 
   auto truncate = at(u"/f").openStream(ByteStreamOpenOptions::overwrite());
@@ -124,10 +125,11 @@ TEST_P(ProviderContract, StreamOperationsAfterCloseFail) {
     return;
   }
   char buffer[4];
-  expectStreamFailure<fsp::ByteStreamReadFailure>([&] { stream->read(buffer, 4); });
-  expectStreamFailure<fsp::ByteStreamWriteFailure>([&] { stream->write("zz", 2); });
-  expectStreamFailure<fsp::ByteStreamSeekFailure>([&] { stream->seek(0, ios_base::beg); });
-  expectStreamFailure<fsp::ByteStreamCloseFailure>([&] { stream->close(); });
+  const auto refused = ErrorCode::OperationRefused;
+  expectStreamFailure<fsp::ByteStreamReadFailure>(refused, [&] { stream->read(buffer, 4); });
+  expectStreamFailure<fsp::ByteStreamWriteFailure>(refused, [&] { stream->write("zz", 2); });
+  expectStreamFailure<fsp::ByteStreamSeekFailure>(refused, [&] { stream->seek(0, ios_base::beg); });
+  expectStreamFailure<fsp::ByteStreamCloseFailure>(refused, [&] { stream->close(); });
   EXPECT_EQ("data", readFile(at(u"/f"))) << "a failed write must not reach the file";
 }
 
@@ -136,7 +138,8 @@ TEST_P(ProviderContract, StreamNegativeSeekFails) {
   auto stream = at(u"/f").openStream(ByteStreamOpenOptions::readWrite());
   const auto refused = [&](long offset, std::ios_base::seekdir direction) {
     if (underTest().strictStreams()) {
-      expectStreamFailure<fsp::ByteStreamSeekFailure>([&] { stream->seek(offset, direction); });
+      expectStreamFailure<fsp::ByteStreamSeekFailure>(ErrorCode::OperationRefused,
+                                                      [&] { stream->seek(offset, direction); });
     } else {
       EXPECT_EQ(-1, stream->seek(offset, direction));
     }
@@ -145,7 +148,18 @@ TEST_P(ProviderContract, StreamNegativeSeekFails) {
   EXPECT_EQ(2, stream->seek(2, ios_base::beg));
   refused(-3, ios_base::cur);
   refused(-5, ios_base::end);
-  EXPECT_EQ("ta", readRest(*stream)) << "a refused seek leaves the position where it was";
+  EXPECT_EQ("ta", readAll(*stream)) << "a refused seek leaves the position where it was";
+  stream->close();
+}
+
+// A stream holds what it needs by shared ownership: it may be used after every other handle on
+// its provider, and what backs the provider, is gone.
+TEST_P(ProviderContract, StreamOutlivesItsProvider) {
+  auto stream = at(u"/f").openStream(ByteStreamOpenOptions::overwrite());
+  dropProvider();
+  EXPECT_EQ(4, put(*stream, "late"));
+  EXPECT_EQ(0, stream->seek(0, ios_base::beg));
+  EXPECT_EQ("late", readAll(*stream));
   stream->close();
 }
 
@@ -163,7 +177,7 @@ TEST_P(ProviderContract, TwoStreamsOnOneFileSeeEachOther) {
   writer->seek(0, ios_base::end);
   put(*writer, "tail");
   reader->seek(10, ios_base::beg);
-  EXPECT_EQ("tail", readRest(*reader)) << "growth by one stream is visible to the other";
+  EXPECT_EQ("tail", readAll(*reader)) << "growth by one stream is visible to the other";
 
   writer->close();
   reader->close();

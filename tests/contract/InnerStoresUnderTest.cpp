@@ -1,12 +1,12 @@
 #include "InnerStoresUnderTest.h"
 
 #include <foundation/storage/provider/file/FileProvider.h>
+#include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
 #include <foundation/text/Unicode.h>
 
 #include <sys/xattr.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -19,21 +19,13 @@ namespace fs = std::filesystem;
 // Owns the temporary directory and the provider over it; removes the directory afterwards.
 class FileUnderTest final : public ProviderUnderTest {
  public:
-  FileUnderTest() : dir_(makeTempDir()) {
-    provider_ = std::make_shared<fsp::file::FileProvider>(dir_);
-  }
-  ~FileUnderTest() override {
-    provider_.reset();
-    removeDir();
-  }
-
   fsp::StorageItem root() override {
     return fsp::StorageItem(provider_, fsp::file::FileProvider::rootLocation());
   }
 
   void setExtendedAttributeBehind(const std::u16string& path, const std::string& name,
                                   const std::string& value) override {
-    const fs::path local = dir_ / fs::path(foundation::text::toUtf8(path)).relative_path();
+    const fs::path local = dir_.path() / fs::path(foundation::text::toUtf8(path)).relative_path();
     const std::string key = "user." + name;
     if (::setxattr(local.c_str(), key.c_str(), value.data(), value.size(), 0) != 0) {
       throw std::runtime_error("setxattr " + local.string() + " " + key + ": " +
@@ -44,39 +36,24 @@ class FileUnderTest final : public ProviderUnderTest {
   std::string name() const override { return "file"; }
 
  private:
-  static fs::path makeTempDir() {
-    std::string pattern = (fs::temp_directory_path() / "contract-file-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp: " + std::string(std::strerror(errno)));
-    }
-    return pattern;
-  }
-
-  // Tests clear write bits; give them back so that removal works when not run as root.
-  void removeDir() {
-    std::error_code ignored;
-    for (auto it = fs::recursive_directory_iterator(dir_, ignored);
-         it != fs::recursive_directory_iterator(); it.increment(ignored)) {
-      if (!it->is_symlink(ignored)) {
-        fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-      }
-    }
-    fs::remove_all(dir_, ignored);
-  }
-
-  fs::path dir_;
-  std::shared_ptr<fsp::file::FileProvider> provider_;
+  fsp::test::TempDir dir_;  // destroyed after the provider
+  std::shared_ptr<fsp::file::FileProvider> provider_ =
+      std::make_shared<fsp::file::FileProvider>(dir_.path());
 };
 
+using fsp::instrumented::InstrumentedProvider;
 using fsp::mem::MemProvider;
 
 class MemUnderTest final : public ProviderUnderTest {
  public:
-  MemUnderTest(std::string name, MemProvider::Options options)
-      : name_(std::move(name)), provider_(std::make_shared<MemProvider>(std::move(options))) {}
+  MemUnderTest(std::string name, MemProvider::Options options, bool instrumented)
+      : name_(std::move(name)),
+        provider_(std::make_shared<MemProvider>(std::move(options))),
+        wrapper_(instrumented ? std::make_shared<InstrumentedProvider>(provider_) : nullptr) {}
 
   fsp::StorageItem root() override {
-    return fsp::StorageItem(provider_, MemProvider::rootLocation());
+    return fsp::StorageItem(wrapper_ ? std::shared_ptr<fsp::IProvider>(wrapper_) : provider_,
+                            MemProvider::rootLocation());
   }
 
   void setExtendedAttributeBehind(const std::u16string& path, const std::string& name,
@@ -90,6 +67,7 @@ class MemUnderTest final : public ProviderUnderTest {
  private:
   std::string name_;
   std::shared_ptr<MemProvider> provider_;
+  std::shared_ptr<InstrumentedProvider> wrapper_;
 };
 
 }  // namespace
@@ -102,9 +80,9 @@ fsp::mem::MemProvider::Options caseInsensitive() {
 
 std::unique_ptr<ProviderUnderTest> makeFileUnderTest() { return std::make_unique<FileUnderTest>(); }
 
-std::unique_ptr<ProviderUnderTest> makeMemUnderTest(std::string name,
-                                                    MemProvider::Options options) {
-  return std::make_unique<MemUnderTest>(std::move(name), std::move(options));
+std::unique_ptr<ProviderUnderTest> makeMemUnderTest(std::string name, MemProvider::Options options,
+                                                    bool instrumented) {
+  return std::make_unique<MemUnderTest>(std::move(name), std::move(options), instrumented);
 }
 
 }  // namespace contract

@@ -10,8 +10,10 @@
 // (after the root item) in TearDown. The provider under test owns whatever backs the store
 // (a temporary directory, an inner provider).
 // Threads: the tests run on GoogleTest's main thread; only EventRecorder is reached from the
-// provider's event threads (it takes its own mutex, see below).
+// provider's event threads (it takes its own mutex, see ProviderTestSupport.h).
 #pragma once
+
+#include "../providers/ProviderTestSupport.h"
 
 #include <foundation/storage/provider/ByteStreamFailure.h>
 #include <foundation/storage/provider/Exception.h>
@@ -20,10 +22,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -65,48 +65,7 @@ void PrintTo(const ContractParam& param, std::ostream* out);
 // Names each instantiated test after its provider: Contract/ProviderContract.X/<name>.
 std::string paramName(const ::testing::TestParamInfo<ContractParam>& info);
 
-// Collects the events a provider publishes, from the provider's threads, and lets the test
-// wait (bounded) until the events it expects have arrived. The publisher shares the state, so
-// an event arriving after the recorder is gone is harmless.
-// Locking: one mutex guards the recorded events; publishers notify under it.
-class EventRecorder {
- public:
-  struct Event {
-    foundation::storage::events::Kind kind;
-    std::u16string path;
-    std::u16string otherPath;
-    foundation::storage::events::EntryType type;
-  };
-  using Predicate = std::function<bool(const std::vector<Event>&)>;
-
-  EventRecorder();
-  fsp::EventPublisher publisher() const;
-  // Waits until `done` holds for the events seen so far. Fails the test (naming
-  // `expectation` and listing what did arrive) when it does not hold within the bound.
-  bool waitFor(const Predicate& done, const std::string& expectation,
-               std::chrono::seconds bound = std::chrono::seconds(10)) const;
-  // Waits for one event of `kind` whose location has this path.
-  bool waitForEvent(foundation::storage::events::Kind kind, const std::u16string& path) const;
-  // Waits for both ends of a move of an entry of `type`: Disappeared at `from` naming `to`,
-  // then Appeared at `to` naming `from`. Fails the test when either is missing or they came
-  // in the other order.
-  bool waitForMove(const std::u16string& from, const std::u16string& to,
-                   foundation::storage::events::EntryType type) const;
-  std::vector<Event> events() const;
-  void clear();
-
-  static bool contains(const std::vector<Event>& events, foundation::storage::events::Kind kind,
-                       const std::u16string& path);
-  static std::string describe(const std::vector<Event>& events);
-
- private:
-  struct State {
-    mutable std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Event> events;
-  };
-  std::shared_ptr<State> state_;
-};
+using EventRecorder = fsp::test::EventRecorder;
 
 class ProviderContract : public ::testing::TestWithParam<ContractParam> {
  protected:
@@ -124,6 +83,8 @@ class ProviderContract : public ::testing::TestWithParam<ContractParam> {
   void writeFile(const std::u16string& path, std::string_view bytes) const;
   // Creates each folder (with its ancestors) of the list.
   void makeFolders(const std::vector<std::u16string>& paths) const;
+  // Drops the fixture's root item and the provider under test, with whatever backs it.
+  void dropProvider();
 
  private:
   std::unique_ptr<ProviderUnderTest> underTest_;
@@ -134,11 +95,10 @@ class ProviderContract : public ::testing::TestWithParam<ContractParam> {
 
 // The item at `relative` below `base` (for instance below a backing store's root).
 fsp::StorageItem below(const fsp::StorageItem& base, const std::u16string& relative);
-void writeFile(const fsp::StorageItem& item, std::string_view bytes);
-// The whole content of the file, read through a read-only stream.
-std::string readFile(const fsp::StorageItem& item);
-// Reads everything left in the stream.
-std::string readRest(fsp::ByteStream& stream);
+using fsp::test::readAll;
+inline std::string readRest(fsp::ByteStream& stream) { return readAll(stream); }
+using fsp::test::readFile;
+using fsp::test::writeFile;
 // Every row of a listing, in the order produced.
 std::vector<fsp::FolderEntry> rows(fsp::FolderEntryIteratorPtr it);
 // The names of a listing (UTF-8), sorted, since listing order is unspecified.
@@ -160,21 +120,23 @@ struct CallSite {
   int line;
 };
 
-// Runs `operation` and checks that it throws Exception with `code` and `location`.
-void expectError(fsp::ErrorCode code, const fsp::StorageIRI& location,
+// Runs `operation` and checks that it throws Exception with `code`, and with `location` unless
+// the contract leaves the refusal's location open (nullopt).
+void expectError(fsp::ErrorCode code, const std::optional<fsp::StorageIRI>& location,
                  const std::function<void()>& operation, CallSite where = CallSite::here());
-// As expectError, for refusals whose location the contract leaves open.
-void expectErrorCode(fsp::ErrorCode code, const std::function<void()>& operation,
-                     CallSite where = CallSite::here());
 
-// Runs `operation` and checks that it throws the ByteStream failure kind Failure.
+// Runs `operation` and checks that it throws the ByteStream failure kind Failure with `code`.
 template <class Failure>
-void expectStreamFailure(const std::function<void()>& operation,
+void expectStreamFailure(fsp::ErrorCode code, const std::function<void()>& operation,
                          CallSite where = CallSite::here()) {
   try {
     operation();
     ADD_FAILURE_AT(where.file, where.line) << "expected " << Failure::kName;
-  } catch (const Failure&) {
+  } catch (const Failure& e) {
+    if (e.getErrorCode() != code) {
+      ADD_FAILURE_AT(where.file, where.line)
+          << "expected " << Failure::kName << " with " << code << ", got " << e.getErrorCode();
+    }
   } catch (const std::exception& e) {
     ADD_FAILURE_AT(where.file, where.line)
         << "expected " << Failure::kName << ", caught: " << e.what();

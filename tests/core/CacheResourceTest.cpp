@@ -1,9 +1,8 @@
 // Cache resources over real files in a temporary cache directory: file names, log records,
-// the range map under writes and queries, staleness on opening, seeding, moving, failures
-// and the resource that caches nothing.
+// the range map under writes and queries, staleness on opening, seeding, moving and failures.
+// The resource that caches nothing is checked through the overlay with caching disabled.
 #include "core/contentcache/CacheResourceLog.h"
 #include "core/contentcache/FilesystemCacheResource.h"
-#include "core/contentcache/NOOPCacheResource.h"
 #include "core/metadata/FileMetadata.h"
 
 #include "CoreTestSupport.h"
@@ -266,24 +265,6 @@ TEST(CacheResourceTest, UnopenableBodyFailsWritesLogsAndReadsNothing) {
                                              metadata->getIRI(), resource.path()));
   EXPECT_EQ(capture.count("Exception caught: ", foundation::log::exception), 2u);
   EXPECT_THROW(resource.seek(0, std::ios_base::beg), std::runtime_error);
-}
-
-TEST(CacheResourceTest, NoopResourceStoresNothing) {
-  NOOPCacheResource resource;
-  resource.write(0, "data", 4);
-  resource.move(ov(u"/b"));
-  resource.sync(kTime);
-  resource.doRemove();
-  resource.close();
-  char buffer[4];
-  EXPECT_EQ(resource.read(0, buffer, 4), 0);
-  EXPECT_EQ(resource.seek(0, std::ios_base::beg), -1);
-  EXPECT_FALSE(resource.exists());
-  EXPECT_TRUE(resource.hasFailed());
-  EXPECT_TRUE(resource.path().empty());
-  const RangeQuery query = resource.queryRange(0, 4);
-  EXPECT_EQ(query.status, RangeStatus::CACHING_DISABLED);
-  EXPECT_FALSE(query.gap);
 }
 
 }  // namespace

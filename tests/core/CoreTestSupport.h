@@ -3,6 +3,8 @@
 // read back, and a guard that turns a hang into a failure.
 #pragma once
 
+#include "../providers/ProviderTestSupport.h"
+
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/storage/provider/StorageItem.h>
 #include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
@@ -28,16 +30,14 @@ namespace fsp = foundation::storage::provider;
 inline fsp::StorageIRI ov(const std::u16string& path) { return fsp::StorageIRI(u"overlay", path); }
 inline fsp::StorageIRI mem(const std::u16string& path) { return fsp::StorageIRI(u"mem", path); }
 
+using fsp::test::errorOf;
+using fsp::test::readAll;
+using fsp::test::refusalOf;
+using fsp::test::thrown;
+using fsp::test::whatOf;
+
 // The code of the framework Exception that `call` throws; fails the test when none is thrown.
-inline fsp::ErrorCode codeOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const fsp::Exception& e) {
-    return e.getErrorCode();
-  }
-  ADD_FAILURE() << "no Exception was thrown";
-  return fsp::ErrorCode::Interrupted;
-}
+inline fsp::ErrorCode codeOf(const std::function<void()>& call) { return errorOf(call); }
 
 // A mem store seen through the instrumented wrapper (so a test counts and fails the calls the
 // code under test makes, while it sets the store up directly), and the wrapper's root item.

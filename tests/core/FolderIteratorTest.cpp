@@ -3,6 +3,8 @@
 // children the same way; the contract suite lists folders through the overlay.)
 #include "core/metadata/FolderIterator.h"
 
+#include "CoreTestSupport.h"
+
 #include "core/metadata/IFolderEntry.h"
 #include "core/metadata/ListingPredicates.h"
 
@@ -17,29 +19,19 @@ namespace {
 
 namespace fsp = foundation::storage::provider;
 using fsp::StorageIRI;
+using fsp::test::rowNames;
 using ::testing::ElementsAre;
 
 const StorageIRI kFolder(u"overlay", u"/d");
 
 std::shared_ptr<FileMetadata> file(const std::u16string& name, std::uint64_t size) {
   auto record = std::make_shared<FileMetadata>(StorageIRI(kFolder, name), false);
-  record->setSize(size).setWritable(true).setLastModified(
-      boost::posix_time::ptime(boost::gregorian::date(2024, 5, 17)));
+  record->setSize(size);
   return record;
 }
 
 std::shared_ptr<FolderMetadata> folder(const std::u16string& name) {
-  auto record = std::make_shared<FolderMetadata>(StorageIRI(kFolder, name), false);
-  record->setWritable(false).setLastModified(
-      boost::posix_time::ptime(boost::gregorian::date(2023, 1, 2)));
-  return record;
-}
-
-// The names of the remaining rows, draining the iterator.
-std::vector<std::u16string> names(fsp::IFolderEntryIterator& it) {
-  std::vector<std::u16string> result;
-  for (const auto& row : fsp::collectRows(it)) result.push_back(row.getName());
-  return result;
+  return std::make_shared<FolderMetadata>(StorageIRI(kFolder, name), false);
 }
 
 // Children added in an order different from their IRI order: files ahead of the folders.
@@ -76,35 +68,12 @@ TEST(FolderIteratorTest, EachKindYieldsItsChildrenInIriOrder) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     FolderIterator<ListAllPred> all(c.entry->getChildren());
-    EXPECT_EQ(names(all), c.all);
+    EXPECT_EQ(rowNames(all), c.all);
     FolderIterator<ListFilesPred> files(c.entry->getChildren());
-    EXPECT_EQ(names(files), c.files);
+    EXPECT_EQ(rowNames(files), c.files);
     FolderIterator<ListFoldersPred> folders(c.entry->getChildren());
-    EXPECT_EQ(names(folders), c.folders);
+    EXPECT_EQ(rowNames(folders), c.folders);
   }
-}
-
-TEST(FolderIteratorTest, RowsCarryTheRecordsAttributes) {
-  IFolderEntry entry(kFolder);
-  auto a = file(u"a.txt", 42);
-  a->setExtendedAttributes(fsp::ExtendedAttributes().setAttribute("WATERMARK", "w1"));
-  entry.addFile(a, true);
-  entry.addFolder(folder(u"m"), true);
-  FolderIterator<ListAllPred> it(entry.getChildren());
-
-  it.next();
-  const auto fileRow = it.current();
-  ASSERT_TRUE(fileRow.isFile());
-  EXPECT_EQ(fileRow.getFileAttributes().getSize(), 42u);
-  EXPECT_TRUE(fileRow.getFileAttributes().isWritable());
-  EXPECT_EQ(fileRow.getFileAttributes().getLastModified(), a->getLastModified());
-  EXPECT_EQ(fileRow.getExtendedAttributes().getAttribute("WATERMARK"), "w1");
-  it.next();
-  const auto folderRow = it.current();
-  ASSERT_FALSE(folderRow.isFile());
-  EXPECT_FALSE(folderRow.getFolderAttributes().isWritable());
-  EXPECT_EQ(folderRow.getFolderAttributes().getLastModified(),
-            boost::posix_time::ptime(boost::gregorian::date(2023, 1, 2)));
 }
 
 TEST(FolderIteratorTest, LaterRecordChangesShowButLaterChildrenDoNot) {
@@ -118,9 +87,9 @@ TEST(FolderIteratorTest, LaterRecordChangesShowButLaterChildrenDoNot) {
   it.next();
   EXPECT_EQ(it.current().getName(), u"b.txt");
   EXPECT_EQ(it.current().getFileAttributes().getSize(), 99u);
-  EXPECT_THAT(names(it), ElementsAre(u"z.txt"));
+  EXPECT_THAT(rowNames(it), ElementsAre(u"z.txt"));
   FolderIterator<ListFilesPred> fresh(entry->getChildren());
-  EXPECT_THAT(names(fresh), ElementsAre(u"a.txt", u"b.txt", u"c.txt"));
+  EXPECT_THAT(rowNames(fresh), ElementsAre(u"a.txt", u"b.txt", u"c.txt"));
 }
 
 TEST(FolderIteratorTest, CloneContinuesFromTheSamePositionIndependently) {
@@ -130,13 +99,13 @@ TEST(FolderIteratorTest, CloneContinuesFromTheSamePositionIndependently) {
   it.next();
   const auto copy = it.cloneIterator();
   EXPECT_THROW(copy->current(), std::logic_error);
-  EXPECT_THAT(names(*copy), ElementsAre(u"m", u"n", u"z.txt"));
+  EXPECT_THAT(rowNames(*copy), ElementsAre(u"m", u"n", u"z.txt"));
   EXPECT_EQ(it.current().getName(), u"b.txt");
-  EXPECT_THAT(names(it), ElementsAre(u"m", u"n", u"z.txt"));
+  EXPECT_THAT(rowNames(it), ElementsAre(u"m", u"n", u"z.txt"));
 
   FolderIterator<ListFoldersPred> folders(entry->getChildren());
   folders.next();
-  EXPECT_THAT(names(*folders.clone()), ElementsAre(u"n"));
+  EXPECT_THAT(rowNames(*folders.clone()), ElementsAre(u"n"));
 }
 
 }  // namespace

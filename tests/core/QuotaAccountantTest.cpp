@@ -29,12 +29,7 @@ StorageIRI overlay(const std::u16string& path) { return StorageIRI(u"overlay", p
 // A mem store of the given capacity, seen through the instrumented wrapper, and a metadata
 // cache over it.
 struct Store : coretest::MemStore {
-  static fsp::mem::MemProvider::Options ofCapacity(std::uint64_t capacity) {
-    fsp::mem::MemProvider::Options options;
-    options.capacityBytes = capacity;
-    return options;
-  }
-  explicit Store(std::uint64_t capacity) : MemStore(ofCapacity(capacity)) {}
+  explicit Store(std::uint64_t capacity) : MemStore({.capacityBytes = capacity}) {}
   void fill(const std::u16string& path, std::size_t bytes) { write(path, std::string(bytes, 'x')); }
 
   std::shared_ptr<MetadataCache> cache =

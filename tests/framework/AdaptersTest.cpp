@@ -1,4 +1,5 @@
-#include <foundation/crypto/Digest.h>
+// The adapters over ICU and the shell-like name patterns. (Blake2b and Base64 are checked by
+// the known answers of the content cache's file names, CacheResourceTest.)
 #include <foundation/storage/provider/Glob.h>
 #include <foundation/text/Unicode.h>
 
@@ -16,23 +17,6 @@ TEST(Unicode, LowerCasesWithFullUnicodeRules) {
   EXPECT_EQ(text::toLower(u"ÄBC/Straße.TXT"), u"äbc/straße.txt");
   // U+0130 (capital I with dot) lower-cases to two code units: the length changes.
   EXPECT_EQ(text::toLower(u"\u0130"), u"i\u0307");
-}
-
-TEST(Digest, Blake2b512MatchesTheKnownAnswer) {
-  // Blake2b-512 of the empty string (RFC 7693 test vectors family).
-  const auto digest = crypto::blake2b512("");
-  ASSERT_EQ(digest.size(), 64u);
-  EXPECT_EQ(static_cast<unsigned char>(digest[0]), 0x78);
-  EXPECT_EQ(static_cast<unsigned char>(digest[63]), 0xce);
-}
-
-TEST(Digest, Base64UrlUsesTheUrlAlphabetWithoutPadding) {
-  EXPECT_EQ(crypto::base64UrlEncode("\xfb\xff"), "-_8");
-  const auto name = crypto::blake2b512Base64Url("some/location");
-  EXPECT_EQ(name.size(), 86u);
-  EXPECT_EQ(name.find_first_of("+/=\n"), std::string::npos);
-  EXPECT_EQ(name, crypto::blake2b512Base64Url("some/location"));
-  EXPECT_NE(name, crypto::blake2b512Base64Url("some/location2"));
 }
 
 TEST(Glob, MatchesNamesLikeAShell) {

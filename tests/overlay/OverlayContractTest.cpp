@@ -58,33 +58,28 @@ class OverlayUnderTest final : public ProviderUnderTest {
   std::optional<fsp::StorageIRI> rootLocation_;
 };
 
-ContractParam overlayOver(std::string name,
-                          std::function<std::unique_ptr<ProviderUnderTest>()> inner,
-                          bool synchronous) {
-  return ContractParam{
-      name, [=] { return std::make_unique<OverlayUnderTest>(name, inner(), synchronous); }};
+// The overlay over each inner store, with each executor.
+std::vector<ContractParam> overlayParams() {
+  const std::pair<std::string, std::function<std::unique_ptr<ProviderUnderTest>()>> inners[] = {
+      {"Mem", [] { return makeMemUnderTest("mem"); }},
+      {"MemCaseInsensitive",
+       [] { return makeMemUnderTest("memCaseInsensitive", caseInsensitive()); }},
+      {"File", [] { return makeFileUnderTest(); }}};
+  std::vector<ContractParam> params;
+  for (const auto& [innerName, inner] : inners) {
+    for (const bool synchronous : {false, true}) {
+      const auto name = "over" + innerName + (synchronous ? "Synchronous" : "WriteBehind");
+      params.push_back({name, [=, inner = inner] {
+                          return std::make_unique<OverlayUnderTest>(name, inner(), synchronous);
+                        }});
+    }
+  }
+  return params;
 }
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(
-    Overlay, ProviderContract,
-    ::testing::Values(overlayOver(
-                          "overMemWriteBehind", [] { return makeMemUnderTest("mem"); }, false),
-                      overlayOver(
-                          "overMemSynchronous", [] { return makeMemUnderTest("mem"); }, true),
-                      overlayOver(
-                          "overMemCaseInsensitiveWriteBehind",
-                          [] { return makeMemUnderTest("memCaseInsensitive", caseInsensitive()); },
-                          false),
-                      overlayOver(
-                          "overMemCaseInsensitiveSynchronous",
-                          [] { return makeMemUnderTest("memCaseInsensitive", caseInsensitive()); },
-                          true),
-                      overlayOver(
-                          "overFileWriteBehind", [] { return makeFileUnderTest(); }, false),
-                      overlayOver(
-                          "overFileSynchronous", [] { return makeFileUnderTest(); }, true)),
-    paramName);
+INSTANTIATE_TEST_SUITE_P(Overlay, ProviderContract, ::testing::ValuesIn(overlayParams()),
+                         paramName);
 
 }  // namespace contract

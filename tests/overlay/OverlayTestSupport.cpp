@@ -3,6 +3,7 @@
 #include "core/provider/OverlayProviderFactory.h"
 
 #include <boost/filesystem/operations.hpp>
+#include <boost/property_tree/ptree.hpp>
 
 namespace overlaytest {
 
@@ -26,11 +27,21 @@ OverlayOverMem::~OverlayOverMem() {
   if (defaultRoot) boost::filesystem::remove_all(cacheRoot, ignored);
 }
 
-std::string readAll(fsp::ByteStream& stream) {
-  std::string content;
-  char buffer[4096];
-  for (long n; (n = stream.read(buffer, sizeof buffer)) > 0;) content.append(buffer, n);
-  return content;
+void OverlayOverMem::put(const std::u16string& path, const std::string& bytes) const {
+  auto stream =
+      mem->openStream(fsp::StorageIRI(u"mem", path), fsp::ByteStreamOpenOptions::overwrite());
+  fsp::test::writeAll(*stream, bytes);
+  stream->close();
+}
+
+std::string OverlayOverMem::stored(const std::u16string& path) const {
+  return readAll(*mem->openReadOnlyStream(fsp::StorageIRI(u"mem", path)));
+}
+
+void OverlayOverMem::configure(const std::map<std::string, std::string>& settings) const {
+  boost::property_tree::ptree config;
+  for (const auto& [key, value] : settings) config.put(key, value);
+  overlay->configure(config);
 }
 
 }  // namespace overlaytest

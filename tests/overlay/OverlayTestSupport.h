@@ -1,7 +1,10 @@
 // An overlay over an instrumented in-memory store, for the overlay's own unit tests: the
 // instrumentation counts what reaches the inner store and injects its failures.
+// Ownership: the fixture owns the store, the wrapper and the overlay, and shuts the overlay down
+// before the others go. Threads: called from the test's thread only.
 #pragma once
 
+#include "../providers/ProviderTestSupport.h"
 #include "core/provider/OverlayProvider.h"
 
 #include <foundation/storage/provider/instrumented/InstrumentedProvider.h>
@@ -9,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -28,6 +32,12 @@ struct OverlayOverMem {
   std::uint64_t innerCalls(std::string_view operation) const {
     return instrumented->callCount(operation);
   }
+  // Replaces the inner store's file at `path` with `bytes`, past the overlay and the wrapper.
+  void put(const std::u16string& path, const std::string& bytes) const;
+  // The bytes of the inner store's file at `path`, read past the wrapper.
+  std::string stored(const std::u16string& path) const;
+  // Configures the overlay with a tree of these keys and values.
+  void configure(const std::map<std::string, std::string>& settings) const;
 
   std::shared_ptr<fsp::mem::MemProvider> mem;
   std::shared_ptr<fsp::instrumented::InstrumentedProvider> instrumented;
@@ -36,7 +46,6 @@ struct OverlayOverMem {
   fsp::StorageIRI root;
 };
 
-// What is left to read from `stream`.
-std::string readAll(fsp::ByteStream& stream);
+using fsp::test::readAll;
 
 }  // namespace overlaytest

@@ -41,7 +41,7 @@ class FileProviderEventsTest : public ::testing::Test {
 
   // Destroyed in reverse order: the provider (and its event thread) before the log.
   TempDir temp_;
-  EventLog log_;
+  EventRecorder log_;
   std::shared_ptr<FileProvider> provider_;
 };
 
@@ -51,7 +51,7 @@ TEST_F(FileProviderEventsTest, TreeMadeByAnotherProcessIsReportedEntryByEntry) {
                               root().string() + "/tree/a/b/f.txt'";
   ASSERT_EQ(0, std::system(command.c_str()));
   for (const auto* path : {u"/tree", u"/tree/a", u"/tree/a/b", u"/tree/a/b/f.txt"}) {
-    EXPECT_TRUE(log_.waitFor(Kind::Appeared, path)) << text::toUtf8(path);
+    EXPECT_TRUE(log_.waitForEvent(Kind::Appeared, path)) << text::toUtf8(path);
   }
 }
 
@@ -62,26 +62,30 @@ TEST_F(FileProviderEventsTest, TreeMovedInIsScannedAndWatchedAndMovedOutIsDroppe
   writeText(temp_.path() / "staged" / "inner" / "g.txt", "g");
   subscribeToEverything();
   fs::rename(temp_.path() / "staged", root() / "moved");
-  EXPECT_TRUE(log_.waitUntil([](const SeenEvent& e) {
-    return e.kind == Kind::Appeared && e.path == u"/moved" && e.other == u"/moved" &&
-           e.type == EntryType::Folder;
-  }));
-  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/moved/inner"));
-  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/moved/inner/g.txt"));
+  EXPECT_TRUE(log_.waitForEvent(
+      [](const auto& e) {
+        return e.kind == Kind::Appeared && e.path == u"/moved" && e.otherPath == u"/moved" &&
+               e.type == EntryType::Folder;
+      },
+      "the move in, alone"));
+  EXPECT_TRUE(log_.waitForEvent(Kind::Appeared, u"/moved/inner"));
+  EXPECT_TRUE(log_.waitForEvent(Kind::Appeared, u"/moved/inner/g.txt"));
   // The scanned folder got a watch of its own.
   provider_->createFile(at(u"/moved/inner/later.txt"));
-  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/moved/inner/later.txt"));
+  EXPECT_TRUE(log_.waitForEvent(Kind::Appeared, u"/moved/inner/later.txt"));
 
   fs::rename(root() / "moved", temp_.path() / "out");
-  EXPECT_TRUE(log_.waitUntil([](const SeenEvent& e) {
-    return e.kind == Kind::Disappeared && e.path == u"/moved" && e.other == u"/moved" &&
-           e.type == EntryType::Folder;
-  }));
+  EXPECT_TRUE(log_.waitForEvent(
+      [](const auto& e) {
+        return e.kind == Kind::Disappeared && e.path == u"/moved" && e.otherPath == u"/moved" &&
+               e.type == EntryType::Folder;
+      },
+      "the move out, alone"));
   // Its watches went with it: what happens there now is not reported under its old path.
   writeText(temp_.path() / "out" / "inner" / "gone.txt", "x");
   provider_->createFile(at(u"/marker"));
-  ASSERT_TRUE(log_.waitFor(Kind::Appeared, u"/marker"));
-  for (const auto& e : log_.snapshot()) EXPECT_NE(u"/moved/inner/gone.txt", e.path);
+  ASSERT_TRUE(log_.waitForEvent(Kind::Appeared, u"/marker"));
+  for (const auto& e : log_.events()) EXPECT_NE(u"/moved/inner/gone.txt", e.path);
 }
 
 TEST_F(FileProviderEventsTest, FolderMadeAfterSubscribingIsWatched) {
@@ -89,14 +93,14 @@ TEST_F(FileProviderEventsTest, FolderMadeAfterSubscribingIsWatched) {
   provider_->createFolder(at(u"/sub"));
   // Once its Appeared is delivered the folder has its own watch; a file written before that
   // could only be reported as Appeared by the scan of the new folder.
-  ASSERT_TRUE(log_.waitFor(Kind::Appeared, u"/sub"));
+  ASSERT_TRUE(log_.waitForEvent(Kind::Appeared, u"/sub"));
   auto stream = provider_->openStream(at(u"/sub/x.txt"), ByteStreamOpenOptions::overwrite());
   stream->write("abc", 3);
   stream->close();
-  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/sub/x.txt"));
-  EXPECT_TRUE(log_.waitFor(Kind::Changed, u"/sub/x.txt"));
+  EXPECT_TRUE(log_.waitForEvent(Kind::Appeared, u"/sub/x.txt"));
+  EXPECT_TRUE(log_.waitForEvent(Kind::Changed, u"/sub/x.txt"));
   provider_->removeFile(at(u"/sub/x.txt"));
-  EXPECT_TRUE(log_.waitFor(Kind::Disappeared, u"/sub/x.txt"));
+  EXPECT_TRUE(log_.waitForEvent(Kind::Disappeared, u"/sub/x.txt"));
 }
 
 // A folder made after the first subscription gets its watch from the event thread, when that
@@ -139,11 +143,9 @@ TEST_F(FileProviderEventsTest, ASubscriptionToAFolderJustMadeHearsItBeforeTheEve
   provider_->createFile(at(u"/marker"));
   gate.let();
   // inotify keeps one queue, in order: once the marker is heard, everything before it was.
-  ASSERT_TRUE(log_.waitFor(Kind::Appeared, u"/marker"));
-  const auto seen = log_.snapshot();
-  EXPECT_TRUE(std::any_of(seen.begin(), seen.end(), [](const SeenEvent& e) {
-    return e.kind == Kind::Disappeared && e.path == u"/w/a.txt";
-  })) << "the removal in the folder just subscribed to was not heard";
+  ASSERT_TRUE(log_.waitForEvent(Kind::Appeared, u"/marker"));
+  EXPECT_TRUE(EventRecorder::contains(log_.events(), Kind::Disappeared, u"/w/a.txt"))
+      << "the removal in the folder just subscribed to was not heard";
 }
 
 TEST_F(FileProviderEventsTest, QueueOverflowAsksForARescanOfTheRoot) {
@@ -174,12 +176,14 @@ TEST_F(FileProviderEventsTest, QueueOverflowAsksForARescanOfTheRoot) {
     ::unlink(spun.c_str());
   }
   release.count_down();
-  EXPECT_TRUE(log_.waitUntil([](const SeenEvent& e) {
-    return e.kind == Kind::Rescan && e.path == u"/" && e.type == EntryType::Unknown;
-  }));
+  EXPECT_TRUE(log_.waitForEvent(
+      [](const auto& e) {
+        return e.kind == Kind::Rescan && e.path == u"/" && e.type == EntryType::Unknown;
+      },
+      "rescan of the root"));
   // Watching carries on after the overflow.
   provider_->createFile(at(u"/spin/after.txt"));
-  EXPECT_TRUE(log_.waitFor(Kind::Appeared, u"/spin/after.txt"));
+  EXPECT_TRUE(log_.waitForEvent(Kind::Appeared, u"/spin/after.txt"));
   provider_->shutdown();  // the blocking publisher refers to this test's locals
 }
 
