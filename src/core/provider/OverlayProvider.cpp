@@ -140,8 +140,8 @@ void OverlayProvider::lazyInitialize() const {
   {
     std::lock_guard lock(initMutex_);
     if (!executor_->load()) {
-      executor_->store(std::make_shared<BackendExecutor>([this] { noteBackendActivity(); },
-                                                         maxQueueWeight_.load()));
+      executor_->store(
+          std::make_shared<BackendExecutor>(backendActivityHook(), maxQueueWeight_.load()));
     }
   }
   auto accountant = quotaAccountant();
@@ -204,8 +204,10 @@ std::shared_ptr<IQuotaAccountant> OverlayProvider::quotaAccountant() const {
   return quotaAccountant_;
 }
 
-void OverlayProvider::noteBackendActivity() const {
-  if (contentCache_) contentCache_->markActivity();
+std::function<void()> OverlayProvider::backendActivityHook() const {
+  return [cache = std::weak_ptr<ContentCache>(contentCache_)] {
+    if (const auto live = cache.lock()) live->markActivity();
+  };
 }
 
 bool OverlayProvider::innerHasFeature(fsp::ExtendedFeature feature) const {
@@ -220,7 +222,7 @@ bool OverlayProvider::innerHasFeature(fsp::ExtendedFeature feature) const {
 }
 
 std::shared_ptr<IExecutor> OverlayProvider::makeSynchronousExecutor() const {
-  return std::make_shared<SynchronousExecutor>([this] { noteBackendActivity(); });
+  return std::make_shared<SynchronousExecutor>(backendActivityHook());
 }
 
 void OverlayProvider::installExecutor(std::shared_ptr<IExecutor> executor) const {

@@ -52,6 +52,7 @@
 #include <array>
 #include <atomic>
 #include <boost/thread/once.hpp>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -163,8 +164,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   fsp::Exception refusalForHost(const fsp::Exception& inner) const;
   PathGuardTable::Guard guard(const fsp::StorageIRI& location) const;
   PathGuardTable::Guard guard(const fsp::StorageIRI& a, const fsp::StorageIRI& b) const;
-  // Called by the executors when work arrives at an idle queue.
-  void noteBackendActivity() const;
+  // What the executors call when work arrives at an idle queue. It holds the content cache
+  // weakly: a stream may outlive this provider and still submit through its executor.
+  std::function<void()> backendActivityHook() const;
   // The opening steps of the cached operations: initialised, metadata tree prepared.
   void ensureReady() const;
   // Mutations (OverlayProviderMutations.cpp). Queues the store's half of a mutation: `innerCall`
@@ -235,7 +237,7 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::shared_ptr<fsp::StorageItem> inner_;
   // Declared here so that it goes after the executor and the metadata cache, before the
   // inner item: no transaction may run while its entries are released.
-  std::unique_ptr<ContentCache> contentCache_;
+  std::shared_ptr<ContentCache> contentCache_;
   fsp::StorageIRI publicRoot_;
   std::shared_ptr<MetadataCache> metadataCache_;
   // Shared with the working files, which look the executor up at each submission.
