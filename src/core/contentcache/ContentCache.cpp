@@ -7,6 +7,7 @@
 
 #include <foundation/text/Unicode.h>
 
+#include <algorithm>
 #include <boost/filesystem/operations.hpp>
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
@@ -50,7 +51,7 @@ void ContentCache::discard() {
 }
 
 void ContentCache::deleteMadeBodies() noexcept {
-  for (const auto& body : madeBodies_) {
+  for (const auto& [body, entries] : madeBodies_) {
     boost::system::error_code ignored;
     fs::remove(fs::path(body), ignored);
   }
@@ -142,8 +143,7 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieve(
     }
     makeRoomLocked(metadata->getSize());
     auto entry = std::make_shared<WorkingFileEntry>(metadata, cacheRoot_ / "V1.0", mode_, settings);
-    if (const auto body = entry->resource()->path(); !body.empty())
-      madeBodies_.insert(body.string());
+    noteBodyLocked(entry);
     entries_.emplace(iri, entry);
     ++entryCount_;
     entry->pin();
@@ -162,7 +162,13 @@ void ContentCache::makeRoomLocked(std::uint64_t bytes) {
   if (!arbitrator_) return;
   while (!arbitrator_->hasSpaceFor(bytes)) {
     if (entryCount_ == 0) {
-      if (reclaimUnusedBodiesLocked()) continue;
+      const auto reclaimed = reclaimUnusedBodiesLocked();
+      if (reclaimed.deleted) continue;
+      if (reclaimed.inUse) {
+        OVERLAY_LOG(log::notice) << "The cached bodies still in use hold the space; the cache "
+                                    "goes over its space until one settles.";
+        return;
+      }
       OVERLAY_LOG(log::notice) << "Content caching failure (no space).";
       throw CachingErrorException("Caching failed due to a lack of filespace.");
     }
@@ -170,26 +176,38 @@ void ContentCache::makeRoomLocked(std::uint64_t bytes) {
   }
 }
 
-bool ContentCache::reclaimUnusedBodiesLocked() {
+void ContentCache::noteBodyLocked(const std::shared_ptr<WorkingFileEntry>& entry) {
+  const auto body = entry->resource()->path();
+  if (body.empty()) return;
+  auto& entries = madeBodies_[body.string()];
+  std::erase_if(entries, [](const auto& made) { return made.expired(); });
+  entries.push_back(entry);
+}
+
+ContentCache::Reclaimed ContentCache::reclaimUnusedBodiesLocked() {
   // Bodies of entries that left the registry stay on disk, to be taken up again by a later
   // entry of the same file; when the space is gone and no entry is left, they are what holds
   // it. Without this, bodies that nobody uses would turn the overlay into pass-through for good.
-  // A released entry that a stream still reads from keeps its body.
-  std::unordered_set<std::string> inUse;
-  for (const auto& entry : pendingRelease_) {
-    if (!entry->isIdle()) inUse.insert(entry->resource()->path().string());
-  }
-  bool reclaimed = false;
+  // A body stays while an entry made over it still has a stream or queued work: its queued
+  // writes read their bytes from it.
+  const auto inUse = [](const std::vector<std::weak_ptr<WorkingFileEntry>>& entries) {
+    return std::any_of(entries.begin(), entries.end(), [](const auto& made) {
+      const auto entry = made.lock();
+      return entry && !entry->isIdle();
+    });
+  };
+  Reclaimed reclaimed;
   for (auto it = madeBodies_.begin(); it != madeBodies_.end();) {
-    if (inUse.count(*it)) {
+    if (inUse(it->second)) {
+      reclaimed.inUse = true;
       ++it;
       continue;
     }
     boost::system::error_code error;
-    reclaimed |= fs::remove(fs::path(*it), error);
+    reclaimed.deleted |= fs::remove(fs::path(it->first), error);
     it = madeBodies_.erase(it);
   }
-  if (reclaimed) {
+  if (reclaimed.deleted) {
     OVERLAY_LOG(log::notice) << "Content cache out of space: cached bodies that no entry uses "
                                 "were deleted.";
     arbitrator_->releaseSpace();
@@ -350,7 +368,7 @@ void ContentCache::moveEntry(const StorageIRI& from, const StorageIRI& to) {
     eraseLocked(target);
   }
   entry->moveTo(to);
-  if (const auto body = entry->resource()->path(); !body.empty()) madeBodies_.insert(body.string());
+  noteBodyLocked(entry);
   entries_.emplace(to, std::move(entry));
   ++entryCount_;
 }

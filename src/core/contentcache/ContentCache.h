@@ -20,6 +20,9 @@
 // entry uses (kept on disk for a later entry of the same file) are deleted before the cache
 // gives up. Those bodies are what holds the space then, and giving up turns the provider into
 // pass-through for good: every later call waits for the store, and its failures reach callers.
+// For the same reason, when what holds the space is bodies whose released entries still have
+// a stream open or writes queued, the cache goes over its space until they settle, as it does
+// when no registered entry is settled.
 // Entries that leave the registry are kept alive in a release list until the next flush or
 // invalidation, or until the executor reports new activity, so that a transaction or a
 // caller that fetched one may still use it.
@@ -58,7 +61,8 @@
 #include <map>
 #include <memory>
 #include <set>
-#include <unordered_set>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace storage::overlayprovider {
@@ -126,8 +130,14 @@ class ContentCache {
   void makeRoomLocked(std::uint64_t bytes) OVERLAY_REQUIRES(mutex_);
   // Evicts the least recently accessed entry that may go; false when none may.
   bool evictOneLocked() OVERLAY_REQUIRES(mutex_);
-  // With no entry left: deletes the bodies made here that no entry uses; true when one went.
-  bool reclaimUnusedBodiesLocked() OVERLAY_REQUIRES(mutex_);
+  // Remembers the entry's body, and the entry made over it.
+  void noteBodyLocked(const std::shared_ptr<WorkingFileEntry>& entry) OVERLAY_REQUIRES(mutex_);
+  // With no entry left: deletes the bodies made here that no live entry still uses.
+  struct Reclaimed {
+    bool deleted = false;  // a body went
+    bool inUse = false;    // a body stays for an entry with a stream or queued work
+  };
+  Reclaimed reclaimUnusedBodiesLocked() OVERLAY_REQUIRES(mutex_);
   void removeBodyFileLocked(const fsp::StorageIRI& iri) OVERLAY_REQUIRES(mutex_);
   // Settled: no stream open, nothing queued for the store, and the file's record confirmed,
   // so that a read after the eviction finds in the store what the body held.
@@ -150,7 +160,10 @@ class ContentCache {
   bool initialized_ OVERLAY_GUARDED_BY(mutex_) = false;
   // Native path strings: hashing a string is far cheaper than ordering paths component by
   // component, and every create and rename adds one.
-  std::unordered_set<std::string> madeBodies_ OVERLAY_GUARDED_BY(mutex_);
+  // Each with the entries made over it: one that left the registry may still have queued
+  // writes that read their bytes from the body.
+  std::unordered_map<std::string, std::vector<std::weak_ptr<WorkingFileEntry>>> madeBodies_
+      OVERLAY_GUARDED_BY(mutex_);
 };
 
 }  // namespace storage::overlayprovider

@@ -1,5 +1,7 @@
 #include "core/workingfiles/WorkingFileByteStream.h"
 
+#include "core/provider/OverlayLog.h"
+
 #include <foundation/storage/provider/ByteStreamFailure.h>
 #include <foundation/storage/provider/Exception.h>
 
@@ -9,7 +11,8 @@ namespace fsp = foundation::storage::provider;
 
 namespace {
 
-// Runs one entry call; every failure becomes the operation's stream failure.
+// Runs one entry call; every failure becomes the operation's stream failure. One that is not
+// the store's own refusal is logged, as the caller sees only Unavailable.
 template <class Failure, class Call>
 auto guarded(Call&& call) -> decltype(call()) {
   try {
@@ -17,6 +20,7 @@ auto guarded(Call&& call) -> decltype(call()) {
   } catch (const fsp::Exception& e) {
     throw Failure(e.getErrorCode());
   } catch (...) {
+    logCaughtException("Unexpected failure of a stream operation");
     throw Failure(fsp::ErrorCode::Unavailable);
   }
 }
