@@ -5,7 +5,11 @@
 
 #include <foundation/storage/provider/FolderEntryIterator.h>
 
+#include <foundation/storage/provider/Exception.h>
+
 #include <exception>
+#include <stdexcept>
+#include <string>
 
 namespace storage::overlayprovider {
 
@@ -56,7 +60,7 @@ FutureFolderEntry::FutureFolderEntry(fsp::StorageIRI folderIri,
                                      std::shared_ptr<fsp::StorageItem> innerRoot)
     : IFolderEntry(std::move(folderIri), false), innerRoot_(std::move(innerRoot)) {
   detail_ = std::async(std::launch::async | std::launch::deferred, [this] {
-              buildFolderDetail();
+              keepFailureOf([this] { buildFolderDetail(); });
             }).share();
 }
 
@@ -68,6 +72,19 @@ FutureFolderEntry::~FutureFolderEntry() {
 void FutureFolderEntry::waitForDetail() {
   auto detail = detail_;
   detail.get();
+  if (throwFailure_) throwFailure_();
+}
+
+void FutureFolderEntry::keepFailureOf(const std::function<void()>& listing) {
+  try {
+    listing();
+  } catch (const fsp::Exception& e) {
+    throwFailure_ = [e] { throw e; };
+  } catch (const std::exception& e) {
+    throwFailure_ = [what = std::string(e.what())] { throw std::runtime_error(what); };
+  } catch (...) {
+    throwFailure_ = [] { throw std::runtime_error("The folder listing failed"); };
+  }
 }
 
 bool FutureFolderEntry::isDetailReady() {

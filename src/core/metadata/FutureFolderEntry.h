@@ -13,6 +13,10 @@
 // contending.
 // Threads: the listing runs on the asynchronous task's thread; waitForDetail from any thread,
 // several at once.
+//
+// A failed listing is kept as a value and each waiter throws its own copy: one exception object
+// rethrown on several threads is reference-counted inside the C++ runtime, where the thread
+// sanitizer cannot see the synchronisation and reports its release as a race.
 #pragma once
 
 #include "core/metadata/IFolderEntry.h"
@@ -20,6 +24,7 @@
 #include <foundation/storage/provider/FolderEntry.h>
 #include <foundation/storage/provider/StorageItem.h>
 
+#include <functional>
 #include <future>
 #include <memory>
 
@@ -49,10 +54,14 @@ class FutureFolderEntry : public IFolderEntry {
 
  private:
   void buildFolderDetail();
+  // Runs the listing; a failure is stored in throwFailure_ before the shared state is ready.
+  void keepFailureOf(const std::function<void()>& listing);
   // Adds the row's record to `children`, or logs and skips the row.
   void addRow(const fsp::FolderEntry& row, ChildMap& children) const;
 
   std::shared_ptr<fsp::StorageItem> innerRoot_;
+  // Set at most once by the listing thread, before detail_ is ready; read only after it is.
+  std::function<void()> throwFailure_;
   std::shared_future<void> detail_;
 };
 
