@@ -387,6 +387,11 @@ TEST_F(MetadataCacheTest, RemovedFileIsGoneAndNotBroughtBackByReapplication) {
   EXPECT_FALSE(names(u"/a").count(u"new.txt"));
   cache().removeFileMetadata(ov(u"/a/b.txt"));
   EXPECT_FALSE(cache().getFileMetadata(ov(u"/a/b.txt")));
+
+  // Nor by a folder move while the store, listed again after an event, still holds the file.
+  cache().markForInvalidation(ov(u"/a"));
+  cache().moveFolderMetadata(ov(u"/a"), ov(u"/moved"), fsp::ReplacementPolicy::Fail);
+  EXPECT_EQ(names(u"/moved"), (std::set<std::u16string>{u"sub"}));
 }
 
 TEST_F(MetadataCacheTest, MovedFileKeepsItsMetadataFrozenAtTheDestination) {

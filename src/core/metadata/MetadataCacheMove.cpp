@@ -52,7 +52,9 @@ std::vector<MetadataCache::FolderSnapshot> MetadataCache::snapshotTree(
     pending.pop_front();
     FolderSnapshot snapshot{current, nullptr, {}};
     try {
-      auto entry = lookupEntry(current);
+      // As a listing shows it: a store that lags behind the replay may still list a child
+      // whose removal is on its way, and a copy moved from there would outlive the removal.
+      auto entry = getFolderEntry(current);
       snapshot.record = entry->getFolderMetadata();
       snapshot.children = entry->getChildren();
     } catch (const fsp::Exception& e) {
