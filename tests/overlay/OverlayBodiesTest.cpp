@@ -10,6 +10,7 @@
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/ptree.hpp>
 
+#include <future>
 #include <string>
 
 using namespace overlaytest;
@@ -143,6 +144,27 @@ TEST(OverlayBodies, AFileOpenForWritingReportsItsWorkingSize) {
   stream->write("0123456789", 10);
   EXPECT_EQ(env.overlay->getFileAttributes(env.at(u"f")).getSize(), 10u);
   stream->close();
+}
+
+// Two writing sessions close before the first one's close is replayed. Until the second's
+// writes reach the store, a folder listed again from the store must keep the written size.
+TEST(OverlayBodies, AWrittenSizeOutlivesRelistingsUntilTheStoreHasIt) {
+  OverlayOverMem env;
+  env.put(u"/f", "old");
+  env.instrumented->setStreamLatency(std::chrono::milliseconds(100));
+  const std::string last(100, 'b');
+  for (const auto& bytes : {std::string("a"), last}) {
+    auto stream = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::readWrite());
+    stream->write(bytes.data(), static_cast<long>(bytes.size()));
+    stream->close();
+  }
+  auto flushed = std::async(std::launch::async, [&] { env.overlay->flushFilesystem(); });
+  while (flushed.wait_for(std::chrono::milliseconds(2)) != std::future_status::ready) {
+    env.overlay->metadataCache()->markForInvalidation(StorageIRI(u"overlay", u"/f"));
+    ASSERT_EQ(env.overlay->getFileAttributes(env.at(u"f")).getSize(), last.size());
+  }
+  flushed.get();
+  EXPECT_EQ(last, env.stored(u"/f"));
 }
 
 TEST(OverlayBodies, ADroppedStreamStillDeliversItsWrites) {

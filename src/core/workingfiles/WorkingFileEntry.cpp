@@ -394,7 +394,10 @@ void WorkingFileEntry::close(std::uint64_t streamId) {
     const bool wasOpen = openStreams_.erase(streamId) > 0;
     writableStreams_.erase(streamId);
     lastClose = wasOpen && openStreams_.empty();
-    if (lastClose) state_ = 1;
+    if (lastClose) {
+      state_ = 1;
+      ++closesQueued_;
+    }
   }
   submitWrites(handOver);
   if (lastClose) {

@@ -188,8 +188,10 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void submit(std::function<void()> task, ObservableTransactionType kind, double weight);
   std::shared_ptr<PendingTicket> newTicket();
   void stampBodyLocked();
-  // The record stays frozen from the first writable open until the closing transaction has
-  // run, so that a folder listed again from a lagging store keeps this record (and its size).
+  // The record stays frozen from the first writable open until the last closing transaction
+  // queued has run, so that a folder listed again from a lagging store keeps this record (and
+  // its size). An earlier session's close may run after a later session has closed too: the
+  // later one's writes are still queued behind it, so that close must not release the hold.
   void holdRecordLocked();
   void releaseRecordLocked();
   bool bodyCompleteLocked() const;
@@ -241,6 +243,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::set<std::uint64_t> writableStreams_;
   std::uint64_t nextStreamId_ = 1;
   int state_ = 0;
+  int closesQueued_ = 0;     // closing transactions submitted and not yet run
   bool writesHeld_ = false;  // this entry holds record_ frozen (see holdRecordLocked)
   std::unique_ptr<PendingWriteBlock> pendingBlock_;
   // Handed-over blocks whose bytes their transactions have not read from the body yet.

@@ -175,8 +175,10 @@ void WorkingFileEntry::runClose() {
     if (written) updateStoreAfterWrites(record()->getLastModified());
   }
   std::lock_guard lock(mutex_);
-  // A stream opened meanwhile keeps the entry open; its own close stamps the body.
-  if (openStreams_.empty()) {
+  --closesQueued_;
+  // A stream opened meanwhile keeps the entry open, and a later session's close still queued
+  // has its writes behind this task: each of those stamps the body and releases in its turn.
+  if (openStreams_.empty() && closesQueued_ == 0) {
     state_ = 0;
     if (!aborted_.load()) stampBodyLocked();
     // Every write queued before the last close has been replayed before this task.
