@@ -60,7 +60,7 @@ FutureFolderEntry::FutureFolderEntry(fsp::StorageIRI folderIri,
                                      std::shared_ptr<fsp::StorageItem> innerRoot)
     : IFolderEntry(std::move(folderIri), false), innerRoot_(std::move(innerRoot)) {
   detail_ = std::async(std::launch::async | std::launch::deferred, [this] {
-              keepFailureOf([this] { buildFolderDetail(); });
+              listKeepingFailure();
             }).share();
 }
 
@@ -75,9 +75,9 @@ void FutureFolderEntry::waitForDetail() {
   if (throwFailure_) throwFailure_();
 }
 
-void FutureFolderEntry::keepFailureOf(const std::function<void()>& listing) {
+void FutureFolderEntry::listKeepingFailure() {
   try {
-    listing();
+    buildFolderDetail();
   } catch (const fsp::Exception& e) {
     throwFailure_ = [e] { throw e; };
   } catch (const std::exception& e) {

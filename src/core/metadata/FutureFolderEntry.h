@@ -55,7 +55,7 @@ class FutureFolderEntry : public IFolderEntry {
  private:
   void buildFolderDetail();
   // Runs the listing; a failure is stored in throwFailure_ before the shared state is ready.
-  void keepFailureOf(const std::function<void()>& listing);
+  void listKeepingFailure();
   // Adds the row's record to `children`, or logs and skips the row.
   void addRow(const fsp::FolderEntry& row, ChildMap& children) const;
 

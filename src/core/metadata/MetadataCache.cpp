@@ -220,10 +220,10 @@ void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::Sto
 
 void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
                                        fsp::ReplacementPolicy policy) {
-  prepareLookup();
   if (!from.hasParent() || !to.hasParent() || from == to || from.isAncestorOf(to)) {
     throw fsp::Exception(fsp::ErrorCode::OperationRefused, from, "folder cannot move there");
   }
+  // Acts on pending invalidations first, as every lookup does, folder by folder.
   auto tree = snapshotTree(from);
   const auto& source = tree.front().record;
   auto moved = std::make_shared<FolderMetadata>(to, true);
