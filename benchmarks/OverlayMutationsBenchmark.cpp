@@ -6,14 +6,17 @@
 //            returns). The store directly does the same for 50 files, and its time is scaled
 //            to 1,000 (the whole run would take 1,000 x 4 calls x 10 ms, 40 s). The store's
 //            calls of the overlay's run are counted. A second baseline creates, writes and
-//            closes 1,000 plain files of the same size in the directory that holds the
-//            overlay's content cache: every new file costs the overlay one such body file, so
-//            the caller can go no faster than the cache's file system creates files.
+//            closes 1,000 plain files of the same size beside the overlay's content cache, in
+//            rounds of 100 that alternate with the overlay's: every new file costs the overlay
+//            one such body file, so the caller can go no faster than the cache's file system
+//            creates files, and that speed drifts within a run.
 //   changes  the caller's cost of one rename (moveFile), one removal (removeFile) and one
 //            folder creation (createFolder), over 200 of each on the files of the first case,
 //            the queue flushed before each batch: mean, median and slowest of the batch, and
 //            the store calls from the batch's start until its flush returned; against the
-//            mean of 20 of each on the store.
+//            mean of 20 of each on the store, and of 200 of the same on plain local files
+//            (written with the first case's baseline), since the cache renames or deletes a
+//            body file for each and this disk's cost for that varies from run to run.
 //
 // Before each case one lookup in the folder it changes is timed apart, with its store calls:
 // when the overlay holds no listing of the folder (its first use, or marked stale by the
@@ -36,6 +39,7 @@
 #include <foundation/storage/provider/mem/MemProvider.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/property_tree/ptree.hpp>
@@ -65,6 +69,7 @@ using benchsupport::TempDir;
 
 constexpr auto kRemoteLatency = std::chrono::milliseconds(10);
 constexpr int kFiles = 1000;
+constexpr int kFilesPerRound = 100;
 constexpr int kDirectFiles = 50;
 constexpr int kChanges = 200;
 constexpr int kDirectChanges = 20;
@@ -245,23 +250,46 @@ double lookUpFirst(const Store& store, const fsp::StorageItem& root, const std::
   return took;
 }
 
-// Seconds to create, write (the same bodies) and close `count` plain files in a fresh directory
-// beside the overlay's content cache, as the cache makes a body file.
-double writeLocalFiles(int count) {
-  TempDir directory("overlay-mutations-local");
-  const auto start = Clock::now();
-  for (int i = 0; i < count; ++i) {
-    const auto path = directory.path() + "/f" + std::to_string(i);
-    const int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
-    if (fd < 0) throw std::runtime_error("cannot create " + path);
-    const auto body = bodyOf(i);
-    const bool written =
-        ::pwrite(fd, body.data(), body.size(), 0) == static_cast<ssize_t>(body.size());
-    ::close(fd);
-    if (!written) throw std::runtime_error("short write to " + path);
+// Plain files in a fresh directory beside the overlay's content cache: what the cache's file
+// system costs at the moment of the run, for the same work that the cache does on its body
+// files (a body is made for each new file, and renamed or deleted with it).
+class LocalFiles {
+ public:
+  // Seconds to create, write (the same bodies) and close files [first, first + count).
+  double write(int first, int count) const {
+    const auto start = Clock::now();
+    for (int i = first; i < first + count; ++i) {
+      const auto path = name("f", i);
+      const int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
+      if (fd < 0) throw std::runtime_error("cannot create " + path);
+      const auto body = bodyOf(i);
+      const bool written =
+          ::pwrite(fd, body.data(), body.size(), 0) == static_cast<ssize_t>(body.size());
+      ::close(fd);
+      if (!written) throw std::runtime_error("short write to " + path);
+    }
+    return seconds(Clock::now() - start);
   }
-  return seconds(Clock::now() - start);
-}
+  // Mean seconds of the plain counterpart of `count` changes of the kind named by `firstFile`
+  // (0 rename, 1 removal, 2 folder creation), on the files batch `firstFile` as in the overlay.
+  double change(int firstFile, int count) const {
+    const auto start = Clock::now();
+    for (int i = 0; i < count; ++i) {
+      const auto file = name("f", firstFile * count + i);
+      const bool done = firstFile == 0   ? ::rename(file.c_str(), name("r", i).c_str()) == 0
+                        : firstFile == 1 ? ::unlink(file.c_str()) == 0
+                                         : ::mkdir(name("d", i).c_str(), 0700) == 0;
+      if (!done) throw std::runtime_error("plain change failed on " + file);
+    }
+    return seconds(Clock::now() - start) / count;
+  }
+
+ private:
+  std::string name(const char* prefix, int i) const {
+    return directory_.path() + "/" + prefix + std::to_string(i);
+  }
+  TempDir directory_{"overlay-mutations-local"};
+};
 
 // Throws naming the first thing the store holds wrongly after `count` changes of each kind on
 // the `files` files of `folder`.
@@ -322,9 +350,17 @@ int run() {
             << std::flush;
   const double listing = lookUpFirst(store, overlay.root(), "/files");
   store.remote->resetCounters();
-  auto start = Clock::now();
-  writeFiles(overlay.root(), "/files", 0, kFiles);
-  const double caller = seconds(Clock::now() - start);
+  // In rounds, each overlay round right after a plain round of the same size: this disk's
+  // speed at creating files swings several-fold within minutes, and paired rounds see the same.
+  const LocalFiles local;
+  double caller = 0, localTime = 0;
+  const auto start = Clock::now();
+  for (int first = 0; first < kFiles; first += kFilesPerRound) {
+    localTime += local.write(first, kFilesPerRound);
+    const auto round = Clock::now();
+    writeFiles(overlay.root(), "/files", first, kFilesPerRound);
+    caller += seconds(Clock::now() - round);
+  }
   const double callerRate = kFiles / caller;
   const double withListingRate = kFiles / (caller + listing);
   std::cout << format(
@@ -333,22 +369,25 @@ int run() {
                    caller, callerRate, withListingRate)
             << std::flush;
   overlay.flush();
-  const double drain = seconds(Clock::now() - start);
+  const double drain = seconds(Clock::now() - start) - localTime;
   const auto overlayCalls = store.callsText();
   const auto overlayCallCount = store.remote->totalCalls();
 
-  start = Clock::now();
+  auto directStart = Clock::now();
   writeFiles(directStore.root(), "/direct", 0, kDirectFiles);
-  const double direct = seconds(Clock::now() - start) * kFiles / kDirectFiles;
+  const double direct = seconds(Clock::now() - directStart) * kFiles / kDirectFiles;
   const auto directCallsPerFile =
       static_cast<double>(directStore.remote->totalCalls()) / kDirectFiles;
-  const double localRate = kFiles / writeLocalFiles(kFiles);
+  const double localRate = kFiles / localTime;
 
   const double directRate = kFiles / direct;
   std::cout << format("  drain (until the flush returned): %.3f s\n", drain)
             << format("  store directly: %.3f s for %d files, %.3f s scaled to %d (%.0f files/s)\n",
                       direct * kDirectFiles / kFiles, kDirectFiles, direct, kFiles, directRate)
-            << format("  plain local files beside the content cache: %.0f files/s\n", localRate)
+            << format(
+                   "  plain local files beside the content cache (in rounds of %d, each just "
+                   "before the overlay's): %.0f files/s\n",
+                   kFilesPerRound, localRate)
             << "  store calls through the overlay: " << overlayCalls << "\n"
             << format("  store calls per file: overlay %.1f, directly %.1f\n",
                       static_cast<double>(overlayCallCount) / kFiles, directCallsPerFile);
@@ -370,20 +409,24 @@ int run() {
     lookUpFirst(store, overlay.root(), std::string("/files") + kind.suffix);
     store.remote->resetCounters();
     const auto through = spreadOf(timeChanges(kind, overlay.root(), "/files", kChanges));
-    start = Clock::now();
+    const auto drainStart = Clock::now();
     overlay.flush();
-    const double drained = seconds(Clock::now() - start);
+    const double drained = seconds(Clock::now() - drainStart);
     const auto calls = store.callsText();
     const double directly =
         spreadOf(timeChanges(kind, directStore.root(), "/direct", kDirectChanges)).mean;
+    const double plain = local.change(kind.firstFile, kChanges);
     std::cout << format("  caller over %d: mean %.1f us, median %.1f us, slowest %.1f us\n",
                         kChanges, through.mean * 1e6, through.median * 1e6, through.slowest * 1e6)
               << format("  then drained in %.3f s; store calls: ", drained) << calls << "\n"
-              << format("  store directly: %.2f ms each over %d\n", directly * 1e3, kDirectChanges);
+              << format("  store directly: %.2f ms each over %d\n", directly * 1e3, kDirectChanges)
+              << format("  the same on plain local files: %.1f us each\n", plain * 1e6);
     rows.push_back({kind.name, format("%.1f us", through.mean * 1e6),
                     format("%.2f ms", directly * 1e3), format("%.4fx", through.mean / directly),
                     format("< %.0f us", kChangeMicrosTarget),
                     through.mean * 1e6 < kChangeMicrosTarget ? "yes" : "no"});
+    rows.push_back({"  same, against local files", "", format("%.1f us (local)", plain * 1e6),
+                    format("%.2fx", through.mean / plain), "", ""});
   }
 
   for (const auto* slow : {&store, &directStore}) {

@@ -8,18 +8,22 @@ namespace foundation::crypto {
 
 std::string blake2b512(std::string_view data) {
   CryptoPP::BLAKE2b hash(static_cast<unsigned int>(CryptoPP::BLAKE2b::DIGESTSIZE));
-  std::string digest;
-  CryptoPP::StringSource source(reinterpret_cast<const CryptoPP::byte*>(data.data()), data.size(),
-                                true,
-                                new CryptoPP::HashFilter(hash, new CryptoPP::StringSink(digest)));
+  std::string digest(hash.DigestSize(), '\0');
+  hash.CalculateDigest(reinterpret_cast<CryptoPP::byte*>(digest.data()),
+                       reinterpret_cast<const CryptoPP::byte*>(data.data()), data.size());
   return digest;
 }
 
 std::string base64UrlEncode(std::string_view bytes) {
-  std::string text;
-  CryptoPP::StringSource source(
-      reinterpret_cast<const CryptoPP::byte*>(bytes.data()), bytes.size(), true,
-      new CryptoPP::Base64URLEncoder(new CryptoPP::StringSink(text), /*insertLineBreaks=*/false));
+  // Making an encoder costs several times what encoding a digest does, and the content cache
+  // names every body this way on every create, rename and removal: each thread keeps one,
+  // which starts afresh after each message.
+  thread_local std::string text;
+  thread_local CryptoPP::Base64URLEncoder encoder(new CryptoPP::StringSink(text),
+                                                  /*insertLineBreaks=*/false);
+  text.clear();
+  encoder.Put(reinterpret_cast<const CryptoPP::byte*>(bytes.data()), bytes.size());
+  encoder.MessageEnd();
   return text;
 }
 

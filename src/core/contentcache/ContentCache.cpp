@@ -48,6 +48,7 @@ void ContentCache::discard() {
     released.swap(pendingRelease_);
     if (mode_ == CacheMode::TEMPORARY) deleteMadeBodies();
   }
+  disposal_.drain();
 }
 
 void ContentCache::deleteMadeBodies() noexcept {
@@ -112,6 +113,15 @@ void ContentCache::ensureInitializedLocked() {
     throw;
   }
   if (initialized_) return;
+  if (!bodiesFound_) {
+    // Bodies left by an earlier run under the same root (kept on purpose in persistent mode).
+    boost::system::error_code error;
+    for (fs::directory_iterator it(versionDirectory, error), end; !error && it != end;
+         it.increment(error)) {
+      foundBodies_.insert(it->path().string());
+    }
+    bodiesFound_ = true;
+  }
   if (arbitrator_) {
     initialized_ = true;
     return;
@@ -323,19 +333,28 @@ void ContentCache::removeEntry(const StorageIRI& iri, bool notify) {
 void ContentCache::discardEntry(const StorageIRI& iri, bool notify) {
   MutexLock lock(mutex_);
   ensureInitializedLocked();
-  if (const auto it = entries_.find(iri); it != entries_.end()) {
-    it->second->enqueueProviderWrite();
-    it->second->removeCachedBody();
+  const auto it = entries_.find(iri);
+  if (it != entries_.end()) it->second->enqueueProviderWrite();
+  removeBodyFileLocked(iri);
+  if (it != entries_.end()) {
+    it->second->removeCachedBody();  // the body has gone: this forgets its ranges
     if (notify) it->second->stampAndWake();
     it->second->abort();
     eraseLocked(it);
   }
-  removeBodyFileLocked(iri);
 }
 
 void ContentCache::removeBodyFileLocked(const StorageIRI& iri) {
-  boost::system::error_code ignored;
-  boost::filesystem::remove(cacheRoot_ / "V1.0" / cacheFileName(iri), ignored);
+  try {
+    const auto body = cacheRoot_ / "V1.0" / cacheFileName(iri);
+    // A name that this cache never made a body for, and that had none when the cache started,
+    // has none: most creations and moves name such a file, and asking the file system costs a
+    // search of the bodies' directory.
+    if (!madeBodies_.count(body.string()) && !foundBodies_.count(body.string())) return;
+    disposal_.dispose(cacheRoot_, body);
+  } catch (...) {
+    logCaughtException("A cached body could not be deleted");
+  }
 }
 
 void ContentCache::removeFolderEntries(const StorageIRI& folder, bool notify) {
@@ -367,6 +386,7 @@ void ContentCache::moveEntry(const StorageIRI& from, const StorageIRI& to) {
     target->second->abort();
     eraseLocked(target);
   }
+  removeBodyFileLocked(to);  // the replaced file's body, set aside rather than renamed over
   entry->moveTo(to);
   noteBodyLocked(entry);
   entries_.emplace(to, std::move(entry));

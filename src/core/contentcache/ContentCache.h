@@ -5,7 +5,11 @@
 // system's temporary directory, or "overlay.cacheRoot"), holding a "V1.0" directory in which
 // every body lies as "<base64url Blake2b of the file's IRI>.cache". There is no index: what
 // is cached is known from the body files and the entries in memory. The version directory is
-// recreated by every operation, so one deleted from outside comes back.
+// recreated by every operation, so one deleted from outside comes back. A body that a
+// removal, re-creation or replacing move discards is renamed into "discarded" beside it at
+// once and deleted there by the BodyDisposal's thread (a deletion is several times dearer).
+// The names of the bodies found at the first use and of those made since are kept, so that a
+// name that never had a body costs no look at the disk.
 //
 // Space: before an entry is made, the arbitrator is asked for the file's whole size; while it
 // refuses, the least recently accessed settled entry is evicted (its body deleted). Settled
@@ -47,6 +51,7 @@
 // callback (markActivity).
 #pragma once
 
+#include "core/contentcache/BodyDisposal.h"
 #include "core/contentcache/CacheMode.h"
 #include "core/contentcache/ICacheSpaceArbitrator.h"
 #include "core/support/Mutex.h"
@@ -63,6 +68,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace storage::overlayprovider {
@@ -164,6 +170,13 @@ class ContentCache {
   // writes that read their bytes from the body.
   std::unordered_map<std::string, std::vector<std::weak_ptr<WorkingFileEntry>>> madeBodies_
       OVERLAY_GUARDED_BY(mutex_);
+  // The body files in the version directory when the cache was first used.
+  std::unordered_set<std::string> foundBodies_ OVERLAY_GUARDED_BY(mutex_);
+  bool bodiesFound_ OVERLAY_GUARDED_BY(mutex_) = false;
+  // Bodies that a removal, re-creation or replacing move discards leave their names at once
+  // and are deleted on the disposal's own thread. Declared last: destroyed first, after the
+  // destructor's discard() has drained it.
+  BodyDisposal disposal_;
 };
 
 }  // namespace storage::overlayprovider

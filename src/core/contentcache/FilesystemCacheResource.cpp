@@ -115,8 +115,15 @@ void FilesystemCacheResource::move(const foundation::storage::provider::StorageI
     newPath = cacheDirectory_ / cacheFileName(newIri);
     // Moving onto its own name must not delete the body it would then rename.
     if (newPath != checkoutPath_) {
-      if (fs::exists(newPath)) fs::remove(newPath);
-      if (fs::exists(checkoutPath_)) fs::rename(checkoutPath_, newPath);
+      // The rename replaces a body at the new name; with no body to carry along, one there
+      // is deleted all the same, since it is not this file's.
+      boost::system::error_code error;
+      fs::rename(checkoutPath_, newPath, error);
+      if (error == boost::system::errc::no_such_file_or_directory) {
+        fs::remove(newPath);
+      } else if (error) {
+        throw fs::filesystem_error("rename", checkoutPath_, newPath, error);
+      }
     }
   } catch (...) {
     logFailure(foundation::log::error, "error", "Failure in moving cached item", false);

@@ -100,15 +100,20 @@ void IFolderEntry::eraseChildLocked(ChildMap::iterator it) {
   children_.erase(it);
 }
 
-MetadataNode IFolderEntry::findChild(const fsp::StorageIRI& iri, NodeKind kind,
-                                     bool caseSensitive) {
+std::optional<MetadataNode> IFolderEntry::tryFindChild(const fsp::StorageIRI& iri, NodeKind kind,
+                                                       bool caseSensitive) {
   waitForDetail();
   std::lock_guard lock(mutex_);
   auto it = locate(iri, caseSensitive);
-  if (it == children_.end() || !isKind(it->second, kind)) {
-    throw fsp::Exception(fsp::ErrorCode::NotFound, iri);
-  }
+  if (it == children_.end() || !isKind(it->second, kind)) return std::nullopt;
   return it->second;
+}
+
+MetadataNode IFolderEntry::findChild(const fsp::StorageIRI& iri, NodeKind kind,
+                                     bool caseSensitive) {
+  auto found = tryFindChild(iri, kind, caseSensitive);
+  if (!found) throw fsp::Exception(fsp::ErrorCode::NotFound, iri);
+  return std::move(*found);
 }
 
 std::shared_ptr<FileMetadata> IFolderEntry::getFileMetadata(const fsp::StorageIRI& iri,
@@ -146,8 +151,11 @@ void IFolderEntry::apply(QueuedChange& change) {
     insertChildLocked(change.iri, std::move(*change.insert));
   } else {
     if (it == children_.end() || !isKind(it->second, change.kind)) {
-      if (!filled_) return;  // a queued removal of a name the listing did not have
-      throw fsp::Exception(fsp::ErrorCode::NotFound, change.iri);
+      // A queued removal of a name the listing did not have is no error either.
+      if (filled_ && change.absentIsError) {
+        throw fsp::Exception(fsp::ErrorCode::NotFound, change.iri);
+      }
+      return;
     }
     eraseChildLocked(it);
   }
@@ -195,6 +203,12 @@ void IFolderEntry::removeFolder(const fsp::StorageIRI& iri, bool caseSensitive) 
   const auto now = boost::posix_time::microsec_clock::universal_time();
   std::lock_guard lock(mutex_);
   change({std::nullopt, iri, NodeKind::Folder, now, caseSensitive});
+}
+
+void IFolderEntry::removeIfPresent(const fsp::StorageIRI& iri, NodeKind kind, bool caseSensitive) {
+  const auto now = boost::posix_time::microsec_clock::universal_time();
+  std::lock_guard lock(mutex_);
+  change({std::nullopt, iri, kind, now, caseSensitive, false, false});
 }
 
 void IFolderEntry::forgetUnlessFrozen(const fsp::StorageIRI& iri, bool caseSensitive) {

@@ -72,6 +72,10 @@ class IFolderEntry {
 
   // Absent, or of the other kind: throws fsp::Exception(NotFound, iri).
   MetadataNode findChild(const fsp::StorageIRI& iri, NodeKind kind, bool caseSensitive);
+  // The same, empty when absent: lookups that expect a miss (every creation checks that its
+  // name is free) take no exception, whose message alone costs more than the lookup.
+  std::optional<MetadataNode> tryFindChild(const fsp::StorageIRI& iri, NodeKind kind,
+                                           bool caseSensitive);
   std::shared_ptr<FileMetadata> getFileMetadata(const fsp::StorageIRI& iri, bool caseSensitive);
   std::shared_ptr<FolderMetadata> getFolderMetadata(const fsp::StorageIRI& iri, bool caseSensitive);
   // A file child with exactly that location (case-sensitive).
@@ -84,6 +88,8 @@ class IFolderEntry {
   // Erase the child (NotFound when absent); the folder's time becomes now (UTC).
   void removeFile(const fsp::StorageIRI& iri, bool caseSensitive);
   void removeFolder(const fsp::StorageIRI& iri, bool caseSensitive);
+  // The same, where absent is no error and changes nothing.
+  void removeIfPresent(const fsp::StorageIRI& iri, NodeKind kind, bool caseSensitive);
   // The store no longer holds `iri`: a child of that name (either kind) goes unless it is
   // frozen, or, while the listing runs, unless the overlay has queued one since (that one is
   // newer than what the listing read). Absent is no error, and the folder's time stays.
@@ -116,7 +122,8 @@ class IFolderEntry {
     NodeKind kind;
     std::optional<boost::posix_time::ptime> time;  // folder's new time, if it changes
     bool caseSensitive;
-    bool forget = false;  // an erasure of either kind, absent or not (forgetUnlessFrozen)
+    bool forget = false;        // an erasure of either kind, absent or not (forgetUnlessFrozen)
+    bool absentIsError = true;  // an erasure of a name the filled entry lacks throws NotFound
   };
   // Caller holds mutex_. end() when there is no child of that name; case-insensitively, the
   // first match in location order.

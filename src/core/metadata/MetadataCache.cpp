@@ -70,7 +70,9 @@ std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(const fsp::StorageI
   if (!iri.hasParent()) return {};
   prepareLookup();
   try {
-    return believed(iri, lookupEntry(iri.getParent())->getFileMetadata(iri, caseSensitive_));
+    const auto found =
+        lookupEntry(iri.getParent())->tryFindChild(iri, NodeKind::File, caseSensitive_);
+    return found ? believed(iri, std::get<0>(*found)) : nullptr;
   } catch (const fsp::Exception& e) {
     if (isNotFound(e)) return {};
     throw;
@@ -79,7 +81,9 @@ std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(const fsp::StorageI
 
 std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadata(const fsp::StorageIRI& iri) {
   if (!iri.hasParent()) return lookupEntry(iri)->getFolderMetadata();
-  return lookupEntry(iri.getParent())->getFolderMetadata(iri, caseSensitive_);
+  const auto found =
+      lookupEntry(iri.getParent())->tryFindChild(iri, NodeKind::Folder, caseSensitive_);
+  return found ? std::get<1>(*found) : nullptr;
 }
 
 std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadata(const fsp::StorageIRI& iri) {
@@ -155,11 +159,7 @@ std::shared_ptr<FolderMetadata> MetadataCache::createFolderMetadata(const fsp::S
 void MetadataCache::removeFileMetadata(const fsp::StorageIRI& iri) {
   Guard guard(*this);
   if (auto parent = iri.hasParent() ? entryLocked(iri.getParent(), false) : nullptr) {
-    try {
-      parent->removeFile(iri, caseSensitive_);
-    } catch (const fsp::Exception& e) {
-      if (!isNotFound(e)) throw;
-    }
+    parent->removeIfPresent(iri, NodeKind::File, caseSensitive_);
   }
   dropFrozenLocked(iri, false);
   noteRemovalLocked(iri);
@@ -169,11 +169,7 @@ void MetadataCache::removeFolderMetadata(const fsp::StorageIRI& iri) {
   Guard guard(*this);
   reapplyFrozenLocked();
   if (auto parent = iri.hasParent() ? entryLocked(iri.getParent(), false) : nullptr) {
-    try {
-      parent->removeFolder(iri, caseSensitive_);
-    } catch (const fsp::Exception& e) {
-      if (!isNotFound(e)) throw;
-    }
+    parent->removeIfPresent(iri, NodeKind::Folder, caseSensitive_);
   }
   invalidateLocked(iri);
   dropFrozenLocked(iri, true);
@@ -196,18 +192,10 @@ void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::Sto
       .setExtendedAttributes(source->getExtendedAttributes());
   Guard guard(*this);
   beginChangeLocked(to);
-  try {
-    entryLocked(to.getParent(), true)->removeFile(to, caseSensitive_);
-  } catch (const fsp::Exception& e) {
-    if (!isNotFound(e)) throw;
-  }
+  entryLocked(to.getParent(), true)->removeIfPresent(to, NodeKind::File, caseSensitive_);
   addFileMetadataLocked(moved);
   if (stored != to) {
-    try {
-      entryLocked(stored.getParent(), true)->removeFile(stored, true);
-    } catch (const fsp::Exception& e) {
-      if (!isNotFound(e)) throw;
-    }
+    entryLocked(stored.getParent(), true)->removeIfPresent(stored, NodeKind::File, true);
   }
   dropFrozenLocked(stored, false);
   // A new spelling of the same name on a case-insensitive store removes nothing.

@@ -99,11 +99,7 @@ void MetadataCache::moveFolderDetail(const fsp::StorageIRI& from, const fsp::Sto
     }
   }
   if (auto parent = entryLocked(from.getParent(), false)) {
-    try {
-      parent->removeFolder(from, caseSensitive_);
-    } catch (const fsp::Exception& e) {
-      if (e.getErrorCode() != fsp::ErrorCode::NotFound) throw;
-    }
+    parent->removeIfPresent(from, NodeKind::Folder, caseSensitive_);
   }
   invalidateLocked(from);
   dropFrozenLocked(from, true);

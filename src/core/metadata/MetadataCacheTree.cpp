@@ -139,11 +139,7 @@ void MetadataCache::unfreezeFileLocked(const fsp::StorageIRI& iri) {
       // The record may be stored under another spelling on a case-insensitive store.
       auto child = parent->peekChild(iri);
       if (!child && !caseSensitive_ && parent->isDetailReady()) {
-        try {
-          child = parent->findChild(iri, NodeKind::File, false);
-        } catch (const fsp::Exception& e) {
-          if (e.getErrorCode() != fsp::ErrorCode::NotFound) throw;
-        }
+        child = parent->tryFindChild(iri, NodeKind::File, false);
       }
       if (child && child->index() == 0) std::get<0>(*child)->unfreeze();
     }
@@ -185,10 +181,8 @@ void MetadataCache::hidePendingRemovalsLocked(IFolderEntry& entry) {
   for (const auto& [removed, count] : pendingRemovals_) {
     if (!removed.hasParent() || removed.getParent() != folder) continue;
     for (const auto kind : {NodeKind::File, NodeKind::Folder}) {
-      try {
-        hideUnlessFrozen(entry, entry.findChild(removed, kind, caseSensitive_));
-      } catch (const fsp::Exception& e) {
-        if (e.getErrorCode() != fsp::ErrorCode::NotFound) throw;
+      if (const auto child = entry.tryFindChild(removed, kind, caseSensitive_)) {
+        hideUnlessFrozen(entry, *child);
       }
     }
   }

@@ -1,0 +1,147 @@
+#include "core/contentcache/BodyDisposal.h"
+
+#include "core/provider/OverlayLog.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+namespace storage::overlayprovider {
+
+namespace fs = boost::filesystem;
+
+BodyDisposal::BodyDisposal()
+    : prefix_(boost::uuids::to_string(boost::uuids::random_generator()()) + "-") {}
+
+BodyDisposal::~BodyDisposal() {
+  try {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    workArrived_.notify_all();
+    if (thread_.joinable()) thread_.join();
+    drain();
+  } catch (...) {
+    logCaughtException("The discarded cache bodies could not all be deleted");
+  }
+}
+
+fs::path BodyDisposal::discardedFolder(const fs::path& cacheRoot) {
+  auto folder = cacheRoot / "discarded";
+  bool firstUse = false;
+  {
+    std::lock_guard lock(mutex_);
+    firstUse = folders_.insert(folder.native()).second;
+  }
+  if (firstUse) {
+    sweep(folder);
+    boost::system::error_code failed;  // shows as a failed rename, whose fallback deletes
+    fs::create_directories(folder, failed);
+  }
+  return folder;
+}
+
+void BodyDisposal::dispose(const fs::path& cacheRoot, const fs::path& body) {
+  boost::system::error_code unreadable;  // then a rename or a removal is tried all the same
+  if (fs::status(body, unreadable).type() == fs::file_not_found) return;  // most creations
+  std::string name;
+  {
+    std::lock_guard lock(mutex_);
+    name = prefix_ + std::to_string(nextName_++);
+  }
+  const auto folder = discardedFolder(cacheRoot);
+  boost::system::error_code error;
+  fs::rename(body, folder / name, error);
+  if (!error) {
+    handOver(folder / name);
+    return;
+  }
+  OVERLAY_LOG(foundation::log::notice)
+      << "A discarded cache body could not be set aside (" << error.message()
+      << "); it is deleted at once: " << body.string();
+  {
+    // The folder may have gone (deleted from outside): the next dispose makes it again.
+    std::lock_guard lock(mutex_);
+    folders_.erase(folder.native());
+  }
+  fs::remove(body);  // throws when even that fails: the name must not keep old bytes
+}
+
+void BodyDisposal::handOver(fs::path discarded) {
+  std::lock_guard lock(mutex_);
+  waiting_.push_back(std::move(discarded));
+  if (stopping_) return;  // the destructor deletes it
+  if (!thread_.joinable()) {
+    thread_ = std::thread([this] { runDeletions(); });
+  } else {
+    workArrived_.notify_one();
+  }
+}
+
+void BodyDisposal::runDeletions() noexcept {
+  try {
+    std::unique_lock lock(mutex_);
+    while (true) {
+      workArrived_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
+      if (waiting_.empty()) return;  // stopping, nothing left
+      auto file = std::move(waiting_.front());
+      waiting_.pop_front();
+      deleting_ = true;
+      lock.unlock();
+      deleteFile(file);
+      lock.lock();
+      deleting_ = false;
+      if (waiting_.empty()) drained_.notify_all();
+    }
+  } catch (...) {
+    logCaughtException("The thread deleting discarded cache bodies failed");
+    try {
+      std::lock_guard lock(mutex_);
+      threadEnded_ = true;  // drain() deletes what is left itself
+    } catch (...) {
+      logCaughtException(nullptr);
+    }
+    drained_.notify_all();
+  }
+}
+
+void BodyDisposal::drain() {
+  std::unique_lock lock(mutex_);
+  if (thread_.joinable() && !stopping_) {
+    drained_.wait(lock, [this] { return (waiting_.empty() && !deleting_) || threadEnded_; });
+  }
+  // Without a thread (stopped, or it failed) what waits is deleted here.
+  while (!waiting_.empty()) {
+    auto file = std::move(waiting_.front());
+    waiting_.pop_front();
+    lock.unlock();
+    deleteFile(file);
+    lock.lock();
+  }
+  std::set<std::string> folders;
+  folders.swap(folders_);  // made again by the next dispose
+  lock.unlock();
+  for (const auto& folder : folders) {
+    boost::system::error_code notEmpty;  // another instance sharing the root may still use it
+    fs::remove(fs::path(folder), notEmpty);
+  }
+}
+
+void BodyDisposal::deleteFile(const fs::path& file) noexcept {
+  boost::system::error_code error;
+  fs::remove(file, error);
+  if (error) {
+    OVERLAY_LOG(foundation::log::error) << "A discarded cache body could not be deleted ("
+                                        << error.message() << "): " << file.string();
+  }
+}
+
+void BodyDisposal::sweep(const fs::path& folder) noexcept {
+  boost::system::error_code error;
+  for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+    deleteFile(it->path());
+  }
+}
+
+}  // namespace storage::overlayprovider
