@@ -377,6 +377,12 @@ TEST_F(MetadataCacheTest, CreatedFolderIsCompleteWithoutTheStoreAndSurvivesInval
   EXPECT_EQ(cache().getFolderMetadata(ov(u"/a/fresh")), folder);
   EXPECT_TRUE(names(u"/a").count(u"fresh"));
   EXPECT_EQ(names(u"/a/fresh"), (std::set<std::u16string>{u"f.txt"}));
+
+  // Also when another caller's removal comes between the mark and the next lookup.
+  cache().markForInvalidation(ov(u"/a/fresh"));
+  cache().removeFolderMetadata(ov(u"/ab"));
+  EXPECT_EQ(cache().getFolderMetadata(ov(u"/a/fresh")), folder);
+  EXPECT_EQ(cache().getFileMetadata(ov(u"/a/fresh/f.txt")), file);
 }
 
 TEST_F(MetadataCacheTest, RemovedFileIsGoneAndNotBroughtBackByReapplication) {

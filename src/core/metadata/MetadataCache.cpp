@@ -278,7 +278,6 @@ std::shared_ptr<Record> MetadataCache::believed(const fsp::StorageIRI& iri,
 void MetadataCache::markForInvalidation(const fsp::StorageIRI& iri) {
   Guard guard(*this);
   pendingInvalidations_.insert(iri);
-  invalidationsPending_ = true;
 }
 
 void MetadataCache::invalidate(const fsp::StorageIRI& iri) {

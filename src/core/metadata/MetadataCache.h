@@ -229,6 +229,7 @@ class MetadataCache {
   std::atomic<bool> removalsPending_{false};
   // Creations and moves onto a location not yet replayed, with how many of each.
   std::map<fsp::StorageIRI, int> changesInFlight_;
+  // Frozen records collected by a batch of invalidations and not yet re-applied.
   bool invalidationsPending_ = false;
   std::vector<std::shared_ptr<IFolderEntry>> released_;  // dropped under the lock, see Guard
 };

@@ -78,6 +78,10 @@ void MetadataCache::actOnPendingInvalidationsLocked() {
   }
   pendingInvalidations_.clear();
   collectFrozenLocked();
+  // Set here, not by the mark: a re-application that runs between a mark and the batch it
+  // starts (a removal or move does one) would otherwise clear it with nothing collected, and
+  // the batch's records, dropped with their folders, would never come back.
+  invalidationsPending_ = true;
   if (targets.count(rootIRI())) {
     invalidateLocked(rootIRI());
     return;
