@@ -215,7 +215,8 @@ ContentCache::Reclaimed ContentCache::reclaimUnusedBodiesLocked() {
     }
     boost::system::error_code error;
     reclaimed.deleted |= fs::remove(fs::path(it->first), error);
-    it = madeBodies_.erase(it);
+    // A body that stays on disk stays known, so that a later file of its name discards it.
+    it = error ? std::next(it) : madeBodies_.erase(it);
   }
   if (reclaimed.deleted) {
     OVERLAY_LOG(log::notice) << "Content cache out of space: cached bodies that no entry uses "
