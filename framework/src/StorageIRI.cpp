@@ -99,7 +99,12 @@ StorageIRI StorageIRI::getParent() const {
   if (inner_ && inner_->hasParent()) {
     parent.inner_ = std::make_shared<const StorageIRI>(inner_->getParent());
   }
-  parent.setPath(path_ + u"/..");
+  // The path is kept normalised ("/a/b", or "/" alone): the parent drops the last part
+  // without parsing the path again, which every lookup of the caches does several times.
+  const auto cut = path_.rfind(u'/');
+  parent.path_ = cut == 0 ? std::u16string(1, u'/') : path_.substr(0, cut);
+  parent.parts_ =
+      std::make_shared<const std::vector<std::u16string>>(parts_->begin(), parts_->end() - 1);
   return parent;
 }
 

@@ -23,6 +23,8 @@ TEST(StorageIRI, NameParentAndComponents) {
   const StorageIRI file(u"mem", u"/docs/report.txt");
   EXPECT_EQ(file.getName(), u"report.txt");
   EXPECT_EQ(file.getParent(), StorageIRI(u"mem", u"/docs"));
+  EXPECT_EQ(file.getParent().getPath(), u"/docs");
+  EXPECT_EQ(file.getParent().getParent().getPath(), u"/");
   EXPECT_TRUE(file.hasParent());
 
   const StorageIRI root(u"mem", u"/");
@@ -81,6 +83,7 @@ TEST(StorageIRI, ComposedChildrenExtendTheInnerLocation) {
   EXPECT_EQ(child.toString(), "overlay+mem:/a.txt");
   EXPECT_EQ(StorageIRI(u"overlay+mem:/a.txt"), child);
   EXPECT_EQ(child.getParent(), root);
+  EXPECT_EQ(child.getParent().toString(), "overlay+mem:/");
 }
 
 TEST(StorageIRI, OrderIsTotalAndConsistentWithEquality) {
