@@ -27,30 +27,23 @@ BodyDisposal::~BodyDisposal() {
   }
 }
 
-fs::path BodyDisposal::discardedFolder(const fs::path& cacheRoot) {
-  auto folder = cacheRoot / "discarded";
+void BodyDisposal::dispose(const fs::path& cacheRoot, const fs::path& body) {
+  boost::system::error_code unreadable;  // then a rename or a removal is tried all the same
+  if (fs::status(body, unreadable).type() == fs::file_not_found) return;  // most creations
+  const auto folder = cacheRoot / "discarded";
   bool firstUse = false;
+  std::string name;
   {
     std::lock_guard lock(mutex_);
-    firstUse = folders_.insert(folder.native()).second;
+    firstUse = folder_.native() != folder.native();
+    folder_ = folder;
+    name = prefix_ + std::to_string(nextName_++);
   }
   if (firstUse) {
     sweep(folder);
     boost::system::error_code failed;  // shows as a failed rename, whose fallback deletes
     fs::create_directories(folder, failed);
   }
-  return folder;
-}
-
-void BodyDisposal::dispose(const fs::path& cacheRoot, const fs::path& body) {
-  boost::system::error_code unreadable;  // then a rename or a removal is tried all the same
-  if (fs::status(body, unreadable).type() == fs::file_not_found) return;  // most creations
-  std::string name;
-  {
-    std::lock_guard lock(mutex_);
-    name = prefix_ + std::to_string(nextName_++);
-  }
-  const auto folder = discardedFolder(cacheRoot);
   boost::system::error_code error;
   fs::rename(body, folder / name, error);
   if (!error) {
@@ -63,7 +56,7 @@ void BodyDisposal::dispose(const fs::path& cacheRoot, const fs::path& body) {
   {
     // The folder may have gone (deleted from outside): the next dispose makes it again.
     std::lock_guard lock(mutex_);
-    folders_.erase(folder.native());
+    folder_.clear();
   }
   fs::remove(body);  // throws when even that fails: the name must not keep old bytes
 }
@@ -119,13 +112,12 @@ void BodyDisposal::drain() {
     deleteFile(file);
     lock.lock();
   }
-  std::set<std::string> folders;
-  folders.swap(folders_);  // made again by the next dispose
+  fs::path folder;
+  folder.swap(folder_);  // made again by the next dispose
   lock.unlock();
-  for (const auto& folder : folders) {
-    boost::system::error_code notEmpty;  // another instance sharing the root may still use it
-    fs::remove(fs::path(folder), notEmpty);
-  }
+  if (folder.empty()) return;
+  boost::system::error_code notEmpty;  // another instance sharing the root may still use it
+  fs::remove(folder, notEmpty);
 }
 
 void BodyDisposal::deleteFile(const fs::path& file) noexcept {

@@ -32,7 +32,6 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 
@@ -52,7 +51,6 @@ class BodyDisposal {
   void drain();
 
  private:
-  boost::filesystem::path discardedFolder(const boost::filesystem::path& cacheRoot);
   void handOver(boost::filesystem::path discarded);
   void runDeletions() noexcept;
   static void deleteFile(const boost::filesystem::path& file) noexcept;
@@ -63,7 +61,7 @@ class BodyDisposal {
   std::condition_variable workArrived_;
   std::condition_variable drained_;
   std::deque<boost::filesystem::path> waiting_;
-  std::set<std::string> folders_;  // the discarded folders used so far (native paths)
+  boost::filesystem::path folder_;  // the folder of discarded bodies, once made; empty before
   std::uint64_t nextName_ = 0;
   bool deleting_ = false;
   bool stopping_ = false;

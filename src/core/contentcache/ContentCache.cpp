@@ -351,7 +351,8 @@ void ContentCache::removeBodyFileLocked(const StorageIRI& iri) {
     // A name that this cache never made a body for, and that had none when the cache started,
     // has none: most creations and moves name such a file, and asking the file system costs a
     // search of the bodies' directory.
-    if (!madeBodies_.count(body.string()) && !foundBodies_.count(body.string())) return;
+    const auto& name = body.native();
+    if (!madeBodies_.count(name) && !foundBodies_.count(name)) return;
     disposal_.dispose(cacheRoot_, body);
   } catch (...) {
     logCaughtException("A cached body could not be deleted");
