@@ -1,6 +1,6 @@
 #include "core/contentcache/BodyDisposal.h"
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <boost/filesystem/operations.hpp>
 #include <boost/uuid/random_generator.hpp>

@@ -1,9 +1,9 @@
 #include "core/contentcache/ContentCache.h"
 
-#include "core/contentcache/CacheResourceLog.h"
 #include "core/contentcache/CachingErrorException.h"
 #include "core/contentcache/LocalFSCacheSpaceArbitrator.h"
-#include "core/provider/OverlayLog.h"
+#include "core/contentcache/resources/CacheResourceLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/text/Unicode.h>
 

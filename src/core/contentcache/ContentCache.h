@@ -52,8 +52,8 @@
 #pragma once
 
 #include "core/contentcache/BodyDisposal.h"
-#include "core/contentcache/CacheMode.h"
 #include "core/contentcache/ICacheSpaceArbitrator.h"
+#include "core/contentcache/resources/CacheMode.h"
 #include "core/support/Mutex.h"
 #include "core/workingfiles/WorkingFileEntry.h"
 #include "core/workingfiles/WorkingFileSettings.h"

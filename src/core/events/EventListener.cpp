@@ -2,9 +2,9 @@
 
 #include "core/contentcache/ContentCache.h"
 #include "core/metadata/MetadataCache.h"
-#include "core/provider/InnerLocation.h"
-#include "core/provider/OverlayLog.h"
 #include "core/quota/IQuotaAccountant.h"
+#include "core/support/InnerLocation.h"
+#include "core/support/OverlayLog.h"
 
 #include <boost/exception/diagnostic_information.hpp>
 

@@ -1,6 +1,6 @@
 #include "core/execution/BackendExecutor.h"
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <exception>
 #include <utility>

@@ -1,6 +1,6 @@
 #include "core/execution/ObservableTransactionType.h"
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <array>
 #include <string_view>

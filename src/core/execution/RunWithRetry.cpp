@@ -1,6 +1,6 @@
 #include "core/execution/RunWithRetry.h"
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
 #include <boost/exception/diagnostic_information.hpp>

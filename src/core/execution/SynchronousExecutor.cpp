@@ -1,6 +1,6 @@
 #include "core/execution/SynchronousExecutor.h"
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <utility>
 

@@ -1,6 +1,6 @@
 #include "core/execution/TimedLatch.h"
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <boost/exception/diagnostic_information.hpp>
 #include <utility>

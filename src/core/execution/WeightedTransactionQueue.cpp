@@ -1,6 +1,6 @@
 #include "core/execution/WeightedTransactionQueue.h"
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <array>
 #include <boost/property_tree/json_parser.hpp>

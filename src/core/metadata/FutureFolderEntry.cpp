@@ -1,7 +1,7 @@
 #include "core/metadata/FutureFolderEntry.h"
 
-#include "core/provider/InnerLocation.h"
-#include "core/provider/OverlayLog.h"
+#include "core/support/InnerLocation.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/FolderEntryIterator.h>
 

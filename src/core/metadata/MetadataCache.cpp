@@ -3,8 +3,8 @@
 #include "core/metadata/MetadataCache.h"
 
 #include "core/metadata/FutureFolderEntry.h"
-#include "core/provider/InnerLocation.h"
-#include "core/provider/OverlayLog.h"
+#include "core/support/InnerLocation.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/text/Unicode.h>

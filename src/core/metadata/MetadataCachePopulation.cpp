@@ -2,8 +2,8 @@
 // wait for it.
 #include "core/metadata/FutureFolderEntry.h"
 #include "core/metadata/MetadataCache.h"
-#include "core/provider/InnerLocation.h"
-#include "core/provider/OverlayLog.h"
+#include "core/support/InnerLocation.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/storage/provider/FolderEntryIterator.h>

@@ -2,7 +2,7 @@
 // listing: entries still listing are skipped by the readers and queue the writers' changes.
 #include "core/metadata/FutureFolderEntry.h"
 #include "core/metadata/MetadataCache.h"
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/text/Unicode.h>

@@ -6,10 +6,10 @@
 #include "core/events/EventListener.h"
 #include "core/execution/BackendExecutor.h"
 #include "core/execution/SynchronousExecutor.h"
-#include "core/provider/InnerLocation.h"
-#include "core/provider/OverlayLog.h"
 #include "core/provider/OverlayProviderSupport.h"
 #include "core/quota/QuotaAccountant.h"
+#include "core/support/InnerLocation.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/text/Unicode.h>

@@ -1,8 +1,8 @@
 // OverlayProvider::doConfigure: reads the "overlay." keys of the host's configuration tree,
 // after handing the whole tree to the inner provider.
-#include "core/provider/OverlayLog.h"
 #include "core/provider/OverlayProvider.h"
 #include "core/provider/OverlayProviderSupport.h"
+#include "core/support/OverlayLog.h"
 
 #include <boost/property_tree/json_parser.hpp>
 #include <sstream>

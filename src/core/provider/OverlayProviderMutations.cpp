@@ -10,9 +10,9 @@
 // could queue its own change ahead of this one, and the store would replay the two in the
 // other order than the caches applied them.
 #include "core/execution/RunWithRetry.h"
-#include "core/provider/InnerLocation.h"
 #include "core/provider/OverlayProvider.h"
 #include "core/provider/OverlayProviderSupport.h"
+#include "core/support/InnerLocation.h"
 
 #include <boost/exception/diagnostic_information.hpp>
 #include <deque>

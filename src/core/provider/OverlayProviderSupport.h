@@ -1,7 +1,7 @@
 // Small pieces shared by the OverlayProvider's operation files (internal to the overlay).
 #pragma once
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
 

@@ -1,6 +1,6 @@
 #include "core/provider/PathGuardTable.h"
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <boost/exception/diagnostic_information.hpp>
 

@@ -1,7 +1,7 @@
 #include "core/quota/QuotaAccountant.h"
 
 #include "core/metadata/MetadataCache.h"
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
 

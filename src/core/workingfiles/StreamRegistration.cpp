@@ -1,6 +1,6 @@
 #include "core/workingfiles/StreamRegistration.h"
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 #include "core/workingfiles/WorkingFileEntry.h"
 
 namespace storage::overlayprovider {

@@ -1,6 +1,6 @@
 #include "core/workingfiles/WorkingFileByteStream.h"
 
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/ByteStreamFailure.h>
 #include <foundation/storage/provider/Exception.h>

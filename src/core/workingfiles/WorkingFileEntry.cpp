@@ -2,9 +2,9 @@
 // cache's view. The inner stream and the transactions are in WorkingFileEntryInner.cpp.
 #include "core/workingfiles/WorkingFileEntry.h"
 
-#include "core/contentcache/FilesystemCacheResource.h"
-#include "core/contentcache/NOOPCacheResource.h"
-#include "core/provider/OverlayLog.h"
+#include "core/contentcache/resources/FilesystemCacheResource.h"
+#include "core/contentcache/resources/NOOPCacheResource.h"
+#include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
 

@@ -1,8 +1,8 @@
 // WorkingFileEntry: the file's one stream on the inner store and the transactions that use it
 // (open, write, close, relocation). Every function here runs with innerMutex_ held, on the
 // executor's thread, except the read-miss helpers, which the caller's thread uses.
-#include "core/provider/InnerLocation.h"
-#include "core/provider/OverlayLog.h"
+#include "core/support/InnerLocation.h"
+#include "core/support/OverlayLog.h"
 #include "core/workingfiles/WorkingFileEntry.h"
 
 #include <foundation/storage/provider/ByteStreamFailure.h>

@@ -1,4 +1,4 @@
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <boost/exception/diagnostic_information.hpp>
 

@@ -1,8 +1,8 @@
-#include "core/contentcache/FilesystemCacheResource.h"
+#include "core/contentcache/resources/FilesystemCacheResource.h"
 
-#include "core/contentcache/CacheResourceLog.h"
+#include "core/contentcache/resources/CacheResourceLog.h"
 #include "core/metadata/FileMetadata.h"
-#include "core/provider/OverlayLog.h"
+#include "core/support/OverlayLog.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "core/contentcache/CacheResourceLog.h"
+#include "core/contentcache/resources/CacheResourceLog.h"
 
 #include <foundation/crypto/Digest.h>
 

@@ -9,7 +9,7 @@
 // Failures: none; nothing throws (seek answers -1).
 #pragma once
 
-#include "core/contentcache/CacheResource.h"
+#include "core/contentcache/resources/CacheResource.h"
 
 namespace storage::overlayprovider {
 
