@@ -2,11 +2,21 @@
 
 namespace foundation::storage::provider::instrumented {
 
+namespace {
+
+void add(CallCounters::Counts& counts, std::string_view operation, std::uint64_t n) {
+  auto it = counts.find(operation);
+  if (it == counts.end()) it = counts.emplace(std::string(operation), 0).first;
+  it->second += n;
+}
+
+}  // namespace
+
 void CallCounters::increment(std::string_view operation) {
+  const auto thread = std::this_thread::get_id();
   std::lock_guard lock(mutex_);
-  auto it = counts_.find(operation);
-  if (it == counts_.end()) it = counts_.emplace(std::string(operation), 0).first;
-  ++it->second;
+  add(counts_, operation, 1);
+  add(byThread_[thread], operation, 1);
 }
 
 std::uint64_t CallCounters::count(std::string_view operation) const {
@@ -22,14 +32,31 @@ std::uint64_t CallCounters::total() const {
   return sum;
 }
 
-std::map<std::string, std::uint64_t, std::less<>> CallCounters::snapshot() const {
+CallCounters::Counts CallCounters::snapshot() const {
   std::lock_guard lock(mutex_);
   return counts_;
+}
+
+CallCounters::Counts CallCounters::snapshotOn(std::thread::id thread) const {
+  std::lock_guard lock(mutex_);
+  const auto it = byThread_.find(thread);
+  return it == byThread_.end() ? Counts() : it->second;
+}
+
+CallCounters::Counts CallCounters::snapshotExcept(std::thread::id thread) const {
+  std::lock_guard lock(mutex_);
+  Counts others;
+  for (const auto& [id, counts] : byThread_) {
+    if (id == thread) continue;
+    for (const auto& [operation, count] : counts) add(others, operation, count);
+  }
+  return others;
 }
 
 void CallCounters::reset() {
   std::lock_guard lock(mutex_);
   counts_.clear();
+  byThread_.clear();
 }
 
 }  // namespace foundation::storage::provider::instrumented
