@@ -1,15 +1,19 @@
 // The overlay's mutations as write-behind transactions: refusals that leave everything as it
 // was, removal of open files by the store's capabilities, the one move that is never
 // replayed, nothing queued after shutdown, and a burst of creates whose echoes from the
-// store cost one relisting.
+// store cost one relisting, and mutations that the caches can answer alone leave every store
+// call to the replay.
 #include "OverlayTestSupport.h"
 
 #include "CoreTestSupport.h"
 
 #include <foundation/text/Unicode.h>
 
+#include <boost/date_time/posix_time/conversion.hpp>
+
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <thread>
 
 namespace {
@@ -132,6 +136,64 @@ TEST(OverlayMutations, ABurstOfCreatesCostsAtMostOneRelistingOfItsFolder) {
   const auto listing = env.overlay->listAll(env.at(u"burst"));
   EXPECT_EQ(fsp::collectRows(*listing).size(), static_cast<std::size_t>(kFiles));
   EXPECT_LE(env.innerCalls("listAll") - listingsBefore, 1u);
+}
+
+// Each row runs where the caches know what it needs: under a folder just made (its creation
+// still queued), on a file just made, in folders listed before. A folder's listing runs on a
+// thread of its own while the caller waits, so every call that the replay's worker did not
+// make counts against the mutation; asking the store's capabilities is the one allowed.
+TEST(OverlayMutations, WhatTheCachesKnowIsChangedWithoutAStoreCallOutsideTheReplay) {
+  using P = fsp::ReplacementPolicy;
+  const auto when = boost::posix_time::from_time_t(1'000'000);
+  // The store's call that replays the mutation, and the mutation.
+  const std::vector<std::pair<std::string, std::function<void(const OverlayOverMem&)>>> rows = {
+      {"createFile", [](auto& e) { e.overlay->createFile(e.at(u"new/g")); }},
+      {"createFolder", [](auto& e) { e.overlay->createFolder(e.at(u"old/h")); }},
+      {"createFolderRecursive",
+       [](auto& e) { e.overlay->createFolderRecursive(e.at(u"new/a/b")); }},
+      {"createFolderRecursive",
+       [](auto& e) { e.overlay->createFolderRecursive(e.at(u"old/x/y")); }},
+      {"removeFile", [](auto& e) { e.overlay->removeFile(e.at(u"old/a")); }},
+      {"removeFolder", [](auto& e) { e.overlay->removeFolder(e.at(u"new/sub")); }},
+      {"removeFolderRecursively",
+       [](auto& e) { e.overlay->removeFolderRecursively(e.at(u"new")); }},
+      {"moveFile", [](auto& e) { e.overlay->moveFile(e.at(u"new/f"), e.at(u"old/f"), P::Fail); }},
+      {"moveFolder",
+       [](auto& e) { e.overlay->moveFolder(e.at(u"old/d"), e.at(u"new/d"), P::Fail); }},
+      {"openStream", [](auto& e) { e.overlay->copyFile(e.at(u"new/f"), e.at(u"old/c"), P::Fail); }},
+      {"setLastModified", [&](auto& e) { e.overlay->setLastModified(e.at(u"old/d"), when); }},
+      {"setWritable", [](auto& e) { e.overlay->setWritable(e.at(u"new/f"), false); }},
+  };
+  for (std::size_t row = 0; row < rows.size(); ++row) {
+    SCOPED_TRACE(row);
+    OverlayOverMem env;
+    env.mem->createFolderRecursive(memAt(u"/old/d"));
+    env.put(u"/old/a", "abc");
+    for (const auto* folder : {u"old", u"old/d"}) env.overlay->listAll(env.at(folder));
+    // The replay is held on its worker, so that what is made next stays queued.
+    std::promise<std::thread::id> worker;
+    std::promise<void> release;  // broken by an early exit, which frees the worker
+    env.overlay->executor()->execute(
+        [&worker, held = release.get_future().share()] {
+          worker.set_value(std::this_thread::get_id());
+          held.wait();
+        },
+        storage::overlayprovider::EXTERNAL_EVENT, 0);
+    const auto replay = worker.get_future().get();
+    env.overlay->createFolder(env.at(u"new"));
+    env.overlay->createFile(env.at(u"new/f"));
+    env.overlay->createFolder(env.at(u"new/sub"));
+    auto& counters = env.instrumented->instrumentation().counters;
+    auto before = counters.snapshotExcept(replay);
+    rows[row].second(env);
+    auto after = counters.snapshotExcept(replay);
+    before.erase("hasFeature");
+    after.erase("hasFeature");
+    EXPECT_EQ(after, before) << rows[row].first;
+    release.set_value();
+    env.overlay->flushFilesystem();
+    EXPECT_GE(counters.snapshotOn(replay)[rows[row].first], 1u);
+  }
 }
 
 }  // namespace

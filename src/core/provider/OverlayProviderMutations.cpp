@@ -126,15 +126,20 @@ void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
   }
   triggerEventLatch();
   const auto held = guard(location);
-  requireNothingAt(location);
-  // The folders that are new, top-down; a file in the way refuses as the store would.
+  // The folders that are new, top-down. The walk goes down from the root and stops at the
+  // first name that is not a folder: nothing exists below it, and a lookup there would list
+  // folders that the store does not have, on the caller's time (under a folder the overlay
+  // has just made, one listing per level). A file in the way refuses as the store would.
   std::deque<StorageIRI> missing;
-  for (auto folder = location; folder.hasParent() && !metadataCache_->getFolderMetadata(folder);
-       folder = folder.getParent()) {
-    if (metadataCache_->getFileMetadata(folder)) {
-      throw Exception(ErrorCode::AlreadyExists, publicLocation(folder), "a file is in the way");
-    }
+  for (auto folder = location; folder.hasParent(); folder = folder.getParent()) {
     missing.push_front(folder);
+  }
+  while (!missing.empty() && metadataCache_->getFolderMetadata(missing.front())) {
+    missing.pop_front();
+  }
+  if (missing.empty()) throw Exception(ErrorCode::AlreadyExists, publicLocation(location));
+  if (metadataCache_->getFileMetadata(missing.front())) {
+    throw Exception(ErrorCode::AlreadyExists, publicLocation(missing.front()), "a file is there");
   }
   for (const auto& folder : missing) metadataCache_->createFolderMetadata(folder);
   replay(
