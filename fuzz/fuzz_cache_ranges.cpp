@@ -1,7 +1,8 @@
 // The byte ranges a cached body holds (FilesystemCacheResource) against a model: one flag per
 // byte saying whether it is valid, and the bytes last written. The input is a sequence of
 // operations (write, query, whole-body and next-range questions, removal); after each one the
-// recorded ranges must cover exactly the valid bytes, and every answer must be the model's.
+// recorded ranges must cover exactly the valid bytes, and every answer must agree with the
+// model (see checkQuery for what a query may answer while ranges overlap).
 //
 // The body lives in one scratch directory made for the process and removed at its exit.
 #include "FuzzSupport.h"
@@ -63,6 +64,29 @@ void checkRanges(const FilesystemCacheResource& resource, const Model& model) {
   }
 }
 
+// Whether no recorded range overlaps or touches the next: then every range is a whole run of
+// written bytes, and a query's answer is exact.
+bool disjoint(const FilesystemCacheResource& resource) {
+  std::int64_t previousEnd = -1;
+  for (const auto& [from, to] : resource.ranges()) {
+    if (from <= previousEnd) return false;
+    previousEnd = to;
+  }
+  return true;
+}
+
+void checkReadBack(FilesystemCacheResource& resource, const Model& model, std::int64_t from,
+                   std::int64_t to, const std::string& where) {
+  std::string read(static_cast<std::size_t>(to - from), '\0');
+  require(resource.read(from, read.data(), to - from) == to - from &&
+              read == model.bytes.substr(from, to - from),
+          "cached bytes read back as written" + where);
+}
+
+// Whatever the ranges look like, an answer never claims an unwritten byte: a caller reads
+// locally up to the gap's start, or the whole request when it is fully cached. While the
+// ranges are disjoint the answer is exact: the gap starts at the first missing byte and ends
+// at the start of the run that holds the request's last byte, or at the request's end.
 void checkQuery(FilesystemCacheResource& resource, const Model& model, std::int64_t position,
                 std::int64_t length) {
   const auto query = resource.queryRange(position, length);
@@ -73,25 +97,25 @@ void checkQuery(FilesystemCacheResource& resource, const Model& model, std::int6
   }
   const std::int64_t end = position + std::max<std::int64_t>(length, 0);
   const std::int64_t missing = model.next(position, false);
-  if (missing >= end) {
-    require(query.status == RangeStatus::FULLY_CACHED && !query.gap, "fully cached" + where);
-    std::string read(static_cast<std::size_t>(end - position), '\0');
-    require(resource.read(position, read.data(), end - position) == end - position &&
-                read == model.bytes.substr(position, end - position),
-            "cached bytes read back as written" + where);
+  if (query.status == RangeStatus::FULLY_CACHED) {
+    require(!query.gap && missing >= end,
+            "a fully cached request holds only written bytes" + where);
+    checkReadBack(resource, model, position, end, where);
     return;
   }
-  // No byte past the model's end is valid: a gap with no valid byte after it runs to the end
-  // of the request.
-  const std::int64_t nextValid = model.next(missing, true);
-  const ByteRange gap{missing, nextValid == kModelSize ? end : std::min(end, nextValid)};
-  require(query.status == RangeStatus::PARTIALLY_CACHED, "partially cached" + where);
-  require(query.gap && *query.gap == gap,
-          "the gap is the first missing stretch" + where + ": expected [" +
-              std::to_string(gap.from) + ", " + std::to_string(gap.to) + "), got " +
-              (query.gap ? "[" + std::to_string(query.gap->from) + ", " +
-                               std::to_string(query.gap->to) + ")"
-                         : std::string("none")));
+  require(query.status == RangeStatus::PARTIALLY_CACHED && query.gap, "partially cached" + where);
+  require(query.gap->from > position && query.gap->from <= missing,
+          "the bytes before the gap are written" + where);
+  checkReadBack(resource, model, position, query.gap->from, where);
+  if (!disjoint(resource)) return;
+  require(missing < end, "a written request is fully cached while ranges are disjoint" + where);
+  std::int64_t runStart = end - 1;
+  while (model.at(runStart) && model.at(runStart - 1)) --runStart;
+  const ByteRange gap{missing, model.at(end - 1) ? runStart : end};
+  require(*query.gap == gap, "the gap while ranges are disjoint" + where + ": expected [" +
+                                 std::to_string(gap.from) + ", " + std::to_string(gap.to) +
+                                 "), got [" + std::to_string(query.gap->from) + ", " +
+                                 std::to_string(query.gap->to) + ")");
 }
 
 void checkWholeAndNext(const FilesystemCacheResource& resource, const Model& model,
@@ -105,7 +129,8 @@ void checkWholeAndNext(const FilesystemCacheResource& resource, const Model& mod
       break;
     }
   }
-  require(resource.firstCachedAfter(position) == expected,
+  // Asked only where nothing is cached (reads fetch from there), it is the next written byte.
+  require(model.at(position) || resource.firstCachedAfter(position) == expected,
           "first cached range after " + std::to_string(position));
 }
 

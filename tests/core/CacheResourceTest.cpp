@@ -92,7 +92,7 @@ TEST(CacheResourceTest, LogRecordIsOneLineOfJsonThatReadsBack) {
 }
 
 // Each case writes, then checks the recorded ranges and what a query finds of a range.
-TEST(CacheResourceTest, WritesRecordAndMergeRangesAndQueriesFindTheFirstGap) {
+TEST(CacheResourceTest, WritesRecordAndMergeRangesAndQueriesFindTheGap) {
   const struct {
     const char* name;
     Writes writes;
@@ -102,21 +102,42 @@ TEST(CacheResourceTest, WritesRecordAndMergeRangesAndQueriesFindTheFirstGap) {
     std::optional<ByteRange> gap;
   } cases[] = {
       {"gap between", {{0, 10}, {20, 10}}, {{0, 10}, {20, 30}}, 5, 20, PARTIAL, {{10, 20}}},
-      // The gap is the first missing stretch only, even when the query ends past the next range.
-      {"gap before a range", {{0, 10}, {20, 10}}, {{0, 10}, {20, 30}}, 5, 30, PARTIAL, {{10, 20}}},
+      // No range holds the request's end: the gap runs to it, over the range in between.
+      {"gap before a range", {{0, 10}, {20, 10}}, {{0, 10}, {20, 30}}, 5, 30, PARTIAL, {{10, 35}}},
       {"bridged", {{0, 10}, {20, 10}, {10, 10}}, {{0, 30}}, 2, 28, FULL, std::nullopt},
       // A range written just before another merges with it; the gap ends at the query's end.
       {"touching before", {{10, 10}, {0, 10}}, {{0, 20}}, 10, 15, PARTIAL, {{20, 25}}},
       {"extended in place", {{0, 10}, {5, 45}}, {{0, 50}}, 50, 5, NOT, std::nullopt},
-      // Extending the range that holds the position merges the ranges it reaches.
-      {"extended and merged", {{0, 10}, {20, 10}, {5, 20}}, {{0, 30}}, 5, 24, FULL, std::nullopt},
-      // Ranges extended one after another into each other once left a chain of overlapping
-      // ranges, across which a query reported cached bytes as missing.
+      // Extending the range that holds the write's start merges nothing: the ranges overlap,
+      // and the gap runs from the holder's end back to the start of the range holding the end.
+      {"extended, not merged",
+       {{0, 10}, {20, 10}, {5, 20}},
+       {{0, 25}, {20, 30}},
+       5,
+       24,
+       PARTIAL,
+       {{25, 20}}},
+      // A position inside an overlapped range is held by the first range that covers it.
+      {"held by the longer range",
+       {{12, 1}, {0, 10}, {5, 25}},
+       {{0, 30}, {12, 13}},
+       20,
+       5,
+       FULL,
+       std::nullopt},
       {"extended chain",
        {{0, 5}, {8, 1}, {18, 12}, {8, 12}, {3, 7}},
-       {{0, 30}},
+       {{0, 10}, {8, 20}, {18, 30}},
        0,
        30,
+       PARTIAL,
+       {{10, 18}}},
+      // A write that starts outside every range merges its neighbours, overlaps included.
+      {"merged by a new range",
+       {{10, 10}, {30, 10}, {15, 20}, {0, 5}},
+       {{0, 5}, {10, 40}},
+       12,
+       20,
        FULL,
        std::nullopt},
       {"swallow", {{0, 5}, {10, 5}, {20, 5}, {6, 15}}, {{0, 5}, {6, 25}}, 0, 10, PARTIAL, {{5, 6}}},

@@ -46,16 +46,6 @@ int whenceOf(std::ios_base::seekdir direction) {
   return SEEK_SET;
 }
 
-// The range that holds `position`, if any. Ranges never overlap, so it can only be the last
-// one that starts at or before the position.
-template <class Map>
-auto holderIn(Map& ranges, std::int64_t position) {
-  auto it = ranges.upper_bound(position);
-  if (it == ranges.begin()) return ranges.end();
-  --it;
-  return position < it->second ? it : ranges.end();
-}
-
 }  // namespace
 
 FilesystemCacheResource::FilesystemCacheResource(const FileMetadata& metadata,
@@ -147,6 +137,7 @@ boost::posix_time::ptime FilesystemCacheResource::lastModified() const {
 void FilesystemCacheResource::doRemove() {
   descriptor_.reset();
   cachedRanges_.clear();
+  mayOverlap_ = false;
   try {
     if (fs::exists(checkoutPath_)) fs::remove(checkoutPath_);
   } catch (...) {
@@ -156,17 +147,55 @@ void FilesystemCacheResource::doRemove() {
 
 boost::filesystem::path FilesystemCacheResource::path() const { return checkoutPath_; }
 
+// The first range, in start order, that holds `position`. While no range overlaps another it
+// can only be the last one that starts at or before the position; after an extension into the
+// next range (see recordWritten) an earlier, longer range may hold it instead.
+FilesystemCacheResource::RangeMap::const_iterator FilesystemCacheResource::holderOf(
+    std::int64_t position) const {
+  const auto after = cachedRanges_.upper_bound(position);
+  if (!mayOverlap_) {
+    if (after == cachedRanges_.begin()) return cachedRanges_.end();
+    const auto last = std::prev(after);
+    return position < last->second ? last : cachedRanges_.end();
+  }
+  for (auto it = cachedRanges_.begin(); it != after; ++it) {
+    if (position < it->second) return it;
+  }
+  return cachedRanges_.end();
+}
+
+// The gap runs from the end of the range that holds the position to the start of the first
+// range that holds the request's end, or to the request's end when none does. Callers read
+// locally only up to the gap's start, so every byte before it is cached; after an extension
+// into a following range the gap's end may lie at or before its start.
 RangeQuery FilesystemCacheResource::queryRange(std::int64_t position, std::int64_t length) const {
-  const auto holder = holderIn(cachedRanges_, position);
+  const auto holder = holderOf(position);
   if (holder == cachedRanges_.end()) return {RangeStatus::NOT_CACHED, std::nullopt};
   if (length <= 0) return {RangeStatus::FULLY_CACHED, std::nullopt};
   const std::int64_t last = position + length;
   if (last <= holder->second) return {RangeStatus::FULLY_CACHED, std::nullopt};
-  // Ranges neither overlap nor touch, so the first missing stretch runs from the holder's end
-  // to the next range, or to the end of the request.
-  const auto next = std::next(holder);
-  const std::int64_t gapEnd = next == cachedRanges_.end() ? last : std::min(last, next->first);
-  return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, gapEnd}};
+  for (const auto& [start, end] : cachedRanges_) {
+    if (start >= last) break;
+    if (last <= end) return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, start}};
+  }
+  return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, last}};
+}
+
+std::int64_t FilesystemCacheResource::readBack(std::int64_t position, char* buffer,
+                                               std::int64_t count) const {
+  const bool open = descriptor_ && descriptor_->handle() != -1;
+  const int fd = open ? descriptor_->handle() : ::open(checkoutPath_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  std::int64_t done = 0;
+  while (done < count) {
+    const auto n = ::pread(fd, buffer + done, static_cast<std::size_t>(count - done),
+                           static_cast<off_t>(position + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += n;
+  }
+  if (!open) ::close(fd);
+  return done;
 }
 
 std::int64_t FilesystemCacheResource::read(std::int64_t position, char* buffer,
@@ -209,26 +238,34 @@ void FilesystemCacheResource::write(std::int64_t position, const char* data, std
   }
 }
 
-// Keeps the ranges apart: a written range joins the range that holds or touches its start
-// (or becomes a new one) and swallows every range it reaches. Extending ranges without merging
-// them once left chains of overlapping ranges, across which queries reported cached bytes as
-// missing. A sequential writer extends the last range, so the merge finds nothing after it.
+// A write that starts inside a range only extends that range: it is not merged with the ranges
+// it reaches (a sequential writer, the common case, extends the last range and reaches none).
+// A write that starts outside every range becomes a range of its own and is merged with its
+// neighbours, from its predecessor to the end of the map, which also folds in any overlap an
+// earlier extension left there. Ranges that touch are merged.
 void FilesystemCacheResource::recordWritten(std::int64_t position, std::int64_t end) {
   if (end <= position) return;
-  auto current = cachedRanges_.upper_bound(position);
-  if (current != cachedRanges_.begin() && std::prev(current)->second >= position) {
-    current = std::prev(current);
-    if (current->second >= end) return;
-    current->second = end;
-  } else {
-    current = cachedRanges_.emplace_hint(current, position, end);
+  if (const auto holder = holderOf(position); holder != cachedRanges_.end()) {
+    if (holder->second >= end) return;
+    const auto extended = cachedRanges_.erase(holder, holder);  // the same range, writable
+    extended->second = end;
+    const auto next = std::next(extended);
+    if (next != cachedRanges_.end() && next->first <= end) mayOverlap_ = true;
+    return;
   }
-  mergeFollowing(current);
+  const auto [inserted, added] = cachedRanges_.emplace(position, end);
+  if (!added) return;
+  const bool first = inserted == cachedRanges_.begin();
+  mergeFrom(first ? inserted : std::prev(inserted));
+  if (first) mayOverlap_ = false;  // the merge walked the whole map
 }
 
-void FilesystemCacheResource::mergeFollowing(RangeMap::iterator current) {
-  for (auto next = std::next(current);
-       next != cachedRanges_.end() && next->first <= current->second; next = std::next(current)) {
+void FilesystemCacheResource::mergeFrom(RangeMap::iterator current) {
+  for (auto next = std::next(current); next != cachedRanges_.end(); next = std::next(current)) {
+    if (current->second < next->first) {
+      current = next;
+      continue;
+    }
     current->second = std::max(current->second, next->second);
     cachedRanges_.erase(next);
   }
@@ -239,6 +276,13 @@ std::int64_t FilesystemCacheResource::seek(std::int64_t offset, std::ios_base::s
 }
 
 void FilesystemCacheResource::close() { descriptor_.reset(); }
+
+void FilesystemCacheResource::openDescriptor() noexcept {
+  try {
+    handle();
+  } catch (...) {
+  }
+}
 
 void FilesystemCacheResource::sync(boost::posix_time::ptime lastModified) {
   try {
@@ -252,9 +296,12 @@ void FilesystemCacheResource::sync(boost::posix_time::ptime lastModified) {
 bool FilesystemCacheResource::hasFailed() const { return failed_; }
 
 bool FilesystemCacheResource::coversWhole(std::int64_t size) const {
-  if (size <= 0) return true;
-  const auto first = cachedRanges_.find(0);
-  return first != cachedRanges_.end() && first->second >= size;
+  std::int64_t reach = 0;  // every byte before it is cached
+  for (const auto& [start, end] : cachedRanges_) {
+    if (reach >= size || start > reach) break;
+    reach = std::max(reach, end);
+  }
+  return reach >= size;
 }
 
 std::map<std::int64_t, std::int64_t> FilesystemCacheResource::ranges() const {

@@ -68,13 +68,23 @@ class FilesystemCacheResource : public CacheResource {
   RangeQuery queryRange(std::int64_t position, std::int64_t length) const override;
   // One pread on the body (after opening it if needed); 0 after a failed write or on error.
   std::int64_t read(std::int64_t position, char* buffer, std::int64_t count) override;
-  // pwrite, then records [position, position + written), merged with every range it
-  // overlaps or touches: recorded ranges never overlap or touch.
+  // The bytes the body file holds at `position`, also after a failed write: through the open
+  // descriptor when there is one, so that bytes written through it can still be read after
+  // the body's name (or its whole folder) was deleted from outside; by the path otherwise.
+  // Never creates a body. Returns the bytes read (fewer at the end of the file, 0 on error).
+  std::int64_t readBack(std::int64_t position, char* buffer, std::int64_t count) const;
+  // pwrite, then records [position, position + written): a write that starts inside a range
+  // extends that range only, so ranges may overlap until a write that starts outside every
+  // range merges its neighbours (see recordWritten).
   void write(std::int64_t position, const char* data, std::int64_t count) override;
   // Opens the body if needed (0700, created if missing) and moves its offset; -1 if lseek
   // fails. Throws std::runtime_error("Bad file descriptor") if the body cannot be opened.
   std::int64_t seek(std::int64_t offset, std::ios_base::seekdir direction) override;
   void close() override;
+  // Opens the body now (created if missing) rather than at its first use, so that it stays
+  // usable through the descriptor if its name goes meanwhile. A failure is left for that use
+  // to report.
+  void openDescriptor() noexcept;
   // fsync (if open), then stamps access and modification times with `lastModified` (whole
   // seconds). Failures are ignored.
   void sync(boost::posix_time::ptime lastModified) override;
@@ -84,7 +94,8 @@ class FilesystemCacheResource : public CacheResource {
   bool coversWhole(std::int64_t size) const;
   // A copy of the cached ranges, start -> end (half-open).
   std::map<std::int64_t, std::int64_t> ranges() const;
-  // The start of the first cached range that begins after `position`, if any.
+  // The start of the first cached range that begins after `position`, if any. For a position
+  // that is not cached, that is the next cached byte.
   std::optional<std::int64_t> firstCachedAfter(std::int64_t position) const;
   // Stamps access and modification times with `time` (whole seconds), without flushing, when
   // the body exists; failures are ignored (the next open re-checks the body anyway).
@@ -98,9 +109,11 @@ class FilesystemCacheResource : public CacheResource {
   void recordWholeBody(std::uint64_t size);
   void seedFrom(const boost::filesystem::path& sourceFile, std::uint64_t size);
   int handle();
+  RangeMap::const_iterator holderOf(std::int64_t position) const;
   void recordWritten(std::int64_t position, std::int64_t end);
-  // Merges into `current` every following range that it overlaps or touches.
-  void mergeFollowing(RangeMap::iterator current);
+  // Walks from `current` to the end of the map, merging each range into the one before it
+  // when they overlap or touch.
+  void mergeFrom(RangeMap::iterator current);
   void logFailure(unsigned severity, const char* level, const char* message, bool withDetail) const;
 
   foundation::storage::provider::StorageIRI iri_;  // replaced by move()
@@ -109,8 +122,11 @@ class FilesystemCacheResource : public CacheResource {
   boost::filesystem::path checkoutPath_;  // cacheDirectory_ / cacheFileName(iri_)
   std::shared_ptr<boost::iostreams::file_descriptor> descriptor_;  // null until needed
   bool failed_ = false;
-  // start -> end, half-open; never empty, never overlapping or touching one another.
+  // start -> end, half-open, never empty. Their union is what is cached.
   RangeMap cachedRanges_;
+  // Some range may overlap or touch the next one (an extension reached it), so the holder of
+  // a position must be searched for from the first range.
+  bool mayOverlap_ = false;
 };
 
 }  // namespace storage::overlayprovider
