@@ -3,6 +3,8 @@
 // once; draining leaves the cache root as it was.
 #include "core/contentcache/BodyDisposal.h"
 
+#include "CoreTestSupport.h"
+
 #include <foundation/log/LogCapture.h>
 
 #include <gtest/gtest.h>
@@ -27,7 +29,8 @@ std::size_t filesIn(const fs::path& folder) {
 }
 
 TEST(BodyDisposal, FreesTheNameAtOnceAndDeletesEverythingByTheDrain) {
-  const auto root = fs::temp_directory_path() / fs::unique_path("disposal-%%%%-%%%%");
+  const foundation::storage::provider::test::TempDir directory;
+  const fs::path root = directory.path().string();
   const auto bodies = root / "V1.0";
   fs::create_directories(bodies);
   foundation::log::LogCapture log;
@@ -62,7 +65,6 @@ TEST(BodyDisposal, FreesTheNameAtOnceAndDeletesEverythingByTheDrain) {
   EXPECT_EQ(0u, filesIn(bodies));
   EXPECT_EQ(1u, log.count("could not be set aside"));
   EXPECT_EQ(0u, log.count("could not be deleted"));
-  fs::remove_all(root);
 }
 
 }  // namespace

@@ -205,6 +205,12 @@ TEST(OverlayBodies, QueuedBytesSurviveTheirBodyGoing) {
        },
        body},
       {"invalidated", [](OverlayOverMem& env) { env.overlay->invalidate(env.at(u"")); }, body},
+      // As a cleaner of old temporary folders does: the queued writes keep their bytes.
+      {"its folder deleted from outside",
+       [](OverlayOverMem& env) {
+         boost::filesystem::remove_all(env.overlay->contentCache().versionDirectory());
+       },
+       body},
       {"emptied by a new open",
        [](OverlayOverMem& env) {
          auto again = env.overlay->openStream(env.at(u"f"), ByteStreamOpenOptions::overwrite());
@@ -242,8 +248,17 @@ TEST(OverlayBodies, CopyGoesThroughTheOverlaysOwnStreams) {
 }
 
 TEST(OverlayBodies, BodiesPersistAcrossProvidersOnlyWhenAskedTo) {
-  const auto root = boost::filesystem::temp_directory_path() /
-                    boost::filesystem::unique_path("overlay-bodies-%%%%-%%%%");
+  const fsp::test::TempDir directory;
+  const boost::filesystem::path root = directory.path().string();
+  {
+    // A root the cache made up itself goes whole at shutdown: nobody else knows its name.
+    OverlayOverMem made;
+    made.overlay->createFile(made.at(u"f"));
+    const auto madeRoot = made.overlay->contentCache().cacheRoot();
+    EXPECT_TRUE(boost::filesystem::is_directory(madeRoot / "V1.0"));
+    made.overlay->shutdown();
+    EXPECT_FALSE(boost::filesystem::exists(madeRoot));
+  }
   for (const bool persistent : {false, true}) {
     SCOPED_TRACE(persistent ? "persistent" : "temporary");
     const std::map<std::string, std::string> settings = {
@@ -274,8 +289,8 @@ TEST(OverlayBodies, BodiesPersistAcrossProvidersOnlyWhenAskedTo) {
     third.configure(settings);
     third.overlay->removeFile(third.at(u"f"));
     EXPECT_EQ(bodies(), 0);
+    EXPECT_TRUE(boost::filesystem::is_directory(root / "V1.0")) << "a configured root stays";
   }
-  boost::filesystem::remove_all(root);
 }
 
 // With the cache unusable, opening a stream logs the fallback, flushes, and from then on the

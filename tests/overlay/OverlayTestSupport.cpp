@@ -18,13 +18,7 @@ OverlayOverMem::OverlayOverMem(std::shared_ptr<fsp::mem::MemProvider> store)
       root(storage::overlayprovider::OverlayProviderFactory().getRootLocation(innerRoot)) {}
 
 OverlayOverMem::~OverlayOverMem() {
-  if (!overlay) return;
-  const auto cacheRoot = overlay->contentCache().cacheRoot();
-  const bool defaultRoot = cacheRoot.filename().string().rfind("overlay_cache-", 0) == 0;
-  overlay->shutdown();
-  overlay.reset();
-  boost::system::error_code ignored;
-  if (defaultRoot) boost::filesystem::remove_all(cacheRoot, ignored);
+  if (overlay) overlay->shutdown();
 }
 
 void OverlayOverMem::put(const std::u16string& path, const std::string& bytes) const {

@@ -24,7 +24,7 @@ struct OverlayOverMem {
   explicit OverlayOverMem(fsp::mem::MemProvider::Options options = {});
   // A new overlay over an existing store.
   explicit OverlayOverMem(std::shared_ptr<fsp::mem::MemProvider> store);
-  // Shuts the overlay down and removes its content cache's default root.
+  // Shuts the overlay down (which removes its content cache's default root).
   ~OverlayOverMem();
 
   // The overlay location of `path`.

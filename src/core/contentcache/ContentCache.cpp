@@ -42,13 +42,29 @@ ContentCache::~ContentCache() {
 
 void ContentCache::discard() {
   std::vector<std::shared_ptr<WorkingFileEntry>> released;
+  fs::path madeRoot;
   {
     MutexLock lock(mutex_);
     for (auto it = entries_.begin(); it != entries_.end();) it = eraseLocked(it);
     released.swap(pendingRelease_);
     if (mode_ == CacheMode::TEMPORARY) deleteMadeBodies();
+    // A later use makes the root again (every operation does), and the next discard ends it.
+    if (mode_ == CacheMode::TEMPORARY && madeRoot_) madeRoot = cacheRoot_;
   }
   disposal_.drain();
+  if (!madeRoot.empty()) removeMadeRoot(madeRoot);
+}
+
+void ContentCache::removeMadeRoot(const fs::path& root) noexcept {
+  boost::system::error_code error;
+  fs::remove_all(root, error);
+  if (error) {
+    try {
+      OVERLAY_LOG(log::error) << "Could not remove the temporary cache root " << root.string()
+                              << ": " << error.message();
+    } catch (...) {
+    }
+  }
 }
 
 void ContentCache::deleteMadeBodies() noexcept {
@@ -62,6 +78,7 @@ void ContentCache::deleteMadeBodies() noexcept {
 void ContentCache::setCacheRoot(fs::path root) {
   MutexLock lock(mutex_);
   cacheRoot_ = std::move(root);
+  madeRoot_ = false;
 }
 
 void ContentCache::setPersistent() {

@@ -33,8 +33,10 @@
 //
 // Choices where the behaviour is ours to make:
 //  - Temporary mode deletes, when the provider shuts down and again when the cache is
-//    destroyed, every body file it made; the root and "V1.0" stay. Persistent mode deletes
-//    nothing.
+//    destroyed, every body file it made. A root the cache made itself (the default one) goes
+//    whole with them: nobody else knows its name, so nothing else would ever delete it. A
+//    root that was configured stays with its "V1.0", since it may hold what others put there.
+//    Persistent mode deletes nothing.
 //  - removeEntry hands the entry's pending writes to the executor; it does not wait for
 //    them (the cache's mutex must not be held for the store's time).
 //  - moveEntry and moveFolderEntries re-key the entries and move their bodies; they do not
@@ -153,10 +155,13 @@ class ContentCache {
   void dropEntryLocked(EntryMap::iterator it, bool notify) OVERLAY_REQUIRES(mutex_);
   void deferRelease(std::shared_ptr<WorkingFileEntry> entry) OVERLAY_REQUIRES(mutex_);
   void deleteMadeBodies() noexcept OVERLAY_REQUIRES(mutex_);
+  static void removeMadeRoot(const boost::filesystem::path& root) noexcept;
 
   mutable Mutex mutex_;
   CacheMode mode_ OVERLAY_GUARDED_BY(mutex_) = CacheMode::TEMPORARY;
   boost::filesystem::path cacheRoot_ OVERLAY_GUARDED_BY(mutex_);
+  // The root is the default one, made up by this cache: it is removed with the bodies.
+  bool madeRoot_ OVERLAY_GUARDED_BY(mutex_) = true;
   EntryMap entries_ OVERLAY_GUARDED_BY(mutex_);
   std::size_t entryCount_ OVERLAY_GUARDED_BY(mutex_) = 0;
   std::vector<std::shared_ptr<WorkingFileEntry>> pendingRelease_ OVERLAY_GUARDED_BY(mutex_);

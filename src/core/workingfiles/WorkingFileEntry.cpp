@@ -71,7 +71,15 @@ std::uint64_t WorkingFileEntry::registerStream(bool writable) {
     writableStreams_.insert(id);
     holdRecordLocked();
   }
+  openBodyLocked();
   return id;
+}
+
+// A stream may outlive its provider, whose shutdown removes a temporary cache root, and a
+// cleaner may delete the cache folder under an open file: opened now, the body stays usable
+// through its descriptor for as long as the entry lives.
+void WorkingFileEntry::openBodyLocked() {
+  if (body_ && !body_->hasFailed()) body_->openDescriptor();
 }
 
 std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadOnly() {
@@ -90,6 +98,7 @@ std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadWrite(
     // The store's copy is emptied by the open below; so is ours, and with it every range.
     holdUnsentBytesLocked();
     resource_->doRemove();
+    openBodyLocked();
     pendingBlock_.reset();
     size_ = 0;
     ++generation_;
@@ -329,17 +338,7 @@ void WorkingFileEntry::handOverLocked(std::vector<std::shared_ptr<PendingWriteBl
 
 std::int64_t WorkingFileEntry::readBodyLocked(std::int64_t position, char* buffer,
                                               std::int64_t count) const {
-  const int fd = ::open(resource_->path().c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return 0;
-  std::int64_t done = 0;
-  while (done < count) {
-    const auto n = ::pread(fd, buffer + done, static_cast<std::size_t>(count - done),
-                           static_cast<off_t>(position + done));
-    if (n <= 0) break;
-    done += n;
-  }
-  ::close(fd);
-  return done;
+  return body_ ? body_->readBack(position, buffer, count) : 0;
 }
 
 void WorkingFileEntry::holdUnsentBytesLocked() {
@@ -531,7 +530,7 @@ void WorkingFileEntry::detach() {
 }
 
 bool WorkingFileEntry::bodyCompleteLocked() const {
-  return body_ && !body_->hasFailed() && body_->coversWhole(size_);
+  return body_ && !body_->hasFailed() && !bytesLost_ && body_->coversWhole(size_);
 }
 
 // A complete body carries the file's last-modified time, a partial one the epoch (so the

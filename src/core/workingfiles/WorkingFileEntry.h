@@ -164,6 +164,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Caller side (WorkingFileEntry.cpp).
   void touch();
   std::uint64_t registerStream(bool writable);
+  void openBodyLocked();
   std::int64_t readCachedLocked(std::int64_t offset, char* buffer, std::int64_t count);
   bool bodyMayLackPendingWritesLocked() const;
   bool waitForPendingWrites();
@@ -179,7 +180,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
                     std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
   // Moves the pending block (if it holds anything) to `handOver`.
   void handOverLocked(std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
-  // Reads body bytes straight from the body file (also after a failed body write).
+  // Reads body bytes straight from the body file (also after a failed body write), through
+  // the descriptor that wrote them, so a body deleted from outside still gives them back.
   std::int64_t readBodyLocked(std::int64_t position, char* buffer, std::int64_t count) const;
   // Copies into memory every unsent byte that only the body holds, before the body can lose
   // it. Logs (and gives up) what can no longer be read.
@@ -249,6 +251,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Handed-over blocks whose bytes their transactions have not read from the body yet.
   std::vector<std::shared_ptr<PendingWriteBlock>> unsentBodyBlocks_;
   bool bodyLost_ = false;
+  // A queued write found its bytes gone from the body (a failure of this process): the store
+  // lacks them, so the body is never stamped as the store's copy and the close says so.
+  bool bytesLost_ = false;
   std::uint64_t generation_ = 0;  // bumped by every local change of the body
   std::int64_t nextSequential_ = 0;
   mutable std::int64_t readAhead_ = 0;

@@ -94,7 +94,14 @@ const char* WorkingFileEntry::blockBytesLocked(const std::shared_ptr<PendingWrit
   if (!block->refersToBody()) return block->bytes().data();
   innerBuffer_.resize(static_cast<std::size_t>(block->size()));
   if (readBodyLocked(block->start(), innerBuffer_.data(), block->size()) != block->size()) {
-    throw std::runtime_error("the cached body no longer holds bytes still to be written");
+    // Only the process's own failure can get here: the body is read through the descriptor
+    // that wrote it, which outlives a deletion of the body or of its folder from outside.
+    bytesLost_ = true;
+    const auto lost = std::to_string(block->size()) + " bytes written to " + location_.toString() +
+                      " at offset " + std::to_string(block->start()) +
+                      " never reach the store: the cached body no longer holds them";
+    OVERLAY_LOG(log::error) << lost;
+    throw std::runtime_error(lost);
   }
   return innerBuffer_.data();
 }
