@@ -3,6 +3,9 @@
 #include <foundation/log/LogCapture.h>
 #include <foundation/storage/provider/Exception.h>
 
+#include <algorithm>
+#include <functional>
+
 using namespace overlaytest;
 using fsp::ErrorCode;
 using fsp::StorageIRI;
@@ -42,4 +45,33 @@ TEST(OverlayQueries, MissingQuotaFiguresAreRefusedWithCodeNine) {
   EXPECT_EQ(fsp::test::errorOf([&] { env.overlay->getProviderStorageInfo(env.root); }),
             ErrorCode::Unavailable);
   EXPECT_EQ(capture.count("Quota information unavailable", flog::error), 1u);
+}
+
+// Every listing opens a trace record that names the provider's source and the listing's
+// predicate, also when the provider forwards it to the inner store.
+TEST(OverlayQueries, EveryListingOpensATraceRecordNamingItsPredicate) {
+  using List = std::function<fsp::FolderEntryIteratorPtr(const fsp::IProvider&, StorageIRI)>;
+  const std::pair<std::string, List> listings[] = {
+      {"ListAllPred", [](const auto& provider, auto at) { return provider.listAll(at); }},
+      {"ListFilesPred", [](const auto& provider, auto at) { return provider.listFiles(at); }},
+      {"ListFoldersPred", [](const auto& provider, auto at) { return provider.listFolders(at); }}};
+  for (const bool passThrough : {false, true}) {
+    SCOPED_TRACE(passThrough ? "pass-through" : "cached");
+    OverlayOverMem env;
+    if (passThrough) {
+      env.configure({{"overlay.cacheRoot", "/proc/version/cache"}});
+      env.overlay->openStream(env.at(u"f"), fsp::ByteStreamOpenOptions::overwrite())->close();
+      ASSERT_TRUE(env.overlay->isPassThrough());
+    }
+    for (const auto& [predicate, list] : listings) {
+      flog::LogCapture log;
+      list(*env.overlay, env.at(u""));
+      const auto records = log.records();
+      const auto expected = "[with Pred = storage::overlayprovider::" + predicate;
+      EXPECT_TRUE(std::any_of(records.begin(), records.end(), [&](const auto& record) {
+        return record.file == "src/core/OverlayProvider" &&
+               record.function.find(expected) != std::string::npos;
+      })) << predicate;
+    }
+  }
 }

@@ -6,17 +6,37 @@
 #include "core/provider/OverlayProvider.h"
 #include "core/provider/OverlayProviderSupport.h"
 
+#include <type_traits>
+
 namespace storage::overlayprovider {
 
 using fsp::StorageIRI;
 
+namespace {
+
+// The inner store's own listing of the kind a predicate selects, for pass-through mode.
+template <class Pred>
+fsp::FolderEntryIteratorPtr innerListing(const fsp::StorageItem& folder) {
+  if constexpr (std::is_same_v<Pred, ListFilesPred>) {
+    return folder.listFiles();
+  } else if constexpr (std::is_same_v<Pred, ListFoldersPred>) {
+    return folder.listFolders();
+  } else {
+    return folder.listAll();
+  }
+}
+
+}  // namespace
+
+// Every listing, pass-through ones included, opens its trace record here, so that the record
+// names the predicate ("[with Pred = ...]") whichever kind of listing the host asked for.
 template <class Pred>
 fsp::FolderEntryIteratorPtr OverlayProvider::doListingOperation(const StorageIRI& iri) const {
   OVERLAY_OPERATION(iri);
   ensureInitialized();
   const auto location = resolve(iri);
   if (passThrough_) {
-    return forwardingRefusals([&] { return innerItem(location).listAll(); });
+    return forwardingRefusals([&] { return innerListing<Pred>(innerItem(location)); });
   }
   // Mutations update the cache before they return, so there is no queued work for this
   // location to wait for: the cache already shows it.
@@ -30,12 +50,10 @@ fsp::FolderEntryIteratorPtr OverlayProvider::doListAll(const StorageIRI& iri) co
 }
 
 fsp::FolderEntryIteratorPtr OverlayProvider::doListFiles(const StorageIRI& iri) const {
-  if (passThrough_) return innerItem(resolve(iri)).listFiles();
   return doListingOperation<ListFilesPred>(iri);
 }
 
 fsp::FolderEntryIteratorPtr OverlayProvider::doListFolders(const StorageIRI& iri) const {
-  if (passThrough_) return innerItem(resolve(iri)).listFolders();
   return doListingOperation<ListFoldersPred>(iri);
 }
 

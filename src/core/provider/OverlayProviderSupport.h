@@ -7,8 +7,9 @@
 
 namespace storage::overlayprovider {
 
-// Every host operation's scoped trace record names this source.
-inline constexpr const char* kOverlayProviderSource = "src/core/provider/OverlayProvider";
+// Every host operation's scoped trace record names this source. It is the name the host's log
+// filters know the provider's records by, so it stays as it is wherever the files live.
+inline constexpr const char* kOverlayProviderSource = "src/core/OverlayProvider";
 
 // Names of new entries may not hold control characters (C0, DEL and C1). `location` is the
 // overlay's public form, since it is what the refusal names.
