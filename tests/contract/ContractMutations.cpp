@@ -186,6 +186,45 @@ TEST_P(ProviderContract, MoveAndCopyFileRefusals) {
   EXPECT_TRUE(at(u"/dir").folderExists());
 }
 
+// A file or folder moved or copied onto itself, under its own name or (where names ignore case)
+// another spelling of it: a copy would empty the file it reads from, so it is refused; a move
+// keeps everything and takes the new spelling.
+TEST_P(ProviderContract, MovesAndCopiesOntoTheSameEntry) {
+  std::vector<std::u16string> spellings = {u"/d/f.txt"};
+  if (root().getFilenameSensitivity() == fsp::FilenameSensitivity::CaseInsensitive) {
+    spellings.push_back(u"/d/F.TXT");
+  }
+  const std::u16string folders[] = {u"/d", u"/D"};
+  for (const auto& spelling : spellings) {
+    SCOPED_TRACE(fsp::StorageIRI(u"", spelling).toString());
+    at(u"/d").createFolder();
+    writeFile(u"/d/f.txt", "bytes to keep");
+    for (auto policy : kReplacingPolicies) {
+      SCOPED_TRACE(policyName(policy));
+      expectError(ErrorCode::AlreadyExists, loc(spelling),
+                  [&] { at(u"/d/f.txt").copyFile(loc(spelling), policy); });
+      at(u"/d/f.txt").moveFile(loc(spelling), policy);
+      at(spelling).moveFile(loc(u"/d/f.txt"), policy);
+    }
+    for (const auto& folder : folders) {
+      if (folder != u"/d" && spellings.size() == 1) continue;
+      for (auto policy : {ReplacementPolicy::Fail, ReplacementPolicy::Overwrite,
+                          ReplacementPolicy::Merge, ReplacementPolicy::Exclusive}) {
+        SCOPED_TRACE(policyName(policy));
+        at(u"/d").moveFolder(loc(folder), policy);
+        at(folder).moveFolder(loc(u"/d"), policy);
+      }
+    }
+    underTest().settle();
+    for (const auto& store : {std::optional(root()), underTest().backingStore()}) {
+      if (!store) continue;
+      EXPECT_EQ("bytes to keep", readFile(below(*store, u"/d/f.txt")));
+      EXPECT_EQ((std::vector<std::string>{"d"}), names(store->listAll()));
+    }
+    at(u"/d").removeFolderRecursively();
+  }
+}
+
 TEST_P(ProviderContract, MoveFolderCarriesTheSubtree) {
   makeFolders({u"/src/sub", u"/target"});
   writeFile(u"/src/a.txt", "a");

@@ -199,11 +199,7 @@ void MetadataCache::moveFileMetadata(const fsp::StorageIRI& from, const fsp::Sto
   }
   dropFrozenLocked(stored, false);
   // A new spelling of the same name on a case-insensitive store removes nothing.
-  const bool sameName = caseSensitive_ ? stored == to
-                                       : stored.getParent() == to.getParent() &&
-                                             foundation::text::toLower(stored.getName()) ==
-                                                 foundation::text::toLower(to.getName());
-  if (!sameName) noteRemovalLocked(stored);
+  if (keyOf(stored) != keyOf(to)) noteRemovalLocked(stored);
 }
 
 void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::StorageIRI& to,
@@ -221,8 +217,11 @@ void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::S
   Guard guard(*this);
   reapplyFrozenLocked();
   beginChangeLocked(to);
-  moveFolderDetail(from, to, moved, policy, tree);
-  noteRemovalLocked(from);
+  // A new spelling of the same name on a case-insensitive store replaces the subtree in place
+  // and removes nothing.
+  const bool respelled = keyOf(from) == keyOf(to);
+  moveFolderDetail(from, to, moved, respelled ? fsp::ReplacementPolicy::Merge : policy, tree);
+  if (!respelled) noteRemovalLocked(from);
 }
 
 void MetadataCache::confirmFile(const fsp::StorageIRI& iri) {

@@ -98,6 +98,7 @@ void MetadataCache::moveFolderDetail(const fsp::StorageIRI& from, const fsp::Sto
       entry->putChild(MetadataNode(folder), caseSensitive_);
     }
   }
+  if (keyOf(from) == keyOf(to)) return;  // the same folder, spelt anew: it stays where it is
   if (auto parent = entryLocked(from.getParent(), false)) {
     parent->removeIfPresent(from, NodeKind::Folder, caseSensitive_);
   }

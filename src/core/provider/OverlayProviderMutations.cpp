@@ -263,9 +263,11 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
         innerItemFor(inner, stored)
             .moveFile(innerItemFor(inner, destination).getLocation(), policy);
       },
-      [stored, destination](MetadataCache& cache) {
+      [stored, destination,
+       respelled = replaced && replaced->getIRI() == stored](MetadataCache& cache) {
         cache.confirmFile(destination);
-        cache.confirmRemoval(stored);
+        // A new spelling of the same file went nowhere: its name must not be forgotten.
+        if (!respelled) cache.confirmRemoval(stored);
       });
 }
 
@@ -300,15 +302,20 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   const auto held = guard(source, destination);
   const auto stored = requireFolder(source);
   if (stored == destination) return;  // the folder is already there: nothing changes
-  if (stored.isAncestorOf(destination)) {
-    throw Exception(ErrorCode::OperationRefused, publicLocation(destination),
-                    "a folder cannot move into itself");
-  }
-  checkFolderDestination(destination, policy);
-  // Unless the move merges, the bodies below a folder it replaces go with that folder.
-  const auto replaced = metadataCache_->getFolderMetadata(destination);
-  if (replaced && policy != fsp::ReplacementPolicy::Merge) {
-    contentCache_->removeFolderEntries(replaced->getIRI(), true);
+  // On a case-insensitive store a new spelling of the same folder renames it: nothing is
+  // replaced, and nothing of it goes away.
+  const auto existing = metadataCache_->getFolderMetadata(destination);
+  const bool respelled = existing && existing->getIRI() == stored;
+  if (!respelled) {
+    if (stored.isAncestorOf(destination)) {
+      throw Exception(ErrorCode::OperationRefused, publicLocation(destination),
+                      "a folder cannot move into itself");
+    }
+    checkFolderDestination(destination, policy);
+    // Unless the move merges, the bodies below a folder it replaces go with that folder.
+    if (existing && policy != fsp::ReplacementPolicy::Merge) {
+      contentCache_->removeFolderEntries(existing->getIRI(), true);
+    }
   }
   metadataCache_->moveFolderMetadata(stored, destination, policy);
   contentCache_->moveFolderEntries(stored, destination);
@@ -319,9 +326,9 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
         innerItemFor(inner, stored)
             .moveFolder(innerItemFor(inner, destination).getLocation(), policy);
       },
-      [stored, destination](MetadataCache& cache) {
+      [stored, destination, respelled](MetadataCache& cache) {
         cache.confirmFolder(destination, true);
-        cache.confirmRemoval(stored);
+        if (!respelled) cache.confirmRemoval(stored);
       });
 }
 
@@ -360,6 +367,14 @@ void OverlayProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
   const auto forbidsReplacing = !fsp::allowsReplacing(policy);
   if (doFileExists(to) && forbidsReplacing) {
     throw Exception(ErrorCode::AlreadyExists, publicLocation(destination));
+  }
+  // Opening the destination for overwriting would empty the very bytes the copy reads: a copy
+  // of a file onto itself (under any spelling the store takes for the same name) is refused.
+  const auto target = metadataCache_->getFileMetadata(destination);
+  const auto origin = target ? metadataCache_->getFileMetadata(resolve(from)) : nullptr;
+  if (origin && target->getIRI() == origin->getIRI()) {
+    throw Exception(ErrorCode::AlreadyExists, publicLocation(destination),
+                    "a file cannot be copied onto itself");
   }
   if (doFolderExists(to)) throw Exception(ErrorCode::AlreadyExists, publicLocation(destination));
   // The source first: a missing source must not leave an empty destination behind.
