@@ -7,7 +7,7 @@
 // The body lives in one scratch directory made for the process and removed at its exit.
 #include "FuzzSupport.h"
 
-#include "core/contentcache/resources/FilesystemCacheResource.h"
+#include "core/cacheresources/FilesystemCacheResource.h"
 #include "core/metadata/FileMetadata.h"
 
 #include <boost/date_time/posix_time/posix_time.hpp>

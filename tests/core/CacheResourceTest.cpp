@@ -1,8 +1,8 @@
 // Cache resources over real files in a temporary cache directory: file names, log records,
 // the range map under writes and queries, staleness on opening, seeding, moving and failures.
 // The resource that caches nothing is checked through the overlay with caching disabled.
-#include "core/contentcache/resources/CacheResourceLog.h"
-#include "core/contentcache/resources/FilesystemCacheResource.h"
+#include "core/cacheresources/CacheResourceLog.h"
+#include "core/cacheresources/FilesystemCacheResource.h"
 #include "core/metadata/FileMetadata.h"
 
 #include "CoreTestSupport.h"

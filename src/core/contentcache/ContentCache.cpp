@@ -1,8 +1,8 @@
 #include "core/contentcache/ContentCache.h"
 
+#include "core/cacheresources/CacheResourceLog.h"
 #include "core/contentcache/CachingErrorException.h"
 #include "core/contentcache/LocalFSCacheSpaceArbitrator.h"
-#include "core/contentcache/resources/CacheResourceLog.h"
 #include "core/support/OverlayLog.h"
 
 #include <foundation/text/Unicode.h>

@@ -53,9 +53,9 @@
 // callback (markActivity).
 #pragma once
 
+#include "core/cacheresources/CacheMode.h"
 #include "core/contentcache/BodyDisposal.h"
 #include "core/contentcache/ICacheSpaceArbitrator.h"
-#include "core/contentcache/resources/CacheMode.h"
 #include "core/support/Mutex.h"
 #include "core/workingfiles/WorkingFileEntry.h"
 #include "core/workingfiles/WorkingFileSettings.h"

@@ -2,8 +2,8 @@
 // cache's view. The inner stream and the transactions are in WorkingFileEntryInner.cpp.
 #include "core/workingfiles/WorkingFileEntry.h"
 
-#include "core/contentcache/resources/FilesystemCacheResource.h"
-#include "core/contentcache/resources/NOOPCacheResource.h"
+#include "core/cacheresources/FilesystemCacheResource.h"
+#include "core/cacheresources/NOOPCacheResource.h"
 #include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>

@@ -68,9 +68,9 @@
 // thread; the content cache calls its management operations from the host's threads.
 #pragma once
 
-#include "core/contentcache/resources/CacheMode.h"
-#include "core/contentcache/resources/CacheResource.h"
-#include "core/contentcache/resources/FilesystemCacheResource.h"
+#include "core/cacheresources/CacheMode.h"
+#include "core/cacheresources/CacheResource.h"
+#include "core/cacheresources/FilesystemCacheResource.h"
 #include "core/execution/ObservableTransactionType.h"
 #include "core/metadata/FileMetadata.h"
 #include "core/workingfiles/PendingWriteBlock.h"

@@ -5,7 +5,7 @@
 // ownership, so a working file (and a stream on it) may outlive the provider that made it.
 #pragma once
 
-#include "core/contentcache/resources/CacheMode.h"
+#include "core/cacheresources/CacheMode.h"
 #include "core/execution/ExecutorSlot.h"
 #include "core/execution/TimedLatch.h"
 #include "core/quota/IQuotaAccountant.h"

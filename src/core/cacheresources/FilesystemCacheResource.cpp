@@ -1,6 +1,6 @@
-#include "core/contentcache/resources/FilesystemCacheResource.h"
+#include "core/cacheresources/FilesystemCacheResource.h"
 
-#include "core/contentcache/resources/CacheResourceLog.h"
+#include "core/cacheresources/CacheResourceLog.h"
 #include "core/metadata/FileMetadata.h"
 #include "core/support/OverlayLog.h"
 

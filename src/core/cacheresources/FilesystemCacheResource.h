@@ -24,7 +24,7 @@
 // failed write sets the failure flag, after which read() returns 0.
 #pragma once
 
-#include "core/contentcache/resources/CacheResource.h"
+#include "core/cacheresources/CacheResource.h"
 
 #include <boost/filesystem/path.hpp>
 #include <boost/iostreams/device/file_descriptor.hpp>

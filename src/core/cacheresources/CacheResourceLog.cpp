@@ -1,4 +1,4 @@
-#include "core/contentcache/resources/CacheResourceLog.h"
+#include "core/cacheresources/CacheResourceLog.h"
 
 #include <foundation/crypto/Digest.h>
 

@@ -9,7 +9,7 @@
 // Failures: none; nothing throws (seek answers -1).
 #pragma once
 
-#include "core/contentcache/resources/CacheResource.h"
+#include "core/cacheresources/CacheResource.h"
 
 namespace storage::overlayprovider {
 

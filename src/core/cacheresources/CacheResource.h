@@ -14,7 +14,7 @@
 // std::runtime_error("Bad file descriptor") when the local file cannot be opened.
 #pragma once
 
-#include "core/contentcache/resources/RangeQuery.h"
+#include "core/cacheresources/RangeQuery.h"
 
 #include <foundation/storage/provider/StorageIRI.h>
 

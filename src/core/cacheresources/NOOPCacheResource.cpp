@@ -1,4 +1,4 @@
-#include "core/contentcache/resources/NOOPCacheResource.h"
+#include "core/cacheresources/NOOPCacheResource.h"
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
