@@ -369,13 +369,11 @@ void OverlayProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
     throw Exception(ErrorCode::AlreadyExists, publicLocation(destination));
   }
   // Opening the destination for overwriting would empty the very bytes the copy reads: a copy
-  // of a file onto itself (under any spelling the store takes for the same name) is refused.
+  // of a file onto itself (under any spelling the store takes for the same name) changes
+  // nothing, as the stores themselves answer it.
   const auto target = metadataCache_->getFileMetadata(destination);
   const auto origin = target ? metadataCache_->getFileMetadata(resolve(from)) : nullptr;
-  if (origin && target->getIRI() == origin->getIRI()) {
-    throw Exception(ErrorCode::AlreadyExists, publicLocation(destination),
-                    "a file cannot be copied onto itself");
-  }
+  if (origin && target->getIRI() == origin->getIRI()) return;
   if (doFolderExists(to)) throw Exception(ErrorCode::AlreadyExists, publicLocation(destination));
   // The source first: a missing source must not leave an empty destination behind.
   auto source = doOpenReadOnlyStream(from);
