@@ -347,6 +347,21 @@ TEST_F(MetadataCacheTest, FileHeldForWritesSurvivesInvalidationUntilReleased) {
   EXPECT_EQ(cache().getFileSize(ov(u"/a/b.txt")), 5u);
 }
 
+// Two attribute changes on their way: the first one's confirmation (or a creation's) must
+// not thaw the record while the store still lacks the second, or a relisting undoes it.
+TEST_F(MetadataCacheTest, AnAttributeChangeKeepsItsRecordFrozenUntilItIsConfirmed) {
+  auto record = cache().getFileMetadata(ov(u"/a/b.txt"));
+  for (int change = 0; change < 2; ++change) cache().beginAttributeChange(ov(u"/a/b.txt"));
+  record->setWritable(false).freeze();
+  cache().confirmAttributes(ov(u"/a/b.txt"), true);
+  cache().confirmFile(ov(u"/a/b.txt"));
+  cache().markForInvalidation(ov(u"/a/b.txt"));
+  EXPECT_FALSE(cache().getFileMetadata(ov(u"/a/b.txt"))->isWritable());
+  cache().confirmAttributes(ov(u"/a/b.txt"), true);
+  cache().markForInvalidation(ov(u"/a/b.txt"));
+  EXPECT_TRUE(cache().getFileMetadata(ov(u"/a/b.txt"))->isWritable());  // the store's truth
+}
+
 TEST_F(MetadataCacheTest, CreatedFileTakesParentAttributesAndSetsItsTime) {
   store.mem->setExtendedAttribute(mem(u"/a"), "team", "blue");
   auto created = cache().createFileMetadata(ov(u"/a/new.txt"));

@@ -226,17 +226,28 @@ void MetadataCache::moveFolderMetadata(const fsp::StorageIRI& from, const fsp::S
 
 void MetadataCache::confirmFile(const fsp::StorageIRI& iri) {
   Guard guard(*this);
-  if (endChangeLocked(iri)) unfreezeFileLocked(iri);
+  if (endChangeLocked(iri) && !attributeChangeInFlightLocked(iri)) unfreezeFileLocked(iri);
 }
 
 void MetadataCache::confirmFolder(const fsp::StorageIRI& iri, bool recursive) {
   Guard guard(*this);
-  if (endChangeLocked(iri)) unfreezeFolderLocked(iri, recursive);
+  if (endChangeLocked(iri) && !attributeChangeInFlightLocked(iri)) {
+    unfreezeFolderLocked(iri, recursive);
+  }
+}
+
+void MetadataCache::beginAttributeChange(const fsp::StorageIRI& iri) {
+  Guard guard(*this);
+  ++attributeChangesInFlight_[keyOf(iri)];
 }
 
 void MetadataCache::confirmAttributes(const fsp::StorageIRI& iri, bool isFile) {
   Guard guard(*this);
-  if (changeInFlightLocked(iri)) return;
+  const auto it = attributeChangesInFlight_.find(keyOf(iri));
+  if (it != attributeChangesInFlight_.end() && --it->second <= 0) {
+    attributeChangesInFlight_.erase(it);
+  }
+  if (changeInFlightLocked(iri) || attributeChangeInFlightLocked(iri)) return;
   isFile ? unfreezeFileLocked(iri) : unfreezeFolderLocked(iri, false);
 }
 

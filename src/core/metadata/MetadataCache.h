@@ -13,7 +13,7 @@
 //
 // Locks, in order (never the other way round):
 //   1. mutex_ (this cache): folders_, frozen_, pendingInvalidations_, invalidationsPending_,
-//      pendingRemovals_, changesInFlight_, population_.
+//      pendingRemovals_, changesInFlight_, attributeChangesInFlight_, population_.
 //   2. an IFolderEntry's own mutex: that entry's folder record and children.
 //   3. a FileMetadata's / FolderMetadata's own mutex: that record's fields.
 // mutex_ is never held while the inner store is listed or while an entry's listing is waited
@@ -115,8 +115,13 @@ class MetadataCache {
   // it is confirmed, never by the confirmation of an earlier one.
   void confirmFile(const fsp::StorageIRI& iri);
   void confirmFolder(const fsp::StorageIRI& iri, bool recursive);
-  // A change of attributes at `iri` has been replayed: confirms the record unless a creation
-  // or a move onto it or onto a folder above it is still on its way.
+  // A change of attributes at `iri` is on its way to the store (called as it is queued). Until
+  // its confirmation no other confirmation thaws the record there: the store still holds the
+  // old value, and a folder listed again meanwhile would bring it back.
+  void beginAttributeChange(const fsp::StorageIRI& iri);
+  // A change of attributes at `iri` has been replayed: confirms the record unless another
+  // change of its attributes, or a creation or a move onto it or onto a folder above it, is
+  // still on its way.
   void confirmAttributes(const fsp::StorageIRI& iri, bool isFile);
 
   // The removal (or move away) of `iri` has been replayed on the store. Until then the store
@@ -180,6 +185,7 @@ class MetadataCache {
   // True when no counted change is left on its way to `iri` or to a folder above it.
   bool endChangeLocked(const fsp::StorageIRI& iri);
   bool changeInFlightLocked(const fsp::StorageIRI& iri) const;
+  bool attributeChangeInFlightLocked(const fsp::StorageIRI& iri) const;
   void unfreezeFileLocked(const fsp::StorageIRI& iri);
   void unfreezeFolderLocked(const fsp::StorageIRI& iri, bool recursive);
   // The entry of a folder at or below a pending removal, when the overlay made it since
@@ -229,6 +235,8 @@ class MetadataCache {
   std::atomic<bool> removalsPending_{false};
   // Creations and moves onto a location not yet replayed, with how many of each.
   std::map<fsp::StorageIRI, int> changesInFlight_;
+  // Changes of attributes at a location not yet replayed, with how many of each.
+  std::map<fsp::StorageIRI, int> attributeChangesInFlight_;
   // Frozen records collected by a batch of invalidations and not yet re-applied.
   bool invalidationsPending_ = false;
   std::vector<std::shared_ptr<IFolderEntry>> released_;  // dropped under the lock, see Guard

@@ -137,6 +137,10 @@ bool MetadataCache::changeInFlightLocked(const fsp::StorageIRI& iri) const {
   }
 }
 
+bool MetadataCache::attributeChangeInFlightLocked(const fsp::StorageIRI& iri) const {
+  return !attributeChangesInFlight_.empty() && attributeChangesInFlight_.count(keyOf(iri)) > 0;
+}
+
 void MetadataCache::unfreezeFileLocked(const fsp::StorageIRI& iri) {
   if (iri.hasParent()) {
     if (const auto parent = findEntryLocked(iri.getParent())) {
@@ -278,7 +282,8 @@ void MetadataCache::unfreezeTreeLocked(const fsp::StorageIRI& folder) const {
   for (const auto& node : found->collectRecords()) {
     // A record placed since by a change still on its way, onto it or onto a folder between
     // it and the confirmed one (a later move into the tree), stays the overlay's own.
-    const bool inFlight = changeInFlightLocked(nodeIRI(node));
+    const bool inFlight =
+        changeInFlightLocked(nodeIRI(node)) || attributeChangeInFlightLocked(nodeIRI(node));
     if (node.index() == 0) {
       if (!inFlight) std::get<0>(node)->unfreeze();
       continue;

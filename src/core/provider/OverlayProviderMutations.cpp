@@ -410,6 +410,7 @@ void OverlayProvider::setAttribute(const StorageIRI& iri, const std::string& nam
   triggerEventLatch();
   const auto held = guard(location);
   const bool isFile = updateRecord(location, updateFile, updateFolder);
+  if (!shutDown_->load()) metadataCache_->beginAttributeChange(location);
   replay(
       name, kind,
       [location, innerCall = std::move(innerCall)](const StorageItem& inner) {
