@@ -45,6 +45,11 @@ void printToStderr(const boost::log::record_view& record, boost::log::formatting
   out << "[" << channel << "] " << severity << ": " << record[boost::log::expressions::smessage];
 }
 
+// Also makes Boost.Log's core. The library makes it lazily behind a once-flag of its own that
+// it tests outside ThreadSanitizer's sight (the library is not instrumented), so a thread that
+// found the core made by another one would seem to use it unsynchronised; made inside this
+// std::call_once, which every logger and capture passes before it uses the core, it is seen
+// as made before any use.
 std::once_flag sinkOnce;
 void installStderrSink() {
   std::call_once(sinkOnce, [] {
@@ -75,12 +80,18 @@ void setSeverityMask(unsigned mask) {
   detail::stderrMask = mask;
 }
 
-template <>
-basic_diagnostic_logger<char>::basic_diagnostic_logger(std::string channel)
-    : channel_(channel), source_(boost::log::keywords::channel = channel) {
+namespace detail {
+void initializeLogging() {
   initMask();
   installStderrSink();
 }
+}  // namespace detail
+
+template <>
+basic_diagnostic_logger<char>::basic_diagnostic_logger(std::string channel)
+    // Initialised before the source, which takes the core.
+    : channel_((detail::initializeLogging(), channel)),
+      source_(boost::log::keywords::channel = channel) {}
 
 template <>
 void basic_diagnostic_logger<char>::write(unsigned severity, const std::string& message,

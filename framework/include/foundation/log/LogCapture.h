@@ -1,7 +1,10 @@
 // LogCapture: collects the log records written while it lives, for tests that assert exact
-// records. Installs a Boost.Log sink and sets the severity mask (restored on destruction).
-// Captures may not be nested. Thread safety: records may be written from any thread; the
-// accessors take the capture's own mutex.
+// records. Attaches itself to the process's one capture sink (a Boost.Log sink installed by the
+// first capture and never removed) and sets the severity mask (restored on destruction).
+// Captures may not be nested. Thread safety: records may be written from any thread, also
+// while the capture is destroyed: a record that another thread is writing then is dropped or
+// lands in the capture's storage, which that thread holds until it is done; the accessors take
+// the capture's own mutex.
 #pragma once
 
 #include <foundation/log/DiagnosticLogger.h>
