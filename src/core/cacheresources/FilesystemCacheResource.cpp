@@ -40,6 +40,18 @@ void stampTimes(const fs::path& file, boost::posix_time::ptime time) {
   }
 }
 
+// Reads until `count` bytes, the end of the file or an error (thrown as std::system_error).
+std::int64_t preadFully(int fd, char* buffer, std::int64_t count, std::int64_t position) {
+  std::int64_t done = 0;
+  while (done < count) {
+    const ssize_t got = ::pread(fd, buffer + done, count - done, position + done);
+    if (got == 0) break;  // end of file
+    if (got < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "pread");
+    if (got > 0) done += got;
+  }
+  return done;
+}
+
 int whenceOf(std::ios_base::seekdir direction) {
   if (direction == std::ios_base::cur) return SEEK_CUR;
   if (direction == std::ios_base::end) return SEEK_END;
@@ -174,9 +186,14 @@ RangeQuery FilesystemCacheResource::queryRange(std::int64_t position, std::int64
   if (length <= 0) return {RangeStatus::FULLY_CACHED, std::nullopt};
   const std::int64_t last = position + length;
   if (last <= holder->second) return {RangeStatus::FULLY_CACHED, std::nullopt};
-  for (const auto& [start, end] : cachedRanges_) {
-    if (start >= last) break;
-    if (last <= end) return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, start}};
+  // The first range that holds the request's end. While ranges are apart it can only be the
+  // last one that starts before that end, so a read of a sparse body stays logarithmic.
+  auto candidate = cachedRanges_.lower_bound(last);
+  if (!mayOverlap_ && candidate != cachedRanges_.begin()) candidate = std::prev(candidate);
+  for (auto it = mayOverlap_ ? cachedRanges_.begin() : candidate; it != cachedRanges_.end(); ++it) {
+    if (it->first >= last) break;
+    if (last <= it->second)
+      return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, it->first}};
   }
   return {RangeStatus::PARTIALLY_CACHED, ByteRange{holder->second, last}};
 }
@@ -187,12 +204,10 @@ std::int64_t FilesystemCacheResource::readBack(std::int64_t position, char* buff
   const int fd = open ? descriptor_->handle() : ::open(checkoutPath_.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return 0;
   std::int64_t done = 0;
-  while (done < count) {
-    const auto n = ::pread(fd, buffer + done, static_cast<std::size_t>(count - done),
-                           static_cast<off_t>(position + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += n;
+  try {
+    done = preadFully(fd, buffer, count, position);
+  } catch (...) {
+    logFailure(foundation::log::error, "error", "Failure in local cache reading", true);
   }
   if (!open) ::close(fd);
   return done;
@@ -202,17 +217,7 @@ std::int64_t FilesystemCacheResource::read(std::int64_t position, char* buffer,
                                            std::int64_t count) {
   if (failed_) return 0;
   try {
-    const int fd = handle();
-    std::int64_t done = 0;
-    while (done < count) {
-      const ssize_t got = ::pread(fd, buffer + done, count - done, position + done);
-      if (got == 0) break;  // end of file
-      if (got < 0 && errno != EINTR) {
-        throw std::system_error(errno, std::generic_category(), "pread");
-      }
-      if (got > 0) done += got;
-    }
-    return done;
+    return preadFully(handle(), buffer, count, position);
   } catch (...) {
     logFailure(foundation::log::error, "error", "Failure in local cache reading", true);
     return 0;

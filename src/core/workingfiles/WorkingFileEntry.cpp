@@ -70,14 +70,16 @@ std::uint64_t WorkingFileEntry::registerStream(bool writable) {
   if (writable) {
     writableStreams_.insert(id);
     holdRecordLocked();
+    openBodyLocked();
   }
-  openBodyLocked();
   return id;
 }
 
-// A stream may outlive its provider, whose shutdown removes a temporary cache root, and a
+// A writer may outlive its provider, whose shutdown removes a temporary cache root, and a
 // cleaner may delete the cache folder under an open file: opened now, the body stays usable
-// through its descriptor for as long as the entry lives.
+// through its descriptor for as long as the entry lives. Readers open it lazily, so a plain
+// open of a file that is never read creates no body; a reader that loses the folder reads
+// from the store instead.
 void WorkingFileEntry::openBodyLocked() {
   if (body_ && !body_->hasFailed()) body_->openDescriptor();
 }
