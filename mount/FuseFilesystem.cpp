@@ -8,11 +8,13 @@
 
 #include <foundation/text/Unicode.h>
 
+#include <fcntl.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <string_view>
 #include <system_error>
 
@@ -34,13 +36,33 @@ void checkComponentLengths(std::string_view path) {
   }
 }
 
+// The largest size an unnamed file in `directory` can be truncated to (a sparse file: the
+// probe writes nothing). ext4 stops at 16 TiB, XFS and btrfs at 8 EiB.
+std::uint64_t largestFileIn(const std::string& directory) {
+  const int fd = ::open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (fd < 0) return std::numeric_limits<off_t>::max();
+  std::uint64_t fits = 0;
+  for (std::uint64_t bit = std::uint64_t{1} << 62; bit != 0; bit >>= 1) {
+    if (::ftruncate(fd, static_cast<off_t>(fits | bit)) == 0) fits |= bit;
+  }
+  ::close(fd);
+  return fits;
+}
+
+std::string childPath(const char* folder, const std::string& name) {
+  const std::string_view parent(folder);
+  return parent == "/" ? "/" + name : std::string(parent) + "/" + name;
+}
+
 }  // namespace
 
-FuseFilesystem::FuseFilesystem(bool userWritebackCache)
+FuseFilesystem::FuseFilesystem(bool userWritebackCache, std::string scratchDirectory)
     : root_(fsp::StorageIRI()),
       userWritebackCache_(userWritebackCache),
       uid_(getuid()),
-      gid_(getgid()) {}
+      gid_(getgid()),
+      scratchDirectory_(std::move(scratchDirectory)),
+      largestLocalFile_(largestFileIn(scratchDirectory_)) {}
 
 void FuseFilesystem::attach(const StoreStack& stores) {
   stores_ = &stores;
@@ -84,11 +106,30 @@ fsp::StorageItem FuseFilesystem::item(const char* path) const {
   return fsp::StorageItem(root_, foundation::text::toUtf16(path));
 }
 
+FuseFilesystem::Target FuseFilesystem::target(const char* path, const fuse_file_info* fi) const {
+  if (path != nullptr) {
+    if (auto orphan = hidden_.find(path)) return {std::move(orphan), std::nullopt, path};
+    return {nullptr, item(path), path};
+  }
+  const auto file = openFile(fi);
+  if (auto orphan = file->orphan()) return {std::move(orphan), std::nullopt, {}};
+  return {nullptr, file->item(), {}};
+}
+
+void FuseFilesystem::checkFileSize(std::uint64_t size, bool askStore) const {
+  if (size > largestLocalFile_) throw std::system_error(EFBIG, std::generic_category());
+  if (!askStore) return;
+  const auto capacity = root_.getProviderStorageInfo().getStorageCapacity();
+  if (capacity > 0 && size > capacity) throw std::system_error(EFBIG, std::generic_category());
+}
+
 void* FuseFilesystem::init(fuse_conn_info* conn, fuse_config* cfg) {
   auto* fs = static_cast<FuseFilesystem*>(fuse_get_context()->private_data);
   try {
-    // A removed file is gone at once, never renamed to .fuse_hidden* while open.
-    cfg->hard_remove = 1;
+    // A file removed while open is renamed to a hidden name, which the mount serves from a
+    // local copy (HiddenFiles): with hard_remove libfuse would lose its path, and fstat,
+    // which the kernel sends without a handle, would fail with ESTALE.
+    cfg->hard_remove = 0;
     cfg->use_ino = 0;
     cfg->nullpath_ok = 0;
     // The overlay is the only writer through the mount, so the kernel may keep written pages
@@ -106,21 +147,28 @@ void* FuseFilesystem::init(fuse_conn_info* conn, fuse_config* cfg) {
   return fs;
 }
 
-int FuseFilesystem::getattr(const char* path, struct stat* st, fuse_file_info*) {
+int FuseFilesystem::getattr(const char* path, struct stat* st, fuse_file_info* fi) {
   return guarded("getattr", [&] {
     auto& fs = self();
-    const auto target = fs.item(path);
+    const auto target = fs.target(path, fi);
     const Owner owner{fs.uid_, fs.gid_};
-    switch (target.getProvider()->existsExtended(target.getLocation())) {
+    if (target.orphan) {
+      target.orphan->fillStat(owner, *st);
+      return 0;
+    }
+    const auto& item = *target.item;
+    switch (item.getProvider()->existsExtended(item.getLocation())) {
       case fsp::Existence::File:
-        fillFileStat(target.getFileAttributes(), owner, *st);
-        return 0;
+        fillFileStat(item.getFileAttributes(), owner, *st);
+        break;
       case fsp::Existence::Folder:
-        fillFolderStat(target.getFolderAttributes(), owner, *st);
-        return 0;
+        fillFolderStat(item.getFolderAttributes(), owner, *st);
+        break;
       default:
         return -ENOENT;
     }
+    fs.changeTimes_.apply(target.path, *st);
+    return 0;
   });
 }
 
@@ -142,6 +190,7 @@ int FuseFilesystem::readdir(const char* path, void* buf, fuse_fill_dir_t filler,
         fillFolderStat(row.getFolderAttributes(), owner, st);
       }
       const std::string name = foundation::text::toUtf8(row.getName());
+      fs.changeTimes_.apply(childPath(path, name), st);
       if (filler(buf, name.c_str(), &st, 0, plus) != 0) return -ENOMEM;
     }
     return 0;

@@ -8,18 +8,28 @@
 //                    EEXIST); O_TRUNC and O_APPEND as stream options
 //   read, write      the open file's stream at the request's offset (OpenFile)
 //   truncate         truncateToSize, then the file's open streams are opened afresh (a store
-//                    may truncate by replacing the file)
+//                    may truncate by replacing the file); a size beyond what the local file
+//                    system or the store can hold is EFBIG before anything is written
 //   flush            nothing: the stream's writes are the overlay's once written
 //   release          closes the stream
 //   fsync            the overlay's flushFilesystem: when it returns, every change queued
 //                    before it, the file's writes included, has reached the store (nothing
 //                    more to do in a pass-through, whose calls reach the store as they run)
 //   unlink, rmdir    removeFile, removeFolder
+//   removed while open  libfuse renames a removed open file to a hidden name (hard_remove
+//                    off, so the kernel's handle keeps a path): the mount copies its bytes to
+//                    an OrphanFile, removes it from the store and serves the hidden name and
+//                    its handles from the copy (HiddenFiles) until libfuse removes that name
+//                    at the last close; a null path (a folder above it removed) is served
+//                    from the handle
 //   mkdir            createFolder
 //   rename           moveFile / moveFolder; replaces a destination unless RENAME_NOREPLACE
 //                    (then EEXIST); RENAME_EXCHANGE is EINVAL. Open files follow the move.
 //   utimens          setLastModified (the access time is not kept)
 //   chmod            setWritable from the mode's write bits (other bits are not kept)
+//   change times     kept by the mount for what the store has no time for (ChangeTimes)
+//   link counts      a file 1, a folder 1 (the store cannot say how many sub-folders a folder
+//                    has without listing it; 1 tells `find` not to count on it)
 //   chown            accepted and ignored: the store keeps no owners, files show as the
 //                    mounting user's (so `tar` as root extracts without errors)
 //   statfs           getProviderStorageInfo of the root (capacity, occupied)
@@ -34,7 +44,9 @@
 // provider call runs except the open file's own around its stream.
 #pragma once
 
+#include "ChangeTimes.h"
 #include "HandleTable.h"
+#include "HiddenFiles.h"
 #include "StoreStack.h"
 
 #include <foundation/storage/provider/StorageItem.h>
@@ -42,14 +54,16 @@
 #include <fuse.h>
 
 #include <atomic>
+#include <optional>
 #include <string>
 
 namespace storage::mount {
 
 class FuseFilesystem {
  public:
-  // userWritebackCache: false when the user asked for no_writeback_cache.
-  explicit FuseFilesystem(bool userWritebackCache);
+  // userWritebackCache: false when the user asked for no_writeback_cache. scratchDirectory:
+  // where the bytes of files removed while open are kept (unnamed) until their last close.
+  FuseFilesystem(bool userWritebackCache, std::string scratchDirectory);
 
   // The stores to serve; called once, before the session loop starts (no callback comes
   // earlier). The stores must outlive the loop.
@@ -62,8 +76,21 @@ class FuseFilesystem {
   std::size_t openFiles() const { return handles_.size(); }
 
  private:
+  // What a callback acts on: the copy of a file removed while open, or the store's file or
+  // folder. `path` is empty when FUSE named the file by its handle only.
+  struct Target {
+    std::shared_ptr<OrphanFile> orphan;
+    std::optional<foundation::storage::provider::StorageItem> item;
+    std::string path;
+  };
+
   static FuseFilesystem& self();
   foundation::storage::provider::StorageItem item(const char* path) const;
+  Target target(const char* path, const fuse_file_info* fi) const;
+  // libfuse hides `from`, open, under `hiddenName`: its bytes move to an OrphanFile.
+  void hide(const char* from, const std::string& hiddenName);
+  // EFBIG for a size this mount cannot hold.
+  void checkFileSize(std::uint64_t size, bool askStore) const;
   std::shared_ptr<OpenFile> openFile(const fuse_file_info* fi) const;
   int openStream(const char* path, fuse_file_info* fi, bool create);
 
@@ -101,7 +128,13 @@ class FuseFilesystem {
   std::atomic<bool> writebackCache_{false};
   const uid_t uid_;
   const gid_t gid_;
+  const std::string scratchDirectory_;
+  // The largest file the scratch directory's file system takes (the content cache's, when
+  // it has a root): a larger one could not be cached either.
+  const std::uint64_t largestLocalFile_;
   HandleTable handles_;
+  HiddenFiles hidden_;
+  ChangeTimes changeTimes_;
 };
 
 }  // namespace storage::mount

@@ -22,6 +22,13 @@ std::shared_ptr<OpenFile> FuseFilesystem::openFile(const fuse_file_info* fi) con
 int FuseFilesystem::openStream(const char* path, fuse_file_info* fi, bool create) {
   const auto target = item(path);
   const bool writing = (fi->flags & O_ACCMODE) != O_RDONLY;
+  const bool appendOnly = (fi->flags & O_APPEND) != 0 && !writebackCache_;
+  if (auto orphan = hidden_.find(path)) {
+    // Opened again after its removal (through /proc/PID/fd): its copy serves it.
+    if (writing && (fi->flags & O_TRUNC) != 0) orphan->truncate(0);
+    fi->fh = handles_.add(std::make_shared<OpenFile>(target, std::move(orphan), appendOnly));
+    return 0;
+  }
   if (create && (fi->flags & O_EXCL) != 0) target.createFile();
   fsp::ByteStreamOpenOptions options;
   // Always readable: with the writeback cache the kernel reads pages of files opened
@@ -30,7 +37,6 @@ int FuseFilesystem::openStream(const char* path, fuse_file_info* fi, bool create
   options.write = writing || create;
   options.create = create;
   options.truncate = writing && (fi->flags & O_TRUNC) != 0;
-  const bool appendOnly = (fi->flags & O_APPEND) != 0 && !writebackCache_;
   auto file = std::make_shared<OpenFile>(target, target.openStream(options), appendOnly);
   fi->fh = handles_.add(std::move(file));
   return 0;
@@ -41,7 +47,12 @@ int FuseFilesystem::open(const char* path, fuse_file_info* fi) {
 }
 
 int FuseFilesystem::create(const char* path, mode_t, fuse_file_info* fi) {
-  return guarded("create", [&] { return self().openStream(path, fi, true); });
+  return guarded("create", [&] {
+    auto& fs = self();
+    fs.openStream(path, fi, true);
+    fs.changeTimes_.added(path);
+    return 0;
+  });
 }
 
 int FuseFilesystem::read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) {
@@ -56,18 +67,28 @@ int FuseFilesystem::write(const char*, const char* data, size_t size, off_t offs
                           fuse_file_info* fi) {
   return guarded("write", [&] {
     if (offset < 0) return -EINVAL;
-    self().openFile(fi)->write(static_cast<std::uint64_t>(offset), data, size);
+    const auto& fs = self();
+    fs.checkFileSize(static_cast<std::uint64_t>(offset) + size, false);
+    fs.openFile(fi)->write(static_cast<std::uint64_t>(offset), data, size);
     return static_cast<int>(size);
   });
 }
 
-int FuseFilesystem::truncate(const char* path, off_t size, fuse_file_info*) {
+int FuseFilesystem::truncate(const char* path, off_t size, fuse_file_info* fi) {
   return guarded("truncate", [&] {
     if (size < 0) return -EINVAL;
     auto& fs = self();
-    const auto target = fs.item(path);
-    target.getProvider()->truncateToSize(target.getLocation(), static_cast<std::uint64_t>(size));
-    for (const auto& file : fs.handles_.at(target.getLocation())) file->reopen();
+    const auto target = fs.target(path, fi);
+    const auto length = static_cast<std::uint64_t>(size);
+    if (target.orphan) {
+      target.orphan->truncate(length);
+      return 0;
+    }
+    const auto& file = *target.item;
+    fs.checkFileSize(length, true);
+    file.getProvider()->truncateToSize(file.getLocation(), length);
+    for (const auto& open : fs.handles_.at(file.getLocation())) open->reopen();
+    fs.changeTimes_.changed(target.path);
     return 0;
   });
 }
@@ -81,9 +102,14 @@ int FuseFilesystem::release(const char*, fuse_file_info* fi) {
   });
 }
 
-int FuseFilesystem::fsync(const char*, int, fuse_file_info*) {
+int FuseFilesystem::fsync(const char*, int datasync, fuse_file_info* fi) {
   return guarded("fsync", [&] {
-    self().stores_->flush();
+    const auto& fs = self();
+    if (const auto orphan = fs.openFile(fi)->orphan()) {
+      orphan->sync(datasync != 0);
+      return 0;
+    }
+    fs.stores_->flush();
     return 0;
   });
 }

@@ -8,6 +8,7 @@
 
 #include <fuse.h>
 #include <signal.h>
+#include <filesystem>
 
 #include <chrono>
 #include <iomanip>
@@ -78,12 +79,25 @@ bool flushAndReport(StoreStack& stores, std::ostream& out) {
 
 }  // namespace
 
+namespace {
+
+// Where removed open files keep their bytes: beside the content cache when it has a root
+// (the disk the user chose for cached bytes), the temporary folder otherwise.
+std::string scratchDirectory(const MountOptions& options) {
+  const auto root = options.overlayConfig.get_optional<std::string>("overlay.cacheRoot");
+  std::error_code error;
+  if (root && !options.passThrough && std::filesystem::is_directory(*root, error)) return *root;
+  return std::filesystem::temp_directory_path().string();
+}
+
+}  // namespace
+
 MountSession::MountSession(MountOptions options, std::ostream& out)
     : options_(std::move(options)), out_(out) {}
 
 int MountSession::run() {
   FuseArguments arguments(options_);
-  FuseFilesystem filesystem(arguments.writebackCacheWanted());
+  FuseFilesystem filesystem(arguments.writebackCacheWanted(), scratchDirectory(options_));
   const fuse_operations operations = FuseFilesystem::operations();
   FusePtr handle(fuse_new(arguments.args(), &operations, sizeof operations, &filesystem));
   if (!handle) {

@@ -2,9 +2,11 @@
 
 #include "MountLog.h"
 
+#include <cerrno>
 #include <ios>
 #include <limits>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace storage::mount {
@@ -25,6 +27,9 @@ namespace fsp = foundation::storage::provider;
 OpenFile::OpenFile(fsp::StorageItem file, fsp::ByteStreamPtr stream, bool appendOnly)
     : file_(std::move(file)), stream_(std::move(stream)), appendOnly_(appendOnly) {}
 
+OpenFile::OpenFile(fsp::StorageItem file, std::shared_ptr<OrphanFile> orphan, bool appendOnly)
+    : file_(std::move(file)), orphan_(std::move(orphan)), appendOnly_(appendOnly) {}
+
 OpenFile::~OpenFile() {
   try {
     close();
@@ -35,6 +40,8 @@ OpenFile::~OpenFile() {
 
 std::size_t OpenFile::read(std::uint64_t offset, char* buffer, std::size_t size) {
   std::lock_guard lock(mutex_);
+  if (orphan_) return orphan_->read(offset, buffer, size);
+  if (!stream_) throw std::system_error(EBADF, std::generic_category());
   stream_->seek(static_cast<long>(offset), std::ios_base::beg);
   std::size_t done = 0;
   while (done < size) {
@@ -47,6 +54,11 @@ std::size_t OpenFile::read(std::uint64_t offset, char* buffer, std::size_t size)
 
 void OpenFile::write(std::uint64_t offset, const char* data, std::size_t size) {
   std::lock_guard lock(mutex_);
+  if (orphan_) {
+    appendOnly_ ? orphan_->append(data, size) : orphan_->write(offset, data, size);
+    return;
+  }
+  if (!stream_) throw std::system_error(EBADF, std::generic_category());
   if (appendOnly_) {
     stream_->seek(0, std::ios_base::end);
   } else {
@@ -57,6 +69,7 @@ void OpenFile::write(std::uint64_t offset, const char* data, std::size_t size) {
 
 void OpenFile::close() {
   std::lock_guard lock(mutex_);
+  orphan_.reset();
   if (!stream_) return;
   auto stream = std::move(stream_);
   stream->close();
@@ -68,7 +81,7 @@ namespace storage::mount {
 
 void OpenFile::reopen() {
   std::lock_guard lock(mutex_);
-  if (!stream_) return;
+  if (!stream_ || orphan_) return;
   auto fresh = file_.openStream(fsp::ByteStreamOpenOptions::readWrite());
   auto old = std::exchange(stream_, std::move(fresh));
   old->close();
@@ -76,7 +89,39 @@ void OpenFile::reopen() {
 
 bool OpenFile::isAt(const fsp::StorageIRI& location) {
   std::lock_guard lock(mutex_);
-  return file_.getLocation() == location;
+  return !orphan_ && file_.getLocation() == location;
+}
+
+std::shared_ptr<OrphanFile> OpenFile::orphan() {
+  std::lock_guard lock(mutex_);
+  return orphan_;
+}
+
+fsp::StorageItem OpenFile::item() {
+  std::lock_guard lock(mutex_);
+  return file_;
+}
+
+void OpenFile::becomeOrphanLocked(std::shared_ptr<OrphanFile> orphan) {
+  orphan_ = std::move(orphan);
+  if (!stream_) return;
+  auto stream = std::move(stream_);
+  try {
+    stream->close();
+  } catch (...) {
+    // Its bytes are in the copy already; the name it wrote to is gone.
+    logCaughtException("closing the stream of a removed file");
+  }
+}
+
+void OpenFile::leaveOrphanLocked() {
+  try {
+    stream_ = file_.openStream(fsp::ByteStreamOpenOptions::readWrite());
+    orphan_.reset();
+  } catch (...) {
+    // A file that cannot be opened for writing now stays served by its copy.
+    logCaughtException("opening again a file whose removal failed");
+  }
 }
 
 void OpenFile::moved(const fsp::StorageIRI& from, const fsp::StorageIRI& to) {

@@ -35,7 +35,9 @@ void fillFolderStat(const foundation::storage::provider::FolderAttributes& attri
                     struct stat& st) {
   fillCommon(attributes.getLastModified(), owner, st);
   st.st_mode = S_IFDIR | (attributes.isWritable() ? 0755 : 0555);
-  st.st_nlink = 2;
+  // 2 plus the sub-folders would need a listing of the folder; 1 is what file systems that
+  // do not count say, and tells `find` not to rely on the count.
+  st.st_nlink = 1;
 }
 
 timespec toTimespec(const pt::ptime& time) {

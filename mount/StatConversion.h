@@ -1,6 +1,7 @@
 // Conversions between the provider's attributes and POSIX stat values. Pure functions.
 // Modes: a file is 0644 (0444 when not writable), a folder 0755 (0555); the store keeps no
-// other permission bits and no owners, so uid and gid are the mounting user's.
+// other permission bits and no owners, so uid and gid are the mounting user's. Link counts
+// are 1 (a folder's too: its sub-folders are not counted).
 #pragma once
 
 #include <foundation/storage/provider/Attributes.h>

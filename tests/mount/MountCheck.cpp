@@ -5,7 +5,11 @@
 //       test can compare the store's copy after unmounting.
 //   mount_check errnos DIR
 //       the errno a POSIX program gets for each kind of refusal, in an empty folder DIR.
+//   mount_check posix DIR
+//       what a local file system does for files removed while open, change times, link
+//       counts and impossible sizes, in an empty folder DIR.
 // Exit status: 0 when everything matched, 1 on the first difference (printed), 2 for usage.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -178,6 +182,143 @@ int runErrnos(const std::string& dir) {
   return failures == 0 ? 0 : 1;
 }
 
+// Each check returns what differs from a local file system, or nothing.
+struct PosixCase {
+  const char* name;
+  std::function<std::string(const std::string& dir)> check;
+};
+
+std::string errnoText(const char* call) { return std::string(call) + ": " + std::strerror(errno); }
+
+bool laterThan(const timespec& a, const timespec& b) {
+  return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
+}
+
+bool nameListed(const std::string& dir, const std::string& prefix) {
+  DIR* d = ::opendir(dir.c_str());
+  if (d == nullptr) return false;
+  bool found = false;
+  while (const dirent* e = ::readdir(d)) found |= std::string(e->d_name).rfind(prefix, 0) == 0;
+  ::closedir(d);
+  return found;
+}
+
+// Works on an open descriptor whose name is gone: as a local file system does, its bytes live
+// on until the last close, with a link count of 0, and the folder shows nothing of it.
+std::string checkRemovedOpenFile(int fd, const std::string& dir, const std::string& expected) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) return errnoText("fstat");
+  if (st.st_nlink != 0) return "link count " + std::to_string(st.st_nlink) + ", expected 0";
+  if (st.st_size != static_cast<off_t>(expected.size())) return "fstat size differs";
+  std::string got(expected.size(), '\0');
+  if (::pread(fd, got.data(), got.size(), 0) != static_cast<ssize_t>(got.size()) || got != expected)
+    return "pread gave other bytes";
+  if (::pwrite(fd, "!", 1, 2) != 1) return errnoText("pwrite");
+  if (::ftruncate(fd, 3) != 0) return errnoText("ftruncate");
+  const timespec times[2] = {{1000000, 0}, {2000000, 0}};
+  if (::futimens(fd, times) != 0) return errnoText("futimens");
+  if (::fchmod(fd, 0600) != 0) return errnoText("fchmod");
+  if (::fsync(fd) != 0) return errnoText("fsync");
+  if (::fstat(fd, &st) != 0) return errnoText("fstat after changes");
+  if (st.st_size != 3 || st.st_mtim.tv_sec != 2000000) return "ftruncate or futimens not seen";
+  char back[3];
+  if (::pread(fd, back, 3, 0) != 3 || back[2] != '!') return "the write is not read back";
+  if (nameListed(dir, ".fuse_hidden")) return "a hidden name is listed";
+  return {};
+}
+
+std::string removedWhileOpen(const std::string& dir) {
+  const std::string f = dir + "/removed";
+  const int fd = ::open(f.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+  if (fd < 0) return errnoText("open");
+  std::string result;
+  if (::write(fd, "hello", 5) != 5) result = errnoText("write");
+  if (result.empty() && ::unlink(f.c_str()) != 0) result = errnoText("unlink");
+  if (result.empty()) result = checkRemovedOpenFile(fd, dir, "hello");
+  if (::close(fd) != 0 && result.empty()) result = errnoText("close");
+  struct stat st {};
+  if (result.empty() && ::stat(f.c_str(), &st) == 0) result = "the removed name came back";
+  return result;
+}
+
+std::string replacedWhileOpen(const std::string& dir) {
+  const std::string a = dir + "/old", b = dir + "/new";
+  makeFile(a, "first");
+  makeFile(b, "second");
+  const int fd = ::open(a.c_str(), O_RDWR);
+  if (fd < 0) return errnoText("open");
+  std::string result;
+  if (::rename(b.c_str(), a.c_str()) != 0) result = errnoText("rename");
+  if (result.empty()) result = checkRemovedOpenFile(fd, dir, "first");
+  ::close(fd);
+  std::ifstream in(a);
+  const std::string now((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (result.empty() && now != "second") result = "the new file holds \"" + now + "\"";
+  return result;
+}
+
+std::string changeTimeMoves(const std::string& path, const std::function<int()>& change) {
+  struct stat before {
+  }, after{};
+  if (::stat(path.c_str(), &before) != 0) return errnoText("stat");
+  ::usleep(20000);
+  if (change() != 0) return errnoText("change");
+  if (::stat(path.c_str(), &after) != 0) return errnoText("stat after");
+  return laterThan(after.st_ctim, before.st_ctim) ? "" : "change time did not move";
+}
+
+int runPosix(const std::string& dir) {
+  const std::vector<PosixCase> cases = {
+      {"a file removed while open", removedWhileOpen},
+      {"a file replaced by a rename while open", replacedWhileOpen},
+      {"chmod moves a folder's change time",
+       [](const std::string& d) {
+         const std::string sub = d + "/modes";
+         ::mkdir(sub.c_str(), 0755);
+         return changeTimeMoves(sub, [&] { return ::chmod(sub.c_str(), 0555); });
+       }},
+      {"chmod moves a file's change time",
+       [](const std::string& d) {
+         const std::string f = d + "/mode-file";
+         makeFile(f, "x");
+         return changeTimeMoves(f, [&] { return ::chmod(f.c_str(), 0444); });
+       }},
+      {"a folder's link count is 1 or 2 plus its sub-folders",
+       [](const std::string& d) -> std::string {
+         const std::string top = d + "/links";
+         for (const auto& p : {top, top + "/a", top + "/b"}) ::mkdir(p.c_str(), 0755);
+         makeFile(top + "/file", "x");
+         struct stat st {};
+         if (::stat(top.c_str(), &st) != 0) return errnoText("stat");
+         if (st.st_nlink == 1 || st.st_nlink == 4) return {};
+         return "link count " + std::to_string(st.st_nlink);
+       }},
+      {"a size no file can have is EFBIG, and nothing is written",
+       [](const std::string& d) -> std::string {
+         const std::string f = d + "/huge";
+         makeFile(f, "");
+         const int result = ::truncate(f.c_str(), 999999999999999);
+         struct stat st {};
+         if (::stat(f.c_str(), &st) != 0) return errnoText("stat");
+         if (result != 0 && errno != EFBIG) return errnoText("truncate");
+         if (result != 0 && st.st_size != 0) return "the size changed although refused";
+         return {};
+       }},
+  };
+  int failures = 0;
+  for (const auto& c : cases) {
+    errno = 0;
+    const std::string difference = c.check(dir);
+    if (!difference.empty()) {
+      std::cerr << "posix: " << c.name << ": " << difference << "\n";
+      ++failures;
+    }
+  }
+  std::cout << "posix: " << cases.size() - failures << " of " << cases.size()
+            << " cases as on a local file system\n";
+  return failures == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -188,7 +329,8 @@ int main(int argc, char** argv) {
                        std::stoi(args[4]));
     }
     if (args.size() == 2 && args[0] == "errnos") return runErrnos(args[1]);
-    std::cerr << "usage: mount_check random FILE MODEL SEED OPERATIONS | errnos DIR\n";
+    if (args.size() == 2 && args[0] == "posix") return runPosix(args[1]);
+    std::cerr << "usage: mount_check random FILE MODEL SEED OPERATIONS | errnos DIR | posix DIR\n";
     return 2;
   } catch (const std::exception& e) {
     std::cerr << "mount_check: " << e.what() << "\n";

@@ -4,7 +4,8 @@
 # pass-through mount, unmounted with umount, SIGTERM and SIGHUP (a background job ignores
 # SIGINT); after unmounting, the folder behind the overlay holds exactly what the plain
 # folder holds. The errno checks and a random read/write/truncate check against a model run
-# on the same mounts.
+# on the same mounts, and so do the checks of what POSIX programs expect of files removed while
+# open, change times, link counts and impossible sizes.
 #   shell_test.sh CACHEMOUNT MOUNT_CHECK [RANDOM_OPERATIONS]
 CACHEMOUNT=$1
 MOUNT_CHECK=$2
@@ -33,6 +34,9 @@ check_mount() {
   diff -u "$WORK/plain.txt" "$WORK/$name.txt" || fail "$name: transcript differs from a plain folder"
   mkdir "$mp/errnos"
   "$MOUNT_CHECK" errnos "$mp/errnos" || fail "$name: errnos"
+  mkdir "$mp/posix"
+  "$MOUNT_CHECK" posix "$mp/posix" || fail "$name: posix semantics"
+  rm -rf "$mp/posix"
   "$MOUNT_CHECK" random "$mp/random.bin" "$WORK/$name.model" 7 "$RANDOM_OPERATIONS" ||
     fail "$name: random check"
   store_calls "$log" >/dev/null
