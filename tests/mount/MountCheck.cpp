@@ -206,6 +206,8 @@ bool nameListed(const std::string& dir, const std::string& prefix) {
 // Works on an open descriptor whose name is gone: as a local file system does, its bytes live
 // on until the last close, with a link count of 0, and the folder shows nothing of it.
 std::string checkRemovedOpenFile(int fd, const std::string& dir, const std::string& expected) {
+  // Past the kernel's attribute timeout (1 s), so that fstat reaches the mount.
+  ::usleep(1100000);
   struct stat st {};
   if (::fstat(fd, &st) != 0) return errnoText("fstat");
   if (st.st_nlink != 0) return "link count " + std::to_string(st.st_nlink) + ", expected 0";
