@@ -273,6 +273,9 @@ run_pjdfstest() {
         if ! mount_alive; then
           crashes=$((crashes + 1))
           report_crash "pjdfstest $name on $kind" "$MP" "$LOG"
+          cp "$out" "$RESULTS/$kind-${dir}-${t##*/}.out"
+          echo "    the test's first failures:" >&2
+          { grep -E '^not ok' "$out" || true; } | head -5 | cut -c1-240 | sed 's/^/      /' >&2 || true
           start_mount "pjdfstest-$dir-$kind" "$kind"
           continue
         fi
