@@ -1,5 +1,6 @@
 # Entry points. Each target installs what is missing, configures, builds and runs.
-.PHONY: all deps build test test-sanitize test-tsan soak fuzz format clean demo bench-mount
+.PHONY: all deps build test test-sanitize test-tsan soak fuzz format clean demo bench-mount \
+	peer-test bench-fio
 
 all: build
 
@@ -52,3 +53,18 @@ demo: build
 # and the slow in-memory store with and without the overlay (installs rclone if missing).
 bench-mount: build
 	bash benchmarks/mount_benchmark.sh build/default/mount/cachemount
+
+# The public file-system suites, long (ctest runs them shorter): fsx with 1,000,000
+# operations in each configuration, pjdfstest on the overlay over a folder and over mem:.
+# Skipped (status 77) where the suites, FUSE or root are missing; see tests/peer.
+PEER_FSX_OPERATIONS ?= 1000000
+peer-test: build
+	bash tests/peer/peer_suites.sh build/default/mount/cachemount build/default fsx \
+		--ops $(PEER_FSX_OPERATIONS) || [ $$? -eq 77 ]
+	bash tests/peer/peer_suites.sh build/default/mount/cachemount build/default pjdfstest \
+		--stores "folder mem" || [ $$? -eq 77 ]
+
+# Not part of CI: fio's sequential write and cold read of 1 GiB and 4 KiB random reads, on a
+# folder and on the overlay over a folder.
+bench-fio: build
+	bash benchmarks/fio_benchmark.sh build/default/mount/cachemount

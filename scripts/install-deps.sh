@@ -12,6 +12,11 @@ packages=(
   libboost-filesystem-dev libboost-thread-dev
   libcrypto++-dev libicu-dev libfuse3-dev libboost-program-options-dev
   fuse3 git tar grep diffutils
+  # The public file-system suites (make peer-test, tests/peer): fsx and pjdfstest are built
+  # from source with autotools, and pjdfstest's .t files run under perl's prove.
+  autoconf automake perl
+  # The fio benchmark (make bench-fio).
+  fio
 )
 if [ "${1:-}" = "fuzz" ]; then
   # libclang-rt-14-dev carries libFuzzer; clang only recommends it, and recommendations are
