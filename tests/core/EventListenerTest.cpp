@@ -69,6 +69,8 @@ class RecordingQuota : public IQuotaAccountant {
   }
   void addFolderTree(const fsp::StorageIRI&) override {}
   void addBytesWritten(std::size_t) override {}
+  void addGrowth(std::uint64_t) override {}
+  void releaseSpace(std::uint64_t) override {}
 
   std::vector<std::string> calls;
 };

@@ -56,7 +56,7 @@ TEST(OverlayBodies, WritesReachTheStoreInCoalescedBlocks) {
   const std::vector<Case> cases = {
       {"contiguous", {}, {{0, h}, {100, h}, {200, h}}, 1, h + h + h},
       {"overwrite elsewhere", {}, {{0, h}, {50, "xy"}}, 2, h.substr(0, 50) + "xy" + h.substr(52)},
-      {"gap is zero-filled", {}, {{0, "ab"}, {5, "c"}}, 1, std::string("ab\0\0\0c", 6)},
+      {"gap is a hole, then the write", {}, {{0, "ab"}, {5, "c"}}, 2, std::string("ab\0\0\0c", 6)},
       {"block is full",
        {{"overlay.maxWritePayloadSize", "250"}},
        {{0, h}, {100, h}, {200, h}},

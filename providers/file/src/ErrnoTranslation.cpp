@@ -19,6 +19,8 @@ ErrorCode errorCodeFromErrno(int error) {
       return ErrorCode::AccessDenied;
     case ENOSPC:
     case EDQUOT:
+    // A file larger than the file system can hold: as for a full disk, the store has no room.
+    case EFBIG:
       return ErrorCode::QuotaExceeded;
     default:
       return ErrorCode::IOError;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <limits>
 #include <memory>
 
 namespace foundation::storage::provider::file {
@@ -171,6 +172,19 @@ void FileProvider::doSetLastModified(const StorageIRI& location,
   times[1] = toTimespec(time, location);
   if (::utimensat(AT_FDCWD, local.c_str(), times, 0) != 0) {
     throw errnoException(errno, location, "utimensat", local);
+  }
+}
+
+// truncate(2) in place: an extension is a hole (nothing written, no space taken), a shrink
+// frees the blocks; the watcher reports it as it reports a write (IN_MODIFY).
+void FileProvider::doTruncateToSize(const StorageIRI& location, std::uint64_t size) const {
+  const std::string local = root_.resolve(location);
+  if (kindOf(local, location) != EntryKind::File) throw Exception(ErrorCode::NotFound, location);
+  if (size > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) {
+    throw errnoException(EFBIG, location, "truncate", local);
+  }
+  if (::truncate(local.c_str(), static_cast<off_t>(size)) != 0) {
+    throw errnoException(errno, location, "truncate", local);
   }
 }
 

@@ -215,6 +215,21 @@ void MemProvider::doSetLastModified(const StorageIRI& iri, const posix_time::pti
   });
 }
 
+// The node is resized in place: no copy of the file, and a growth beyond the capacity is
+// refused before anything changes, as a write's would be.
+void MemProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t size) const {
+  checkLocation(iri);
+  change(*store_, [&](MemTree& tree) {
+    MemNode& node = tree.fileAt(iri);
+    if (!tree.fits(*node.content, size)) {
+      throw Exception(ErrorCode::QuotaExceeded, iri, "the size exceeds the store's capacity");
+    }
+    tree.resize(*node.content, size);
+    node.lastModified = MemTree::now();
+    return MemTree::Changes{tree.changeOf(Kind::Changed, node)};
+  });
+}
+
 void MemProvider::doSetWritable(const StorageIRI& iri, bool writable) const {
   checkLocation(iri);
   change(*store_, [&](MemTree& tree) {

@@ -5,6 +5,7 @@
 #include "core/support/OverlayLog.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
 #include <algorithm>
@@ -146,8 +147,14 @@ boost::posix_time::ptime FilesystemCacheResource::lastModified() const {
   return boost::posix_time::from_time_t(time);
 }
 
+void FilesystemCacheResource::keepToDescriptor() {
+  keptToDescriptor_ = true;
+  if (!descriptor_ || descriptor_->handle() == -1) failed_ = true;
+}
+
 void FilesystemCacheResource::doRemove() {
   descriptor_.reset();
+  if (keptToDescriptor_) failed_ = true;
   cachedRanges_.clear();
   mayOverlap_ = false;
   try {
@@ -201,6 +208,7 @@ RangeQuery FilesystemCacheResource::queryRange(std::int64_t position, std::int64
 std::int64_t FilesystemCacheResource::readBack(std::int64_t position, char* buffer,
                                                std::int64_t count) const {
   const bool open = descriptor_ && descriptor_->handle() != -1;
+  if (!open && keptToDescriptor_) return 0;
   const int fd = open ? descriptor_->handle() : ::open(checkoutPath_.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return 0;
   std::int64_t done = 0;
@@ -276,6 +284,24 @@ void FilesystemCacheResource::mergeFrom(RangeMap::iterator current) {
   }
 }
 
+int FilesystemCacheResource::truncate(std::int64_t size, std::int64_t fileSize) {
+  int fd = -1;
+  try {
+    fd = handle();
+  } catch (...) {
+    return EBADF;
+  }
+  while (::ftruncate(fd, static_cast<off_t>(size)) != 0) {
+    if (errno != EINTR) return errno;
+  }
+  for (auto it = cachedRanges_.lower_bound(size); it != cachedRanges_.end();) {
+    it = cachedRanges_.erase(it);
+  }
+  for (auto& [start, end] : cachedRanges_) end = std::min(end, size);
+  if (size > fileSize) recordWritten(fileSize, size);
+  return 0;
+}
+
 std::int64_t FilesystemCacheResource::seek(std::int64_t offset, std::ios_base::seekdir direction) {
   return ::lseek(handle(), offset, whenceOf(direction));
 }
@@ -289,10 +315,19 @@ void FilesystemCacheResource::openDescriptor() noexcept {
   }
 }
 
+bool FilesystemCacheResource::nameIsOurs() const {
+  if (!keptToDescriptor_) return true;
+  if (!descriptor_ || descriptor_->handle() == -1) return false;
+  struct stat open {};
+  struct stat named {};
+  return ::fstat(descriptor_->handle(), &open) == 0 && ::stat(checkoutPath_.c_str(), &named) == 0 &&
+         open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+}
+
 void FilesystemCacheResource::sync(boost::posix_time::ptime lastModified) {
   try {
     if (descriptor_ && descriptor_->handle() != -1) ::fsync(descriptor_->handle());
-    stampTimes(checkoutPath_, lastModified);
+    if (nameIsOurs()) stampTimes(checkoutPath_, lastModified);
   } catch (...) {
     // A body that cannot be flushed or stamped is still usable; the next open re-checks it.
   }
@@ -321,7 +356,7 @@ std::optional<std::int64_t> FilesystemCacheResource::firstCachedAfter(std::int64
 
 void FilesystemCacheResource::stamp(boost::posix_time::ptime time) {
   try {
-    if (exists()) stampTimes(checkoutPath_, time);
+    if (exists() && nameIsOurs()) stampTimes(checkoutPath_, time);
   } catch (...) {
     // As in sync: an unstamped body is judged again by the next open.
   }
@@ -330,6 +365,7 @@ void FilesystemCacheResource::stamp(boost::posix_time::ptime time) {
 // Opens the body on first use: read-write, created if missing, private to the user (0700),
 // not inherited by child processes.
 int FilesystemCacheResource::handle() {
+  if (!descriptor_ && keptToDescriptor_) throw std::runtime_error("the body left with its owner");
   if (!descriptor_) {
     const int fd = ::open(checkoutPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0700);
     if (fd == -1) throw std::runtime_error("Bad file descriptor");

@@ -90,6 +90,20 @@ class FilesystemCacheResource : public CacheResource {
   void sync(boost::posix_time::ptime lastModified) override;
   bool hasFailed() const override;
 
+  // The file, `fileSize` bytes long, is truncated to `size`: ftruncate of the body in place.
+  // A shrink forgets the ranges beyond `size`; an extension leaves a hole (no bytes written,
+  // no blocks taken) that reads as zeros and is recorded as cached, since the file's new bytes
+  // are zeros. Bytes of a partial body between its end and `fileSize` stay uncached. Returns 0,
+  // or the errno of the failed call, and then nothing has changed (EFBIG: the cache's file
+  // system cannot hold a file of that size).
+  int truncate(std::int64_t size, std::int64_t fileSize);
+  // The owner left the content cache: from now on the body is used only through the
+  // descriptor already open, never opened again by its path, where the body of a file that
+  // replaced this one may lie by then (two owners would then share one body file, and one
+  // could cut or overwrite bytes that the other's queued writes still read). Without an open
+  // descriptor, or once doRemove closes it, the body counts as failed: reads return 0 and the
+  // owner keeps its writes in memory.
+  void keepToDescriptor();
   // Whether the whole of a body of `size` bytes is cached (always true for an empty body).
   bool coversWhole(std::int64_t size) const;
   // A copy of the cached ranges, start -> end (half-open).
@@ -109,6 +123,9 @@ class FilesystemCacheResource : public CacheResource {
   void recordWholeBody(std::uint64_t size);
   void seedFrom(const boost::filesystem::path& sourceFile, std::uint64_t size);
   int handle();
+  // Whether the name still names the body this resource uses (always, until keepToDescriptor):
+  // stamping by the name must not stamp another owner's body.
+  bool nameIsOurs() const;
   RangeMap::const_iterator holderOf(std::int64_t position) const;
   void recordWritten(std::int64_t position, std::int64_t end);
   // Walks from `current` to the end of the map, merging each range into the one before it
@@ -127,6 +144,7 @@ class FilesystemCacheResource : public CacheResource {
   // Some range may overlap or touch the next one (an extension reached it), so the holder of
   // a position must be searched for from the first range.
   bool mayOverlap_ = false;
+  bool keptToDescriptor_ = false;  // see keepToDescriptor
 };
 
 }  // namespace storage::overlayprovider

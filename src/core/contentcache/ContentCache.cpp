@@ -283,6 +283,21 @@ void ContentCache::deferRelease(std::shared_ptr<WorkingFileEntry> entry) {
   pendingRelease_.push_back(std::move(entry));
 }
 
+bool ContentCache::grantGrowth(std::uint64_t bytes) {
+  try {
+    MutexLock lock(mutex_);
+    ensureInitializedLocked();
+    if (!arbitrator_) return true;
+    while (!arbitrator_->hasSpaceFor(bytes)) {
+      if (!evictOneLocked()) return arbitrator_->canHold(bytes);
+    }
+    return true;
+  } catch (...) {
+    logCaughtException("The content cache's space could not be measured; the write goes ahead");
+    return true;
+  }
+}
+
 bool ContentCache::contains(const StorageIRI& iri) {
   MutexLock lock(mutex_);
   ensureInitializedLocked();

@@ -14,7 +14,10 @@
 // Space: before an entry is made, the arbitrator is asked for the file's whole size; while it
 // refuses, the least recently accessed settled entry is evicted (its body deleted). Settled
 // means no stream open, nothing queued for the store and the file's record confirmed. When no
-// entry is settled, the cache goes over its space for now rather than fail the caller.
+// entry is settled, the cache goes over its space for now rather than fail the caller. A body
+// that grows afterwards (a write past the file's end) asks for its new bytes the same way
+// (grantGrowth), and is refused only when the disk could not hold them at all. A truncation
+// that extends a file asks for nothing: the body gets a hole, which takes no space.
 //
 // Deliberate deviation: entries in use or ahead of the store are never evicted. A read after
 // an eviction goes to the store, and while the file's changes are still queued the store holds
@@ -102,6 +105,13 @@ class ContentCache {
   std::shared_ptr<WorkingFileEntry> retrieve(const fsp::StorageIRI& iri,
                                              const std::shared_ptr<FileMetadata>& metadata,
                                              const WorkingFileSettings& settings);
+  // Room for `bytes` more bytes of a body that grows (a write past a file's end): asked of the
+  // arbitrator, evicting settled entries while it refuses. When none is left to evict, the
+  // growth is granted only if the disk can hold it at all (ICacheSpaceArbitrator::canHold):
+  // entries in use may take the cache over its share for a while, as at retrieve, but no
+  // growth may fill the disk. Never throws; a failure to measure grants the room (and is
+  // logged).
+  bool grantGrowth(std::uint64_t bytes);
   bool contains(const fsp::StorageIRI& iri);
   // The entry of a file, if there is one; nothing is made.
   std::shared_ptr<WorkingFileEntry> find(const fsp::StorageIRI& iri);

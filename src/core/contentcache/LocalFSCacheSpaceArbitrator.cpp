@@ -18,8 +18,14 @@ LocalFSCacheSpaceArbitrator::LocalFSCacheSpaceArbitrator(boost::filesystem::path
 
 LocalFSCacheSpaceArbitrator::LocalFSCacheSpaceArbitrator(boost::filesystem::path cacheDirectory,
                                                          Measure measure)
+    : LocalFSCacheSpaceArbitrator(std::move(cacheDirectory), std::move(measure),
+                                  measureFilesystem) {}
+
+LocalFSCacheSpaceArbitrator::LocalFSCacheSpaceArbitrator(boost::filesystem::path cacheDirectory,
+                                                         Measure measure, Measure diskMeasure)
     : cacheDirectory_(std::move(cacheDirectory)),
       measure_(std::move(measure)),
+      diskMeasure_(std::move(diskMeasure)),
       capacity_(measure_(cacheDirectory_).capacity) {}
 
 bool LocalFSCacheSpaceArbitrator::hasSpaceFor(std::uint64_t bytes) {
@@ -31,5 +37,9 @@ bool LocalFSCacheSpaceArbitrator::hasSpaceFor(std::uint64_t bytes) {
 }
 
 void LocalFSCacheSpaceArbitrator::releaseSpace() {}
+
+bool LocalFSCacheSpaceArbitrator::canHold(std::uint64_t bytes) {
+  return bytes <= diskMeasure_(cacheDirectory_).available;
+}
 
 }  // namespace storage::overlayprovider

@@ -128,6 +128,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
                   const fsp::ReplacementPolicy&) const override;
   void doSetLastModified(const fsp::StorageIRI&, const fsp::posix_time::ptime&) const override;
   void doSetWritable(const fsp::StorageIRI&, bool) const override;
+  // In place, through the file's working file (see WorkingFileEntry::truncate): never a copy,
+  // never written zeros; one truncateToSize reaches the store, in order with the writes.
+  void doTruncateToSize(const fsp::StorageIRI&, std::uint64_t size) const override;
   void doPublishFolderEventsFor(const fsp::StorageIRI&, const fsp::EventPublisher&,
                                 const std::vector<foundation::storage::events::Kind>&,
                                 fsp::RecursiveFileWatching) const override;
@@ -223,6 +226,10 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::shared_ptr<FileMetadata> recordForStream(const fsp::StorageIRI& location,
                                                 const fsp::ByteStreamOpenOptions& options,
                                                 bool readOnly, bool& created) const;
+  // The working file of an existing file, got from the content cache as an open gets it; it
+  // comes pinned (WorkingFileEntry::pin).
+  std::shared_ptr<WorkingFileEntry> workingFileFor(
+      const std::shared_ptr<FileMetadata>& record) const;
   // After a writable open: keeps the working file on the record the metadata cache shows.
   void followCurrentRecord(const fsp::StorageIRI& location, WorkingFileEntry& entry) const;
   // A caching error while opening: flush, then forward everything for good.

@@ -29,6 +29,11 @@ WorkingFileSettings OverlayProvider::workingFileSettings() const {
   settings.minQueueItemWeight = minQueueItemWeight_.load();
   settings.contentCacheDisabled = contentCacheDisabled_.load();
   settings.storeReportsCacheUsage = innerHasFeature(fsp::ExtendedFeature::CacheUsage);
+  // Weakly: a stream may outlive the provider and its content cache.
+  settings.cacheRoom = [cache = std::weak_ptr<ContentCache>(contentCache_)](std::uint64_t bytes) {
+    const auto held = cache.lock();
+    return !held || held->grantGrowth(bytes);
+  };
   return settings;
 }
 
@@ -71,20 +76,8 @@ fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
   // The record names the file as the store spells it, so that every spelling of a name on a
   // case-insensitive store shares one working file.
   const auto& key = record->getIRI();
-  std::shared_ptr<WorkingFileEntry> entry;
-  try {
-    contentCache_->dropIfStale(key, record->getWatermark(), true);
-    contentCache_->dropIfOutdated(key, record);
-    entry = contentCache_->retrieve(key, record, workingFileSettings());
-  } catch (const boost::filesystem::filesystem_error&) {
-    // The cache's directory cannot be made or reached: as much a caching error as no space.
-    throw CachingErrorException("Caching failed due to an unknown error.");
-  }
+  const auto entry = workingFileFor(record);
   const std::shared_ptr<void> unpin(nullptr, [entry](void*) { entry->unpin(); });
-  // A folder listed again from the store may have replaced the record the entry was made
-  // with; the entry keeps the cache's record current from now on, or its writes would not
-  // show in listings.
-  entry->adoptRecord(record);
   if (readOnly) {
     return std::make_unique<WorkingFileByteStream>(entry, entry->openReadOnly(), false, false);
   }
@@ -98,6 +91,52 @@ fsp::ByteStreamPtr OverlayProvider::openCachedStream(const StorageIRI& location,
   if (options.write) followCurrentRecord(location, *entry);
   return std::make_unique<WorkingFileByteStream>(entry, std::move(registration), options.append,
                                                  options.write);
+}
+
+std::shared_ptr<WorkingFileEntry> OverlayProvider::workingFileFor(
+    const std::shared_ptr<FileMetadata>& record) const {
+  const auto& key = record->getIRI();
+  std::shared_ptr<WorkingFileEntry> entry;
+  try {
+    contentCache_->dropIfStale(key, record->getWatermark(), true);
+    contentCache_->dropIfOutdated(key, record);
+    entry = contentCache_->retrieve(key, record, workingFileSettings());
+  } catch (const boost::filesystem::filesystem_error&) {
+    // The cache's directory cannot be made or reached: as much a caching error as no space.
+    throw CachingErrorException("Caching failed due to an unknown error.");
+  }
+  // A folder listed again from the store may have replaced the record the entry was made
+  // with; the entry keeps the cache's record current from now on, or its writes would not
+  // show in listings.
+  entry->adoptRecord(record);
+  return entry;
+}
+
+void OverlayProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t size) const {
+  OVERLAY_OPERATION(iri);
+  ensureReady();
+  const auto location = resolve(iri);
+  if (!passThrough_) {
+    try {
+      triggerEventLatch();
+      const auto held = guard(location);
+      bool created = false;
+      // The file must exist (NotFound otherwise, also for a folder): nothing is created.
+      const auto record =
+          recordForStream(location, fsp::ByteStreamOpenOptions::readWrite(), true, created);
+      const auto entry = workingFileFor(record);
+      const std::shared_ptr<void> unpin(nullptr, [entry](void*) { entry->unpin(); });
+      forwardingRefusals([&] { entry->truncate(size); });
+      followCurrentRecord(location, *entry);
+      return;
+    } catch (const CachingErrorException&) {
+      fallBackToInnerStore("Caching error when truncating. Falling back.");
+    }
+  }
+  forwardingRefusals([&] {
+    const auto item = innerItem(location);
+    item.getProvider()->truncateToSize(item.getLocation(), size);
+  });
 }
 
 std::shared_ptr<FileMetadata> OverlayProvider::recordForStream(

@@ -2,8 +2,9 @@
 //
 // The overlay answers storage-information queries at once although its writes reach the
 // inner store later, so it keeps its own figures: learned from the inner store from time to
-// time and adjusted locally in between (bytes written through the overlay take space; files
-// and folder trees that disappear give it back).
+// time and adjusted locally in between (what the overlay adds to the store's occupied space
+// takes space; truncations down, files and folder trees that disappear give it back; see
+// QuotaAccountant.h for why overwrites take none).
 //
 // Ownership: the provider holds its accountant by std::shared_ptr; the event listener that
 // adjusts it shares it. Threads: every operation may be called from any thread. The figures
@@ -36,6 +37,11 @@ class IQuotaAccountant {
   virtual void addFolderTree(const foundation::storage::provider::StorageIRI& folder) = 0;
   // Bytes written through the overlay are taken from the estimate.
   virtual void addBytesWritten(std::size_t bytes) = 0;
+  // A change made a file `bytes` larger (a write past its end, an extending truncation, a new
+  // file's size): the store will occupy that much more.
+  virtual void addGrowth(std::uint64_t bytes) = 0;
+  // A change made a file `bytes` smaller (a truncation down): that much becomes available.
+  virtual void releaseSpace(std::uint64_t bytes) = 0;
 };
 
 }  // namespace storage::overlayprovider

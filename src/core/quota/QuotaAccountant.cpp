@@ -117,6 +117,18 @@ void QuotaAccountant::addBytesWritten(std::size_t bytes) {
   removeFromSpaceAvailable(bytes);
 }
 
+void QuotaAccountant::addGrowth(std::uint64_t bytes) {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kTraceFile);
+  std::lock_guard lock(mutex_);
+  removeFromSpaceAvailable(bytes);
+}
+
+void QuotaAccountant::releaseSpace(std::uint64_t bytes) {
+  FOUNDATION_TRACE_SCOPE(overlayLogger(), kTraceFile);
+  std::lock_guard lock(mutex_);
+  if (spaceAvailable_) addToSpaceAvailable(bytes);
+}
+
 void QuotaAccountant::addToSpaceAvailable(std::uint64_t bytes) {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kTraceFile);
   const std::uint64_t current = spaceAvailable_.value_or(0);

@@ -13,6 +13,15 @@
 // A file or folder tree that the metadata cache cannot size is logged and its adjustment
 // skipped.
 //
+// Deliberate deviation: the estimate falls by what a change adds to the store's occupied
+// space (addGrowth), not by every byte written. Overwriting bytes a file already has takes no
+// space in the store, yet counting each written byte made the estimate fall to 0 while the
+// store still had room: a program that rewrote the same megabyte a thousand times over a
+// 1 GiB store was refused with QuotaExceeded, and so was even a truncation down afterwards.
+// Growth of a file's size and a new file's size take space; truncations down (releaseSpace)
+// and removals give it back; overwrites take none. addBytesWritten stays for callers that
+// know only a count of new bytes.
+//
 // Ownership: created and held by the provider (std::shared_ptr); holds the inner root item
 // and shares the provider's MetadataCache.
 // Locks: mutex_ guards every figure and stopRequested_; the store query and the metadata
@@ -54,6 +63,8 @@ class QuotaAccountant final : public IQuotaAccountant {
   void removeFolderTree(const foundation::storage::provider::StorageIRI& folder) override;
   void addFolderTree(const foundation::storage::provider::StorageIRI& folder) override;
   void addBytesWritten(std::size_t bytes) override;
+  void addGrowth(std::uint64_t bytes) override;
+  void releaseSpace(std::uint64_t bytes) override;
 
  private:
   // All three: caller holds mutex_.

@@ -43,4 +43,13 @@ void PendingWriteBlock::materialise(const BodyReader& readBody) {
   bytes_ = std::move(copy);
 }
 
+void PendingWriteBlock::clip(std::int64_t end) {
+  const auto kept = std::clamp<std::int64_t>(end - start_, 0, length_);
+  if (kept == length_) return;
+  length_ = kept;
+  if (!bytes_.empty()) bytes_.resize(static_cast<std::size_t>(kept));
+  // Nothing contiguous may join a block whose end moved back.
+  nextOffset_ = -1;
+}
+
 }  // namespace storage::overlayprovider

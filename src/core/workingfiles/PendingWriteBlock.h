@@ -7,7 +7,8 @@
 // it runs, so a writer pays one local copy, not two, and queued writes hold no memory. When
 // the body cannot hold them (content caching disabled, or a failed body), the block keeps a
 // copy. Before anything could take a body's bytes away (eviction, a stale body, a truncating
-// open, a failing body), the working file calls materialise, which copies them in.
+// open, a failing body), the working file calls materialise, which copies them in; a
+// truncation that cuts the body under a block clips the block instead (clip).
 //
 // Ownership: a WorkingFileEntry holds at most one block still taking writes, and shares the
 // handed-over ones with the FILE_WRITE transactions that carry them.
@@ -41,6 +42,10 @@ class PendingWriteBlock {
   // Copies the bytes it refers to out of the body; throws std::runtime_error when the body
   // has fewer of them.
   void materialise(const BodyReader& readBody);
+  // The file was truncated to `end`: the bytes at and after it are dropped (all of them when
+  // the block starts there). They would only be cut again by the truncation that follows the
+  // block to the store, and a block that refers to the body could no longer read them.
+  void clip(std::int64_t end);
 
   std::int64_t start() const { return start_; }
   std::int64_t size() const { return length_; }

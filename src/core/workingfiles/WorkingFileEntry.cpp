@@ -12,9 +12,12 @@
 #include <unistd.h>
 #include <algorithm>
 #include <boost/date_time/posix_time/conversion.hpp>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
+#include <string>
 
 namespace storage::overlayprovider {
 
@@ -243,24 +246,118 @@ std::int64_t WorkingFileEntry::writeAt(std::int64_t offset, const char* data, st
   if (settings_.eventLatch) settings_.eventLatch->trigger();
   touch();
   checkSpace(offset, count);
+  checkCacheRoom(offset, count);
+  std::vector<std::shared_ptr<PendingWriteBlock>> beforeGap;
   std::vector<std::shared_ptr<PendingWriteBlock>> handOver;
+  std::int64_t extendTo = -1;
   std::lock_guard order(submitMutex_);
   {
     std::lock_guard lock(mutex_);
-    checkQuotaLocked(offset, count);
+    checkGrowthLocked(offset + count);
     if (offset > size_) {
-      // The gap becomes zero bytes, locally and on the store, in blocks of bounded size.
-      const std::vector<char> zeros(
-          static_cast<std::size_t>(std::min<std::int64_t>(offset - size_, 1 << 20)), 0);
-      while (size_ < offset) {
-        const auto n = std::min<std::int64_t>(offset - size_, zeros.size());
-        writeLocked(size_, zeros.data(), n, handOver);
-      }
+      // The gap is a hole, here and on the store: an extension, then the write.
+      truncateBodyLocked(offset);
+      resizeLocked(offset, beforeGap);
+      extendTo = offset;
     }
     writeLocked(offset, data, count, handOver);
   }
+  submitWrites(beforeGap);
+  if (extendTo >= 0) submitTruncation(extendTo);
   submitWrites(handOver);
   return count;
+}
+
+void WorkingFileEntry::truncate(std::uint64_t size) {
+  if (size > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+    throw Exception(ErrorCode::CacheSpaceExhausted, location(),
+                    "file too large: " + std::to_string(size) + " bytes");
+  }
+  if (settings_.eventLatch) settings_.eventLatch->trigger();
+  touch();
+  const auto newSize = static_cast<std::int64_t>(size);
+  std::vector<std::shared_ptr<PendingWriteBlock>> handOver;
+  bool closeAfter = false;
+  std::lock_guard order(submitMutex_);
+  {
+    std::lock_guard lock(mutex_);
+    // A size the body cannot take is refused as such, even where the quota would refuse it
+    // too; an extension of the body is undone when the quota then refuses the growth.
+    const auto before = size_;
+    truncateBodyLocked(newSize);
+    try {
+      checkGrowthLocked(newSize);
+    } catch (...) {
+      if (newSize > before && body_ && !body_->hasFailed()) body_->truncate(before, newSize);
+      throw;
+    }
+    resizeLocked(newSize, handOver);
+    // Held as a writer's open holds it, so that a folder listed again from the store before
+    // the truncation reaches it keeps the new size; the closing transaction releases it.
+    holdRecordLocked();
+    if (openStreams_.empty()) {
+      state_ = 1;
+      ++closesQueued_;
+      closeAfter = true;
+    }
+  }
+  submitWrites(handOver);
+  submitTruncation(newSize);
+  if (closeAfter) {
+    submit([self = shared_from_this()] { self->runClose(); }, FILE_CLOSE,
+           settings_.minQueueItemWeight);
+  }
+}
+
+void WorkingFileEntry::truncateBodyLocked(std::int64_t size) {
+  if (body_ && !body_->hasFailed() && !settings_.contentCacheDisabled) {
+    const int error = body_->truncate(size, size_);
+    if (error == EFBIG) {
+      throw Exception(ErrorCode::CacheSpaceExhausted, location_,
+                      "file too large: the content cache's file system cannot hold " +
+                          std::to_string(size) + " bytes");
+    }
+    if (error != 0) {
+      // The body cannot follow: it goes, and reads wait for the store to have the change.
+      OVERLAY_LOG(log::error) << "The cached body of " << location_.toString()
+                              << " could not be truncated (" << std::strerror(error)
+                              << "); it is dropped";
+      holdUnsentBytesLocked();
+      resource_->doRemove();
+      bodyLost_ = true;
+    }
+  }
+}
+
+void WorkingFileEntry::resizeLocked(std::int64_t size,
+                                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
+  // What was written before goes to the store before the truncation.
+  handOverLocked(handOver);
+  if (size < size_) {
+    for (const auto& block : handOver) block->clip(size);
+    for (const auto& block : unsentBodyBlocks_) block->clip(size);
+    std::erase_if(unsentBodyBlocks_, [](const auto& block) { return block->size() == 0; });
+  }
+  accountSizeChangeLocked(size_, size);
+  size_ = size;
+  ++generation_;
+  record_->setSize(static_cast<std::uint64_t>(size_)).setLastModified(resource_->lastModified());
+}
+
+void WorkingFileEntry::accountSizeChangeLocked(std::int64_t from, std::int64_t to) {
+  if (!settings_.quotaAccountant || from == to) return;
+  if (to > from) {
+    settings_.quotaAccountant->addGrowth(static_cast<std::uint64_t>(to - from));
+  } else {
+    settings_.quotaAccountant->releaseSpace(static_cast<std::uint64_t>(from - to));
+  }
+}
+
+void WorkingFileEntry::submitTruncation(std::int64_t size) {
+  // Counted with the writes: it changes the file's bytes, and the queue has no kind of its own
+  // for it.
+  submit([self = shared_from_this(), size] { self->runTruncate(size); }, FILE_WRITE,
+         settings_.minQueueItemWeight);
 }
 
 std::int64_t WorkingFileEntry::append(const char* data, std::int64_t count) {
@@ -275,7 +372,7 @@ std::int64_t WorkingFileEntry::append(const char* data, std::int64_t count) {
 void WorkingFileEntry::checkSpace(std::int64_t offset, std::int64_t count) {
   // A store without a cache of its own would answer from its storage figures, which for a
   // remote store is a round trip on the caller's thread at every write; the quota
-  // accountant's estimate (checkQuotaLocked) stands for those, and counts the bytes still
+  // accountant's estimate (checkGrowthLocked) stands for those, and counts the bytes still
   // queued, which the store's own figures cannot.
   if (!settings_.storeReportsCacheUsage) return;
   const auto available = settings_.innerRoot->getProviderCacheUsage().getSpaceAvailable();
@@ -286,13 +383,30 @@ void WorkingFileEntry::checkSpace(std::int64_t offset, std::int64_t count) {
   }
 }
 
-void WorkingFileEntry::checkQuotaLocked(std::int64_t offset, std::int64_t count) const {
-  if (!settings_.quotaAccountant || state_ == 1) return;
+void WorkingFileEntry::checkCacheRoom(std::int64_t offset, std::int64_t count) {
+  if (!settings_.cacheRoom || !body_) return;
+  std::int64_t end = 0;
+  {
+    std::lock_guard lock(mutex_);
+    if (body_->hasFailed()) return;
+    end = size_;
+  }
+  // Only bytes past the end take new room: an overwrite reuses the body's blocks, and a gap
+  // before the write is a hole.
+  const auto added = offset + count - std::max(offset, end);
+  if (added <= 0 || settings_.cacheRoom(static_cast<std::uint64_t>(added))) return;
+  // What was written so far still goes to the store.
+  enqueueProviderWrite();
+  throw Exception(ErrorCode::CacheSpaceExhausted, location(),
+                  "the content cache has no room for the write");
+}
+
+// Only growth counts (see QuotaAccountant.h): an overwrite takes no space in the store.
+void WorkingFileEntry::checkGrowthLocked(std::int64_t end) const {
+  if (!settings_.quotaAccountant || state_ == 1 || end <= size_) return;
   const auto limit = settings_.quotaAccountant->getSpaceAvailable();
-  if (!limit) return;
-  const auto size = static_cast<std::uint64_t>(size_);
-  if (std::max(static_cast<std::uint64_t>(offset + count), size) >= *limit + size) {
-    throw Exception(ErrorCode::QuotaExceeded, location_, "the write would exceed the quota");
+  if (limit && static_cast<std::uint64_t>(end - size_) > *limit) {
+    throw Exception(ErrorCode::QuotaExceeded, location_, "the change would exceed the quota");
   }
 }
 
@@ -306,9 +420,7 @@ void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::i
     inBody = !resource_->hasFailed() && !settings_.contentCacheDisabled;
   }
   recordLocked(offset, data, count, inBody, handOver);
-  if (settings_.quotaAccountant) {
-    settings_.quotaAccountant->addBytesWritten(static_cast<std::size_t>(count));
-  }
+  accountSizeChangeLocked(size_, std::max(size_, offset + count));
   size_ = std::max(size_, offset + count);
   ++generation_;
   record_->setSize(static_cast<std::uint64_t>(size_)).setLastModified(resource_->lastModified());
@@ -528,6 +640,9 @@ void WorkingFileEntry::detach() {
   std::lock_guard lock(mutex_);
   // Another entry may take the body over (and find it stale): what is unsent leaves it now.
   holdUnsentBytesLocked();
+  // A stream still open here (a caller that has not reopened after a replacing move) must not
+  // reach the next entry's body through the name; see FilesystemCacheResource.
+  if (body_) body_->keepToDescriptor();
   if (openStreams_.empty() && !bodyCompleteLocked()) stampBodyLocked();
 }
 

@@ -40,10 +40,19 @@
 //    a fully cached file is then read with no store call at all.
 //  - Writes go to the inner stream with a seek only when the stream is not already at the
 //    block's offset.
-//  - Room: a write is refused before it lands when it would take the file beyond the quota
-//    accountant's estimate of the store's free space (QuotaExceeded) or, for a store with a
-//    local cache of its own (ExtendedFeature::CacheUsage), beyond the room that cache reports
-//    (CacheSpaceExhausted; the store answers from memory). A write asks no other store.
+//  - Sizes: a truncation (truncateToSize) ftruncates the cached body in place, so an extension
+//    is a hole that takes no space and reads as zeros, and reaches the store as one
+//    truncateToSize queued in order with the writes, never as written zeros. A write beyond
+//    the end first extends the file that way. Queued blocks whose body bytes a shrink cuts are
+//    clipped at the new end (the truncation behind them would cut those bytes anyway).
+//  - Room: a write or a truncation is refused before it lands when the file's growth would
+//    exceed the quota accountant's estimate of the store's free space (QuotaExceeded; an
+//    overwrite grows nothing and takes none), or, for a store with a local cache of its own
+//    (ExtendedFeature::CacheUsage), beyond the room that cache reports (CacheSpaceExhausted;
+//    the store answers from memory). A write asks no other store. The bytes a write adds past
+//    the end also need room in the content cache (settings_.cacheRoom, which may evict settled
+//    bodies); when none can be had the write is refused (CacheSpaceExhausted) rather than
+//    filling the local disk.
 //  - When the last stream closes, a complete body (every byte of the file cached) is stamped
 //    with the file's last-modified time (in persistent mode also flushed to disk), so that a
 //    later entry takes it as fresh; a partial body is stamped with the epoch, so that no later
@@ -62,8 +71,9 @@
 // Locks, in order: submitMutex_ (serialises handing blocks to the executor, so that they
 // reach it in the order they were written), innerMutex_ (the inner stream and its position),
 // mutex_ (size, open streams, pending block, cached body), pendingMutex_ (count of queued
-// transactions). The ContentCache takes its own mutex and then mutex_; the entry never calls
-// into the content cache. No lock but innerMutex_ is held while the store is called.
+// transactions). The ContentCache takes its own mutex and then mutex_; the entry calls into
+// the content cache only through settings_.cacheRoom, and then holds none of its locks. No
+// lock but innerMutex_ is held while the store is called.
 // Threads: streams call in from the host's threads; transactions run on the executor's
 // thread; the content cache calls its management operations from the host's threads.
 #pragma once
@@ -109,12 +119,21 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
                                                     std::function<void()> onOpened);
   // Bytes read into `buffer`, or -1 at or past the end of the file.
   std::int64_t readAt(std::int64_t offset, char* buffer, std::int64_t count);
+  // A write beyond the end first extends the file as truncate does (a hole, no zeros written).
   std::int64_t writeAt(std::int64_t offset, const char* data, std::int64_t count);
   std::int64_t append(const char* data, std::int64_t count);
   std::uint64_t size() const;
   void close(std::uint64_t streamId);
   // The stream `streamId` went away without closing (see StreamRegistration).
   void releaseStream(std::uint64_t streamId);
+  // Truncates the file to `size` (the provider's truncateToSize), open or not: the cached body
+  // in place (see FilesystemCacheResource::truncate), the size, the record and its time at
+  // once; the store by one truncation queued behind the writes already made. Queued blocks
+  // that refer to body bytes a shrink cuts are clipped first. A size the cache's file system
+  // cannot hold is refused (CacheSpaceExhausted, "file too large"), as is growth beyond the
+  // quota estimate (QuotaExceeded), before anything changes or is queued. With no stream
+  // open, the closing transaction follows as after a stream's last close.
+  void truncate(std::uint64_t size);
   // Hands the pending block to the executor.
   void enqueueProviderWrite();
   // Hands the pending block over and waits until no transaction of this file is pending.
@@ -173,7 +192,22 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::int64_t fetchWindowLocked(std::int64_t offset, std::int64_t count) const;
   std::int64_t fetch(std::int64_t offset, char* buffer, std::int64_t count);
   void checkSpace(std::int64_t offset, std::int64_t count);
-  void checkQuotaLocked(std::int64_t offset, std::int64_t count) const;
+  // Refuses (CacheSpaceExhausted) a write whose new bytes past the end the content cache
+  // cannot make room for (settings_.cacheRoom); called with no lock held.
+  void checkCacheRoom(std::int64_t offset, std::int64_t count);
+  // Refuses (QuotaExceeded) growing the file to `end` bytes beyond the quota estimate.
+  void checkGrowthLocked(std::int64_t end) const;
+  // Truncates the cached body to `size`. Throws (CacheSpaceExhausted, "file too large") and
+  // changes nothing when the body's file system cannot hold that size; drops the body on any
+  // other failure.
+  void truncateBodyLocked(std::int64_t size);
+  // After truncateBodyLocked: sets the size and the record to `size`, hands the pending block
+  // over and clips the blocks a shrink cuts; the caller queues the store's truncation right
+  // after `handOver`.
+  void resizeLocked(std::int64_t size, std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
+  // Counts a change of the file's size in the quota estimate.
+  void accountSizeChangeLocked(std::int64_t from, std::int64_t to);
+  void submitTruncation(std::int64_t size);
   void writeLocked(std::int64_t offset, const char* data, std::int64_t count,
                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
   void recordLocked(std::int64_t offset, const char* data, std::int64_t count, bool inBody,
@@ -215,6 +249,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void closeInnerLocked();
   void runOpen(const fsp::ByteStreamOpenOptions& options, const std::function<void()>& onOpened);
   void runClose();
+  // The store's half of a truncation: the inner stream is closed first (a stream may hold
+  // bytes or a position that the truncation would contradict), then truncateToSize.
+  void runTruncate(std::int64_t size);
   void updateStoreAfterWrites(const boost::posix_time::ptime& lastModified);
   void relocateInner(const fsp::StorageIRI& location);
 

@@ -168,6 +168,19 @@ void WorkingFileEntry::runOpen(const fsp::ByteStreamOpenOptions& options,
   }
 }
 
+void WorkingFileEntry::runTruncate(std::int64_t size) {
+  std::lock_guard inner(innerMutex_);
+  const auto truncated = retryingInnerCall(
+      [&] {
+        closeInnerLocked();
+        const auto item = innerItemLocked();
+        item.getProvider()->truncateToSize(item.getLocation(), static_cast<std::uint64_t>(size));
+      },
+      "Unexpected exception during truncate operation");
+  // The closing transaction stamps the store's copy with the file's time.
+  if (truncated) innerWritten_ = true;
+}
+
 void WorkingFileEntry::runClose() {
   bool written = false;
   {

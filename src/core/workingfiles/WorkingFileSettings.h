@@ -13,6 +13,7 @@
 #include <foundation/storage/provider/StorageItem.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 namespace storage::overlayprovider {
@@ -38,6 +39,11 @@ struct WorkingFileSettings {
   // at each write, whether the file still fits there; it answers from memory. Any other store
   // is not asked: its room is what the quota accountant estimates.
   bool storeReportsCacheUsage = false;
+  // Asks the content cache for room for `bytes` more body bytes on the local disk; false when
+  // none can be had. Called with no lock of the working file held (the content cache takes
+  // its own mutex, then other entries' locks). Empty: no limit. It holds the content cache
+  // weakly, so a working file that outlives its cache is no longer limited.
+  std::function<bool(std::uint64_t bytes)> cacheRoom;
 };
 
 // The weight of a queued transaction that carries `bytes` bytes: the minimum item weight plus

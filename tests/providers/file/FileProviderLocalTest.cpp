@@ -9,6 +9,7 @@
 #include <foundation/storage/provider/file/FileProviderFactory.h>
 #include <foundation/text/Unicode.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -44,6 +45,7 @@ TEST(ErrnoTranslationTest, MapsEachErrnoToItsCodeAndNamesPathAndCause) {
       {EACCES, ErrorCode::AccessDenied},  {EPERM, ErrorCode::AccessDenied},
       {ENOSPC, ErrorCode::QuotaExceeded}, {EDQUOT, ErrorCode::QuotaExceeded},
       {EIO, ErrorCode::IOError},          {ENAMETOOLONG, ErrorCode::IOError},
+      {EFBIG, ErrorCode::QuotaExceeded},
   };
   for (const auto& [error, code] : table) EXPECT_EQ(code, errorCodeFromErrno(error)) << error;
 
@@ -112,6 +114,16 @@ TEST_F(FileProviderLocalTest, MergeRefusesAFolderMeetingAFileBeforeChangingAnyth
             }));
   EXPECT_EQ("new", readText(root() / "a" / "x.txt"));
   EXPECT_EQ("old", readText(root() / "b" / "x.txt"));
+}
+
+TEST_F(FileProviderLocalTest, TruncationChangesTheFileInPlaceAndLeavesAHole) {
+  writeText(root() / "f", "abcdef");
+  const int open = ::open((root() / "f").c_str(), O_RDONLY);
+  provider_->truncateToSize(at(u"/f"), 64 << 20);
+  struct stat seen {};
+  ::fstat(open, &seen), ::close(open);
+  EXPECT_EQ(seen.st_size, 64 << 20);
+  EXPECT_LT(seen.st_blocks * 512, 1 << 20);
 }
 
 TEST_F(FileProviderLocalTest, CopyOntoAnotherNameOfTheSameFileKeepsItsBytes) {

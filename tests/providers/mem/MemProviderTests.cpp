@@ -73,6 +73,19 @@ TEST(MemProviderCapacity, WriteBeyondCapacityFailsWithQuotaExceededAndKeepsTheFi
   EXPECT_EQ(info.getSpaceOccupied(), 10u);
 }
 
+TEST(MemProviderCapacity, TruncationResizesTheFileInPlaceWithOneChangedWithinTheCapacity) {
+  MemProvider provider({.capacityBytes = 10});
+  writeAll(*provider.openStream(at(u"/f"), fsp::ByteStreamOpenOptions::overwrite()), "abcdef");
+  EventRecorder seen;
+  provider.publishFileEventsFor(at(u"/f"), seen.publisher(), {Kind::Changed});
+  auto open = provider.openReadOnlyStream(at(u"/f"));
+  provider.truncateToSize(at(u"/f"), 8);
+  EXPECT_EQ(open->seek(0, std::ios_base::end), 8);
+  EXPECT_EQ(errorOf([&] { provider.truncateToSize(at(u"/f"), 11); }), ErrorCode::QuotaExceeded);
+  provider.waitForEventsDelivered();
+  EXPECT_EQ(seen.events().size(), 1u);
+}
+
 TEST(MemProviderCapacity, OccupiedSpaceFollowsRemovalsTruncationsAndCopies) {
   MemProvider provider({.capacityBytes = 10});
   provider.createFolder(at(u"/d"));

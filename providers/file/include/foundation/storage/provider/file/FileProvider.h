@@ -82,6 +82,8 @@ class FileProvider : public IProvider {
                   const ReplacementPolicy&) const override;
   void doSetLastModified(const StorageIRI&, const posix_time::ptime&) const override;
   void doSetWritable(const StorageIRI&, bool) const override;
+  // truncate(2) in place (sparse); a size the file system cannot hold is QuotaExceeded.
+  void doTruncateToSize(const StorageIRI&, std::uint64_t size) const override;
   void doPublishFolderEventsFor(const StorageIRI&, const EventPublisher&,
                                 const std::vector<events::Kind>&,
                                 RecursiveFileWatching) const override;

@@ -17,9 +17,9 @@
 // Events: Appeared / Disappeared / Changed for files and folders, with mem: locations
 // spelled as the entries were created; a move (a rename to another case included) is
 // Disappeared at the source then Appeared at the destination, each naming the other end.
-// Closing a stream that wrote, setLastModified, setWritable and the extended attribute test
-// API publish Changed, as a store reporting content and attribute changes would. Its event
-// queue is unbounded, so it never needs to publish Rescan.
+// Closing a stream that wrote, truncateToSize, setLastModified, setWritable and the extended
+// attribute test API publish Changed, as a store reporting content and attribute changes
+// would. Its event queue is unbounded, so it never needs to publish Rescan.
 #pragma once
 
 #include <foundation/storage/provider/IProvider.h>
@@ -87,6 +87,8 @@ class MemProvider final : public IProvider {
                   const ReplacementPolicy&) const override;
   void doSetLastModified(const StorageIRI&, const posix_time::ptime&) const override;
   void doSetWritable(const StorageIRI&, bool) const override;
+  // Resizes the file's node (growth reads as zeros); QuotaExceeded beyond the capacity.
+  void doTruncateToSize(const StorageIRI&, std::uint64_t size) const override;
   void doPublishFolderEventsFor(const StorageIRI&, const EventPublisher&,
                                 const std::vector<events::Kind>&,
                                 RecursiveFileWatching) const override;
