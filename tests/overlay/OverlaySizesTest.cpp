@@ -103,3 +103,18 @@ TEST(OverlaySizes, TruncationsAndWritesPastTheEndChangeSizesInPlace) {
     EXPECT_EQ(capture.count("", foundation::log::error), 0u) << capture.records()[0].message;
   }
 }
+
+// The estimate gets a removed file's space back at once, not only at the next poll: a store
+// with room for one file at a time takes a file, its removal and the next file.
+TEST(OverlaySizes, RemovalsGiveTheirSpaceBack) {
+  OverlayOverMem env({.capacityBytes = 8 * kMiB});
+  const std::string bytes(6 * kMiB, 'r');
+  for (const auto* name : {u"/a", u"/b", u"/c"}) {
+    auto stream =
+        env.overlay->openStream(env.at(name), fsp::ByteStreamOpenOptions::readWriteCreate());
+    EXPECT_NO_THROW(stream->write(bytes.data(), static_cast<long>(bytes.size())));
+    stream->close();
+    env.overlay->removeFile(env.at(name));
+  }
+  env.overlay->flushFilesystem();
+}

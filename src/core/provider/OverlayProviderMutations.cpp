@@ -164,6 +164,9 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   // The store's spelling: the body's key, and the name the store removes.
   const auto stored = record->getIRI();
   refuseWhileOpen(stored);
+  // The store will hold that much less once the removal reaches it; the estimate says so now,
+  // as it counted the file's growth when it was written.
+  if (const auto accountant = quotaAccountant()) accountant->releaseSpace(record->getSize());
   metadataCache_->removeFileMetadata(stored);
   // The file's unsent writes are queued ahead of its removal rather than lost with its entry.
   contentCache_->discardEntry(stored, true);
@@ -206,6 +209,8 @@ void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
 void OverlayProvider::removeFolderBehind(const StorageIRI& folder, const std::string& name,
                                          ObservableTransactionType kind,
                                          std::function<void(const StorageItem&)> removal) const {
+  // Sized from the metadata cache while it still knows the tree.
+  if (const auto accountant = quotaAccountant()) accountant->removeFolderTree(folder);
   metadataCache_->removeFolderMetadata(folder);
   contentCache_->removeFolderEntries(folder, true);
   replay(
