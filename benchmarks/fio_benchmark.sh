@@ -2,6 +2,8 @@
 # fio benchmark (not in CI; `make bench-fio`): the same three fio jobs, side by side in one
 # run, on a plain folder and on cachemount's overlay over a folder:
 #   seq write   SIZE in 1 MiB blocks, fsync at the end (end_fsync=1)
+#   seq reread  the same file at once, as written (warm: the folder's page cache, the mount's
+#               content cache)
 #   seq read    the same file, cold: the page cache dropped, and for the mount a fresh mount
 #               (its content cache starts empty, so the bytes come from the folder behind)
 #   rand read   4 KiB random reads of the file for SECONDS, the page cache dropped again (the
@@ -37,7 +39,7 @@ fio_job() {
     --ioengine=psync --minimal "$@") || fail "fio $name on $dir failed"
   case $name in
     seq-write) awk -F';' '{printf "%.1f", $48 / 1024}' <<<"$line" ;;
-    seq-read) awk -F';' '{printf "%.1f", $7 / 1024}' <<<"$line" ;;
+    seq-read | seq-reread) awk -F';' '{printf "%.1f", $7 / 1024}' <<<"$line" ;;
     rand-read) awk -F';' '{printf "%.0f", $8}' <<<"$line" ;;
   esac
 }
@@ -48,6 +50,9 @@ declare -A RESULT
 run_all() {
   local where=$1 dir=$2 remount=${3:-}
   RESULT[$where-seq-write]=$(fio_job seq-write "$dir" --rw=write --bs=1M --end_fsync=1)
+  # Read back at once, as a program reads what it just wrote: the folder from the page cache,
+  # the mount through FUSE from its content cache.
+  RESULT[$where-seq-reread]=$(fio_job seq-reread "$dir" --rw=read --bs=1M)
   if [ -n "$remount" ]; then
     unmount_store "$dir" "$WORK/mount.log" >"$WORK/flush-1.txt"
     echo "  after writing: $(sed 's/^cachemount: //' "$WORK/flush-1.txt")"
@@ -76,9 +81,10 @@ run_all mount "$WORK/mnt" remount
 unmount_store "$WORK/mnt" "$WORK/mount.log" >/dev/null
 
 printf '%-46s %10s %10s %13s\n' job folder mount mount/folder
-for job in seq-write seq-read rand-read; do
+for job in seq-write seq-reread seq-read rand-read; do
   case $job in
     seq-write) label="seq write, 1 MiB blocks, end_fsync" unit="MiB/s" ;;
+    seq-reread) label="seq read just after writing" unit="MiB/s" ;;
     seq-read) label="seq read, 1 MiB blocks, cold" unit="MiB/s" ;;
     rand-read) label="random read, 4 KiB" unit="IOPS" ;;
   esac
