@@ -51,6 +51,19 @@ cmp "$WORK/inner/random.bin" "$WORK/overlay-file.model" || fail "random.bin diff
 rm "$WORK/inner/random.bin"
 diff -r "$WORK/plain" "$WORK/inner" || fail "the store differs from the plain folder"
 
+step "a truncation to 1 GiB costs no blocks in the cache or the store"
+mkdir -p "$WORK/sparse-store" "$WORK/sparse-cache"
+mount_store "$WORK/sparse-store" "$WORK/mnt-sparse" "$WORK/sparse.log" \
+  --cache-root "$WORK/sparse-cache" || fail "cannot mount for the sparse check"
+truncate -s 1G "$WORK/mnt-sparse/sparse" || fail "truncate -s 1G"
+[ "$(stat -c %s "$WORK/mnt-sparse/sparse")" -eq 1073741824 ] || fail "the mount's size is not 1 GiB"
+cached=$(du -s --block-size=1K "$WORK/sparse-cache" | cut -f1)
+unmount_store "$WORK/mnt-sparse" "$WORK/sparse.log" >/dev/null
+stored=$(du -s --block-size=1K "$WORK/sparse-store/sparse" | cut -f1)
+[ "$(stat -c %s "$WORK/sparse-store/sparse")" -eq 1073741824 ] || fail "the store's size is not 1 GiB"
+[ "$cached" -lt 1024 ] && [ "$stored" -lt 1024 ] ||
+  fail "a 1 GiB hole took $cached KiB in the cache and $stored KiB in the store"
+
 check_mount overlay-mem mem: TERM --latency-ms 2
 mkdir -p "$WORK/passthrough"
 check_mount pass-through "$WORK/passthrough" HUP --pass-through
