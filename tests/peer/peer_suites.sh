@@ -166,8 +166,8 @@ store_args() {
 
 # The stores and content caches live on a tmpfs of PEER_SPACE_MIB (default 4096): pjdfstest
 # truncates a file to 999,999,999,999,999 bytes, and a mount that fills its cache with that
-# many zeros must meet ENOSPC, not fill the machine's disk. open/25.t writes a byte past
-# 2 GiB, which the content cache holds as a full 2 GiB body, so less space fails it.
+# many zeros must meet ENOSPC, not fill the machine's disk (a hole takes no space, so a
+# mount that keeps holes as holes needs little of it).
 make_space() {
   mkdir -p "$WORK/space"
   mount -t tmpfs -o "size=${PEER_SPACE_MIB:-4096}m" peer-space "$WORK/space" ||
