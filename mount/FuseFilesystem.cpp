@@ -9,6 +9,7 @@
 #include <foundation/text/Unicode.h>
 
 #include <fcntl.h>
+#include <linux/limits.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -56,12 +57,14 @@ std::string childPath(const char* folder, const std::string& name) {
 
 }  // namespace
 
-FuseFilesystem::FuseFilesystem(bool userWritebackCache, std::string scratchDirectory)
+FuseFilesystem::FuseFilesystem(bool userWritebackCache, std::string scratchDirectory,
+                               std::size_t storePathPrefix)
     : root_(fsp::StorageIRI()),
       userWritebackCache_(userWritebackCache),
       uid_(getuid()),
       gid_(getgid()),
       scratchDirectory_(std::move(scratchDirectory)),
+      longestPath_(PATH_MAX - 1 - std::min<std::size_t>(storePathPrefix, PATH_MAX - 1)),
       largestLocalFile_(largestFileIn(scratchDirectory_)) {}
 
 void FuseFilesystem::attach(const StoreStack& stores) {
@@ -103,6 +106,9 @@ FuseFilesystem& FuseFilesystem::self() {
 
 fsp::StorageItem FuseFilesystem::item(const char* path) const {
   checkComponentLengths(path);
+  if (std::strlen(path) > longestPath_) {
+    throw std::system_error(ENAMETOOLONG, std::generic_category());
+  }
   return fsp::StorageItem(root_, foundation::text::toUtf16(path));
 }
 

@@ -63,7 +63,10 @@ class FuseFilesystem {
  public:
   // userWritebackCache: false when the user asked for no_writeback_cache. scratchDirectory:
   // where the bytes of files removed while open are kept (unnamed) until their last close.
-  FuseFilesystem(bool userWritebackCache, std::string scratchDirectory);
+  // storePathPrefix: how long the store's own path is before a mount path (a folder store's
+  // directory), which counts towards the longest path the store can reach.
+  FuseFilesystem(bool userWritebackCache, std::string scratchDirectory,
+                 std::size_t storePathPrefix);
 
   // The stores to serve; called once, before the session loop starts (no callback comes
   // earlier). The stores must outlive the loop.
@@ -129,6 +132,9 @@ class FuseFilesystem {
   const uid_t uid_;
   const gid_t gid_;
   const std::string scratchDirectory_;
+  // The longest mount path whose store path stays within PATH_MAX: a longer one would be
+  // accepted here and then never reach the store.
+  const std::size_t longestPath_;
   // The largest file the scratch directory's file system takes (the content cache's, when
   // it has a root): a larger one could not be cached either.
   const std::uint64_t largestLocalFile_;

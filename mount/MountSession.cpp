@@ -97,7 +97,10 @@ MountSession::MountSession(MountOptions options, std::ostream& out)
 
 int MountSession::run() {
   FuseArguments arguments(options_);
-  FuseFilesystem filesystem(arguments.writebackCacheWanted(), scratchDirectory(options_));
+  const std::size_t storePathPrefix =
+      options_.storeKind == MountOptions::StoreKind::File ? options_.storeDirectory.size() : 0;
+  FuseFilesystem filesystem(arguments.writebackCacheWanted(), scratchDirectory(options_),
+                            storePathPrefix);
   const fuse_operations operations = FuseFilesystem::operations();
   FusePtr handle(fuse_new(arguments.args(), &operations, sizeof operations, &filesystem));
   if (!handle) {
