@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs the public file-system suites on cachemount: fsx (random reads, writes, truncations
 # and mmap on one file, every read checked against fsx's model of the file) and pjdfstest
-# (POSIX conformance of each system call, each .t file under prove, PJD_JOBS (8) at once on one mount; an error line in the mount's log fails the run). The suites are
-# not part of the project: they are found in the folder PEER_SUITES names, else in
+# (POSIX conformance of each system call: each .t file under prove, PJD_JOBS (8) at once on
+# one mount; an error line in the mount's log fails the run). The suites are not part of
+# the project: they are found in the folder PEER_SUITES names, else in
 # <repo>/../shared/peer, and built once into BUILD_DIR/peer-suites with that folder's
 # build.sh. Exits 77 (skipped) when the suites or FUSE are missing or when not root.
 #
