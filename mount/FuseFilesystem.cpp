@@ -125,8 +125,12 @@ FuseFilesystem::Target FuseFilesystem::target(const char* path, const fuse_file_
 void FuseFilesystem::checkFileSize(std::uint64_t size, bool askStore) const {
   if (size > largestLocalFile_) throw std::system_error(EFBIG, std::generic_category());
   if (!askStore) return;
-  const auto capacity = root_.getProviderStorageInfo().getStorageCapacity();
-  if (capacity > 0 && size > capacity) throw std::system_error(EFBIG, std::generic_category());
+  // The store's capacity does not change under a mount: asked once, at the first truncation.
+  std::call_once(storeCapacityKnown_,
+                 [&] { storeCapacity_ = root_.getProviderStorageInfo().getStorageCapacity(); });
+  if (storeCapacity_ > 0 && size > storeCapacity_) {
+    throw std::system_error(EFBIG, std::generic_category());
+  }
 }
 
 void* FuseFilesystem::init(fuse_conn_info* conn, fuse_config* cfg) {

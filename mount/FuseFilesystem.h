@@ -7,9 +7,9 @@
 //   create, open     openStream (O_CREAT|O_EXCL: createFile first, so an existing name is
 //                    EEXIST); O_TRUNC and O_APPEND as stream options
 //   read, write      the open file's stream at the request's offset (OpenFile)
-//   truncate         truncateToSize, then the file's open streams are opened afresh (a store
-//                    may truncate by replacing the file); a size beyond what the local file
-//                    system or the store can hold is EFBIG before anything is written
+//   truncate         truncateToSize (in place: open streams stay on the file); a size beyond
+//                    what the local file system or the store can hold is EFBIG before
+//                    anything is written
 //   flush            nothing: the stream's writes are the overlay's once written
 //   release          closes the stream
 //   fsync            the overlay's flushFilesystem: when it returns, every change queued
@@ -54,6 +54,7 @@
 #include <fuse.h>
 
 #include <atomic>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -138,6 +139,8 @@ class FuseFilesystem {
   // The largest file the scratch directory's file system takes (the content cache's, when
   // it has a root): a larger one could not be cached either.
   const std::uint64_t largestLocalFile_;
+  mutable std::once_flag storeCapacityKnown_;
+  mutable std::uint64_t storeCapacity_ = 0;  // 0: the store gives none
   HandleTable handles_;
   HiddenFiles hidden_;
   ChangeTimes changeTimes_;

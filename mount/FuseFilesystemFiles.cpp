@@ -86,8 +86,8 @@ int FuseFilesystem::truncate(const char* path, off_t size, fuse_file_info* fi) {
     }
     const auto& file = *target.item;
     fs.checkFileSize(length, true);
+    // Every store the mount serves truncates in place, so open streams stay on the file.
     file.getProvider()->truncateToSize(file.getLocation(), length);
-    for (const auto& open : fs.handles_.at(file.getLocation())) open->reopen();
     fs.changeTimes_.changed(target.path);
     return 0;
   });

@@ -79,14 +79,6 @@ void OpenFile::close() {
 
 namespace storage::mount {
 
-void OpenFile::reopen() {
-  std::lock_guard lock(mutex_);
-  if (!stream_ || orphan_) return;
-  auto fresh = file_.openStream(fsp::ByteStreamOpenOptions::readWrite());
-  auto old = std::exchange(stream_, std::move(fresh));
-  old->close();
-}
-
 bool OpenFile::isAt(const fsp::StorageIRI& location) {
   std::lock_guard lock(mutex_);
   return !orphan_ && file_.getLocation() == location;

@@ -8,7 +8,7 @@
 // using it, so a release racing a read cannot destroy the stream under the reader; the
 // stream and the file's StorageItem share ownership of the provider. Locks: its own mutex,
 // held across seek and read/write because a provider stream has one position and serves one
-// thread at a time (and across reopen); no other lock of ours is taken under it, except that
+// thread at a time; no other lock of ours is taken under it, except that
 // FuseFilesystem holds the mutexes of every open file of one name (lock()) while it turns
 // them into orphans. Threads: any FUSE worker thread.
 #pragma once
@@ -42,10 +42,6 @@ class OpenFile {
   void write(std::uint64_t offset, const char* data, std::size_t size);
   // Closes the stream, reporting its failure (the destructor only logs one).
   void close();
-  // A store may carry out a truncation by replacing the file (the framework's default does),
-  // which would leave this stream on the old body: a fresh stream on the file replaces it.
-  // The new stream is opened before the old one closes, so the file never has none.
-  void reopen();
   bool isAt(const foundation::storage::provider::StorageIRI& location);
   // The local copy serving the file since it was removed; null while it has a name.
   std::shared_ptr<OrphanFile> orphan();
@@ -58,7 +54,7 @@ class OpenFile {
   void becomeOrphanLocked(std::shared_ptr<OrphanFile> orphan);
   // The removal failed after all: the file is served from the store again.
   void leaveOrphanLocked();
-  // The file was renamed (or a folder above it): later reopenings use the new location.
+  // The file was renamed (or a folder above it): item() and isAt() follow it.
   void moved(const foundation::storage::provider::StorageIRI& from,
              const foundation::storage::provider::StorageIRI& to);
 

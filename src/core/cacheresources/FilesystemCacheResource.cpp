@@ -294,9 +294,7 @@ int FilesystemCacheResource::truncate(std::int64_t size, std::int64_t fileSize) 
   while (::ftruncate(fd, static_cast<off_t>(size)) != 0) {
     if (errno != EINTR) return errno;
   }
-  for (auto it = cachedRanges_.lower_bound(size); it != cachedRanges_.end();) {
-    it = cachedRanges_.erase(it);
-  }
+  cachedRanges_.erase(cachedRanges_.lower_bound(size), cachedRanges_.end());
   for (auto& [start, end] : cachedRanges_) end = std::min(end, size);
   if (size > fileSize) recordWritten(fileSize, size);
   return 0;
