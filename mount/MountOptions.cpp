@@ -18,6 +18,7 @@ namespace {
 // store before a writer is held back, so memory stays bounded when programs write faster
 // than the store drains.
 constexpr const char* kDefaultMaxQueueWeight = "64";
+constexpr const char* kDefaultReplayWorkers = "8";
 
 enum class KeyKind { Text, Number, Flag };
 
@@ -28,7 +29,7 @@ struct OverlayKey {
   const char* help;
 };
 
-constexpr std::array<OverlayKey, 9> kOverlayKeys{{
+constexpr std::array<OverlayKey, 10> kOverlayKeys{{
     {"cache-root", "overlay.cacheRoot", KeyKind::Text,
      "content cache directory (default: a fresh one in the temporary directory)"},
     {"max-queue-weight", "overlay.maxQueueWeight", KeyKind::Number,
@@ -41,6 +42,9 @@ constexpr std::array<OverlayKey, 9> kOverlayKeys{{
      "largest read request sent to the store, bytes"},
     {"max-write-payload-size", "overlay.maxWritePayloadSize", KeyKind::Number,
      "largest write request sent to the store, bytes"},
+    {"replay-workers", "overlay.replayWorkers", KeyKind::Number,
+     "changes to unrelated paths replayed on the store at once (default 8; 1: strictly in "
+     "order)"},
     {"synchronous", "overlay.synchronous", KeyKind::Flag,
      "replay changes on the store before each call returns"},
     {"disable-content-cache", "overlay.disableContentCache", KeyKind::Flag,
@@ -90,6 +94,11 @@ std::string numberText(double value) {
 boost::property_tree::ptree overlayConfigFrom(const po::variables_map& vm) {
   boost::property_tree::ptree config;
   config.put("overlay.maxQueueWeight", kDefaultMaxQueueWeight);
+  // A remote store takes several calls at once; the library's default is the strict order.
+  config.put("overlay.replayWorkers", kDefaultReplayWorkers);
+  // Work that later changes undo (a file created and removed before its replay) never
+  // reaches the store; the library's default replays every change.
+  config.put("overlay.absorbChanges", "true");
   for (const auto& key : kOverlayKeys) {
     if (vm.count(key.option) == 0) continue;
     if (key.kind == KeyKind::Flag) {

@@ -210,6 +210,13 @@ void PrintTo(const WeightCase& c, std::ostream* out) { *out << c.name; }
 
 struct QueueWeightTest : ::testing::TestWithParam<WeightCase> {};
 
+// The test thread plays the worker: an entry taken counts as running until finished.
+void takeAndFinish(WeightedTransactionQueue& queue) {
+  const auto entry = queue.take();
+  ASSERT_TRUE(entry.has_value());
+  queue.finished(*entry);
+}
+
 TEST_P(QueueWeightTest, GivesBackWhatPushAdded) {
   const WeightCase& c = GetParam();
   WeightedTransactionQueue queue(c.boundAtPush);
@@ -220,13 +227,13 @@ TEST_P(QueueWeightTest, GivesBackWhatPushAdded) {
   Background second([&] { queue.push(entry(1.0)); });  // held back while 6 > a bound of 1
   queue.setMaxWeight(c.boundWhenLeaving);
   if (c.leave == Leave::Take) {
-    queue.take();
+    takeAndFinish(queue);
   } else {
     queue.discardAll();
   }
   second.finish("push held back before the first entry left");
   queue.setMaxWeight(c.boundAfter);
-  queue.take();
+  takeAndFinish(queue);
   EXPECT_EQ(coretest::parseJson(queue.captureMetrics()).get<double>("overlay.queueStats.weight"),
             0.0);
   returnsInTime([&] { queue.push(entry(1.0)); }, "push into an empty queue");
@@ -289,7 +296,7 @@ TEST_F(QueueMetricsTest, TakenWriteReportsQueueTimeAndTimeToEmpty) {
 
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   LogCapture capture;
-  queue.take();
+  takeAndFinish(queue);
   const auto drained = capture.matching("timeToEmpty", notice);
   ASSERT_EQ(drained.size(), 1u);
   EXPECT_GE(parse(drained[0].message).get<std::int64_t>("queueStats.timeToEmpty"), 20);
@@ -307,7 +314,7 @@ TEST_F(QueueMetricsTest, MarkersStayCountedAndRecordNothing) {
   LogCapture capture;
   for (int i = 0; i < 2; ++i) {
     queue.push(QueuedTransaction::marker());
-    queue.take();
+    takeAndFinish(queue);
   }
   EXPECT_EQ(capture.count("timeToEmpty"), 0u);
   const ptree stats = parse(queue.captureMetrics());

@@ -31,6 +31,7 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/filesystem.hpp>
+#include <boost/property_tree/ptree.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -309,15 +310,19 @@ void drive(int index, std::uint64_t seed, int count, bool tracing, const Side& o
 
 // Arms Unavailable failures (one or two) of one of the plan's operations at a time, at random
 // moments. The next is armed only when the store has counted two more calls of the operation
-// than it takes to use the failures up: the replay is one worker, so the calls of one operation
+// than it takes to use the failures up: with one replay worker the calls of one operation
 // come one after another; by then the call after the last failure has been answered and, as a
 // transaction calls an operation once per attempt, its transaction has ended. So a replayed
-// call never meets more than two failures in a row, and its three attempts suffice.
+// call never meets more than two failures in a row, and its three attempts suffice. With
+// several workers, other transactions' calls interleave with a retrying one's: a single
+// failure is armed at a time and two more calls per worker must follow, so a transaction that
+// retries at once (it does, with no pause) has long made its next attempt when the next
+// failure is armed.
 class FaultPlan {
  public:
   FaultPlan(fsp::instrumented::InstrumentedProvider& store, std::vector<std::string> operations,
-            std::uint64_t seed)
-      : store_(store), operations_(std::move(operations)), random_(seed) {
+            std::uint64_t seed, int workers)
+      : store_(store), operations_(std::move(operations)), random_(seed), workers_(workers) {
     if (!operations_.empty()) thread_ = std::thread([this] { arm(); });
   }
   ~FaultPlan() { stop(); }
@@ -329,7 +334,9 @@ class FaultPlan {
   unsigned used() const { return used_ + (usedUp() ? count_ : 0); }
 
  private:
-  bool usedUp() const { return !count_ || store_.callCount(operation_) >= calls_ + count_ + 2; }
+  bool usedUp() const {
+    return !count_ || store_.callCount(operation_) >= calls_ + count_ + 2 * workers_;
+  }
   // An operation that the run seldom calls is disarmed after a while, so that the plan moves
   // on to others. What it used stays counted, and must be used up as above (two more calls)
   // before the next arming, or a call could meet a third failure in a row.
@@ -356,7 +363,7 @@ class FaultPlan {
         used_ += count_;
         waited = 0;
         operation_ = pick();
-        count_ = 1 + random_() % 2;
+        count_ = workers_ > 1 ? 1 : 1 + random_() % 2;
         store_.failNext(operation_, count_, fsp::ErrorCode::Unavailable);
         calls_ = store_.callCount(operation_);
       }
@@ -368,6 +375,7 @@ class FaultPlan {
   fsp::instrumented::InstrumentedProvider& store_;
   const std::vector<std::string> operations_;
   std::mt19937_64 random_;
+  const std::uint64_t workers_;
   // The last armed: used by the arming thread only, until stop().
   std::string operation_;
   std::uint64_t calls_ = 0;  // the operation's calls counted once armed
@@ -474,9 +482,14 @@ std::uint64_t bytesIn(const bfs::path& directory) {
 
 std::shared_ptr<storage::overlayprovider::OverlayProvider> overlayOver(const SoakStore& store,
                                                                        std::uint64_t cacheBytes,
-                                                                       const char* quietMs) {
+                                                                       const char* quietMs,
+                                                                       int workers, bool absorb) {
   ::setenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", quietMs, 1);
   auto overlay = std::make_shared<storage::overlayprovider::OverlayProvider>(store.innerRoot());
+  boost::property_tree::ptree config;
+  config.put("overlay.replayWorkers", workers);
+  config.put("overlay.absorbChanges", absorb ? "true" : "false");
+  overlay->configure(config);
   overlay->contentCache().setArbitratorFactory([cacheBytes](const bfs::path& directory) {
     return std::make_unique<storage::overlayprovider::LocalFSCacheSpaceArbitrator>(
         directory, [cacheBytes](const bfs::path& at) {
@@ -493,6 +506,9 @@ struct Plan {
   std::vector<std::string> operations;  // to fail now and then
   std::uint64_t cacheBytes;             // OVERLAY_SOAK_CACHE_BYTES overrides
   const char* quietMs;                  // OVERLAY_SOAK_QUIET_MS overrides
+  int workers = 1;                      // replaying unrelated changes at once
+  bool absorb = false;                  // moot changes never reach the store
+  int defaultOps = 2500;                // OVERLAY_SOAK_OPS overrides
 };
 void PrintTo(const Plan& plan, std::ostream* out) { *out << plan.name; }
 
@@ -524,13 +540,14 @@ Run soak(const Plan& plan, std::uint64_t seed, int perThread, bool tracing) {
   const Side overlay{
       overlayOver(store, fromEnvironment("OVERLAY_SOAK_CACHE_BYTES", plan.cacheBytes),
                   std::getenv("OVERLAY_SOAK_QUIET_MS") ? std::getenv("OVERLAY_SOAK_QUIET_MS")
-                                                       : plan.quietMs),
+                                                       : plan.quietMs,
+                  plan.workers, plan.absorb),
       storage::overlayprovider::OverlayProviderFactory().getRootLocation(store.innerRoot())};
   const Side reference{std::make_shared<fsp::mem::MemProvider>(),
                        fsp::mem::MemProvider::rootLocation()};
   const auto start = std::chrono::steady_clock::now();
   {
-    FaultPlan faults(store.instrumented(), plan.operations, seed);
+    FaultPlan faults(store.instrumented(), plan.operations, seed, plan.workers);
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
       threads.emplace_back(drive, i, seed, perThread, tracing, std::cref(overlay),
@@ -575,7 +592,7 @@ TEST_P(OverlaySoak, EveryAnswerAndTheStoreMatchTheReference) {
   const auto seed =
       fromEnvironment("OVERLAY_SOAK_SEED",
                       std::chrono::system_clock::now().time_since_epoch().count() % 1000000007);
-  const auto total = static_cast<int>(fromEnvironment("OVERLAY_SOAK_OPS", 2500));
+  const auto total = static_cast<int>(fromEnvironment("OVERLAY_SOAK_OPS", GetParam().defaultOps));
   const int perThread = std::max(1, total / kThreads);
   const bool tracing = std::getenv("OVERLAY_SOAK_TRACE") != nullptr;
   SCOPED_TRACE("OVERLAY_SOAK_SEED=" + std::to_string(seed) +
@@ -614,11 +631,17 @@ const std::vector<std::string> kReplayedCalls = {
 // (a file's existence answered wrongly); that combination stays out of the plans until fixed.
 INSTANTIATE_TEST_SUITE_P(
     Stores, OverlaySoak,
-    testing::Values(Plan{"MemEvicting", false, {}, kSmallCache, kShortQuiet},
-                    Plan{"MemWithFaults", false, kReplayedCalls, kSmallCache, kLongQuiet},
-                    Plan{"LocalDirectoryEvicting", true, {}, kSmallCache, kShortQuiet},
-                    Plan{"LocalDirectoryWithFaults", true, kReplayedCalls, kSmallCache,
-                         kLongQuiet}),
+    testing::Values(
+        Plan{"MemEvicting", false, {}, kSmallCache, kShortQuiet},
+        Plan{"MemWithFaults", false, kReplayedCalls, kSmallCache, kLongQuiet},
+        Plan{"LocalDirectoryEvicting", true, {}, kSmallCache, kShortQuiet},
+        Plan{"LocalDirectoryWithFaults", true, kReplayedCalls, kSmallCache, kLongQuiet},
+        Plan{"MemAbsorbingParallel", false, {}, kSmallCache, kShortQuiet, 8, true, 10000},
+        Plan{"MemAbsorbingParallelWithFaults", false, kReplayedCalls, kSmallCache, kLongQuiet, 8,
+             true, 10000},
+        Plan{"LocalDirectoryAbsorbingParallel", true, {}, kSmallCache, kShortQuiet, 8, true, 10000},
+        Plan{"LocalDirectoryAbsorbingParallelWithFaults", true, kReplayedCalls, kSmallCache,
+             kLongQuiet, 8, true, 10000}),
     [](const testing::TestParamInfo<Plan>& info) { return info.param.name; });
 
 }  // namespace

@@ -1,7 +1,14 @@
 // BackendExecutor: the write-behind executor. Submitters return as soon as their task is
-// queued; one worker thread replays the tasks on the inner store strictly in submission order
-// (no priorities, no merging), so the inner store sees the same sequence of changes as the
-// overlay did.
+// queued; worker threads replay the tasks on the inner store. With one worker (the default)
+// they run strictly in submission order (no priorities, no merging), so the inner store sees
+// the same sequence of changes as the overlay did. With several, a task that says what it
+// changes (a ReplayChange) may run beside earlier ones that touch unrelated paths, while every
+// two changes of one path, or of a folder and something inside it, keep their order (see
+// ReplayOrder): a store far away takes several calls at once, and one slow or retried change
+// no longer holds up the rest. A task without a ReplayChange, and a flush's marker, wait for
+// everything before them, so callers that say nothing get the strict order. With absorption on,
+// a change that makes queued ones moot (a file created and removed before its creation was
+// replayed, say) takes them out of the queue: the store never sees them (ChangeAbsorber).
 //
 // Back-pressure: each task carries a weight; while more than the max queue weight is waiting,
 // execute() blocks the submitter (see WeightedTransactionQueue).
@@ -18,7 +25,8 @@
 //   - Shutdown's wake-up marker and a flush's marker do not wait on the bound: a cancelled
 //     backlog above the bound would otherwise block shutdown, and so the host's exit, for
 //     ever, and a flush would queue behind back-pressure for longer than the drain takes.
-//   - waitForPendingToFinish returns once every task submitted before it has run, and at once
+//   - waitForPendingToFinish returns once every task submitted before it has finished (with
+//     several workers too: its marker is a barrier), and at once
 //     when the worker will take nothing more (after a cancelling shutdown, or once it has
 //     ended): a flush after shutdown would otherwise wait for a worker that is gone.
 //   - A task that throws is logged with its kind and the exception's diagnostic text (also
@@ -31,7 +39,7 @@
 // queued at destruction are destroyed unrun.
 //
 // Threads: execute, shutdown, waitForPendingToFinish, setMaxQueueWeight and
-// captureQueueMetrics are called by the provider's threads; the worker only runs tasks.
+// captureQueueMetrics are called by the provider's threads; the workers only run tasks.
 // Locks: the queue's mutex (inside WeightedTransactionQueue) and the join mutex, never
 // together. The activity callback and the tasks run with no lock of this class held.
 #pragma once
@@ -44,6 +52,7 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace storage::overlayprovider {
 
@@ -52,8 +61,10 @@ class BackendExecutor : public IExecutor {
   // Starts the worker. `activityCallback` is called on the submitter's thread when a task
   // arrives at an idle executor (empty queue, worker not busy), to tell the provider that
   // background activity starts; an empty one makes that execute throw
-  // std::bad_function_call. maxQueueWeight <= 0 means unbounded.
-  BackendExecutor(std::function<void()> activityCallback, double maxQueueWeight);
+  // std::bad_function_call. maxQueueWeight <= 0 means unbounded. `workers` below 1 counts as 1.
+  // absorbChanges: queued changes that a later one makes moot are never replayed.
+  BackendExecutor(std::function<void()> activityCallback, double maxQueueWeight, int workers = 1,
+                  bool absorbChanges = false);
   ~BackendExecutor() override;
   BackendExecutor(const BackendExecutor&) = delete;
   BackendExecutor& operator=(const BackendExecutor&) = delete;
@@ -62,6 +73,9 @@ class BackendExecutor : public IExecutor {
   // has begun the task is dropped with an error record naming its kind.
   void execute(const std::function<void()>& task, ObservableTransactionType type,
                double weight) override;
+  // Queues the task; with absorption on, it may take queued changes it makes moot out of the
+  // queue, or be moot itself (see ChangeAbsorber).
+  void submit(ReplayTask task) override;
   // Stops accepting tasks and releases held-back submitters; without cancelOutstanding waits
   // until the worker has taken every accepted task (draining), with it discards them unrun.
   // Then tells the worker to end. Does not join, nor wait for a task already running when it
@@ -80,8 +94,11 @@ class BackendExecutor : public IExecutor {
   std::string captureQueueMetrics() override;
 
  private:
+  void enqueue(QueuedTransaction entry);
   void runWorker();
-  void runOne();
+  void perform(QueuedTransaction& entry);
+  // Takes and runs one entry; false once the workers are told to end.
+  bool runOne();
   static void logRefused(ObservableTransactionType type);
 
   std::function<void()> activityCallback_;
@@ -89,8 +106,8 @@ class BackendExecutor : public IExecutor {
   std::mutex joinMutex_;
   WeightedTransactionQueue queue_;
   std::atomic<std::chrono::system_clock::time_point> lastCompletion_;
-  std::atomic<bool> busy_{false};  // the worker is taking or running an entry
-  std::thread worker_;
+  std::atomic<int> liveWorkers_;
+  std::vector<std::thread> workers_;
 };
 
 }  // namespace storage::overlayprovider

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "core/execution/ObservableTransactionType.h"
+#include "core/execution/ReplayTask.h"
 
 #include <chrono>
 #include <functional>
@@ -26,6 +27,15 @@ class IExecutor {
   // shutdown, discarded, never silently lost.
   virtual void execute(const std::function<void()>& task, ObservableTransactionType type,
                        double weight) = 0;
+  // The same, for a task that says what it changes on the store. An executor that replays
+  // unrelated changes side by side orders it only against those that overlap it, and one that
+  // absorbs changes may find it moot and run its `moot` half instead; the others run it as the
+  // plain execute does.
+  virtual void submit(ReplayTask task) {
+    auto run = std::move(task.run);
+    execute([run = std::move(run), change = task.change] { run(change); }, task.change.kind,
+            task.weight);
+  }
   // Stops accepting tasks. With cancelOutstanding, tasks not yet started are discarded.
   // Never blocks for ever: submitters held back by a queue's bound are released.
   virtual void shutdown(bool cancelOutstanding) = 0;

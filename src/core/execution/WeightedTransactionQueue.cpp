@@ -1,5 +1,6 @@
 #include "core/execution/WeightedTransactionQueue.h"
 
+#include "core/execution/ChangeAbsorber.h"
 #include "core/support/OverlayLog.h"
 
 #include <array>
@@ -64,6 +65,8 @@ WeightedTransactionQueue::WeightedTransactionQueue(double maxWeight)
       captureMetrics_(!metricsDisabledByEnvironment()) {}
 
 bool WeightedTransactionQueue::push(QueuedTransaction entry) {
+  // Entries a change absorbed, destroyed once the mutex is released.
+  std::deque<QueuedTransaction> withdrawn;
   {
     std::unique_lock lock(mutex_);
     if (workerEnded_ || (closed_ && !entry.internal)) {
@@ -90,10 +93,36 @@ bool WeightedTransactionQueue::push(QueuedTransaction entry) {
         currentWeight_ += entry.weight;
       }
     }
+    if (absorbing_.load() && entry.change) withdrawn = absorbLocked(entry);
     appendLocked(std::move(entry));
   }
   workAvailable_.notify_all();
   return true;
+}
+
+std::deque<QueuedTransaction> WeightedTransactionQueue::absorbLocked(QueuedTransaction& arriving) {
+  std::deque<QueuedTransaction> withdrawn;
+  const auto verdict = ChangeAbsorber::judge(entries_, arriving);
+  if (verdict.withdrawn.empty()) return withdrawn;
+  for (const auto position : verdict.withdrawn) {
+    auto& entry = entries_[position];
+    for (auto& handler : entry.absorbedMoot) arriving.absorbedMoot.push_back(std::move(handler));
+    arriving.absorbedMoot.push_back(std::move(entry.moot));
+    currentWeight_ -= entry.accountedWeight;
+    if (captureMetrics_) kindCounters_[entry.type].first -= 1;
+  }
+  // Back to front, so that the positions still to erase stay where the verdict found them.
+  for (auto position = verdict.withdrawn.rbegin(); position != verdict.withdrawn.rend();
+       ++position) {
+    const auto at = entries_.begin() + static_cast<std::ptrdiff_t>(*position);
+    withdrawn.push_back(std::move(*at));
+    entries_.erase(at);
+  }
+  if (entries_.empty()) currentWeight_ = 0.0;
+  absorbed_ += verdict.withdrawn.size() + (verdict.arrivalMoot ? 1 : 0);
+  arriving.isMoot = verdict.arrivalMoot;
+  arriving.change->flags |= verdict.addFlags;
+  return withdrawn;
 }
 
 void WeightedTransactionQueue::appendLocked(QueuedTransaction entry) {
@@ -105,8 +134,8 @@ void WeightedTransactionQueue::appendLocked(QueuedTransaction entry) {
   if (captureMetrics_) {
     countPushed(entry.type);
   }
+  if (entry.internal) ++markersAppended_;
   entries_.push_back(std::move(entry));
-  ++appended_;
   periodEntries_ += 1;
 }
 
@@ -120,12 +149,20 @@ void WeightedTransactionQueue::countPushed(ObservableTransactionType type) {
   }
 }
 
-QueuedTransaction WeightedTransactionQueue::take() {
+std::optional<QueuedTransaction> WeightedTransactionQueue::take() {
   std::unique_lock lock(mutex_);
-  workAvailable_.wait(lock, [this] { return !entries_.empty(); });
-  QueuedTransaction entry = std::move(entries_.front());
-  entries_.pop_front();
-  ++resolved_;
+  std::optional<std::size_t> runnable;
+  workAvailable_.wait(lock, [&] {
+    if (workersStopping_) return true;
+    runnable = order_.pickRunnable(entries_);
+    return runnable.has_value();
+  });
+  if (workersStopping_) return std::nullopt;
+  const auto position = entries_.begin() + static_cast<std::ptrdiff_t>(*runnable);
+  QueuedTransaction entry = std::move(*position);
+  entries_.erase(position);
+  order_.started(entry);
+  if (entry.internal) ++markersResolved_;
   // With nothing queued nothing weighs: no rounding residue may hold a submitter back.
   currentWeight_ = entries_.empty() ? 0.0 : currentWeight_ - entry.accountedWeight;
   if (!entry.internal) {
@@ -135,6 +172,29 @@ QueuedTransaction WeightedTransactionQueue::take() {
   queueChanged_.notify_all();
   spaceAvailable_.notify_all();
   return entry;
+}
+
+void WeightedTransactionQueue::finished(const QueuedTransaction& entry) {
+  {
+    std::lock_guard lock(mutex_);
+    order_.finished(entry);
+  }
+  // Changes that waited for this one may start now, on any worker.
+  workAvailable_.notify_all();
+  queueChanged_.notify_all();
+}
+
+void WeightedTransactionQueue::stopWorkers() {
+  {
+    std::lock_guard lock(mutex_);
+    workersStopping_ = true;
+  }
+  workAvailable_.notify_all();
+}
+
+bool WeightedTransactionQueue::isIdle() {
+  std::lock_guard lock(mutex_);
+  return entries_.empty() && order_.running() == 0;
 }
 
 void WeightedTransactionQueue::accountTaken(const QueuedTransaction& entry) {
@@ -182,9 +242,9 @@ void WeightedTransactionQueue::waitForEarlierEntries() {
     return;
   }
   appendLocked(QueuedTransaction::marker());
-  const std::uint64_t marker = appended_;
+  const std::uint64_t marker = markersAppended_;
   workAvailable_.notify_all();
-  queueChanged_.wait(lock, [&] { return resolved_ >= marker || workerEnded_; });
+  queueChanged_.wait(lock, [&] { return markersResolved_ >= marker || workerEnded_; });
 }
 
 void WeightedTransactionQueue::close(bool cancelOutstanding) {
@@ -232,12 +292,14 @@ void WeightedTransactionQueue::discardAll() {
 std::deque<QueuedTransaction> WeightedTransactionQueue::discardLocked() {
   std::deque<QueuedTransaction> discarded;
   discarded.swap(entries_);
-  resolved_ = appended_;
+  markersResolved_ = markersAppended_;
   currentWeight_ = 0.0;
   return discarded;
 }
 
 void WeightedTransactionQueue::setMaxWeight(double maxWeight) { maxWeight_.store(maxWeight); }
+
+void WeightedTransactionQueue::setAbsorbing(bool absorbing) { absorbing_.store(absorbing); }
 
 std::string WeightedTransactionQueue::captureMetrics() {
   std::lock_guard lock(mutex_);
@@ -252,6 +314,7 @@ std::string WeightedTransactionQueue::writeSnapshotLocked() {
   tree.put("overlay.queueStats.avQTime_ms",
            static_cast<double>(periodQueueTime_) / static_cast<double>(periodEntries_));
   tree.put("overlay.queueStats.maxQTime_ms", maxQueueTime_);
+  tree.put("overlay.queueStats.absorbed", absorbed_);
   for (const auto& [word, type] : kKindKeys) {
     tree.put("overlay.queueStats.transaction.now." + std::string(word), kindCounters_[type].first);
   }

@@ -1,5 +1,10 @@
-// WeightedTransactionQueue: the BackendExecutor's FIFO of transactions, with back-pressure by
+// WeightedTransactionQueue: the BackendExecutor's queue of transactions, with back-pressure by
 // weight, the executor's acceptance rule at shutdown, and statistics for the operators.
+//
+// Order: entries are taken in queue order, except that with several workers an entry may be
+// taken ahead of earlier ones that it does not overlap (ReplayOrder decides; with one worker
+// the front entry is always taken). A flush's marker is a barrier, taken only once every
+// earlier entry has finished.
 //
 // Back-pressure: every entry carries a weight (roughly the bytes it will move). While more
 // than maxWeight is waiting, push() holds the submitter back until the worker takes an entry.
@@ -18,6 +23,11 @@
 // submitted before the shutdown, and the drain waits for them), a cancelling close refuses
 // them. workerEnded() closes the queue for good: what is still queued can no longer run.
 //
+// Absorption (when switched on): an arriving change that makes queued ones moot takes them out
+// of the queue unrun and carries their local halves (ChangeAbsorber has the rules); it may be
+// moot itself, and then costs the store nothing either. Withdrawn entries give their weight
+// back and leave the "now" counters; "absorbed" counts them.
+//
 // Statistics (on unless QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE is exactly "true"): per-kind
 // counters of what is waiting now and of all that was ever pushed, queue times, and how long
 // the queue took to drain. They are written as compact JSON records at severity notice.
@@ -28,12 +38,13 @@
 // it). No task runs under it and no entry is destroyed under it (discarded entries are
 // destroyed after it is released, so what a task captures may call back into the executor
 // when it goes). push, isEmpty, waitUntilEmpty, waitForEarlierEntries, close, discardAll,
-// setMaxWeight and captureMetrics may be called from any thread; take and workerEnded by the
-// worker only.
+// setMaxWeight, captureMetrics and stopWorkers may be called from any thread; take, finished
+// and workerEnded by the workers only.
 #pragma once
 
 #include "core/execution/ObservableTransactionType.h"
 #include "core/execution/QueuedTransaction.h"
+#include "core/execution/ReplayOrder.h"
 
 #include <atomic>
 #include <chrono>
@@ -42,6 +53,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -55,15 +67,23 @@ class WeightedTransactionQueue {
   // waits). Returns false, dropping the entry, when the queue is closed, or when a cancelling
   // close (or the worker's end) releases the wait. A closed queue still takes markers.
   bool push(QueuedTransaction entry);
-  // Removes and returns the front entry, waiting while the queue is empty. Worker only.
-  QueuedTransaction take();
+  // Removes and returns the first entry that may start now (see ReplayOrder; with one worker,
+  // the front entry), waiting while there is none. Nothing once stopWorkers() was called.
+  // Workers only; each entry taken must be handed back to finished() once it has run.
+  std::optional<QueuedTransaction> take();
+  // The entry's task has run (or thrown): changes that waited for it may start.
+  void finished(const QueuedTransaction& entry);
+  // Every take, waiting or later, returns nothing, so that the workers end.
+  void stopWorkers();
   bool isEmpty();
+  // Nothing queued and nothing running.
+  bool isIdle();
   // Waits until the worker has taken every entry (it may still be running the last one),
   // including those of held-back submitters a draining close let in, or has ended.
   void waitUntilEmpty();
-  // Appends a marker and waits until the worker has taken it, so that every entry pushed
-  // before it has been run; returns early when a cancelling close discards the marker or the
-  // worker ends, and at once when either has already happened. Never waits on the bound.
+  // Appends a marker and waits until a worker has taken it, which happens only once every
+  // entry pushed before it has finished; returns early when a cancelling close discards the marker
+  // or the worker ends, and at once when either has already happened. Never waits on the bound.
   void waitForEarlierEntries();
   // Refuses every later task (markers still pass) and releases held-back submitters; with
   // cancelOutstanding, discards what is queued and refuses the held-back ones. Idempotent; a
@@ -78,6 +98,8 @@ class WeightedTransactionQueue {
   // Stored without the mutex and without waking anyone: held-back submitters see the new
   // bound at the next take.
   void setMaxWeight(double maxWeight);
+  // Whether an arriving change may absorb queued ones (off: every change is replayed).
+  void setAbsorbing(bool absorbing);
   // Writes a snapshot of the statistics as one notice record and returns its JSON. Takes the
   // mutex, so the figures are consistent with each other; still only a sample of a moving
   // queue.
@@ -88,6 +110,9 @@ class WeightedTransactionQueue {
   using Clock = std::chrono::system_clock;
 
   void appendLocked(QueuedTransaction entry);
+  // Takes out the queued entries that `arriving` makes moot (ChangeAbsorber) and hands their
+  // local halves to it; returns them, to be destroyed once the mutex is released.
+  std::deque<QueuedTransaction> absorbLocked(QueuedTransaction& arriving);
   std::deque<QueuedTransaction> discardLocked();
   void countPushed(ObservableTransactionType type);
   void accountTaken(const QueuedTransaction& entry);
@@ -95,6 +120,7 @@ class WeightedTransactionQueue {
   std::string writeSnapshotLocked();
 
   std::atomic<double> maxWeight_;
+  std::atomic<bool> absorbing_{false};
   double currentWeight_ = 0.0;
   std::int64_t periodQueueTime_ = 0;  // ms, since the queue last started from empty
   std::int64_t periodEntries_ = 0;
@@ -105,14 +131,18 @@ class WeightedTransactionQueue {
   // kind -> (queued now, pushed over the queue's lifetime)
   std::map<ObservableTransactionType, std::pair<std::int64_t, std::int64_t>> kindCounters_;
   std::deque<QueuedTransaction> entries_;
-  // Entries ever appended, and ever taken or discarded: entry n (counted from 1) has left
-  // the queue once resolved_ >= n, which is how a flush finds its marker gone.
-  std::uint64_t appended_ = 0;
-  std::uint64_t resolved_ = 0;
-  int heldBack_ = 0;  // submitters inside push's wait for space
+  // Markers ever appended, and ever taken or discarded: marker n (counted from 1) has left
+  // the queue once markersResolved_ >= n, which is how a flush finds its marker gone. Markers
+  // are barriers, so they leave in the order they came.
+  std::uint64_t markersAppended_ = 0;
+  std::uint64_t markersResolved_ = 0;
+  std::uint64_t absorbed_ = 0;  // changes made moot, over the queue's lifetime
+  int heldBack_ = 0;            // submitters inside push's wait for space
   bool closed_ = false;
   bool cancelled_ = false;
   bool workerEnded_ = false;
+  bool workersStopping_ = false;
+  ReplayOrder order_;  // which entries are running, and which may start
   std::mutex mutex_;
   std::condition_variable workAvailable_;
   std::condition_variable queueChanged_;

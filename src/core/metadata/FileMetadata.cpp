@@ -46,7 +46,19 @@ fsp::ExtendedAttributes FileMetadata::getExtendedAttributes() const {
 FileMetadata& FileMetadata::setExtendedAttributes(fsp::ExtendedAttributes attributes) {
   std::lock_guard lock(mutex_);
   extendedAttributes_ = std::move(attributes);
+  extendedAttributesUnread_ = false;
   return *this;
+}
+
+FileMetadata& FileMetadata::markExtendedAttributesUnread() {
+  std::lock_guard lock(mutex_);
+  extendedAttributesUnread_ = true;
+  return *this;
+}
+
+bool FileMetadata::extendedAttributesUnread() const {
+  std::lock_guard lock(mutex_);
+  return extendedAttributesUnread_;
 }
 
 std::string FileMetadata::getWatermark() const {

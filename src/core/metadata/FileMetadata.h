@@ -43,6 +43,10 @@ class FileMetadata {
   FileMetadata& setWritable(bool writable);
   fsp::ExtendedAttributes getExtendedAttributes() const;
   FileMetadata& setExtendedAttributes(fsp::ExtendedAttributes attributes);
+  // The store changed the file's extended attributes (a replayed close) and they have not been
+  // read back yet: whoever asks for them reads them from the store first.
+  FileMetadata& markExtendedAttributesUnread();
+  bool extendedAttributesUnread() const;
   // The "WATERMARK" extended attribute; empty text when the file has none (a file that was
   // never stamped simply has no watermark yet, which is not an error for its readers).
   std::string getWatermark() const;
@@ -69,6 +73,7 @@ class FileMetadata {
   std::uint64_t size_ = 0;
   bool writable_ = true;
   fsp::ExtendedAttributes extendedAttributes_;
+  bool extendedAttributesUnread_ = false;
   bool frozen_;
   int writeHolds_ = 0;
   mutable std::mutex mutex_;

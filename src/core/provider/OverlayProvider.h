@@ -172,10 +172,11 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::function<void()> backendActivityHook() const;
   // The opening steps of the cached operations: initialised, metadata tree prepared.
   void ensureReady() const;
-  // Mutations (OverlayProviderMutations.cpp). Queues the store's half of a mutation: `innerCall`
-  // on the inner root (through runWithRetry under `name`), then `confirm`; nothing once shut
-  // down, neither at submission nor when the task comes to run.
-  void replay(const std::string& name, ObservableTransactionType kind,
+  // Mutations (OverlayProviderMutations.cpp). Queues the store's half of a mutation, described
+  // by `change`: `innerCall` on the inner root (through runWithRetry under the action's name),
+  // then `confirm`; nothing once shut down, neither at submission nor when the task comes to
+  // run.
+  void replay(const ReplayChange& change,
               std::function<void(const fsp::StorageItem& innerRoot)> innerCall,
               std::function<void(MetadataCache&)> confirm) const;
   void triggerEventLatch() const;
@@ -189,8 +190,7 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   fsp::StorageIRI requireFolder(const fsp::StorageIRI& location) const;
   // Both caches forget the folder at once; the store's removal (`removal` on its item) and
   // its confirmation are queued.
-  void removeFolderBehind(const fsp::StorageIRI& folder, const std::string& name,
-                          ObservableTransactionType kind,
+  void removeFolderBehind(const ReplayChange& change,
                           std::function<void(const fsp::StorageItem&)> removal) const;
   // Returns the file the move would replace, if any.
   std::shared_ptr<FileMetadata> checkFileDestination(const fsp::StorageIRI& source,
@@ -200,8 +200,7 @@ class OverlayProvider : public fsp::IConfigurableProvider,
                               fsp::ReplacementPolicy policy) const;
   // The shape of setLastModified and setWritable: the record changed in the cache, the inner
   // call replayed.
-  void setAttribute(const fsp::StorageIRI& iri, const std::string& name,
-                    ObservableTransactionType kind,
+  void setAttribute(const fsp::StorageIRI& iri, ReplayChange change,
                     std::function<void(const fsp::StorageItem&)> innerCall,
                     const std::function<void(FileMetadata&)>& updateFile,
                     const std::function<void(FolderMetadata&)>& updateFolder) const;
@@ -250,6 +249,12 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // Shared with the working files, which look the executor up at each submission.
   const std::shared_ptr<ExecutorSlot> executor_ = std::make_shared<ExecutorSlot>();
   std::atomic<double> maxQueueWeight_{0.0};
+  // "overlay.replayWorkers": how many workers replay unrelated changes at once (1: strictly in
+  // order). Read when the write-behind executor is made, at lazy initialisation.
+  std::atomic<int> replayWorkers_{1};
+  // "overlay.absorbChanges": queued changes that later ones make moot never reach the store.
+  // Read, like replayWorkers_, when the write-behind executor is made.
+  std::atomic<bool> absorbChanges_{false};
   std::atomic<double> minQueueItemWeight_{0.0};
   std::atomic<std::uint64_t> maxReadPayloadSize_{4194304};
   std::atomic<std::uint64_t> maxWritePayloadSize_{4194304};

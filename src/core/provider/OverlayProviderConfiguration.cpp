@@ -23,6 +23,9 @@ void logEcho(const std::string& key, const Value& value) {
   OVERLAY_LOG(log::info) << text.str();
 }
 
+// More workers than this only add threads waiting on the same store.
+constexpr int kMaxReplayWorkers = 64;
+
 // "true" and "false" only: "1" reads as false, on purpose.
 bool readAlphabeticBool(const std::string& text) {
   std::istringstream in(text);
@@ -58,6 +61,20 @@ void OverlayProvider::readConfiguration(const ptree& config) {
   if (const auto text = config.get_optional<std::string>("overlay.minQueueItemWeight")) {
     minQueueItemWeight_ = std::stod(*text);
     logEcho("overlay.configuration.minQueueItemWeight", minQueueItemWeight_.load());
+  }
+  if (const auto text = config.get_optional<std::string>("overlay.replayWorkers")) {
+    const int workers = std::stoi(*text);
+    if (workers < 1 || workers > kMaxReplayWorkers) {
+      OVERLAY_LOG(log::error) << "overlay.replayWorkers must be in 1.." << kMaxReplayWorkers
+                              << "; keeping " << replayWorkers_.load();
+    } else {
+      replayWorkers_ = workers;
+      logEcho("overlay.configuration.replayWorkers", workers);
+    }
+  }
+  if (const auto text = config.get_optional<std::string>("overlay.absorbChanges")) {
+    absorbChanges_ = readAlphabeticBool(*text);
+    logEcho("overlay.configuration.absorbChanges", absorbChanges_.load());
   }
   if (const auto text = config.get_optional<std::string>("overlay.persistContentCache")) {
     if (*text == "1" || *text == "true") contentCache_->setPersistent();

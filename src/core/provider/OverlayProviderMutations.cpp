@@ -35,23 +35,28 @@ bool isFuseHiddenName(const StorageIRI& location) {
 
 }  // namespace
 
-void OverlayProvider::replay(const std::string& name, ObservableTransactionType kind,
+void OverlayProvider::replay(const ReplayChange& change,
                              std::function<void(const StorageItem& innerRoot)> innerCall,
                              std::function<void(MetadataCache&)> confirm) const {
   if (shutDown_->load()) return;
   const auto executor = executor_->load();
   if (!executor) return;
-  auto task = [name, inner = inner_, cache = metadataCache_, stopped = shutDown_,
-               innerCall = std::move(innerCall), confirm = std::move(confirm)] {
-    if (stopped->load()) return;
-    runWithRetry([&] { innerCall(*inner); }, name);
+  // The confirmation is also the change's local half: absorbed by a later change, it is
+  // confirmed as if the store had done it and then undone it.
+  auto confirmInCache = [cache = metadataCache_, confirm = std::move(confirm)] {
     try {
       confirm(*cache);
     } catch (...) {
       logCaughtException("Confirming a replayed change failed.");
     }
   };
-  executor->execute(task, kind, minQueueItemWeight_.load());
+  auto run = [name = std::string(actionName(change.action)), inner = inner_, stopped = shutDown_,
+              innerCall = std::move(innerCall), confirmInCache](const ReplayChange&) {
+    if (stopped->load()) return;
+    runWithRetry([&] { innerCall(*inner); }, name);
+    confirmInCache();
+  };
+  executor->submit(ReplayTask{change, std::move(run), confirmInCache, minQueueItemWeight_.load()});
 }
 
 void OverlayProvider::triggerEventLatch() const {
@@ -94,7 +99,7 @@ void OverlayProvider::doCreateFile(const StorageIRI& iri) const {
   contentCache_->discardEntry(location, false);
   metadataCache_->createFileMetadata(location);
   replay(
-      "createFile", ObservableTransactionType::FILE_CREATION,
+      ReplayChange(FILE_CREATION, ChangeAction::CreateFile, location),
       [location](const StorageItem& inner) { innerItemFor(inner, location).createFile(); },
       [location](MetadataCache& cache) { cache.confirmFile(location); });
 }
@@ -111,7 +116,7 @@ void OverlayProvider::doCreateFolder(const StorageIRI& iri) const {
   requireParentFolder(location);
   metadataCache_->createFolderMetadata(location);
   replay(
-      "createFolder", ObservableTransactionType::FOLDER_CREATION,
+      ReplayChange(FOLDER_CREATION, ChangeAction::CreateFolder, location),
       [location](const StorageItem& inner) { innerItemFor(inner, location).createFolder(); },
       [location](MetadataCache& cache) { cache.confirmFolder(location, false); });
 }
@@ -143,7 +148,7 @@ void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
   }
   for (const auto& folder : missing) metadataCache_->createFolderMetadata(folder);
   replay(
-      "createFolderRecursive", ObservableTransactionType::FOLDER_CREATION_RECURSIVE,
+      ReplayChange(FOLDER_CREATION_RECURSIVE, ChangeAction::CreateFolderTree, location),
       [location](const StorageItem& inner) {
         innerItemFor(inner, location).createFolderRecursive();
       },
@@ -171,7 +176,7 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   // The file's unsent writes are queued ahead of its removal rather than lost with its entry.
   contentCache_->discardEntry(stored, true);
   replay(
-      "removeFile", ObservableTransactionType::FILE_REMOVAL,
+      ReplayChange(FILE_REMOVAL, ChangeAction::RemoveFile, stored),
       [stored](const StorageItem& inner) { innerItemFor(inner, stored).removeFile(); },
       [stored](MetadataCache& cache) { cache.confirmRemoval(stored); });
 }
@@ -187,7 +192,7 @@ void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
   if (!metadataCache_->getFolderEntry(folder)->isEmpty()) {
     throw Exception(ErrorCode::FolderNotEmpty, publicLocation(location));
   }
-  removeFolderBehind(folder, "removeFolder", ObservableTransactionType::FOLDER_REMOVAL,
+  removeFolderBehind(ReplayChange(FOLDER_REMOVAL, ChangeAction::RemoveFolder, folder),
                      [](const StorageItem& item) { item.removeFolder(); });
 }
 
@@ -201,20 +206,19 @@ void OverlayProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
   triggerEventLatch();
   const auto held = guard(location);
   const auto folder = requireFolder(location);
-  removeFolderBehind(folder, "removeFolderRecursively",
-                     ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
+  removeFolderBehind(ReplayChange(FOLDER_REMOVAL_RECURSIVE, ChangeAction::RemoveFolderTree, folder),
                      [](const StorageItem& item) { item.removeFolderRecursively(); });
 }
 
-void OverlayProvider::removeFolderBehind(const StorageIRI& folder, const std::string& name,
-                                         ObservableTransactionType kind,
+void OverlayProvider::removeFolderBehind(const ReplayChange& change,
                                          std::function<void(const StorageItem&)> removal) const {
+  const auto& folder = change.location;
   // Sized from the metadata cache while it still knows the tree.
   if (const auto accountant = quotaAccountant()) accountant->removeFolderTree(folder);
   metadataCache_->removeFolderMetadata(folder);
   contentCache_->removeFolderEntries(folder, true);
   replay(
-      name, kind,
+      change,
       [folder, removal = std::move(removal)](const StorageItem& inner) {
         removal(innerItemFor(inner, folder));
       },
@@ -263,7 +267,7 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
     return;
   }
   replay(
-      "moveFile", ObservableTransactionType::FILE_MOVE,
+      ReplayChange(FILE_MOVE, ChangeAction::MoveFile, stored).to(destination).withFlags(policy),
       [stored, destination, policy](const StorageItem& inner) {
         innerItemFor(inner, stored)
             .moveFile(innerItemFor(inner, destination).getLocation(), policy);
@@ -326,7 +330,7 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   contentCache_->moveFolderEntries(stored, destination);
   keepWorkingFilesOnTheirRecords(destination);
   replay(
-      "moveFolder", ObservableTransactionType::FOLDER_MOVE,
+      ReplayChange(FOLDER_MOVE, ChangeAction::MoveFolder, stored).to(destination).withFlags(policy),
       [stored, destination, policy](const StorageItem& inner) {
         innerItemFor(inner, stored)
             .moveFolder(innerItemFor(inner, destination).getLocation(), policy);
@@ -389,7 +393,7 @@ void OverlayProvider::doSetLastModified(const StorageIRI& iri,
                                         const fsp::posix_time::ptime& time) const {
   OVERLAY_OPERATION(iri);
   setAttribute(
-      iri, "setLastModified", ObservableTransactionType::SET_LAST_MODIFIED,
+      iri, ReplayChange(SET_LAST_MODIFIED, ChangeAction::SetLastModified, iri).at(time),
       [time](const StorageItem& item) { item.setLastModified(time); },
       [&](FileMetadata& file) { file.setLastModified(time); },
       [&](FolderMetadata& folder) { folder.setLastModified(time); });
@@ -398,14 +402,13 @@ void OverlayProvider::doSetLastModified(const StorageIRI& iri,
 void OverlayProvider::doSetWritable(const StorageIRI& iri, bool writable) const {
   OVERLAY_OPERATION(iri);
   setAttribute(
-      iri, "setWritable", ObservableTransactionType::SET_WRITABLE,
+      iri, ReplayChange(SET_WRITABLE, ChangeAction::SetWritable, iri).withFlags(writable ? 1 : 0),
       [writable](const StorageItem& item) { item.setWritable(writable); },
       [&](FileMetadata& file) { file.setWritable(writable); },
       [&](FolderMetadata& folder) { folder.setWritable(writable); });
 }
 
-void OverlayProvider::setAttribute(const StorageIRI& iri, const std::string& name,
-                                   ObservableTransactionType kind,
+void OverlayProvider::setAttribute(const StorageIRI& iri, ReplayChange change,
                                    std::function<void(const StorageItem&)> innerCall,
                                    const std::function<void(FileMetadata&)>& updateFile,
                                    const std::function<void(FolderMetadata&)>& updateFolder) const {
@@ -416,8 +419,9 @@ void OverlayProvider::setAttribute(const StorageIRI& iri, const std::string& nam
   const auto held = guard(location);
   const bool isFile = updateRecord(location, updateFile, updateFolder);
   if (!shutDown_->load()) metadataCache_->beginAttributeChange(location);
+  change.location = location;
   replay(
-      name, kind,
+      change,
       [location, innerCall = std::move(innerCall)](const StorageItem& inner) {
         innerCall(innerItemFor(inner, location));
       },

@@ -80,6 +80,9 @@ fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(const StorageIR
     }
     const auto file = metadataCache_->getFileMetadata(location);
     if (!file) throw notFound(location);
+    if (file->extendedAttributesUnread()) {
+      file->setExtendedAttributes(innerItem(file->getIRI()).getExtendedAttributes());
+    }
     return file->getExtendedAttributes();
   });
 }

@@ -28,6 +28,7 @@ WorkingFileSettings OverlayProvider::workingFileSettings() const {
   settings.maxWritePayloadSize = static_cast<std::int64_t>(maxWritePayloadSize_.load());
   settings.minQueueItemWeight = minQueueItemWeight_.load();
   settings.contentCacheDisabled = contentCacheDisabled_.load();
+  settings.readAttributesLazily = absorbChanges_.load();
   settings.storeReportsCacheUsage = innerHasFeature(fsp::ExtendedFeature::CacheUsage);
   // Weakly: a stream may outlive the provider and its content cache.
   settings.cacheRoom = [cache = std::weak_ptr<ContentCache>(contentCache_)](std::uint64_t bytes) {

@@ -110,8 +110,14 @@ std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadWrite(
     record_->setSize(0).setLastModified(resource_->lastModified());
   }
   if (options.create || options.truncate) {
-    submit([self = shared_from_this(), options, onOpened] { self->runOpen(options, onOpened); },
-           FILE_OPEN_READWRITE, settings_.minQueueItemWeight);
+    submit([self = shared_from_this(), options,
+            onOpened](const ReplayChange&) { self->runOpen(options, onOpened); },
+           [onOpened] {
+             if (onOpened) onOpened();
+           },
+           change(FILE_OPEN_READWRITE, ChangeAction::OpenFile)
+               .withFlags((options.create ? 1 : 0) | (options.truncate ? 2 : 0)),
+           settings_.minQueueItemWeight);
   } else if (onOpened) {
     onOpened();
   }
@@ -304,8 +310,7 @@ void WorkingFileEntry::truncate(std::uint64_t size) {
   submitWrites(handOver);
   submitTruncation(newSize);
   if (closeAfter) {
-    submit([self = shared_from_this()] { self->runClose(); }, FILE_CLOSE,
-           settings_.minQueueItemWeight);
+    submitClose();
   }
 }
 
@@ -356,8 +361,14 @@ void WorkingFileEntry::accountSizeChangeLocked(std::int64_t from, std::int64_t t
 void WorkingFileEntry::submitTruncation(std::int64_t size) {
   // Counted with the writes: it changes the file's bytes, and the queue has no kind of its own
   // for it.
-  submit([self = shared_from_this(), size] { self->runTruncate(size); }, FILE_WRITE,
-         settings_.minQueueItemWeight);
+  submit([self = shared_from_this(), size](const ReplayChange&) { self->runTruncate(size); }, [] {},
+         change(FILE_WRITE, ChangeAction::Truncate).range(0, size), settings_.minQueueItemWeight);
+}
+
+void WorkingFileEntry::submitClose() {
+  submit([self = shared_from_this()](const ReplayChange&) { self->runClose(); },
+         [self = shared_from_this()] { self->finishClose(); },
+         change(FILE_CLOSE, ChangeAction::CloseFile), settings_.minQueueItemWeight);
 }
 
 std::int64_t WorkingFileEntry::append(const char* data, std::int64_t count) {
@@ -484,8 +495,13 @@ void WorkingFileEntry::enqueueProviderWrite() {
 void WorkingFileEntry::submitWrites(const std::vector<std::shared_ptr<PendingWriteBlock>>& blocks) {
   for (const auto& block : blocks) {
     if (!block || block->size() == 0) continue;
-    submit([self = shared_from_this(), block] { self->writeInner(block); }, FILE_WRITE,
-           transactionWeight(settings_.minQueueItemWeight, block->size()));
+    submit(
+        [self = shared_from_this(), block](const ReplayChange& replayed) {
+          self->writeInner(block, (replayed.flags & ReplayChange::kCreatesFile) != 0);
+        },
+        [self = shared_from_this(), block] { self->forgetUnsent(block); },
+        change(FILE_WRITE, ChangeAction::WriteRange).range(block->start(), block->size()),
+        transactionWeight(settings_.minQueueItemWeight, block->size()));
   }
 }
 
@@ -514,8 +530,7 @@ void WorkingFileEntry::close(std::uint64_t streamId) {
   }
   submitWrites(handOver);
   if (lastClose) {
-    submit([self = shared_from_this()] { self->runClose(); }, FILE_CLOSE,
-           settings_.minQueueItemWeight);
+    submitClose();
   }
 }
 
@@ -549,15 +564,26 @@ class WorkingFileEntry::PendingTicket {
   std::shared_ptr<WorkingFileEntry> entry_;
 };
 
-void WorkingFileEntry::submit(std::function<void()> task, ObservableTransactionType kind,
+ReplayChange WorkingFileEntry::change(ObservableTransactionType kind, ChangeAction action) const {
+  return ReplayChange(kind, action, location());
+}
+
+void WorkingFileEntry::submit(std::function<void(const ReplayChange&)> run,
+                              std::function<void()> moot, const ReplayChange& change,
                               double weight) {
+  const auto kind = change.kind;
   const auto executor = settings_.executor ? settings_.executor->load() : nullptr;
   if (!executor) {
     OVERLAY_LOG(log::error) << "No executor for " << kind << " of " << location().toString();
     return;
   }
   auto ticket = std::make_shared<PendingTicket>(shared_from_this());
-  executor->execute([task = std::move(task), ticket] { task(); }, kind, weight);
+  // Both halves hold the ticket: the transaction is pending until whichever runs has run.
+  ReplayTask task{change,
+                  [run = std::move(run), ticket](const ReplayChange& replayed) { run(replayed); },
+                  nullptr, weight};
+  if (moot) task.moot = [moot = std::move(moot), ticket] { moot(); };
+  executor->submit(std::move(task));
 }
 
 // --- the content cache's view ---
@@ -626,14 +652,18 @@ void WorkingFileEntry::releaseRecordLocked() {
 }
 
 void WorkingFileEntry::moveTo(const fsp::StorageIRI& location) {
+  fsp::StorageIRI from;
   {
     std::lock_guard lock(mutex_);
     resource_->move(location);
+    from = location_;
     location_ = location;
   }
   std::lock_guard order(submitMutex_);
-  submit([self = shared_from_this(), location] { self->relocateInner(location); }, FILE_CLOSE,
-         settings_.minQueueItemWeight);
+  submit(
+      [self = shared_from_this(), location](const ReplayChange&) { self->relocateInner(location); },
+      nullptr, ReplayChange(FILE_CLOSE, ChangeAction::Relocate, from).to(location),
+      settings_.minQueueItemWeight);
 }
 
 void WorkingFileEntry::detach() {

@@ -82,6 +82,7 @@
 #include "core/cacheresources/CacheResource.h"
 #include "core/cacheresources/FilesystemCacheResource.h"
 #include "core/execution/ObservableTransactionType.h"
+#include "core/execution/ReplayChange.h"
 #include "core/metadata/FileMetadata.h"
 #include "core/workingfiles/PendingWriteBlock.h"
 #include "core/workingfiles/StreamRegistration.h"
@@ -221,7 +222,13 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // it. Logs (and gives up) what can no longer be read.
   void holdUnsentBytesLocked();
   void submitWrites(const std::vector<std::shared_ptr<PendingWriteBlock>>& blocks);
-  void submit(std::function<void()> task, ObservableTransactionType kind, double weight);
+  // A change of this file at its present location.
+  ReplayChange change(ObservableTransactionType kind, ChangeAction action) const;
+  // Queues `run` (the store's half) with `moot` (the local half, run instead when a later change
+  // absorbs this one; empty: never absorbed). Both hold the file's pending ticket.
+  void submit(std::function<void(const ReplayChange&)> run, std::function<void()> moot,
+              const ReplayChange& change, double weight);
+  void submitClose();
   std::shared_ptr<PendingTicket> newTicket();
   void stampBodyLocked();
   // The record stays frozen from the first writable open until the last closing transaction
@@ -235,20 +242,27 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Executor side (WorkingFileEntryInner.cpp); callers hold innerMutex_.
   fsp::StorageItem innerItemLocked() const;
   void openInnerLocked(const fsp::ByteStreamOpenOptions& options);
-  void ensureInnerStreamLocked(bool forWriting);
+  // `creating`: the stream may have to create the file (its creation was merged into a write).
+  void ensureInnerStreamLocked(bool forWriting, bool creating = false);
   void seekInnerLocked(std::int64_t offset);
   std::int64_t readInnerLocked(char* buffer, std::int64_t count);
-  void writeInner(const std::shared_ptr<PendingWriteBlock>& block);
+  void writeInner(const std::shared_ptr<PendingWriteBlock>& block, bool creating);
+  // A queued block that will never be written (its file was removed before it was): the
+  // body need no longer keep its bytes for it.
+  void forgetUnsent(const std::shared_ptr<PendingWriteBlock>& block);
   // Runs `call` up to kWriteAttempts times while the store answers Unavailable (also through a
   // stream failure), dropping the inner stream after each failure; logs `failure` and returns
   // false when it gives up.
   bool retryingInnerCall(const std::function<void()>& call, const char* failure);
   // The block's bytes, from memory or read from the body into innerBuffer_.
   const char* blockBytesLocked(const std::shared_ptr<PendingWriteBlock>& block);
-  void writeInnerLocked(const std::shared_ptr<PendingWriteBlock>& block);
+  void writeInnerLocked(const std::shared_ptr<PendingWriteBlock>& block, bool creating);
   void closeInnerLocked();
   void runOpen(const fsp::ByteStreamOpenOptions& options, const std::function<void()>& onOpened);
   void runClose();
+  // The close's local half: the bookkeeping after the store's stream has closed (also when the
+  // close was absorbed and the store never saw the file).
+  void finishClose();
   // The store's half of a truncation: the inner stream is closed first (a stream may hold
   // bytes or a position that the truncation would contradict), then truncateToSize.
   void runTruncate(std::int64_t size);

@@ -57,10 +57,11 @@ bool isUnavailable(const std::exception_ptr& failure) {
 
 }  // namespace
 
-void WorkingFileEntry::ensureInnerStreamLocked(bool forWriting) {
+void WorkingFileEntry::ensureInnerStreamLocked(bool forWriting, bool creating) {
   if (innerStream_ && (innerWritable_ || !forWriting)) return;
   if (forWriting) {
-    openInnerLocked(fsp::ByteStreamOpenOptions::readWrite());
+    openInnerLocked(creating ? fsp::ByteStreamOpenOptions::readWriteCreate()
+                             : fsp::ByteStreamOpenOptions::readWrite());
     return;
   }
   innerStream_ = innerItemLocked().openReadOnlyStream();
@@ -106,9 +107,10 @@ const char* WorkingFileEntry::blockBytesLocked(const std::shared_ptr<PendingWrit
   return innerBuffer_.data();
 }
 
-void WorkingFileEntry::writeInnerLocked(const std::shared_ptr<PendingWriteBlock>& block) {
+void WorkingFileEntry::writeInnerLocked(const std::shared_ptr<PendingWriteBlock>& block,
+                                        bool creating) {
   const char* bytes = blockBytesLocked(block);
-  ensureInnerStreamLocked(true);
+  ensureInnerStreamLocked(true, creating);
   seekInnerLocked(block->start());
   std::int64_t done = 0;
   while (done < block->size()) {
@@ -120,10 +122,15 @@ void WorkingFileEntry::writeInnerLocked(const std::shared_ptr<PendingWriteBlock>
   innerWritten_ = true;
 }
 
-void WorkingFileEntry::writeInner(const std::shared_ptr<PendingWriteBlock>& block) {
+void WorkingFileEntry::writeInner(const std::shared_ptr<PendingWriteBlock>& block, bool creating) {
   std::lock_guard inner(innerMutex_);
-  retryingInnerCall([&] { writeInnerLocked(block); },
+  retryingInnerCall([&] { writeInnerLocked(block, creating); },
                     "Unexpected exception during write operation");
+}
+
+void WorkingFileEntry::forgetUnsent(const std::shared_ptr<PendingWriteBlock>& block) {
+  std::lock_guard lock(mutex_);
+  std::erase(unsentBodyBlocks_, block);
 }
 
 bool WorkingFileEntry::retryingInnerCall(const std::function<void()>& call, const char* failure) {
@@ -194,6 +201,10 @@ void WorkingFileEntry::runClose() {
     innerWritten_ = false;
     if (written) updateStoreAfterWrites(record()->getLastModified());
   }
+  finishClose();
+}
+
+void WorkingFileEntry::finishClose() {
   std::lock_guard lock(mutex_);
   --closesQueued_;
   // A stream opened meanwhile keeps the entry open, and a later session's close still queued
@@ -212,6 +223,10 @@ void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& la
     item.setLastModified(lastModified);
   } catch (...) {
     logCaughtException("Exception during attempt to set last modified time");
+  }
+  if (settings_.readAttributesLazily) {
+    record()->markExtendedAttributesUnread();
+    return;
   }
   try {
     record()->setExtendedAttributes(item.getExtendedAttributes());

@@ -34,6 +34,10 @@ struct WorkingFileSettings {
   double minQueueItemWeight = 0.0;
   // "overlay.disableContentCache": no body is kept and every write goes through at once.
   bool contentCacheDisabled = false;
+  // After a close has stamped the store's copy, its extended attributes are read back only
+  // when someone asks for them (the provider's getExtendedAttributes), not at every close:
+  // one store call less a file. Goes with "overlay.absorbChanges".
+  bool readAttributesLazily = false;
   // The inner store keeps a local cache of its own and reports its room
   // (ExtendedFeature::CacheUsage, asked once by the provider). Only then is the store asked,
   // at each write, whether the file still fits there; it answers from memory. Any other store

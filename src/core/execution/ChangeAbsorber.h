@@ -1,0 +1,46 @@
+// ChangeAbsorber: finds the queued changes that an arriving change makes moot, so that the
+// store is never asked to do work that a later change undoes or repeats.
+//
+// The rules, each on changes still queued (none has started) with no barrier between:
+//   - a time stamp or writable flag set again on the same location replaces the one still
+//     queued, when that is the location's latest queued change;
+//   - a file's creation followed by the open that creates it, or by its first write: the open
+//     or the write creates the file itself (the write is marked kCreatesFile), one call less;
+//   - a file removed while its creation is still queued: the creation, everything queued on the
+//     file since, and the removal itself cost the store nothing. Only changes of exactly that
+//     file may lie between (a move of it or of a folder above it stops the rule);
+//   - a folder removed while its creation is still queued: likewise for everything queued at
+//     or below it, provided none of it reaches outside the folder (a move out of it, say).
+//     Only a plain creation counts: a creation of a whole path may have made folders above
+//     it too, which the removal leaves in place.
+// A change whose submitter gave it no local half (ReplayTask::moot) is never absorbed, and a
+// barrier (a change that says nothing of its locations, a flush) stops every rule.
+//
+// Pure: judges a queue it is shown; the WeightedTransactionQueue calls it under its mutex and
+// carries out the verdict. No state, no lock, any thread.
+#pragma once
+
+#include "core/execution/QueuedTransaction.h"
+
+#include <cstddef>
+#include <deque>
+#include <vector>
+
+namespace storage::overlayprovider {
+
+class ChangeAbsorber {
+ public:
+  // How far back from the end of the queue a rule looks.
+  static constexpr std::size_t kLookback = 4096;
+
+  struct Verdict {
+    std::vector<std::size_t> withdrawn;  // positions in the queue, ascending
+    bool arrivalMoot = false;            // the arriving change need not reach the store
+    int addFlags = 0;                    // flags the arriving change takes on
+  };
+
+  static Verdict judge(const std::deque<QueuedTransaction>& queue,
+                       const QueuedTransaction& arriving);
+};
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,101 @@
+// ReplayChange: what one queued transaction does to the inner store, as data rather than as a
+// closure: its action, the location(s) it touches, the byte range or size it carries, and the
+// time or flag it sets.
+//
+// The write-behind executor uses it to decide which transactions may replay at the same time
+// (scopeKeys: two changes are ordered when one's location equals or contains the other's) and
+// which queued changes a later one makes moot. It carries everything a replay needs except the
+// bytes, which stay in the file's cached body, so that a record of it can be written down and
+// replayed by a process that did not make it.
+//
+// A plain value: built by the submitting thread, copied into the queue, read by the workers.
+#pragma once
+
+#include "core/execution/ObservableTransactionType.h"
+
+#include <foundation/storage/provider/StorageIRI.h>
+
+#include <boost/date_time/posix_time/ptime.hpp>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace storage::overlayprovider {
+
+// The numeric values may be written down: never renumber.
+enum class ChangeAction : std::uint8_t {
+  CreateFile = 0,
+  CreateFolder = 1,
+  CreateFolderTree = 2,  // the folder and every missing folder above it
+  RemoveFile = 3,
+  RemoveFolder = 4,
+  RemoveFolderTree = 5,  // the folder and everything below it
+  MoveFile = 6,
+  MoveFolder = 7,
+  CopyFile = 8,
+  SetLastModified = 9,
+  SetWritable = 10,
+  OpenFile = 11,    // a stream open that creates or empties the file (flags: the open options)
+  WriteRange = 12,  // bytes [offset, offset + length) of the file's cached body
+  Truncate = 13,    // the file's size becomes `length`
+  CloseFile = 14,   // the file's stream closes; its time is stamped when it was written
+  Relocate = 15,    // the file's stream follows a move to `destination`
+  Invalidate = 16,  // the store changed `location` (an event); the caches forget it
+};
+
+std::string_view actionName(ChangeAction action);
+
+struct ReplayChange {
+  ReplayChange(ObservableTransactionType kind, ChangeAction action,
+               foundation::storage::provider::StorageIRI location)
+      : kind(kind), action(action), location(std::move(location)) {}
+
+  ReplayChange& to(foundation::storage::provider::StorageIRI where) {
+    destination = std::move(where);
+    return *this;
+  }
+  ReplayChange& at(boost::posix_time::ptime when) {
+    time = when;
+    return *this;
+  }
+  template <class Flags>
+  ReplayChange& withFlags(Flags value) {
+    flags = static_cast<int>(value);
+    return *this;
+  }
+  ReplayChange& range(std::int64_t from, std::int64_t count) {
+    offset = from;
+    length = count;
+    return *this;
+  }
+
+  // The locations whose order this change must keep: its location and its destination, as
+  // lower-cased paths (so that two spellings of one name on a case-insensitive store are
+  // ordered too; on a case-sensitive store that orders a few unrelated changes, which costs
+  // only parallelism). The root is the empty key, which contains every other.
+  std::vector<std::u16string> scopeKeys() const;
+
+  ObservableTransactionType kind;
+  ChangeAction action;
+  foundation::storage::provider::StorageIRI location;
+  std::optional<foundation::storage::provider::StorageIRI> destination;
+  std::int64_t offset = 0;
+  std::int64_t length = 0;
+  std::optional<boost::posix_time::ptime> time;
+  // The action's switch: the replacement policy of a move or copy, the writable flag, the
+  // open options (kOpenCreates, kOpenTruncates); on a write, kCreatesFile.
+  int flags = 0;
+
+  static constexpr int kOpenCreates = 1;    // an open that creates the file (it is new)
+  static constexpr int kOpenTruncates = 2;  // an open that empties the file
+  // A write that took over the queued creation of its file: its stream must create the file.
+  static constexpr int kCreatesFile = 4;
+};
+
+// True when `key` (as scopeKeys gives it) is `other`, contains it or lies in it.
+bool scopesOverlap(std::u16string_view key, std::u16string_view other);
+
+}  // namespace storage::overlayprovider

@@ -1,0 +1,69 @@
+#include "core/execution/ReplayOrder.h"
+
+#include <algorithm>
+
+namespace storage::overlayprovider {
+
+namespace {
+
+// True when a key of `keys` is `key`, lies above it or below it. Keys are paths without a
+// trailing slash; the root is the empty key.
+template <class Keys>
+bool overlapsAny(const std::u16string& key, const Keys& keys) {
+  if (keys.empty()) return false;
+  if (key.empty() || keys.count(std::u16string()) > 0 || keys.count(key) > 0) return true;
+  for (auto slash = key.find(u'/', 1); slash != std::u16string::npos;
+       slash = key.find(u'/', slash + 1)) {
+    if (keys.count(key.substr(0, slash)) > 0) return true;
+  }
+  const auto below = key + u'/';
+  const auto next = keys.lower_bound(below);
+  return next != keys.end() && next->compare(0, below.size(), below) == 0;
+}
+
+template <class Keys>
+bool overlapsAny(const std::vector<std::u16string>& scope, const Keys& keys) {
+  for (const auto& key : scope) {
+    if (overlapsAny(key, keys)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+std::optional<std::size_t> ReplayOrder::pickRunnable(
+    const std::deque<QueuedTransaction>& queue) const {
+  if (runningBarriers_ > 0) return std::nullopt;
+  std::set<std::u16string> waitingBefore;
+  const auto limit = std::min(queue.size(), kLookahead);
+  for (std::size_t index = 0; index < limit; ++index) {
+    const auto& entry = queue[index];
+    if (entry.scope.empty()) {
+      if (index == 0 && running_ == 0) return index;
+      return std::nullopt;  // nothing passes a barrier
+    }
+    if (!overlapsAny(entry.scope, runningKeys_) && !overlapsAny(entry.scope, waitingBefore)) {
+      return index;
+    }
+    waitingBefore.insert(entry.scope.begin(), entry.scope.end());
+  }
+  return std::nullopt;
+}
+
+void ReplayOrder::started(const QueuedTransaction& entry) {
+  ++running_;
+  if (entry.scope.empty()) ++runningBarriers_;
+  runningKeys_.insert(entry.scope.begin(), entry.scope.end());
+}
+
+void ReplayOrder::finished(const QueuedTransaction& entry) {
+  --running_;
+  if (entry.scope.empty()) --runningBarriers_;
+  for (const auto& key : entry.scope) {
+    if (const auto found = runningKeys_.find(key); found != runningKeys_.end()) {
+      runningKeys_.erase(found);
+    }
+  }
+}
+
+}  // namespace storage::overlayprovider

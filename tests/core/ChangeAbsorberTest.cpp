@@ -1,0 +1,117 @@
+// ChangeAbsorber: which queued changes an arriving one makes moot.
+#include "core/execution/ChangeAbsorber.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using namespace storage::overlayprovider;
+using foundation::storage::provider::StorageIRI;
+
+namespace {
+
+// "create /a", "write /a", "move /a>/b", ...; "|" is a barrier; "fixed /a" a change queued
+// with no local half (never absorbed).
+QueuedTransaction entryFor(const std::string& text) {
+  if (text == "|") return QueuedTransaction([] {}, false, 0.0, FILE_WRITE);
+  static const std::map<std::string, ChangeAction> kActions = {
+      {"create", ChangeAction::CreateFile},       {"open+", ChangeAction::OpenFile},
+      {"write", ChangeAction::WriteRange},        {"close", ChangeAction::CloseFile},
+      {"remove", ChangeAction::RemoveFile},       {"mkdir", ChangeAction::CreateFolder},
+      {"mkdirs", ChangeAction::CreateFolderTree}, {"rmtree", ChangeAction::RemoveFolderTree},
+      {"move", ChangeAction::MoveFile},           {"stamp", ChangeAction::SetLastModified},
+      {"chmod", ChangeAction::SetWritable},       {"fixed", ChangeAction::CloseFile}};
+  std::istringstream in(text);
+  std::string word, path;
+  in >> word >> path;
+  const auto arrow = path.find('>');
+  const auto at = [](const std::string& p) {
+    return StorageIRI(u"overlay", std::u16string(p.begin(), p.end()));
+  };
+  ReplayChange change(FILE_WRITE, kActions.at(word), at(path.substr(0, arrow)));
+  if (arrow != std::string::npos) change.to(at(path.substr(arrow + 1)));
+  if (word == "open+") change.withFlags(ReplayChange::kOpenCreates);
+  ReplayTask task{change, [](const ReplayChange&) {}, nullptr, 0.0};
+  if (word != "fixed") task.moot = [] {};
+  return QueuedTransaction(std::move(task));
+}
+
+struct AbsorbCase {
+  const char* name;
+  std::vector<std::string> queued;
+  std::string arriving;
+  std::vector<std::size_t> withdrawn;
+  bool arrivalMoot;
+  int addFlags;
+};
+void PrintTo(const AbsorbCase& c, std::ostream* out) { *out << c.name; }
+
+struct ChangeAbsorberTest : ::testing::TestWithParam<AbsorbCase> {};
+
+TEST_P(ChangeAbsorberTest, WithdrawsExactlyWhatTheArrivalMakesMoot) {
+  const auto& c = GetParam();
+  std::deque<QueuedTransaction> queue;
+  for (const auto& text : c.queued) queue.push_back(entryFor(text));
+  const auto verdict = ChangeAbsorber::judge(queue, entryFor(c.arriving));
+  EXPECT_EQ(verdict.withdrawn, c.withdrawn);
+  EXPECT_EQ(verdict.arrivalMoot, c.arrivalMoot);
+  EXPECT_EQ(verdict.addFlags, c.addFlags);
+}
+
+constexpr int kCreates = ReplayChange::kCreatesFile;
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ChangeAbsorberTest,
+    ::testing::Values(
+        AbsorbCase{"CreatedWrittenRemoved",
+                   {"create /a", "write /a", "close /a", "write /b"},
+                   "remove /a",
+                   {0, 1, 2},
+                   true,
+                   0},
+        AbsorbCase{
+            "OpenedNewWrittenRemoved", {"open+ /a", "write /a"}, "remove /a", {0, 1}, true, 0},
+        AbsorbCase{"AnEarlierRemovalStays",
+                   {"remove /a", "create /a", "close /a"},
+                   "remove /a",
+                   {1, 2},
+                   true,
+                   0},
+        AbsorbCase{
+            "NotCreatedHereGoesToTheStore", {"write /a", "close /a"}, "remove /a", {}, false, 0},
+        AbsorbCase{"AMoveInBetweenStops", {"create /b", "move /b>/a"}, "remove /a", {}, false, 0},
+        AbsorbCase{"ABarrierStops", {"create /a", "|"}, "remove /a", {}, false, 0},
+        AbsorbCase{
+            "AChangeWithNoLocalHalfStops", {"create /a", "fixed /a"}, "remove /a", {}, false, 0},
+        AbsorbCase{"FolderTreeCreatedAndRemoved",
+                   {"mkdir /d", "create /d/f", "write /d/f", "mkdir /e"},
+                   "rmtree /d",
+                   {0, 1, 2},
+                   true,
+                   0},
+        AbsorbCase{"AFolderMadeWithItsParentsStays",
+                   {"mkdirs /d", "create /d/f"},
+                   "rmtree /d",
+                   {},
+                   false,
+                   0},
+        AbsorbCase{"AMoveOutOfTheFolderStops",
+                   {"mkdir /d", "create /d/f", "move /d/f>/x"},
+                   "rmtree /d",
+                   {},
+                   false,
+                   0},
+        AbsorbCase{"StampAgain", {"stamp /a", "write /b"}, "stamp /a", {0}, false, 0},
+        AbsorbCase{"StampAfterAWriteStays", {"stamp /a", "write /a"}, "stamp /a", {}, false, 0},
+        AbsorbCase{"AnotherAttributeStays", {"chmod /a"}, "stamp /a", {}, false, 0},
+        AbsorbCase{
+            "CreationMergedIntoTheFirstWrite", {"create /a"}, "write /a", {0}, false, kCreates},
+        AbsorbCase{"CreationMergedIntoTheCreatingOpen", {"create /a"}, "open+ /a", {0}, false, 0},
+        AbsorbCase{
+            "ASecondWriteMergesNothing", {"create /a", "write /a"}, "write /a", {}, false, 0}),
+    ::testing::PrintToStringParamName());
+
+}  // namespace
