@@ -123,6 +123,11 @@ struct Store {
   std::shared_ptr<InstrumentedProvider> remote;
 };
 
+std::string environmentOr(const char* name, const char* fallback) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : fallback;
+}
+
 // An overlay made by the factory over the store, initialised and its root listed before it is
 // handed out, so that what is timed is the changes.
 class Overlay {
@@ -135,6 +140,10 @@ class Overlay {
     if (configurable == nullptr) throw std::runtime_error("the overlay cannot be configured");
     boost::property_tree::ptree config;
     config.put("overlay.cacheRoot", cacheRoot_.path());
+    // The library's defaults unless asked: OVERLAY_BENCH_WORKERS=8 OVERLAY_BENCH_ABSORB=true
+    // measure the replay as the mount configures it.
+    config.put("overlay.replayWorkers", environmentOr("OVERLAY_BENCH_WORKERS", "1"));
+    config.put("overlay.absorbChanges", environmentOr("OVERLAY_BENCH_ABSORB", "false"));
     configurable->configure(config);
     root().getFolderAttributes();
   }

@@ -111,7 +111,8 @@ INSTANTIATE_TEST_SUITE_P(
             "CreationMergedIntoTheFirstWrite", {"create /a"}, "write /a", {0}, false, kCreates},
         AbsorbCase{"CreationMergedIntoTheCreatingOpen", {"create /a"}, "open+ /a", {0}, false, 0},
         AbsorbCase{
-            "ASecondWriteMergesNothing", {"create /a", "write /a"}, "write /a", {}, false, 0}),
+            "ASecondWriteMergesNothing", {"create /a", "write /a"}, "write /a", {}, false, 0},
+        AbsorbCase{"AnotherSpellingIsAnotherFile", {"create /a"}, "remove /A", {}, false, 0}),
     ::testing::PrintToStringParamName());
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The provider contract checked against the overlay over each inner store, with the
-// background executor (write-behind) and with the synchronous one.
+// background executor (write-behind) and with the synchronous one, and with the replay as the
+// mount configures it (8 workers, moot changes absorbed).
 #include "InnerStoresUnderTest.h"
 #include "core/provider/OverlayProviderFactory.h"
 
@@ -13,10 +14,12 @@ namespace {
 
 using storage::overlayprovider::OverlayProviderFactory;
 
+enum class Replay { WriteBehind, Synchronous, ParallelAbsorbing };
+
 class OverlayUnderTest final : public ProviderUnderTest {
  public:
-  OverlayUnderTest(std::string name, std::unique_ptr<ProviderUnderTest> inner, bool synchronous)
-      : name_(std::move(name)), inner_(std::move(inner)), synchronous_(synchronous) {}
+  OverlayUnderTest(std::string name, std::unique_ptr<ProviderUnderTest> inner, Replay replay)
+      : name_(std::move(name)), inner_(std::move(inner)), replay_(replay) {}
 
   fsp::StorageItem root() override {
     if (!overlay_) {
@@ -24,11 +27,13 @@ class OverlayUnderTest final : public ProviderUnderTest {
       OverlayProviderFactory factory;
       overlay_ = factory.createProvider(innerRoot);
       rootLocation_ = factory.getRootLocation(innerRoot);
-      if (synchronous_) {
-        boost::property_tree::ptree config;
-        config.put("overlay.synchronous", "true");
-        fsp::StorageItem(overlay_, *rootLocation_).configure(config);
+      boost::property_tree::ptree config;
+      if (replay_ == Replay::Synchronous) config.put("overlay.synchronous", "true");
+      if (replay_ == Replay::ParallelAbsorbing) {
+        config.put("overlay.replayWorkers", "8");
+        config.put("overlay.absorbChanges", "true");
       }
+      fsp::StorageItem(overlay_, *rootLocation_).configure(config);
     }
     return fsp::StorageItem(overlay_, *rootLocation_);
   }
@@ -53,7 +58,7 @@ class OverlayUnderTest final : public ProviderUnderTest {
  private:
   std::string name_;
   std::unique_ptr<ProviderUnderTest> inner_;
-  bool synchronous_;
+  Replay replay_;
   std::shared_ptr<fsp::IProvider> overlay_;
   std::optional<fsp::StorageIRI> rootLocation_;
 };
@@ -66,11 +71,15 @@ std::vector<ContractParam> overlayParams() {
        [] { return makeMemUnderTest("memCaseInsensitive", caseInsensitive()); }},
       {"File", [] { return makeFileUnderTest(); }}};
   std::vector<ContractParam> params;
+  const std::pair<std::string, Replay> replays[] = {
+      {"WriteBehind", Replay::WriteBehind},
+      {"Synchronous", Replay::Synchronous},
+      {"ParallelAbsorbing", Replay::ParallelAbsorbing}};
   for (const auto& [innerName, inner] : inners) {
-    for (const bool synchronous : {false, true}) {
-      const auto name = "over" + innerName + (synchronous ? "Synchronous" : "WriteBehind");
-      params.push_back({name, [=, inner = inner] {
-                          return std::make_unique<OverlayUnderTest>(name, inner(), synchronous);
+    for (const auto& [replayName, replay] : replays) {
+      const auto name = "over" + innerName + replayName;
+      params.push_back({name, [=, inner = inner, replay = replay] {
+                          return std::make_unique<OverlayUnderTest>(name, inner(), replay);
                         }});
     }
   }

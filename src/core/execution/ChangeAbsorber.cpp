@@ -19,15 +19,21 @@ bool absorbable(const QueuedTransaction& entry) {
   return entry.change.has_value() && static_cast<bool>(entry.moot) && !entry.internal;
 }
 
-bool exactlyAt(const QueuedTransaction& entry, const std::u16string& key) {
-  return absorbable(entry) && entry.scope.size() == 1 && entry.scope.front() == key;
+// The keys are folded to lower case, so that the order holds across spellings; absorbing
+// needs the very same name, since on a case-sensitive store /A and /a are two files.
+bool exactlyAt(const QueuedTransaction& entry, const std::u16string& path) {
+  return absorbable(entry) && !entry.change->destination &&
+         entry.change->location.getPath() == path;
+}
+
+bool inside(const std::u16string& path, const std::u16string& folder) {
+  return path.size() >= folder.size() && scopesOverlap(path, folder) &&
+         path.compare(0, folder.size(), folder) == 0;
 }
 
 bool within(const QueuedTransaction& entry, const std::u16string& folder) {
-  return absorbable(entry) &&
-         std::all_of(entry.scope.begin(), entry.scope.end(), [&](const std::u16string& key) {
-           return key.size() >= folder.size() && scopesOverlap(key, folder);
-         });
+  return absorbable(entry) && inside(entry.change->location.getPath(), folder) &&
+         (!entry.change->destination || inside(entry.change->destination->getPath(), folder));
 }
 
 bool createsFile(const ReplayChange& change) {
@@ -74,7 +80,7 @@ std::vector<std::size_t> backToStart(const std::deque<QueuedTransaction>& queue,
 Verdict sameAttributeAgain(const std::deque<QueuedTransaction>& queue, const ReplayChange& change,
                            const std::u16string& key) {
   const auto latest = latestOverlapping(queue, key);
-  if (!latest || !exactlyAt(queue[*latest], key)) return {};
+  if (!latest || !exactlyAt(queue[*latest], change.location.getPath())) return {};
   if (queue[*latest].change->action != change.action) return {};
   return {{*latest}, false, 0};
 }
@@ -82,7 +88,7 @@ Verdict sameAttributeAgain(const std::deque<QueuedTransaction>& queue, const Rep
 Verdict creationMergedInto(const std::deque<QueuedTransaction>& queue, const ReplayChange& change,
                            const std::u16string& key) {
   const auto latest = latestOverlapping(queue, key);
-  if (!latest || !exactlyAt(queue[*latest], key)) return {};
+  if (!latest || !exactlyAt(queue[*latest], change.location.getPath())) return {};
   if (queue[*latest].change->action != ChangeAction::CreateFile) return {};
   const int flags = change.action == ChangeAction::WriteRange ? ReplayChange::kCreatesFile : 0;
   return {{*latest}, false, flags};
@@ -95,6 +101,7 @@ Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
   if (!arriving.change || arriving.scope.size() != 1 || !arriving.moot) return {};
   const auto& change = *arriving.change;
   const auto& key = arriving.scope.front();
+  const auto& path = change.location.getPath();
   switch (change.action) {
     case ChangeAction::SetLastModified:
     case ChangeAction::SetWritable:
@@ -106,16 +113,16 @@ Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
       return creationMergedInto(queue, change, key);
     case ChangeAction::RemoveFile: {
       auto found = backToStart(
-          queue, key, [&](const QueuedTransaction& e) { return exactlyAt(e, key); }, createsFile);
+          queue, key, [&](const QueuedTransaction& e) { return exactlyAt(e, path); }, createsFile);
       const bool moot = !found.empty();
       return {std::move(found), moot, 0};
     }
     case ChangeAction::RemoveFolder:
     case ChangeAction::RemoveFolderTree: {
       auto found = backToStart(
-          queue, key, [&](const QueuedTransaction& e) { return within(e, key); },
+          queue, key, [&](const QueuedTransaction& e) { return within(e, path); },
           [&](const ReplayChange& c) {
-            return c.action == ChangeAction::CreateFolder && c.scopeKeys().front() == key;
+            return c.action == ChangeAction::CreateFolder && c.location.getPath() == path;
           });
       const bool moot = !found.empty();
       return {std::move(found), moot, 0};
