@@ -37,13 +37,16 @@ bool isFuseHiddenName(const StorageIRI& location) {
 
 void OverlayProvider::replay(const std::string& name, ObservableTransactionType kind,
                              std::function<void(const StorageItem& innerRoot)> innerCall,
-                             std::function<void(MetadataCache&)> confirm) const {
+                             std::function<void(MetadataCache&)> confirm,
+                             ReplayedChanges echoes) const {
   if (shutDown_->load()) return;
   const auto executor = executor_->load();
   if (!executor) return;
   auto task = [name, inner = inner_, cache = metadataCache_, stopped = shutDown_,
-               innerCall = std::move(innerCall), confirm = std::move(confirm)] {
+               innerCall = std::move(innerCall), confirm = std::move(confirm), noted = echoes_,
+               echoes = std::move(echoes)] {
     if (stopped->load()) return;
+    for (const auto& [location, change] : echoes) noted->note(location, change);
     runWithRetry([&] { innerCall(*inner); }, name);
     try {
       confirm(*cache);
@@ -96,7 +99,8 @@ void OverlayProvider::doCreateFile(const StorageIRI& iri) const {
   replay(
       "createFile", ObservableTransactionType::FILE_CREATION,
       [location](const StorageItem& inner) { innerItemFor(inner, location).createFile(); },
-      [location](MetadataCache& cache) { cache.confirmFile(location); });
+      [location](MetadataCache& cache) { cache.confirmFile(location); },
+      {{location, ReplayedChange::Created}, {location, ReplayedChange::Written}});
 }
 
 void OverlayProvider::doCreateFolder(const StorageIRI& iri) const {
@@ -113,7 +117,8 @@ void OverlayProvider::doCreateFolder(const StorageIRI& iri) const {
   replay(
       "createFolder", ObservableTransactionType::FOLDER_CREATION,
       [location](const StorageItem& inner) { innerItemFor(inner, location).createFolder(); },
-      [location](MetadataCache& cache) { cache.confirmFolder(location, false); });
+      [location](MetadataCache& cache) { cache.confirmFolder(location, false); },
+      {{location, ReplayedChange::Created}});
 }
 
 void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
@@ -141,6 +146,8 @@ void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
   if (metadataCache_->getFileMetadata(missing.front())) {
     throw Exception(ErrorCode::AlreadyExists, publicLocation(missing.front()), "a file is there");
   }
+  ReplayedChanges made;
+  for (const auto& folder : missing) made.emplace_back(folder, ReplayedChange::Created);
   for (const auto& folder : missing) metadataCache_->createFolderMetadata(folder);
   replay(
       "createFolderRecursive", ObservableTransactionType::FOLDER_CREATION_RECURSIVE,
@@ -149,7 +156,8 @@ void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
       },
       [missing](MetadataCache& cache) {
         for (const auto& folder : missing) cache.confirmFolder(folder, false);
-      });
+      },
+      std::move(made));
 }
 
 void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
@@ -173,7 +181,8 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   replay(
       "removeFile", ObservableTransactionType::FILE_REMOVAL,
       [stored](const StorageItem& inner) { innerItemFor(inner, stored).removeFile(); },
-      [stored](MetadataCache& cache) { cache.confirmRemoval(stored); });
+      [stored](MetadataCache& cache) { cache.confirmRemoval(stored); },
+      {{stored, ReplayedChange::Removed}});
 }
 
 void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
@@ -218,7 +227,8 @@ void OverlayProvider::removeFolderBehind(const StorageIRI& folder, const std::st
       [folder, removal = std::move(removal)](const StorageItem& inner) {
         removal(innerItemFor(inner, folder));
       },
-      [folder](MetadataCache& cache) { cache.confirmRemoval(folder); });
+      [folder](MetadataCache& cache) { cache.confirmRemoval(folder); },
+      {{folder, ReplayedChange::Removed}});
 }
 
 StorageIRI OverlayProvider::requireFolder(const StorageIRI& location) const {
@@ -273,7 +283,8 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
         cache.confirmFile(destination);
         // A new spelling of the same file went nowhere: its name must not be forgotten.
         if (!respelled) cache.confirmRemoval(stored);
-      });
+      },
+      {{stored, ReplayedChange::MovedFrom}, {destination, ReplayedChange::MovedTo}});
 }
 
 std::shared_ptr<FileMetadata> OverlayProvider::checkFileDestination(
@@ -334,7 +345,8 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
       [stored, destination, respelled](MetadataCache& cache) {
         cache.confirmFolder(destination, true);
         if (!respelled) cache.confirmRemoval(stored);
-      });
+      },
+      {{stored, ReplayedChange::MovedFrom}, {destination, ReplayedChange::MovedTo}});
 }
 
 void OverlayProvider::checkFolderDestination(const StorageIRI& destination,
@@ -421,7 +433,8 @@ void OverlayProvider::setAttribute(const StorageIRI& iri, const std::string& nam
       [location, innerCall = std::move(innerCall)](const StorageItem& inner) {
         innerCall(innerItemFor(inner, location));
       },
-      [location, isFile](MetadataCache& cache) { cache.confirmAttributes(location, isFile); });
+      [location, isFile](MetadataCache& cache) { cache.confirmAttributes(location, isFile); },
+      {{location, ReplayedChange::AttributesSet}});
 }
 
 bool OverlayProvider::updateRecord(const StorageIRI& location,

@@ -144,6 +144,8 @@ bool WorkingFileEntry::retryingInnerCall(const std::function<void()>& call, cons
 }
 
 void WorkingFileEntry::closeInnerLocked() {
+  if (innerStream_ && innerWritable_ && settings_.noteReplayedChange)
+    settings_.noteReplayedChange(innerLocation_, ReplayedChange::Written);
   auto stream = std::move(innerStream_);
   innerStream_.reset();
   innerWritable_ = false;
@@ -155,6 +157,8 @@ void WorkingFileEntry::runOpen(const fsp::ByteStreamOpenOptions& options,
                                const std::function<void()>& onOpened) {
   {
     std::lock_guard inner(innerMutex_);
+    if (options.create && settings_.noteReplayedChange)
+      settings_.noteReplayedChange(innerLocation_, ReplayedChange::Created);
     // A created or emptied file gets its time stamped at close even if nothing is written.
     if (retryingInnerCall([&] { openInnerLocked(options); },
                           "Unexpected exception during open operation")) {
@@ -174,6 +178,8 @@ void WorkingFileEntry::runTruncate(std::int64_t size) {
       [&] {
         closeInnerLocked();
         const auto item = innerItemLocked();
+        if (settings_.noteReplayedChange)
+          settings_.noteReplayedChange(innerLocation_, ReplayedChange::Written);
         item.getProvider()->truncateToSize(item.getLocation(), static_cast<std::uint64_t>(size));
       },
       "Unexpected exception during truncate operation");
@@ -208,6 +214,8 @@ void WorkingFileEntry::runClose() {
 
 void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& lastModified) {
   const auto item = innerItemLocked();
+  if (settings_.noteReplayedChange)
+    settings_.noteReplayedChange(innerLocation_, ReplayedChange::AttributesSet);
   try {
     item.setLastModified(lastModified);
   } catch (...) {
