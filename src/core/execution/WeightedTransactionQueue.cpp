@@ -105,6 +105,7 @@ void WeightedTransactionQueue::appendLocked(QueuedTransaction entry) {
   if (captureMetrics_) {
     countPushed(entry.type);
   }
+  if (!entry.internal) waitingWeight_ += entry.weight;
   entries_.push_back(std::move(entry));
   ++appended_;
   periodEntries_ += 1;
@@ -128,6 +129,7 @@ QueuedTransaction WeightedTransactionQueue::take() {
   ++resolved_;
   // With nothing queued nothing weighs: no rounding residue may hold a submitter back.
   currentWeight_ = entries_.empty() ? 0.0 : currentWeight_ - entry.accountedWeight;
+  waitingWeight_ = entries_.empty() ? 0.0 : waitingWeight_ - (entry.internal ? 0.0 : entry.weight);
   if (!entry.internal) {
     accountTaken(entry);
   }
@@ -234,6 +236,7 @@ std::deque<QueuedTransaction> WeightedTransactionQueue::discardLocked() {
   discarded.swap(entries_);
   resolved_ = appended_;
   currentWeight_ = 0.0;
+  waitingWeight_ = 0.0;
   return discarded;
 }
 
@@ -248,6 +251,7 @@ std::string WeightedTransactionQueue::writeSnapshotLocked() {
   boost::property_tree::ptree tree;
   tree.put("overlay.queueStats.size", entries_.size());
   tree.put("overlay.queueStats.weight", currentWeight_);
+  tree.put("overlay.queueStats.waitingWeight", waitingWeight_);
   // 0/0 before anything was taken in this period: NaN says "no sample" better than 0 would.
   tree.put("overlay.queueStats.avQTime_ms",
            static_cast<double>(periodQueueTime_) / static_cast<double>(periodEntries_));
