@@ -474,9 +474,11 @@ std::uint64_t bytesIn(const bfs::path& directory) {
 
 std::shared_ptr<storage::overlayprovider::OverlayProvider> overlayOver(const SoakStore& store,
                                                                        std::uint64_t cacheBytes,
-                                                                       const char* quietMs) {
+                                                                       const char* quietMs,
+                                                                       bool suppressEchoes) {
   ::setenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", quietMs, 1);
   auto overlay = std::make_shared<storage::overlayprovider::OverlayProvider>(store.innerRoot());
+  overlay->replayEchoes()->setEnabled(suppressEchoes);
   overlay->contentCache().setArbitratorFactory([cacheBytes](const bfs::path& directory) {
     return std::make_unique<storage::overlayprovider::LocalFSCacheSpaceArbitrator>(
         directory, [cacheBytes](const bfs::path& at) {
@@ -493,6 +495,7 @@ struct Plan {
   std::vector<std::string> operations;  // to fail now and then
   std::uint64_t cacheBytes;             // OVERLAY_SOAK_CACHE_BYTES overrides
   const char* quietMs;                  // OVERLAY_SOAK_QUIET_MS overrides
+  bool suppressEchoes = false;          // the store's echoes of the replay dropped
 };
 void PrintTo(const Plan& plan, std::ostream* out) { *out << plan.name; }
 
@@ -524,7 +527,8 @@ Run soak(const Plan& plan, std::uint64_t seed, int perThread, bool tracing) {
   const Side overlay{
       overlayOver(store, fromEnvironment("OVERLAY_SOAK_CACHE_BYTES", plan.cacheBytes),
                   std::getenv("OVERLAY_SOAK_QUIET_MS") ? std::getenv("OVERLAY_SOAK_QUIET_MS")
-                                                       : plan.quietMs),
+                                                       : plan.quietMs,
+                  plan.suppressEchoes),
       storage::overlayprovider::OverlayProviderFactory().getRootLocation(store.innerRoot())};
   const Side reference{std::make_shared<fsp::mem::MemProvider>(),
                        fsp::mem::MemProvider::rootLocation()};
@@ -614,11 +618,13 @@ const std::vector<std::string> kReplayedCalls = {
 // (a file's existence answered wrongly); that combination stays out of the plans until fixed.
 INSTANTIATE_TEST_SUITE_P(
     Stores, OverlaySoak,
-    testing::Values(Plan{"MemEvicting", false, {}, kSmallCache, kShortQuiet},
-                    Plan{"MemWithFaults", false, kReplayedCalls, kSmallCache, kLongQuiet},
-                    Plan{"LocalDirectoryEvicting", true, {}, kSmallCache, kShortQuiet},
-                    Plan{"LocalDirectoryWithFaults", true, kReplayedCalls, kSmallCache,
-                         kLongQuiet}),
+    testing::Values(
+        Plan{"MemEvicting", false, {}, kSmallCache, kShortQuiet},
+        Plan{"MemWithFaults", false, kReplayedCalls, kSmallCache, kLongQuiet},
+        Plan{"LocalDirectoryEvicting", true, {}, kSmallCache, kShortQuiet},
+        Plan{"LocalDirectoryWithFaults", true, kReplayedCalls, kSmallCache, kLongQuiet},
+        Plan{"MemSuppressingEchoes", false, {}, kSmallCache, kShortQuiet, true},
+        Plan{"LocalDirectorySuppressingEchoes", true, {}, kSmallCache, kShortQuiet, true}),
     [](const testing::TestParamInfo<Plan>& info) { return info.param.name; });
 
 }  // namespace
