@@ -61,8 +61,9 @@ void QueueReporter::report() {
   if (lineOpen_) out_ << "\n";
   lineOpen_ = false;
   lineLength_ = 0;
-  out_ << "cachemount: queue " << stores_.queueStatistics() << " store calls "
-       << stores_.storeCalls() << " listings " << stores_.storeCalls("listAll") << "\n";
+  // The count of store calls stays last: scripts read it from the end of the line.
+  out_ << "cachemount: queue " << stores_.queueStatistics() << " listings "
+       << stores_.storeCalls("listAll") << " store calls " << stores_.storeCalls() << "\n";
   if (const auto line = progress_.line(); !line.empty()) out_ << "cachemount: " << line << "\n";
   out_.flush();
 }

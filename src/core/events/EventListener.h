@@ -41,7 +41,7 @@
 // never held while a handler runs or a job is queued. Each handler runs under a shared hold of
 // activeMutex_, which stop() takes exclusively, so stop() returns only after every running
 // handler has finished. Order: activeMutex_, then stateMutex_; the executor's and the caches'
-// locks come after both.
+// locks come after both. The echo table's own lock is taken alone, under activeMutex_ only.
 #pragma once
 
 #include "core/events/ReplayEchoes.h"
