@@ -83,8 +83,8 @@ bool ReplayEchoes::consume(const StorageIRI& location, events::Kind kind) {
       }
     }
   }
-  OVERLAY_LOG(foundation::log::debug) << "not an echo: " << static_cast<int>(kind) << " "
-                                      << location.toString();
+  OVERLAY_LOG(foundation::log::debug)
+      << "not an echo: " << static_cast<int>(kind) << " " << location.toString();
   return false;
 }
 
