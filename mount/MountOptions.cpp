@@ -68,6 +68,9 @@ po::options_description describeOptions() {
       "stats-interval", po::value<unsigned>()->default_value(0),
       "print queue statistics every N seconds (0: only on SIGUSR1)")(
       "max-threads", po::value<unsigned>()->default_value(10), "most FUSE worker threads")(
+      "act-on-echoes",
+      "act on the store's reports of the overlay's own changes, as the overlay does unless "
+      "told otherwise (they are ignored by default; for comparison)")(
       "bundle", po::value<std::string>()->default_value(CACHEMOUNT_BUNDLE_PATH),
       "the overlay bundle library to load");
   po::options_description overlay("Overlay configuration (the host's \"overlay.\" keys)");
@@ -99,6 +102,9 @@ boost::property_tree::ptree overlayConfigFrom(const po::variables_map& vm) {
   // Work that later changes undo (a file created and removed before its replay) never
   // reaches the store; the library's default replays every change.
   config.put("overlay.absorbChanges", "true");
+  // The mount's own folder store reports every change the replay makes; acting on those
+  // reports relists folders the overlay already knows, while programs wait.
+  config.put("overlay.suppressEchoes", vm.count("act-on-echoes") != 0 ? "false" : "true");
   for (const auto& key : kOverlayKeys) {
     if (vm.count(key.option) == 0) continue;
     if (key.kind == KeyKind::Flag) {

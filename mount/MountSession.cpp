@@ -8,10 +8,12 @@
 
 #include <fuse.h>
 #include <signal.h>
+#include <unistd.h>
 #include <filesystem>
 
 #include <chrono>
 #include <iomanip>
+#include <iostream>
 #include <memory>
 
 namespace storage::mount {
@@ -59,17 +61,21 @@ bool endedCleanly(int loopStatus) {
 }
 
 // Writes every queued change to the store and says how long that took.
-bool flushAndReport(StoreStack& stores, std::ostream& out) {
+// The reporter shows the drain's progress meanwhile, and is stopped before the last line.
+bool flushAndReport(StoreStack& stores, std::ostream& out, QueueReporter& reporter) {
   out << "cachemount: unmounted; writing queued changes to the store: queue "
       << stores.queueStatistics() << std::endl;
   const auto started = std::chrono::steady_clock::now();
+  reporter.beginDrain();
   try {
     stores.flush();
   } catch (...) {
+    reporter.stop();
     logCaughtException("the flush at unmount");
     out << "cachemount: the flush FAILED (see the log above)" << std::endl;
     return false;
   }
+  reporter.stop();
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
   out << "cachemount: the store holds every change; flush took " << std::fixed
       << std::setprecision(3) << took.count() << " s; store calls " << stores.storeCalls()
@@ -135,14 +141,17 @@ int MountSession::run() {
     fuse_unmount(handle.get());
     return 1;
   }
-  QueueReporter reporter(*stores, options_.statsInterval, out_);
+  // The drain's line is rewritten in place only where someone watches it: on a terminal.
+  const bool terminal = &out_ == &std::cerr && ::isatty(STDERR_FILENO) == 1;
+  const double minItemWeight =
+      options_.overlayConfig.get<double>("overlay.minQueueItemWeight", 0.0);
+  QueueReporter reporter(*stores, options_.statsInterval, out_, minItemWeight, terminal);
   reporter.start();
   const int loopStatus = serve(handle.get(), options_.maxThreads);
   fuse_remove_signal_handlers(fuse_get_session(handle.get()));
   fuse_unmount(handle.get());
-  reporter.stop();
   filesystem.detach();
-  const bool flushed = flushAndReport(*stores, out_);
+  const bool flushed = flushAndReport(*stores, out_, reporter);
   handle.reset();
   stores->shutdown();
   return flushed && endedCleanly(loopStatus) ? 0 : 1;

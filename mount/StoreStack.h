@@ -41,6 +41,10 @@ class StoreStack {
   // The overlay's queue snapshot as one line of JSON ("{}" in a pass-through).
   std::string queueStatistics() const;
   std::uint64_t storeCalls() const { return instrumented_->totalCalls(); }
+  // The calls of one operation that reached the store ("listAll": folder listings).
+  std::uint64_t storeCalls(const char* operation) const {
+    return instrumented_->callCount(operation);
+  }
   void shutdown() noexcept;
 
  private:

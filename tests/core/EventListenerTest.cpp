@@ -1,6 +1,6 @@
 // The event listener: what each event costs (quota figures forgotten, folder listings read
 // again), holding and coalescing while paused, the debounce of folder removals, the root
-// rescan, and silence after stop.
+// rescan, silence after stop, and the echoes of the overlay's own replay.
 #include "CoreTestSupport.h"
 
 #include "core/contentcache/ContentCache.h"
@@ -91,7 +91,8 @@ class EventListenerTest : public ::testing::Test {
   }
 
   void event(Kind kind, const std::u16string& path, EntryType type) {
-    listener->handle(kind, mem(u"/"), mem(path), type, {});
+    // As a store delivers an event that is no move: its location, named twice.
+    listener->handle(kind, mem(path), mem(path), type, {});
   }
   // Listings of the store that the next lookups of /a and /b cause.
   std::uint64_t relistings() {
@@ -196,6 +197,66 @@ TEST_F(EventListenerTest, AfterStopNothingIsHandled) {
   executor->runAll();
   EXPECT_TRUE(quota->calls.empty());
   EXPECT_EQ(relistings(), 0u);
+}
+
+TEST_F(EventListenerTest, EchoesOfTheReplayCostNothingWhenSuppressedAndForeignChangesStillCount) {
+  using storage::overlayprovider::ReplayEchoes;
+  using storage::overlayprovider::ReplayedChange;
+  struct Event {
+    Kind kind;
+    std::u16string at;
+    EntryType type;
+  };
+  struct Case {
+    ReplayedChange noted;
+    std::u16string at;
+    int ageMs;                  // how long after the note the events arrive
+    std::vector<Event> events;  // the last one comes once more afterwards: someone else's
+    bool recognised;            // with suppression on
+  };
+  const auto file = EntryType::File;
+  const auto folder = EntryType::Folder;
+  const std::vector<Case> cases = {
+      {ReplayedChange::Created, u"/a/new.txt", 0, {{Kind::Appeared, u"/a/new.txt", file}}, true},
+      {ReplayedChange::Removed, u"/a/x.txt", 0, {{Kind::Disappeared, u"/a/x.txt", file}}, true},
+      {ReplayedChange::MovedFrom, u"/a/x.txt", 0, {{Kind::Disappeared, u"/a/x.txt", file}}, true},
+      {ReplayedChange::MovedTo, u"/a/y.txt", 0, {{Kind::Appeared, u"/a/y.txt", file}}, true},
+      {ReplayedChange::Written, u"/a/x.txt", 0, {{Kind::Changed, u"/a/x.txt", file}}, true},
+      {ReplayedChange::AttributesSet, u"/a/sub", 0, {{Kind::Changed, u"/a/sub", folder}}, true},
+      {ReplayedChange::Removed,
+       u"/b",
+       0,
+       {{Kind::Disappeared, u"/b/c", folder}, {Kind::Disappeared, u"/b", folder}},
+       true},
+      {ReplayedChange::Created, u"/a", 0, {{Kind::Appeared, u"/a/sub", folder}}, false},
+      {ReplayedChange::Written, u"/a/x.txt", 0, {{Kind::Disappeared, u"/a/x.txt", file}}, false},
+      {ReplayedChange::Written, u"/a/x.txt", 3500, {{Kind::Changed, u"/a/x.txt", file}}, false},
+  };
+  auto now = ReplayEchoes::Clock::now();
+  for (const bool suppress : {true, false}) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(std::string(suppress ? "on " : "off ") + foundation::text::toUtf8(c.at) + " " +
+                   std::to_string(static_cast<int>(c.noted)));
+      const auto echoes = std::make_shared<ReplayEchoes>(std::chrono::milliseconds(3000), 16,
+                                                         [&now] { return now; });
+      echoes->setEnabled(suppress);
+      listener->stop();
+      listener = EventListener::create(*store.root, cache, content, slot, quota, echoes);
+      relistings();
+      echoes->note(ov(c.at), c.noted);
+      now += std::chrono::milliseconds(c.ageMs);
+      for (const auto& e : c.events) event(e.kind, e.at, e.type);
+      const bool dropped = suppress && c.recognised;
+      EXPECT_EQ(executor->tasks.empty(), dropped);
+      executor->runAll();
+      EXPECT_EQ(relistings() == 0, dropped);
+      const auto& again = c.events.back();
+      event(again.kind, again.at, again.type);
+      EXPECT_FALSE(executor->tasks.empty());
+      executor->runAll();
+      EXPECT_GT(relistings(), 0u);
+    }
+  }
 }
 
 }  // namespace

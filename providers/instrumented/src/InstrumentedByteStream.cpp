@@ -3,8 +3,9 @@
 namespace foundation::storage::provider::instrumented {
 
 InstrumentedByteStream::InstrumentedByteStream(ByteStreamPtr inner,
-                                               std::shared_ptr<Instrumentation> instrumentation)
-    : inner_(std::move(inner)), instrumentation_(std::move(instrumentation)) {}
+                                               std::shared_ptr<Instrumentation> instrumentation,
+                                               std::u16string path)
+    : inner_(std::move(inner)), instrumentation_(std::move(instrumentation)), path_(std::move(path)) {}
 
 long InstrumentedByteStream::read(char* buffer, long count) {
   instrumentation_->enterStreamCall("streamRead");
@@ -13,7 +14,9 @@ long InstrumentedByteStream::read(char* buffer, long count) {
 
 long InstrumentedByteStream::write(const char* buffer, long count) {
   instrumentation_->enterStreamCall("streamWrite");
-  return inner_->write(buffer, count);
+  const auto written = inner_->write(buffer, count);
+  instrumentation_->log.record({"streamWrite", path_, {}, false});
+  return written;
 }
 
 long InstrumentedByteStream::seek(long offset, std::ios_base::seekdir direction) {

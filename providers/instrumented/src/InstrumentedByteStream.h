@@ -8,12 +8,15 @@
 #include <foundation/storage/provider/instrumented/Instrumentation.h>
 
 #include <memory>
+#include <string>
 
 namespace foundation::storage::provider::instrumented {
 
 class InstrumentedByteStream final : public ByteStream {
  public:
-  InstrumentedByteStream(ByteStreamPtr inner, std::shared_ptr<Instrumentation> instrumentation);
+  // `path`: the file's, for the call log.
+  InstrumentedByteStream(ByteStreamPtr inner, std::shared_ptr<Instrumentation> instrumentation,
+                         std::u16string path);
 
   long read(char* buffer, long count) override;
   long write(const char* buffer, long count) override;
@@ -24,6 +27,7 @@ class InstrumentedByteStream final : public ByteStream {
  private:
   ByteStreamPtr inner_;
   std::shared_ptr<Instrumentation> instrumentation_;
+  std::u16string path_;
 };
 
 }  // namespace foundation::storage::provider::instrumented

@@ -46,8 +46,16 @@ void InstrumentedProvider::enterLocalQuery(std::string_view operation,
   instrumentation_->enterLocalQuery(operation, location);
 }
 
-ByteStreamPtr InstrumentedProvider::wrap(ByteStreamPtr stream) const {
-  return std::make_unique<InstrumentedByteStream>(std::move(stream), instrumentation_);
+ByteStreamPtr InstrumentedProvider::wrap(ByteStreamPtr stream, const StorageIRI& iri) const {
+  return std::make_unique<InstrumentedByteStream>(std::move(stream), instrumentation_,
+                                                  iri.getPath());
+}
+
+void InstrumentedProvider::logged(std::string_view operation, const StorageIRI& location,
+                                  const std::optional<StorageIRI>& destination) const {
+  if (!instrumentation_->log.enabled()) return;
+  instrumentation_->log.record({std::string(operation), location.getPath(),
+                                destination ? destination->getPath() : std::u16string(), false});
 }
 
 // --- creation, existence, removal, moves ---
@@ -55,16 +63,19 @@ ByteStreamPtr InstrumentedProvider::wrap(ByteStreamPtr stream) const {
 void InstrumentedProvider::doCreateFile(const StorageIRI& iri) const {
   enter("createFile", iri);
   inner_->createFile(iri);
+  logged("createFile", iri);
 }
 
 void InstrumentedProvider::doCreateFolder(const StorageIRI& iri) const {
   enter("createFolder", iri);
   inner_->createFolder(iri);
+  logged("createFolder", iri);
 }
 
 void InstrumentedProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
   enter("createFolderRecursive", iri);
   inner_->createFolderRecursive(iri);
+  logged("createFolderRecursive", iri);
 }
 
 bool InstrumentedProvider::doFileExists(const StorageIRI& iri) const {
@@ -80,34 +91,40 @@ bool InstrumentedProvider::doFolderExists(const StorageIRI& iri) const {
 void InstrumentedProvider::doRemoveFile(const StorageIRI& iri) const {
   enter("removeFile", iri);
   inner_->removeFile(iri);
+  logged("removeFile", iri);
 }
 
 void InstrumentedProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
                                       const ReplacementPolicy& policy) const {
   enter("moveFile", from);
   inner_->moveFile(from, to, policy);
+  logged("moveFile", from, to);
 }
 
 void InstrumentedProvider::doRemoveFolder(const StorageIRI& iri) const {
   enter("removeFolder", iri);
   inner_->removeFolder(iri);
+  logged("removeFolder", iri);
 }
 
 void InstrumentedProvider::doRemoveFolderRecursively(const StorageIRI& iri) const {
   enter("removeFolderRecursively", iri);
   inner_->removeFolderRecursively(iri);
+  logged("removeFolderRecursively", iri);
 }
 
 void InstrumentedProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
                                         const ReplacementPolicy& policy) const {
   enter("moveFolder", from);
   inner_->moveFolder(from, to, policy);
+  logged("moveFolder", from, to);
 }
 
 void InstrumentedProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
                                       const ReplacementPolicy& policy) const {
   enter("copyFile", from);
   inner_->copyFile(from, to, policy);
+  logged("copyFile", from, to);
 }
 
 void InstrumentedProvider::doCopyFileAtomic(const StorageIRI& from, const StorageIRI& to,
@@ -120,6 +137,7 @@ void InstrumentedProvider::doCopyFileAtomic(const StorageIRI& from, const Storag
 void InstrumentedProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t size) const {
   enter("truncateToSize", iri);
   inner_->truncateToSize(iri, size);
+  logged("truncateToSize", iri);
 }
 
 bool InstrumentedProvider::doExists(const StorageIRI& iri) const {
@@ -148,11 +166,13 @@ void InstrumentedProvider::doSetLastModified(const StorageIRI& iri,
                                              const posix_time::ptime& time) const {
   enter("setLastModified", iri);
   inner_->setLastModified(iri, time);
+  logged("setLastModified", iri);
 }
 
 void InstrumentedProvider::doSetWritable(const StorageIRI& iri, bool writable) const {
   enter("setWritable", iri);
   inner_->setWritable(iri, writable);
+  logged("setWritable", iri);
 }
 
 ExtendedAttributes InstrumentedProvider::doGetExtendedAttributes(const StorageIRI& iri) const {
@@ -175,24 +195,26 @@ ProviderCacheUsage InstrumentedProvider::doGetProviderCacheUsage(const StorageIR
 ByteStreamPtr InstrumentedProvider::doOpenStream(const StorageIRI& iri,
                                                  const ByteStreamOpenOptions& options) const {
   enter("openStream", iri);
-  return wrap(inner_->openStream(iri, options));
+  auto stream = wrap(inner_->openStream(iri, options), iri);
+  if (options.write) instrumentation_->log.record({"openStream", iri.getPath(), {}, options.create});
+  return stream;
 }
 
 ByteStreamPtr InstrumentedProvider::doOpenReadOnlyStream(const StorageIRI& iri) const {
   enter("openReadOnlyStream", iri);
-  return wrap(inner_->openReadOnlyStream(iri));
+  return wrap(inner_->openReadOnlyStream(iri), iri);
 }
 
 ByteStreamPtr InstrumentedProvider::doOpenTransactionalStream(
     const StorageIRI& iri, const ByteStreamOpenOptions& options) const {
   enter("openTransactionalStream", iri);
-  return wrap(inner_->openTransactionalStream(iri, options));
+  return wrap(inner_->openTransactionalStream(iri, options), iri);
 }
 
 ByteStreamPtr InstrumentedProvider::doOpenTransactionalStreamAtScratchLocation(
     const StorageIRI& iri, const StorageIRI& scratch, const ByteStreamOpenOptions& options) const {
   enter("openTransactionalStreamAtScratchLocation", iri);
-  return wrap(inner_->openTransactionalStreamAtScratchLocation(iri, scratch, options));
+  return wrap(inner_->openTransactionalStreamAtScratchLocation(iri, scratch, options), iri);
 }
 
 // --- listings ---

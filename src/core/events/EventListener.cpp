@@ -23,21 +23,23 @@ constexpr const char* kListenerSource = "src/core/events/EventListener";
 std::shared_ptr<EventListener> EventListener::create(
     const fsp::StorageItem& inner, std::shared_ptr<MetadataCache> metadataCache,
     ContentCache& contentCache, std::shared_ptr<ExecutorSlot> executor,
-    std::shared_ptr<IQuotaAccountant> quotaAccountant) {
+    std::shared_ptr<IQuotaAccountant> quotaAccountant, std::shared_ptr<ReplayEchoes> echoes) {
   std::shared_ptr<EventListener> listener(
       new EventListener(std::move(metadataCache), contentCache, std::move(executor),
-                        std::move(quotaAccountant), inner.getLocation()));
+                        std::move(quotaAccountant), std::move(echoes), inner.getLocation()));
   listener->subscribe(inner);
   return listener;
 }
 
 EventListener::EventListener(std::shared_ptr<MetadataCache> metadataCache,
                              ContentCache& contentCache, std::shared_ptr<ExecutorSlot> executor,
-                             std::shared_ptr<IQuotaAccountant> quotaAccountant, Location innerRoot)
+                             std::shared_ptr<IQuotaAccountant> quotaAccountant,
+                             std::shared_ptr<ReplayEchoes> echoes, Location innerRoot)
     : metadataCache_(std::move(metadataCache)),
       contentCache_(contentCache),
       executor_(std::move(executor)),
       quotaAccountant_(std::move(quotaAccountant)),
+      echoes_(std::move(echoes)),
       innerRoot_(std::move(innerRoot)) {}
 
 void EventListener::subscribe(const fsp::StorageItem& inner) {
@@ -95,7 +97,7 @@ void EventListener::unpause() {
   for (const auto& [location, event] : held) handleEvent(location, event.kind, event.entryType);
 }
 
-void EventListener::handle(const events::Kind& kind, const Location& /*watched*/,
+void EventListener::handle(const events::Kind& kind, const Location& watched,
                            const Location& location, const events::EntryType& entryType,
                            const boost::property_tree::ptree& /*details*/) {
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kListenerSource);
@@ -103,6 +105,13 @@ void EventListener::handle(const events::Kind& kind, const Location& /*watched*/
   if (!running_) return;
   const auto overlay = overlayLocation(location);
   if (!overlay) return;  // outside the tree that the overlay shows
+  // Recognised at arrival, not after a pause: what the overlay did itself is already in its
+  // caches, and holding the echo would only make it a relisting later. The store publishes
+  // the event's own location first; the second names the other end of a move.
+  if (echoes_ && echoes_->isEnabled()) {
+    const auto own = overlayLocation(watched);
+    if (own && echoes_->consume(*own, kind)) return;
+  }
   {
     std::lock_guard lock(stateMutex_);
     if (paused_) {

@@ -23,6 +23,11 @@
 //     once, on the event's thread (nothing is queued: the store may have lost track of
 //     everything, and a busy executor must not delay that); 1 elsewhere is only noted.
 //
+// Echoes: given a ReplayEchoes table (switched on by "overlay.suppressEchoes"), an event that
+// the table recognises as the echo of a change the overlay's replay made is dropped as it
+// arrives, before any pause holds it: it costs no job, no invalidation and no listing. Every
+// other event is handled as described above.
+//
 // Ownership: made by the provider at lazy initialisation with create() and held through
 // std::shared_ptr; the subscription and every queued job hold it weakly or strongly through
 // shared ownership, so they may outlive the provider. It shares the metadata cache, the quota
@@ -36,9 +41,10 @@
 // never held while a handler runs or a job is queued. Each handler runs under a shared hold of
 // activeMutex_, which stop() takes exclusively, so stop() returns only after every running
 // handler has finished. Order: activeMutex_, then stateMutex_; the executor's and the caches'
-// locks come after both.
+// locks come after both. The echo table's own lock is taken alone, under activeMutex_ only.
 #pragma once
 
+#include "core/events/ReplayEchoes.h"
 #include "core/execution/ExecutorSlot.h"
 
 #include <foundation/storage/events/Events.h>
@@ -66,10 +72,12 @@ class EventListener : public std::enable_shared_from_this<EventListener> {
   // Makes the listener and subscribes it to the whole inner tree. A refused subscription is
   // logged ("Error subscribing to inner provider.") and the listener stays deaf; it never
   // throws for that. `innerRoot` is the inner location that the overlay's root stands for.
+  // `echoes` may be empty: then every event is acted on.
   static std::shared_ptr<EventListener> create(
       const foundation::storage::provider::StorageItem& inner,
       std::shared_ptr<MetadataCache> metadataCache, ContentCache& contentCache,
-      std::shared_ptr<ExecutorSlot> executor, std::shared_ptr<IQuotaAccountant> quotaAccountant);
+      std::shared_ptr<ExecutorSlot> executor, std::shared_ptr<IQuotaAccountant> quotaAccountant,
+      std::shared_ptr<ReplayEchoes> echoes = nullptr);
   EventListener(const EventListener&) = delete;
   EventListener& operator=(const EventListener&) = delete;
 
@@ -98,7 +106,8 @@ class EventListener : public std::enable_shared_from_this<EventListener> {
 
   EventListener(std::shared_ptr<MetadataCache> metadataCache, ContentCache& contentCache,
                 std::shared_ptr<ExecutorSlot> executor,
-                std::shared_ptr<IQuotaAccountant> quotaAccountant, Location innerRoot);
+                std::shared_ptr<IQuotaAccountant> quotaAccountant,
+                std::shared_ptr<ReplayEchoes> echoes, Location innerRoot);
   void subscribe(const foundation::storage::provider::StorageItem& inner);
   // The overlay location of an inner one; empty when it lies outside the inner root.
   std::optional<Location> overlayLocation(const Location& inner) const;
@@ -116,6 +125,7 @@ class EventListener : public std::enable_shared_from_this<EventListener> {
   ContentCache& contentCache_;
   const std::shared_ptr<ExecutorSlot> executor_;
   const std::shared_ptr<IQuotaAccountant> quotaAccountant_;
+  const std::shared_ptr<ReplayEchoes> echoes_;
   const Location innerRoot_;
   std::atomic<bool> running_{true};
   mutable std::mutex stateMutex_;

@@ -109,6 +109,7 @@ std::deque<QueuedTransaction> WeightedTransactionQueue::absorbLocked(QueuedTrans
     for (auto& handler : entry.absorbedMoot) arriving.absorbedMoot.push_back(std::move(handler));
     arriving.absorbedMoot.push_back(std::move(entry.moot));
     currentWeight_ -= entry.accountedWeight;
+    waitingWeight_ -= entry.weight;
     if (captureMetrics_) kindCounters_[entry.type].first -= 1;
   }
   // Back to front, so that the positions still to erase stay where the verdict found them.
@@ -118,7 +119,7 @@ std::deque<QueuedTransaction> WeightedTransactionQueue::absorbLocked(QueuedTrans
     withdrawn.push_back(std::move(*at));
     entries_.erase(at);
   }
-  if (entries_.empty()) currentWeight_ = 0.0;
+  if (entries_.empty()) currentWeight_ = waitingWeight_ = 0.0;
   absorbed_ += verdict.withdrawn.size() + (verdict.arrivalMoot ? 1 : 0);
   arriving.isMoot = verdict.arrivalMoot;
   arriving.change->flags |= verdict.addFlags;
@@ -135,6 +136,7 @@ void WeightedTransactionQueue::appendLocked(QueuedTransaction entry) {
     countPushed(entry.type);
   }
   if (entry.internal) ++markersAppended_;
+  if (!entry.internal) waitingWeight_ += entry.weight;
   entries_.push_back(std::move(entry));
   periodEntries_ += 1;
 }
@@ -165,6 +167,7 @@ std::optional<QueuedTransaction> WeightedTransactionQueue::take() {
   if (entry.internal) ++markersResolved_;
   // With nothing queued nothing weighs: no rounding residue may hold a submitter back.
   currentWeight_ = entries_.empty() ? 0.0 : currentWeight_ - entry.accountedWeight;
+  waitingWeight_ = entries_.empty() ? 0.0 : waitingWeight_ - (entry.internal ? 0.0 : entry.weight);
   if (!entry.internal) {
     accountTaken(entry);
   }
@@ -294,6 +297,7 @@ std::deque<QueuedTransaction> WeightedTransactionQueue::discardLocked() {
   discarded.swap(entries_);
   markersResolved_ = markersAppended_;
   currentWeight_ = 0.0;
+  waitingWeight_ = 0.0;
   return discarded;
 }
 
@@ -310,6 +314,7 @@ std::string WeightedTransactionQueue::writeSnapshotLocked() {
   boost::property_tree::ptree tree;
   tree.put("overlay.queueStats.size", entries_.size());
   tree.put("overlay.queueStats.weight", currentWeight_);
+  tree.put("overlay.queueStats.waitingWeight", waitingWeight_);
   // 0/0 before anything was taken in this period: NaN says "no sample" better than 0 would.
   tree.put("overlay.queueStats.avQTime_ms",
            static_cast<double>(periodQueueTime_) / static_cast<double>(periodEntries_));

@@ -29,8 +29,9 @@
 // back and leave the "now" counters; "absorbed" counts them.
 //
 // Statistics (on unless QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE is exactly "true"): per-kind
-// counters of what is waiting now and of all that was ever pushed, queue times, and how long
-// the queue took to drain. They are written as compact JSON records at severity notice.
+// counters of what is waiting now and of all that was ever pushed, the weight waiting, queue
+// times, and how long the queue took to drain. They are written as compact JSON records at severity
+// notice.
 //
 // Owned by value by the BackendExecutor. Locking: one mutex guards everything except
 // maxWeight, which is an atomic so that setMaxWeight can store it without the mutex. While it
@@ -122,6 +123,9 @@ class WeightedTransactionQueue {
   std::atomic<double> maxWeight_;
   std::atomic<bool> absorbing_{false};
   double currentWeight_ = 0.0;
+  // What every queued entry weighs, kept whatever the bound (currentWeight_ only counts under
+  // a bound): roughly the bytes still to replay, for the statistics.
+  double waitingWeight_ = 0.0;
   std::int64_t periodQueueTime_ = 0;  // ms, since the queue last started from empty
   std::int64_t periodEntries_ = 0;
   Clock::time_point periodStart_;

@@ -57,21 +57,36 @@ std::shared_ptr<FolderMetadata> folderRecordFromRow(fsp::StorageIRI iri,
 }
 
 FutureFolderEntry::FutureFolderEntry(fsp::StorageIRI folderIri,
-                                     std::shared_ptr<fsp::StorageItem> innerRoot)
+                                     std::shared_ptr<fsp::StorageItem> innerRoot, ListingPool* pool)
     : IFolderEntry(std::move(folderIri), false), innerRoot_(std::move(innerRoot)) {
+  if (pool) {
+    task_ = pool->submit([this] { listKeepingFailure(); });
+    return;
+  }
   detail_ = std::async(std::launch::async | std::launch::deferred, [this] {
               listKeepingFailure();
             }).share();
 }
 
 FutureFolderEntry::~FutureFolderEntry() {
-  // The task works on this entry's members; they must outlive it.
-  if (detail_.valid()) detail_.wait();
+  try {
+    // The listing works on this entry's members: one not started yet never will, one running
+    // is waited for.
+    if (task_) task_->cancelOrWait();
+    if (detail_.valid()) detail_.wait();
+  } catch (...) {
+    logCaughtException("Waiting for a folder listing failed.");
+  }
 }
 
 void FutureFolderEntry::waitForDetail() {
-  auto detail = detail_;
-  detail.get();
+  if (task_) {
+    // Still queued, it runs here: a waiter never depends on a free pool thread.
+    task_->runOrWait();
+  } else {
+    auto detail = detail_;
+    detail.get();
+  }
   if (throwFailure_) throwFailure_();
 }
 
@@ -88,6 +103,7 @@ void FutureFolderEntry::listKeepingFailure() {
 }
 
 bool FutureFolderEntry::isDetailReady() {
+  if (task_) return task_->isDone();
   return detail_.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
 }
 

@@ -1,5 +1,7 @@
 // FutureFolderEntry: a folder entry that fills itself from one listing of the inner store,
-// started on its own thread at construction. Callers go through waitForDetail (every reading
+// queued at construction on the metadata cache's ListingPool (or, without a pool, started on
+// a thread of its own). The first caller to wait for a listing that no pool thread has taken
+// yet runs it itself. Callers go through waitForDetail (every reading
 // operation of IFolderEntry does) and so see either the whole listing or its failure.
 //
 // A child row's attributes are read again through the child's own item when the row's are not
@@ -11,8 +13,8 @@
 // Locks: the entry's own mutex (IFolderEntry), taken once by the listing thread to store the
 // finished result; records are filled before they are published, so without their owners
 // contending.
-// Threads: the listing runs on the asynchronous task's thread; waitForDetail from any thread,
-// several at once.
+// Threads: the listing runs on a pool thread, on the first waiter's, or on a thread of its own
+// without a pool; waitForDetail from any thread, several at once.
 //
 // A failed listing is kept as a value and each waiter throws its own copy: one exception object
 // rethrown on several threads is reference-counted inside the C++ runtime, where the thread
@@ -20,6 +22,7 @@
 #pragma once
 
 #include "core/metadata/IFolderEntry.h"
+#include "core/metadata/ListingPool.h"
 
 #include <foundation/storage/provider/FolderEntry.h>
 #include <foundation/storage/provider/StorageItem.h>
@@ -45,7 +48,9 @@ std::shared_ptr<FolderMetadata> folderRecordFromRow(fsp::StorageIRI iri,
 
 class FutureFolderEntry : public IFolderEntry {
  public:
-  FutureFolderEntry(fsp::StorageIRI folderIri, std::shared_ptr<fsp::StorageItem> innerRoot);
+  // `pool` may be null: the listing then runs on a thread of its own.
+  FutureFolderEntry(fsp::StorageIRI folderIri, std::shared_ptr<fsp::StorageItem> innerRoot,
+                    ListingPool* pool = nullptr);
   ~FutureFolderEntry() override;
 
   // Blocks until the listing has finished; rethrows its failure, on every call.
@@ -62,6 +67,8 @@ class FutureFolderEntry : public IFolderEntry {
   std::shared_ptr<fsp::StorageItem> innerRoot_;
   // Set at most once by the listing thread, before detail_ is ready; read only after it is.
   std::function<void()> throwFailure_;
+  // One of the two: the pool's task, or the thread's.
+  std::shared_ptr<ListingTask> task_;
   std::shared_future<void> detail_;
 };
 

@@ -24,8 +24,9 @@
 // them, see IFolderEntry).
 //
 // Threads: lookups and updates on the host's calling threads; confirmations on the executor's
-// worker thread; markForInvalidation on the event listener's thread; folder listings on their
-// own threads (one per FutureFolderEntry); the whole-tree population on its own thread.
+// worker thread; markForInvalidation on the event listener's thread; folder listings on the
+// cache's ListingPool (a few threads), or on the thread of a caller that waits for one not
+// started yet; the whole-tree population on its own thread.
 //
 // Choices where the behaviour is open:
 //  - Whole-tree population needs ExtendedFeature::RecursiveListing. When the recursive listing
@@ -59,6 +60,7 @@
 #pragma once
 
 #include "core/metadata/IFolderEntry.h"
+#include "core/metadata/ListingPool.h"
 
 #include <foundation/storage/provider/StorageItem.h>
 #include <foundation/storage/provider/Types.h>
@@ -222,6 +224,9 @@ class MetadataCache {
 
   const std::shared_ptr<fsp::StorageItem> innerRoot_;
   const bool caseSensitive_;
+  // Where the folder listings run, a few at a time. Declared before the folders, so that the
+  // entries go first: an entry whose listing has not started takes it back unrun.
+  ListingPool listings_;
   std::shared_ptr<std::future<void>> population_;
   boost::once_flag populationOnce_ = BOOST_ONCE_INIT;
   // Every map of locations below is keyed by keyOf.

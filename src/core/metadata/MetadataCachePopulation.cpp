@@ -95,7 +95,7 @@ void MetadataCache::enterPopulatedFolderLocked(const std::shared_ptr<FolderMetad
   if (!findEntryLocked(iri)) {
     std::shared_ptr<IFolderEntry> entry;
     if (record->getExtendedAttributes().hasAttribute("initiallyInvalid")) {
-      entry = std::make_shared<FutureFolderEntry>(iri, innerRoot_);
+      entry = std::make_shared<FutureFolderEntry>(iri, innerRoot_, &listings_);
     } else {
       entry = std::make_shared<IFolderEntry>(iri);  // completed by the rows that follow
       entry->setFolderMetadata(record);

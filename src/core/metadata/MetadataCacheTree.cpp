@@ -44,7 +44,7 @@ std::shared_ptr<IFolderEntry> MetadataCache::entryLocked(const fsp::StorageIRI& 
   if (isRemovedLocked(folder)) {
     entry = std::make_shared<IFolderEntry>(folder);
   } else {
-    entry = std::make_shared<FutureFolderEntry>(folder, innerRoot_);
+    entry = std::make_shared<FutureFolderEntry>(folder, innerRoot_, &listings_);
   }
   setEntryLocked(folder, entry);
   return entry;

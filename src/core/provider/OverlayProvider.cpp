@@ -163,8 +163,8 @@ void OverlayProvider::lazyInitialize() const {
 
 void OverlayProvider::startListening(const std::shared_ptr<IQuotaAccountant>& accountant) const {
   if (eventLatch()) return;  // a failed initialisation got this far before
-  auto listener =
-      EventListener::create(*inner_, metadataCache_, *contentCache_, executor_, accountant);
+  auto listener = EventListener::create(*inner_, metadataCache_, *contentCache_, executor_,
+                                        accountant, echoes_);
   const std::weak_ptr<EventListener> weak = listener;
   auto latch = std::make_shared<TimedLatch>(
       [weak] {

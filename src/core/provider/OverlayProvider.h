@@ -35,6 +35,7 @@
 
 #include "core/contentcache/ContentCache.h"
 #include "core/events/EventListener.h"
+#include "core/events/ReplayEchoes.h"
 #include "core/execution/ExecutorSlot.h"
 #include "core/execution/TimedLatch.h"
 #include "core/metadata/MetadataCache.h"
@@ -83,6 +84,7 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   bool isSynchronous() const { return synchronous_.load(); }
   bool isContentCacheDisabled() const { return contentCacheDisabled_.load(); }
   bool isPassThrough() const { return passThrough_.load(); }
+  const std::shared_ptr<ReplayEchoes>& replayEchoes() const { return echoes_; }
   const std::shared_ptr<MetadataCache>& metadataCache() const { return metadataCache_; }
   // Empty before initialisation.
   std::shared_ptr<IQuotaAccountant> quotaAccountant() const;
@@ -175,10 +177,12 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // Mutations (OverlayProviderMutations.cpp). Queues the store's half of a mutation, described
   // by `change`: `innerCall` on the inner root (through runWithRetry under the action's name),
   // then `confirm`; nothing once shut down, neither at submission nor when the task comes to
-  // run.
+  // run. `echoes` are what the call does to which locations, noted in echoes_ just before it
+  // is made.
+  using ReplayedChanges = std::vector<std::pair<fsp::StorageIRI, ReplayedChange>>;
   void replay(const ReplayChange& change,
               std::function<void(const fsp::StorageItem& innerRoot)> innerCall,
-              std::function<void(MetadataCache&)> confirm) const;
+              std::function<void(MetadataCache&)> confirm, ReplayedChanges echoes = {}) const;
   void triggerEventLatch() const;
   bool existsInCache(const fsp::StorageIRI& location) const;
   // Refusals shared by the mutations: AlreadyExists (3), NotFound (4) naming the parent,
@@ -246,6 +250,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::shared_ptr<ContentCache> contentCache_;
   fsp::StorageIRI publicRoot_;
   std::shared_ptr<MetadataCache> metadataCache_;
+  // The store's echoes of the replay ("overlay.suppressEchoes", off unless configured): shared
+  // with the listener, the queued replay tasks and the working files.
+  const std::shared_ptr<ReplayEchoes> echoes_ = std::make_shared<ReplayEchoes>();
   // Shared with the working files, which look the executor up at each submission.
   const std::shared_ptr<ExecutorSlot> executor_ = std::make_shared<ExecutorSlot>();
   std::atomic<double> maxQueueWeight_{0.0};

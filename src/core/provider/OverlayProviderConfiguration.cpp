@@ -96,6 +96,10 @@ void OverlayProvider::readConfiguration(const ptree& config) {
   if (const auto text = config.get_optional<std::string>("overlay.disableContentCache")) {
     if (readAlphabeticBool(*text)) contentCacheDisabled_ = true;
   }
+  if (const auto text = config.get_optional<std::string>("overlay.suppressEchoes")) {
+    echoes_->setEnabled(readAlphabeticBool(*text));
+    logEcho("overlay.configuration.suppressEchoes", echoes_->isEnabled());
+  }
   if (const auto text = config.get_optional<std::string>("overlay.backslashToForwardSlash")) {
     if (readAlphabeticBool(*text)) backslashToForwardSlash_ = true;
   }

@@ -37,7 +37,8 @@ bool isFuseHiddenName(const StorageIRI& location) {
 
 void OverlayProvider::replay(const ReplayChange& change,
                              std::function<void(const StorageItem& innerRoot)> innerCall,
-                             std::function<void(MetadataCache&)> confirm) const {
+                             std::function<void(MetadataCache&)> confirm,
+                             ReplayedChanges echoes) const {
   if (shutDown_->load()) return;
   const auto executor = executor_->load();
   if (!executor) return;
@@ -51,8 +52,10 @@ void OverlayProvider::replay(const ReplayChange& change,
     }
   };
   auto run = [name = std::string(actionName(change.action)), inner = inner_, stopped = shutDown_,
-              innerCall = std::move(innerCall), confirmInCache](const ReplayChange&) {
+              innerCall = std::move(innerCall), confirmInCache, noted = echoes_,
+              echoes = std::move(echoes)](const ReplayChange&) {
     if (stopped->load()) return;
+    for (const auto& [location, replayed] : echoes) noted->note(location, replayed);
     runWithRetry([&] { innerCall(*inner); }, name);
     confirmInCache();
   };
@@ -101,7 +104,8 @@ void OverlayProvider::doCreateFile(const StorageIRI& iri) const {
   replay(
       ReplayChange(FILE_CREATION, ChangeAction::CreateFile, location),
       [location](const StorageItem& inner) { innerItemFor(inner, location).createFile(); },
-      [location](MetadataCache& cache) { cache.confirmFile(location); });
+      [location](MetadataCache& cache) { cache.confirmFile(location); },
+      {{location, ReplayedChange::Created}, {location, ReplayedChange::Written}});
 }
 
 void OverlayProvider::doCreateFolder(const StorageIRI& iri) const {
@@ -118,7 +122,8 @@ void OverlayProvider::doCreateFolder(const StorageIRI& iri) const {
   replay(
       ReplayChange(FOLDER_CREATION, ChangeAction::CreateFolder, location),
       [location](const StorageItem& inner) { innerItemFor(inner, location).createFolder(); },
-      [location](MetadataCache& cache) { cache.confirmFolder(location, false); });
+      [location](MetadataCache& cache) { cache.confirmFolder(location, false); },
+      {{location, ReplayedChange::Created}});
 }
 
 void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
@@ -146,6 +151,8 @@ void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
   if (metadataCache_->getFileMetadata(missing.front())) {
     throw Exception(ErrorCode::AlreadyExists, publicLocation(missing.front()), "a file is there");
   }
+  ReplayedChanges made;
+  for (const auto& folder : missing) made.emplace_back(folder, ReplayedChange::Created);
   for (const auto& folder : missing) metadataCache_->createFolderMetadata(folder);
   replay(
       ReplayChange(FOLDER_CREATION_RECURSIVE, ChangeAction::CreateFolderTree, location),
@@ -154,7 +161,8 @@ void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
       },
       [missing](MetadataCache& cache) {
         for (const auto& folder : missing) cache.confirmFolder(folder, false);
-      });
+      },
+      std::move(made));
 }
 
 void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
@@ -178,7 +186,8 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   replay(
       ReplayChange(FILE_REMOVAL, ChangeAction::RemoveFile, stored),
       [stored](const StorageItem& inner) { innerItemFor(inner, stored).removeFile(); },
-      [stored](MetadataCache& cache) { cache.confirmRemoval(stored); });
+      [stored](MetadataCache& cache) { cache.confirmRemoval(stored); },
+      {{stored, ReplayedChange::Removed}});
 }
 
 void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
@@ -222,7 +231,8 @@ void OverlayProvider::removeFolderBehind(const ReplayChange& change,
       [folder, removal = std::move(removal)](const StorageItem& inner) {
         removal(innerItemFor(inner, folder));
       },
-      [folder](MetadataCache& cache) { cache.confirmRemoval(folder); });
+      [folder](MetadataCache& cache) { cache.confirmRemoval(folder); },
+      {{folder, ReplayedChange::Removed}});
 }
 
 StorageIRI OverlayProvider::requireFolder(const StorageIRI& location) const {
@@ -277,7 +287,8 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
         cache.confirmFile(destination);
         // A new spelling of the same file went nowhere: its name must not be forgotten.
         if (!respelled) cache.confirmRemoval(stored);
-      });
+      },
+      {{stored, ReplayedChange::MovedFrom}, {destination, ReplayedChange::MovedTo}});
 }
 
 std::shared_ptr<FileMetadata> OverlayProvider::checkFileDestination(
@@ -338,7 +349,8 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
       [stored, destination, respelled](MetadataCache& cache) {
         cache.confirmFolder(destination, true);
         if (!respelled) cache.confirmRemoval(stored);
-      });
+      },
+      {{stored, ReplayedChange::MovedFrom}, {destination, ReplayedChange::MovedTo}});
 }
 
 void OverlayProvider::checkFolderDestination(const StorageIRI& destination,
@@ -425,7 +437,8 @@ void OverlayProvider::setAttribute(const StorageIRI& iri, ReplayChange change,
       [location, innerCall = std::move(innerCall)](const StorageItem& inner) {
         innerCall(innerItemFor(inner, location));
       },
-      [location, isFile](MetadataCache& cache) { cache.confirmAttributes(location, isFile); });
+      [location, isFile](MetadataCache& cache) { cache.confirmAttributes(location, isFile); },
+      {{location, ReplayedChange::AttributesSet}});
 }
 
 bool OverlayProvider::updateRecord(const StorageIRI& location,

@@ -30,6 +30,7 @@ WorkingFileSettings OverlayProvider::workingFileSettings() const {
   settings.contentCacheDisabled = contentCacheDisabled_.load();
   settings.readAttributesLazily = absorbChanges_.load();
   settings.storeReportsCacheUsage = innerHasFeature(fsp::ExtendedFeature::CacheUsage);
+  settings.noteReplayedChange = ReplayEchoes::noteThrough(echoes_);
   // Weakly: a stream may outlive the provider and its content cache.
   settings.cacheRoom = [cache = std::weak_ptr<ContentCache>(contentCache_)](std::uint64_t bytes) {
     const auto held = cache.lock();

@@ -110,6 +110,8 @@ const char* WorkingFileEntry::blockBytesLocked(const std::shared_ptr<PendingWrit
 void WorkingFileEntry::writeInnerLocked(const std::shared_ptr<PendingWriteBlock>& block,
                                         bool creating) {
   const char* bytes = blockBytesLocked(block);
+  if (creating && !innerStream_ && settings_.noteReplayedChange)
+    settings_.noteReplayedChange(innerLocation_, ReplayedChange::Created);
   ensureInnerStreamLocked(true, creating);
   seekInnerLocked(block->start());
   std::int64_t done = 0;
@@ -151,6 +153,8 @@ bool WorkingFileEntry::retryingInnerCall(const std::function<void()>& call, cons
 }
 
 void WorkingFileEntry::closeInnerLocked() {
+  if (innerStream_ && innerWritable_ && settings_.noteReplayedChange)
+    settings_.noteReplayedChange(innerLocation_, ReplayedChange::Written);
   auto stream = std::move(innerStream_);
   innerStream_.reset();
   innerWritable_ = false;
@@ -162,6 +166,8 @@ void WorkingFileEntry::runOpen(const fsp::ByteStreamOpenOptions& options,
                                const std::function<void()>& onOpened) {
   {
     std::lock_guard inner(innerMutex_);
+    if (options.create && settings_.noteReplayedChange)
+      settings_.noteReplayedChange(innerLocation_, ReplayedChange::Created);
     // A created or emptied file gets its time stamped at close even if nothing is written.
     if (retryingInnerCall([&] { openInnerLocked(options); },
                           "Unexpected exception during open operation")) {
@@ -181,6 +187,8 @@ void WorkingFileEntry::runTruncate(std::int64_t size) {
       [&] {
         closeInnerLocked();
         const auto item = innerItemLocked();
+        if (settings_.noteReplayedChange)
+          settings_.noteReplayedChange(innerLocation_, ReplayedChange::Written);
         item.getProvider()->truncateToSize(item.getLocation(), static_cast<std::uint64_t>(size));
       },
       "Unexpected exception during truncate operation");
@@ -219,6 +227,8 @@ void WorkingFileEntry::finishClose() {
 
 void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& lastModified) {
   const auto item = innerItemLocked();
+  if (settings_.noteReplayedChange)
+    settings_.noteReplayedChange(innerLocation_, ReplayedChange::AttributesSet);
   try {
     item.setLastModified(lastModified);
   } catch (...) {

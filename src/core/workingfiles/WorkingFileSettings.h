@@ -9,6 +9,7 @@
 #include "core/execution/ExecutorSlot.h"
 #include "core/execution/TimedLatch.h"
 #include "core/quota/IQuotaAccountant.h"
+#include "core/support/ReplayedChange.h"
 
 #include <foundation/storage/provider/StorageItem.h>
 
@@ -48,6 +49,10 @@ struct WorkingFileSettings {
   // its own mutex, then other entries' locks). Empty: no limit. It holds the content cache
   // weakly, so a working file that outlives its cache is no longer limited.
   std::function<bool(std::uint64_t bytes)> cacheRoom;
+  // Told just before a replayed store call changes the file (its creating open, its writes'
+  // close, a truncation, its time stamp), so that the store's echo of it is recognised. Empty:
+  // nobody listens. Never throws.
+  ReplayedChangeNote noteReplayedChange;
 };
 
 // The weight of a queued transaction that carries `bytes` bytes: the minimum item weight plus

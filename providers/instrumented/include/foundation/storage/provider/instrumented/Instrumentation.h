@@ -9,6 +9,7 @@
 
 #include <foundation/storage/provider/StorageIRI.h>
 #include <foundation/storage/provider/instrumented/CallCounters.h>
+#include <foundation/storage/provider/instrumented/CallLog.h>
 #include <foundation/storage/provider/instrumented/FaultInjector.h>
 #include <foundation/storage/provider/instrumented/Latency.h>
 
@@ -28,6 +29,7 @@ struct Instrumentation {
   void enterStreamCall(std::string_view operation);
 
   CallCounters counters;
+  CallLog log;
   FaultInjector faults;
   Latency latency;
 };

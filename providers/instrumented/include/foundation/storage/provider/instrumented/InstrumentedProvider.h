@@ -8,6 +8,9 @@
 // one per folder). The pattern and plain variants of a listing share its name ("listAll").
 // Streams it opens are wrapped so their calls are counted ("streamRead", "streamWrite",
 // "streamSeek", "streamClose") and delayed with the stream delay.
+// When its call log is enabled, every change the inner store has applied (creations, removals,
+// moves, copies, truncations, attribute changes, write opens and stream writes) is recorded
+// once the inner call has returned, in that order (see CallLog).
 // The delays stand for the network only. A real remote provider answers some queries from
 // what it holds in memory, so these are counted and can be failed but are never delayed:
 // hasFeature, getFilenameSensitivity, getPathComparator and getCanonicalLocation (fixed
@@ -30,6 +33,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -129,7 +133,10 @@ class InstrumentedProvider final : public IConfigurableProvider {
   void enter(std::string_view operation, const StorageIRI& location) const;
   // A query a remote store answers locally: counted and failed, not delayed.
   void enterLocalQuery(std::string_view operation, const StorageIRI& location) const;
-  ByteStreamPtr wrap(ByteStreamPtr stream) const;
+  ByteStreamPtr wrap(ByteStreamPtr stream, const StorageIRI& iri) const;
+  // Records a change the store has just applied in the call log (when it is enabled).
+  void logged(std::string_view operation, const StorageIRI& location,
+              const std::optional<StorageIRI>& destination = std::nullopt) const;
 
   std::shared_ptr<IProvider> inner_;
   std::shared_ptr<Instrumentation> instrumentation_;
