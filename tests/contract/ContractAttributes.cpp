@@ -98,6 +98,12 @@ TEST_P(ProviderContract, WritableFlagIsReported) {
 
 TEST_P(ProviderContract, ExtendedAttributesSetBehindAreReported) {
   writeFile(u"/file", "x");
+  if (!provider().hasFeature(fsp::ExtendedFeature::ExtendedAttributes)) {
+    // A store without them says so, and refuses to read them.
+    expectError(ErrorCode::NotSupported, loc(u"/file"),
+                [&] { at(u"/file").getExtendedAttributes(); });
+    GTEST_SKIP() << "the store keeps no extended attributes";
+  }
   writeFile(u"/plain", "y");
   at(u"/dir").createFolder();
   const std::string binary("a\0b\xff", 4);

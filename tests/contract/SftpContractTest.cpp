@@ -1,0 +1,82 @@
+// The contract checked against SftpProvider over a real OpenSSH server (SftpServer), each
+// test over a fresh remote folder; and the host-key check: a changed or unknown key is
+// refused with a message that says so, and a new key is taken only when asked to.
+#include "SftpServer.h"
+
+#include "ProviderContract.h"
+
+#include <foundation/storage/provider/Exception.h>
+
+#include <filesystem>
+
+namespace contract {
+namespace {
+
+using fsp::sftp::SftpProvider;
+
+const bool kServerRegistered = (SftpServer::instance(), true);
+
+class SftpUnderTest final : public ProviderUnderTest {
+ public:
+  SftpUnderTest() {
+    if (SftpServer::instance().available()) {
+      provider_ = std::make_shared<SftpProvider>(SftpServer::instance().freshStore());
+    }
+  }
+  fsp::StorageItem root() override {
+    return fsp::StorageItem(provider_, SftpProvider::rootLocation());
+  }
+  void setExtendedAttributeBehind(const std::u16string&, const std::string&,
+                                  const std::string&) override {
+    throw std::logic_error("the sftp store keeps no extended attributes");
+  }
+  std::string name() const override { return "sftp"; }
+  std::string skipReason() const override { return SftpServer::instance().why(); }
+
+ private:
+  std::shared_ptr<SftpProvider> provider_;
+};
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Contract, ProviderContract,
+                         ::testing::Values(ContractParam{
+                             "sftp", [] { return std::make_unique<SftpUnderTest>(); }}),
+                         paramName);
+
+TEST(SftpHostKey, OnlyTheKnownKeyIsTrusted) {
+  auto& server = SftpServer::instance();
+  if (!server.available()) GTEST_SKIP() << server.why();
+  struct Case {
+    const char* name;
+    std::string knownHosts;
+    bool acceptNew;
+    const char* refusal;  // in the message, or nullptr when the connection must work
+  };
+  const std::string empty = server.folder() + "/empty_known_hosts";
+  std::filesystem::remove(empty);
+  const Case cases[] = {
+      {"changed key", server.wrongKnownHosts(), false, "CHANGED"},
+      {"changed key, new keys accepted", server.wrongKnownHosts(), true, "CHANGED"},
+      {"unknown host", empty, false, "unknown"},
+      {"unknown host, new keys accepted", empty, true, nullptr},
+      {"then known", empty, false, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto options = server.freshStore();
+    options.knownHostsFile = c.knownHosts;
+    options.acceptNewHostKey = c.acceptNew;
+    const auto provider = std::make_shared<SftpProvider>(options);
+    try {
+      EXPECT_TRUE(provider->folderExists(SftpProvider::rootLocation()));
+      EXPECT_EQ(nullptr, c.refusal) << "the connection was made";
+    } catch (const fsp::Exception& e) {
+      ASSERT_NE(nullptr, c.refusal) << e.what();
+      EXPECT_EQ(fsp::ErrorCode::AccessDenied, e.getErrorCode()) << e.what();
+      EXPECT_NE(std::string(e.what()).find(c.refusal), std::string::npos) << e.what();
+    }
+  }
+}
+
+}  // namespace contract
