@@ -57,6 +57,13 @@ po::options_description describeOptions() {
       "foreground,f", "stay in the foreground (messages and the unmount report on stderr)")(
       "debug,d", "FUSE debug output (implies -f)")(
       "pass-through", "mount the store without the overlay: every call goes to the store")(
+      "identity", po::value<std::string>(), "sftp: the private key file (default: the SSH agent)")(
+      "known-hosts", po::value<std::string>(),
+      "sftp: the known_hosts file (default ~/.ssh/known_hosts)")(
+      "accept-new-host-key", "sftp: trust and record an unknown host key")(
+      "sftp-sessions", po::value<unsigned>()->default_value(4), "sftp: SFTP sessions at most")(
+      "poll-interval", po::value<double>()->default_value(10),
+      "sftp: seconds between change polls of the store")(
       "latency-ms", po::value<double>()->default_value(0),
       "simulated store latency per call and per stream call, milliseconds")(
       "log-mask", po::value<std::string>(),
@@ -126,6 +133,16 @@ unsigned parseLogMask(const std::string& text) {
 }
 
 void readStore(const std::string& store, MountOptions& options) {
+  if (store.rfind("sftp://", 0) == 0) {
+    options.storeKind = MountOptions::StoreKind::Sftp;
+    try {
+      options.sftp = foundation::storage::provider::sftp::SftpProvider::parseAddress(
+          store, foundation::storage::provider::sftp::SftpProvider::Options{});
+    } catch (const std::exception& e) {
+      throw UsageError(e.what());
+    }
+    return;
+  }
   if (store == "mem:" || store == "mem") {
     options.storeKind = MountOptions::StoreKind::Mem;
     return;
