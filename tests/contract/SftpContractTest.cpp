@@ -14,34 +14,11 @@ namespace {
 
 using fsp::sftp::SftpProvider;
 
-const bool kServerRegistered = (SftpServer::instance(), true);
-
-class SftpUnderTest final : public ProviderUnderTest {
- public:
-  SftpUnderTest() {
-    if (SftpServer::instance().available()) {
-      provider_ = std::make_shared<SftpProvider>(SftpServer::instance().freshStore());
-    }
-  }
-  fsp::StorageItem root() override {
-    return fsp::StorageItem(provider_, SftpProvider::rootLocation());
-  }
-  void setExtendedAttributeBehind(const std::u16string&, const std::string&,
-                                  const std::string&) override {
-    throw std::logic_error("the sftp store keeps no extended attributes");
-  }
-  std::string name() const override { return "sftp"; }
-  std::string skipReason() const override { return SftpServer::instance().why(); }
-
- private:
-  std::shared_ptr<SftpProvider> provider_;
-};
-
 }  // namespace
 
 INSTANTIATE_TEST_SUITE_P(Contract, ProviderContract,
-                         ::testing::Values(ContractParam{
-                             "sftp", [] { return std::make_unique<SftpUnderTest>(); }}),
+                         ::testing::Values(ContractParam{"sftp",
+                                                         [] { return makeSftpUnderTest(); }}),
                          paramName);
 
 TEST(SftpHostKey, OnlyTheKnownKeyIsTrusted) {

@@ -152,4 +152,36 @@ std::string SftpServer::wrongKnownHosts() {
   return path;
 }
 
+namespace {
+
+using foundation::storage::provider::sftp::SftpProvider;
+
+const bool kServerRegistered = (SftpServer::instance(), true);
+
+class SftpUnderTest final : public ProviderUnderTest {
+ public:
+  SftpUnderTest() {
+    if (SftpServer::instance().available()) {
+      provider_ = std::make_shared<SftpProvider>(SftpServer::instance().freshStore());
+    }
+  }
+  fsp::StorageItem root() override {
+    return fsp::StorageItem(provider_, SftpProvider::rootLocation());
+  }
+  void setExtendedAttributeBehind(const std::u16string&, const std::string&,
+                                  const std::string&) override {
+    throw std::logic_error("the sftp store keeps no extended attributes");
+  }
+  std::string name() const override { return "sftp"; }
+  bool keepsExtendedAttributes() const override { return false; }
+  std::string skipReason() const override { return SftpServer::instance().why(); }
+
+ private:
+  std::shared_ptr<SftpProvider> provider_;
+};
+
+}  // namespace
+
+std::unique_ptr<ProviderUnderTest> makeSftpUnderTest() { return std::make_unique<SftpUnderTest>(); }
+
 }  // namespace contract

@@ -7,7 +7,11 @@
 
 #include <foundation/storage/provider/sftp/SftpProvider.h>
 
+#include "ProviderContract.h"
+
 #include <gtest/gtest.h>
+
+#include <memory>
 
 #include <string>
 
@@ -36,5 +40,9 @@ class SftpServer final : public ::testing::Environment {
   int pid_ = -1;
   int stores_ = 0;
 };
+
+// The sftp store over a fresh remote folder of the server (the server registers itself with
+// GoogleTest on first use; the provider's tests skip with its reason where it cannot start).
+std::unique_ptr<ProviderUnderTest> makeSftpUnderTest();
 
 }  // namespace contract

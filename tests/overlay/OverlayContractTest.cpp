@@ -1,6 +1,7 @@
 // The provider contract checked against the overlay over each inner store, with the
 // background executor (write-behind) and with the synchronous one.
 #include "InnerStoresUnderTest.h"
+#include "SftpServer.h"
 #include "core/provider/OverlayProviderFactory.h"
 
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
@@ -49,6 +50,8 @@ class OverlayUnderTest final : public ProviderUnderTest {
   std::optional<fsp::StorageItem> backingStore() override { return inner_->root(); }
   bool strictStreams() const override { return false; }
   std::string name() const override { return name_; }
+  std::string skipReason() const override { return inner_->skipReason(); }
+  bool keepsExtendedAttributes() const override { return inner_->keepsExtendedAttributes(); }
 
  private:
   std::string name_;
@@ -64,7 +67,8 @@ std::vector<ContractParam> overlayParams() {
       {"Mem", [] { return makeMemUnderTest("mem"); }},
       {"MemCaseInsensitive",
        [] { return makeMemUnderTest("memCaseInsensitive", caseInsensitive()); }},
-      {"File", [] { return makeFileUnderTest(); }}};
+      {"File", [] { return makeFileUnderTest(); }},
+      {"Sftp", [] { return makeSftpUnderTest(); }}};
   std::vector<ContractParam> params;
   for (const auto& [innerName, inner] : inners) {
     for (const bool synchronous : {false, true}) {

@@ -214,7 +214,10 @@ void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& la
     logCaughtException("Exception during attempt to set last modified time");
   }
   try {
-    record()->setExtendedAttributes(item.getExtendedAttributes());
+    // A store that keeps none (sftp) is not asked: it would only refuse, a call per file.
+    if (item.getProvider()->hasFeature(fsp::ExtendedFeature::ExtendedAttributes)) {
+      record()->setExtendedAttributes(item.getExtendedAttributes());
+    }
   } catch (...) {
     logCaughtException("Unexpected exception during attempt to update extended attributes");
   }
