@@ -13,6 +13,7 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 namespace contract {
 namespace {
@@ -119,8 +120,40 @@ bool SftpServer::start() {
   return false;
 }
 
+namespace {
+
+// The processes whose parent is `pid`, read from /proc.
+std::vector<int> childrenOf(int pid) {
+  std::vector<int> children;
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    const std::string name = entry.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream stat(entry.path() / "stat");
+    std::string line;
+    std::getline(stat, line);
+    const auto close = line.rfind(')');
+    if (close == std::string::npos) continue;
+    std::istringstream rest(line.substr(close + 2));
+    char state = 0;
+    int parent = 0;
+    rest >> state >> parent;
+    if (parent == pid) children.push_back(std::stoi(name));
+  }
+  return children;
+}
+
+// Kills `pid` and everything it started, children first.
+void killTree(int pid) {
+  for (int child : childrenOf(pid)) killTree(child);
+  ::kill(pid, SIGKILL);
+}
+
+}  // namespace
+
 void SftpServer::stop() {
   if (pid_ <= 0) return;
+  // The connections' processes too: a listener stopped alone leaves them serving.
+  for (int child : childrenOf(pid_)) killTree(child);
   ::kill(pid_, SIGTERM);
   ::waitpid(pid_, nullptr, 0);
   pid_ = -1;

@@ -30,6 +30,8 @@ class SftpServer final : public ::testing::Environment {
   foundation::storage::provider::sftp::SftpProvider::Options freshStore();
   // A known_hosts file naming the server with another key than its own.
   std::string wrongKnownHosts();
+  // Stops the server and drops every connection it serves; start() starts it again on the
+  // same port with the same keys.
   void stop();
   bool start();
 

@@ -5,6 +5,7 @@
 #include <libssh/libssh.h>
 
 #include <algorithm>
+#include <thread>
 
 namespace foundation::storage::provider::sftp {
 
@@ -44,25 +45,34 @@ SftpSession::~SftpSession() {
 
 void SftpSession::ensureConnected() {
   if (ssh_) return;
-  const auto now = std::chrono::steady_clock::now();
-  if (now < nextAttempt_) {
-    throw ConnectionLost(
-        "not connected to " + settings_.host + "; next attempt in " +
-        std::to_string(
-            std::chrono::duration_cast<std::chrono::milliseconds>(nextAttempt_ - now).count()) +
-        " ms");
-  }
-  try {
-    connect();
-    backoff_ = std::chrono::milliseconds{0};
-  } catch (const ConnectionLost&) {
-    ssh_.reset();
-    backoff_ = std::min(kMaxBackoff, backoff_.count() == 0 ? kFirstBackoff : backoff_ * 2);
-    nextAttempt_ = std::chrono::steady_clock::now() + backoff_;
-    throw;
-  } catch (...) {
-    ssh_.reset();
-    throw;
+  // A call waits for the back-off and tries again until the connect time-out has passed,
+  // so that a server restarting for a moment costs a pause, not a failed call (the
+  // overlay's replay retries an Unavailable store only a few times, at once).
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(settings_.connectTimeoutMs);
+  for (;;) {
+    const auto now = std::chrono::steady_clock::now();
+    if (nextAttempt_ > deadline) {
+      throw ConnectionLost(
+          "cannot reach " + settings_.host + " (next attempt in " +
+          std::to_string(
+              std::chrono::duration_cast<std::chrono::milliseconds>(nextAttempt_ - now).count()) +
+          " ms)");
+    }
+    if (now < nextAttempt_) std::this_thread::sleep_until(nextAttempt_);
+    try {
+      connect();
+      backoff_ = std::chrono::milliseconds{0};
+      return;
+    } catch (const ConnectionLost&) {
+      ssh_.reset();
+      backoff_ = std::min(kMaxBackoff, backoff_.count() == 0 ? kFirstBackoff : backoff_ * 2);
+      nextAttempt_ = std::chrono::steady_clock::now() + backoff_;
+      if (std::chrono::steady_clock::now() >= deadline) throw;
+    } catch (...) {
+      ssh_.reset();
+      throw;
+    }
   }
 }
 

@@ -14,7 +14,8 @@
 // Threads: any thread, one at a time through the lock. A reply that arrives for another
 // caller's request is kept until that caller asks for it.
 // Failures: ConnectionLost when the connection is gone or a call timed out (the session then
-// reconnects on the next call, after a back-off that doubles up to 5 s); ConnectRefused for
+// reconnects on the next call, after a back-off that doubles from 100 ms up to 5 s, waiting
+// at most the connect time-out); ConnectRefused for
 // an unknown or changed host key and for refused authentication (not retried); StatusError
 // for a request the server refused.
 #pragma once
@@ -71,7 +72,8 @@ class SftpSession {
   std::unique_lock<std::mutex> lock() { return std::unique_lock(mutex_); }
   const ConnectionSettings& settings() const { return settings_; }
 
-  // Connects when not connected (after the back-off has passed, else ConnectionLost).
+  // Connects when not connected: waits for the back-off and tries again, for at most the
+  // connect time-out in all (then ConnectionLost).
   void ensureConnected();
   // Counts connections made; a handle from another generation is stale.
   std::uint64_t generation() const { return generation_; }
