@@ -141,6 +141,7 @@ void readStore(const std::string& store, MountOptions& options) {
     } catch (const std::exception& e) {
       throw UsageError(e.what());
     }
+    options.storeDirectory = store;  // shown as the store's name
     return;
   }
   if (store == "mem:" || store == "mem") {
@@ -168,6 +169,16 @@ MountOptions optionsFrom(const po::variables_map& vm) {
   options.maxThreads = vm["max-threads"].as<unsigned>();
   if (options.maxThreads == 0) throw UsageError("--max-threads must be at least 1");
   options.bundlePath = vm["bundle"].as<std::string>();
+  if (vm.count("identity")) options.sftp.identityFile = vm["identity"].as<std::string>();
+  if (vm.count("known-hosts")) options.sftp.knownHostsFile = vm["known-hosts"].as<std::string>();
+  options.sftp.acceptNewHostKey = vm.count("accept-new-host-key") != 0;
+  options.sftp.sessions = vm["sftp-sessions"].as<unsigned>();
+  if (options.sftp.sessions < 1 || options.sftp.sessions > 64) {
+    throw UsageError("--sftp-sessions must be in 1..64");
+  }
+  const double poll = vm["poll-interval"].as<double>();
+  if (!(poll >= 0.1 && poll <= 86400)) throw UsageError("--poll-interval must be in 0.1..86400");
+  options.sftp.pollIntervalMs = static_cast<long>(poll * 1000);
   return options;
 }
 
@@ -190,7 +201,8 @@ std::optional<MountOptions> parseMountOptions(int argc, const char* const* argv,
   }
   if (vm.count("help")) {
     out << "Usage: cachemount [options] STORE MOUNTPOINT\n"
-        << "  STORE is a local directory (or file:DIR), or mem: for an in-memory store.\n"
+        << "  STORE is a local directory (or file:DIR), mem: for an in-memory store, or\n"
+        << "  sftp://[user@]host[:port]/path for a folder on an SFTP server.\n"
         << "  Unmount with Ctrl-C, SIGTERM or `umount MOUNTPOINT`: queued changes reach the\n"
         << "  store before the command exits. SIGUSR1 prints the queue statistics.\n\n"
         << visible << "\n";

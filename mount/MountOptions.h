@@ -28,7 +28,7 @@ struct MountOptions {
   enum class StoreKind { File, Mem, Sftp };
 
   StoreKind storeKind = StoreKind::File;
-  std::string storeDirectory;  // absolute; File only
+  std::string storeDirectory;  // absolute; File only (Sftp: the address, for display)
   // Sftp only: the address and the --identity, --known-hosts, --sftp-sessions and
   // --poll-interval settings.
   foundation::storage::provider::sftp::SftpProvider::Options sftp;

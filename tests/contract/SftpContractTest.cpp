@@ -57,3 +57,41 @@ TEST(SftpHostKey, OnlyTheKnownKeyIsTrusted) {
 }
 
 }  // namespace contract
+
+namespace contract {
+
+// Addresses as cachemount takes them: what is kept, and what is refused as InvalidLocation.
+TEST(SftpAddress, FieldsAndRefusals) {
+  struct Case {
+    const char* text;
+    const char* user;  // nullptr: refused
+    const char* host;
+    unsigned port;
+    const char* path;
+  };
+  const Case cases[] = {
+      {"sftp://alice@example.org:2222/srv/data", "alice", "example.org", 2222, "/srv/data"},
+      {"sftp://example.org/home/x", "", "example.org", 22, "/home/x"},
+      {"sftp://[::1]:23/", "", "::1", 23, "/"},
+      {"sftp://host", "", "host", 22, "/"},
+      {"sftp://host:0/x", nullptr, "", 0, ""},
+      {"sftp://host:70000/x", nullptr, "", 0, ""},
+      {"ssh://host/x", nullptr, "", 0, ""},
+      {"sftp://@host/x", nullptr, "", 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    if (c.user == nullptr) {
+      expectError(fsp::ErrorCode::InvalidLocation, std::nullopt,
+                  [&] { fsp::sftp::SftpProvider::parseAddress(c.text, {}); });
+      continue;
+    }
+    const auto o = fsp::sftp::SftpProvider::parseAddress(c.text, {});
+    EXPECT_EQ(c.user, o.user);
+    EXPECT_EQ(c.host, o.host);
+    EXPECT_EQ(c.port, o.port);
+    EXPECT_EQ(c.path, o.path);
+  }
+}
+
+}  // namespace contract
