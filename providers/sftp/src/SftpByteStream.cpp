@@ -49,6 +49,9 @@ auto SftpByteStream::guarded(F&& body) {
   } catch (const ConnectionLost& e) {
     FOUNDATION_LOG(sftpLogger(), log::exception) << path_ << ": " << e.what();
     throw Failure(ErrorCode::Unavailable);
+  } catch (const WireError& e) {
+    session_->disconnect(e.what());
+    throw Failure(ErrorCode::Unavailable);
   } catch (const ConnectRefused& e) {
     FOUNDATION_LOG(sftpLogger(), log::error) << path_ << ": " << e.what();
     throw Failure(ErrorCode::AccessDenied);

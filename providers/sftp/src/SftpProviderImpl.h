@@ -30,14 +30,19 @@ struct SftpProvider::Impl {
   // name with control characters).
   std::string remote(const StorageIRI& iri) const;
   std::shared_ptr<SftpSession> sessionFor(const std::string& path) const;
-  // Runs `body` on the session of `path` under its lock; a lost connection becomes
-  // Unavailable, a refused one AccessDenied (both at `iri`). StatusError passes through.
+  // Runs `body` on the session of `path` under its lock; a lost connection or an answer that
+  // does not parse becomes Unavailable, a refused connection AccessDenied (both at `iri`).
+  // StatusError passes through.
   template <class F>
   auto with(const std::string& path, const StorageIRI& iri, F&& body) const {
     const auto session = sessionFor(path);
+    auto lock = session->lock();
     try {
-      auto lock = session->lock();
       return body(*session);
+    } catch (const WireError& e) {
+      // The server's answer did not parse: nothing more on this connection can be trusted.
+      session->disconnect(e.what());
+      throw Exception(ErrorCode::Unavailable, iri, e.what());
     } catch (const ConnectionLost& e) {
       throw Exception(ErrorCode::Unavailable, iri, e.what());
     } catch (const ConnectRefused& e) {

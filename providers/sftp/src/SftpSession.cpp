@@ -177,6 +177,7 @@ void SftpSession::connect() {
     version.str();
   }
   ++generation_;
+  firstIdOfConnection_ = nextId_;
   FOUNDATION_LOG(sftpLogger(), log::notice)
       << "Connected to " << settings_.host << ":" << settings_.port << " (SFTP, "
       << extensions_.size() << " extensions)";
@@ -247,7 +248,10 @@ Reply SftpSession::wait(std::uint32_t id) {
       stash_.erase(it);
       return reply;
     }
-    if (!ssh_) throw ConnectionLost("the connection to " + settings_.host + " was lost");
+    // A request sent on an earlier connection gets no answer on this one.
+    if (!ssh_ || id < firstIdOfConnection_) {
+      throw ConnectionLost("the connection to " + settings_.host + " was lost");
+    }
     char header[4];
     readExact(header, 4);
     const std::uint32_t length = InPacket(std::string(header, 4)).u32();

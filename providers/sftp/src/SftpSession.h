@@ -109,6 +109,7 @@ class SftpSession {
   std::unique_ptr<Ssh> ssh_;
   std::uint64_t generation_ = 0;
   std::uint32_t nextId_ = 1;
+  std::uint32_t firstIdOfConnection_ = 1;
   std::uint64_t writes_ = 0;
   std::map<std::uint32_t, Reply> stash_;
   std::set<std::string> extensions_;
