@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -102,6 +103,8 @@ void SftpServer::SetUp() {
 bool SftpServer::start() {
   const pid_t pid = ::fork();
   if (pid == 0) {
+    // A test binary killed before its tear-down (a closed pipe, a time-out) takes sshd along.
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     const std::string config = dir_ + "/sshd_config";
     ::execl("/usr/sbin/sshd", "/usr/sbin/sshd", "-D", "-e", "-f", config.c_str(), nullptr);
     ::_exit(127);
