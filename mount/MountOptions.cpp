@@ -61,6 +61,13 @@ po::options_description describeOptions() {
       "foreground,f", "stay in the foreground (messages and the unmount report on stderr)")(
       "debug,d", "FUSE debug output (implies -f)")(
       "pass-through", "mount the store without the overlay: every call goes to the store")(
+      "identity", po::value<std::string>(), "sftp: the private key file (default: the SSH agent)")(
+      "known-hosts", po::value<std::string>(),
+      "sftp: the known_hosts file (default ~/.ssh/known_hosts)")(
+      "accept-new-host-key", "sftp: trust and record an unknown host key")(
+      "sftp-sessions", po::value<unsigned>()->default_value(4), "sftp: SFTP sessions at most")(
+      "poll-interval", po::value<double>()->default_value(10),
+      "sftp: seconds between change polls of the store")(
       "latency-ms", po::value<double>()->default_value(0),
       "simulated store latency per call and per stream call, milliseconds")(
       "log-mask", po::value<std::string>(),
@@ -141,6 +148,17 @@ unsigned parseLogMask(const std::string& text) {
 }
 
 void readStore(const std::string& store, MountOptions& options) {
+  if (store.rfind("sftp://", 0) == 0) {
+    options.storeKind = MountOptions::StoreKind::Sftp;
+    try {
+      options.sftp = foundation::storage::provider::sftp::SftpProvider::parseAddress(
+          store, foundation::storage::provider::sftp::SftpProvider::Options{});
+    } catch (const std::exception& e) {
+      throw UsageError(e.what());
+    }
+    options.storeDirectory = store;  // shown as the store's name
+    return;
+  }
   if (store == "mem:" || store == "mem") {
     options.storeKind = MountOptions::StoreKind::Mem;
     return;
@@ -166,6 +184,16 @@ MountOptions optionsFrom(const po::variables_map& vm) {
   options.maxThreads = vm["max-threads"].as<unsigned>();
   if (options.maxThreads == 0) throw UsageError("--max-threads must be at least 1");
   options.bundlePath = vm["bundle"].as<std::string>();
+  if (vm.count("identity")) options.sftp.identityFile = vm["identity"].as<std::string>();
+  if (vm.count("known-hosts")) options.sftp.knownHostsFile = vm["known-hosts"].as<std::string>();
+  options.sftp.acceptNewHostKey = vm.count("accept-new-host-key") != 0;
+  options.sftp.sessions = vm["sftp-sessions"].as<unsigned>();
+  if (options.sftp.sessions < 1 || options.sftp.sessions > 64) {
+    throw UsageError("--sftp-sessions must be in 1..64");
+  }
+  const double poll = vm["poll-interval"].as<double>();
+  if (!(poll >= 0.1 && poll <= 86400)) throw UsageError("--poll-interval must be in 0.1..86400");
+  options.sftp.pollIntervalMs = static_cast<long>(poll * 1000);
   return options;
 }
 
@@ -188,7 +216,8 @@ std::optional<MountOptions> parseMountOptions(int argc, const char* const* argv,
   }
   if (vm.count("help")) {
     out << "Usage: cachemount [options] STORE MOUNTPOINT\n"
-        << "  STORE is a local directory (or file:DIR), or mem: for an in-memory store.\n"
+        << "  STORE is a local directory (or file:DIR), mem: for an in-memory store, or\n"
+        << "  sftp://[user@]host[:port]/path for a folder on an SFTP server.\n"
         << "  Unmount with Ctrl-C, SIGTERM or `umount MOUNTPOINT`: queued changes reach the\n"
         << "  store before the command exits. SIGUSR1 prints the queue statistics.\n\n"
         << visible << "\n";

@@ -6,6 +6,8 @@
 //   store (gone when the command ends), made slow with --latency-ms for demonstrations.
 #pragma once
 
+#include <foundation/storage/provider/sftp/SftpProvider.h>
+
 #include <boost/property_tree/ptree.hpp>
 
 #include <chrono>
@@ -23,11 +25,14 @@ class UsageError : public std::runtime_error {
 };
 
 struct MountOptions {
-  enum class StoreKind { File, Mem };
+  enum class StoreKind { File, Mem, Sftp };
 
   StoreKind storeKind = StoreKind::File;
-  std::string storeDirectory;  // absolute; File only
-  std::string mountpoint;      // absolute
+  std::string storeDirectory;  // absolute; File only (Sftp: the address, for display)
+  // Sftp only: the address and the --identity, --known-hosts, --sftp-sessions and
+  // --poll-interval settings.
+  foundation::storage::provider::sftp::SftpProvider::Options sftp;
+  std::string mountpoint;  // absolute
   std::chrono::microseconds latency{0};
   // The "overlay." keys given (and the command's own default queue bound).
   boost::property_tree::ptree overlayConfig;

@@ -7,6 +7,7 @@
 #include <foundation/storage/provider/extensions/IQueueStatistics.h>
 #include <foundation/storage/provider/file/FileProvider.h>
 #include <foundation/storage/provider/mem/MemProvider.h>
+#include <foundation/storage/provider/sftp/SftpProvider.h>
 
 #include <cctype>
 #include <stdexcept>
@@ -33,7 +34,10 @@ StoreStack::~StoreStack() { shutdown(); }
 
 fsp::StorageIRI StoreStack::makeInner(const MountOptions& options) {
   const bool mem = options.storeKind == MountOptions::StoreKind::Mem;
-  if (mem) {
+  const bool sftp = options.storeKind == MountOptions::StoreKind::Sftp;
+  if (sftp) {
+    store_ = std::make_shared<fsp::sftp::SftpProvider>(options.sftp);
+  } else if (mem) {
     store_ = std::make_shared<fsp::mem::MemProvider>();
   } else {
     store_ = std::make_shared<fsp::file::FileProvider>(options.storeDirectory);
@@ -41,6 +45,7 @@ fsp::StorageIRI StoreStack::makeInner(const MountOptions& options) {
   instrumented_ = std::make_shared<fsp::instrumented::InstrumentedProvider>(store_);
   instrumented_->setCallLatency(options.latency);
   instrumented_->setStreamLatency(options.latency);
+  if (sftp) return fsp::sftp::SftpProvider::rootLocation();
   return mem ? fsp::mem::MemProvider::rootLocation() : fsp::file::FileProvider::rootLocation();
 }
 

@@ -12,6 +12,8 @@ packages=(
   libboost-filesystem-dev libboost-thread-dev
   libcrypto++-dev libicu-dev libfuse3-dev libboost-program-options-dev
   fuse3 git tar grep diffutils
+  # The sftp store (providers/sftp) and its tests, which start a real sshd.
+  libssh-dev openssh-server openssh-client
   # The public file-system suites (make peer-test, tests/peer): fsx and pjdfstest are built
   # from source with autotools, and pjdfstest's .t files run under perl's prove.
   autoconf automake perl

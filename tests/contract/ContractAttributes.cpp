@@ -98,6 +98,15 @@ TEST_P(ProviderContract, WritableFlagIsReported) {
 
 TEST_P(ProviderContract, ExtendedAttributesSetBehindAreReported) {
   writeFile(u"/file", "x");
+  if (!underTest().keepsExtendedAttributes()) {
+    // A store without them says so (a wrapper claims its own features), and refuses them.
+    if (!underTest().backingStore()) {
+      EXPECT_FALSE(provider().hasFeature(fsp::ExtendedFeature::ExtendedAttributes));
+    }
+    expectError(ErrorCode::NotSupported, loc(u"/file"),
+                [&] { at(u"/file").getExtendedAttributes(); });
+    GTEST_SKIP() << "the store keeps no extended attributes";
+  }
   writeFile(u"/plain", "y");
   at(u"/dir").createFolder();
   const std::string binary("a\0b\xff", 4);

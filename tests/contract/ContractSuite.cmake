@@ -24,9 +24,29 @@ add_library(contract_suite OBJECT ${CONTRACT_SUITE_SOURCES})
 target_include_directories(contract_suite PUBLIC ${CONTRACT_SUITE_DIR})
 target_link_libraries(contract_suite PUBLIC foundation GTest::gtest)
 
+#
+# With EXCLUDE <gtest filter>, the cases it matches are not registered one by one (a binary
+# whose cases share a server started once per process runs them in one CTest test instead).
 function(add_contract_tests name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "EXCLUDE" "SOURCES;DEPS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE contract_suite ${ARG_DEPS} GTest::gmock GTest::gtest_main)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  if(ARG_EXCLUDE)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 TEST_FILTER "-${ARG_EXCLUDE}"
+                         PROPERTIES TIMEOUT 120)
+  else()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  endif()
+endfunction()
+
+# The tests of the sftp store share one sshd per process (SftpServer), so each binary that
+# has them runs them as one CTest test, `filter` naming them.
+# CI time (measured on the 2-core machine): SftpContract about 24 s and OverlayOverSftpContract
+# about 21 s in the default build, 22 s and 23 s under AddressSanitizer and UBSan: each case is
+# dominated by SSH handshakes and the server, not by instrumented code. The overlay over sftp
+# runs with the write-behind executor only: the synchronous one adds nothing sftp-specific and
+# would double the time. Not measured under ThreadSanitizer.
+function(add_sftp_test name binary filter)
+  add_test(NAME ${name} COMMAND ${binary} --gtest_filter=${filter})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 120)
 endfunction()

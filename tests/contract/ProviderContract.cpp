@@ -24,6 +24,7 @@ std::string paramName(const ::testing::TestParamInfo<ContractParam>& info) {
 void ProviderContract::SetUp() {
   underTest_ = GetParam().make();
   ASSERT_TRUE(underTest_) << "the instantiation made no provider";
+  if (const auto why = underTest_->skipReason(); !why.empty()) GTEST_SKIP() << why;
   root_ = underTest_->root();
   ASSERT_TRUE(root_->getProvider()) << "the root item has no provider";
 }

@@ -54,6 +54,11 @@ struct ProviderUnderTest {
   // state (a second close is harmless) and answer a negative seek with -1.
   virtual bool strictStreams() const { return true; }
   virtual std::string name() const = 0;
+  // Whether the store keeps extended attributes; one that does not refuses them (NotSupported).
+  virtual bool keepsExtendedAttributes() const { return true; }
+  // Why this provider cannot be tested on this machine (the test is skipped); empty when it
+  // can (a store that needs a server the machine cannot start).
+  virtual std::string skipReason() const { return {}; }
 };
 
 struct ContractParam {

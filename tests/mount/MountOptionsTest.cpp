@@ -70,6 +70,19 @@ TEST(MountOptions, StoreFuseOptionsAndModes) {
   EXPECT_FALSE(plain->foreground);
   EXPECT_EQ(plain->storeDirectory, kTmp);
   EXPECT_FALSE(parse({"--help"}));
+  const auto sftp =
+      parse({"--identity", "/k", "--known-hosts", "/kh", "--accept-new-host-key", "--sftp-sessions",
+             "2", "--poll-interval", "0.5", "sftp://u@h:2022/srv/x", kTmp});
+  ASSERT_TRUE(sftp);
+  EXPECT_EQ(sftp->storeKind, MountOptions::StoreKind::Sftp);
+  EXPECT_EQ(sftp->sftp.user + "@" + sftp->sftp.host + ":" + std::to_string(sftp->sftp.port) +
+                sftp->sftp.path,
+            "u@h:2022/srv/x");
+  EXPECT_EQ(sftp->sftp.identityFile, "/k");
+  EXPECT_EQ(sftp->sftp.knownHostsFile, "/kh");
+  EXPECT_TRUE(sftp->sftp.acceptNewHostKey);
+  EXPECT_EQ(sftp->sftp.sessions, 2u);
+  EXPECT_EQ(sftp->sftp.pollIntervalMs, 500);
 }
 
 TEST(MountOptions, UnusableCommandLinesAreRefusedWithTheReason) {
@@ -86,6 +99,9 @@ TEST(MountOptions, UnusableCommandLinesAreRefusedWithTheReason) {
       {{"--max-threads", "0", "mem:", kTmp}, "--max-threads must be at least 1"},
       {{"--no-such-option", "mem:", kTmp}, "unrecognised option"},
       {{"mem:", kTmp, "extra"}, "too many positional options"},
+      {{"sftp://h:99999/x", kTmp}, "bad port"},
+      {{"--sftp-sessions", "0", "sftp://h/x", kTmp}, "--sftp-sessions must be in"},
+      {{"--poll-interval", "0", "sftp://h/x", kTmp}, "--poll-interval must be in"},
   };
   for (const auto& [args, reason] : cases) {
     try {

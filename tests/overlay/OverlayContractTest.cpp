@@ -2,6 +2,7 @@
 // background executor (write-behind) and with the synchronous one, and with the replay as the
 // mount configures it (8 workers, moot changes absorbed).
 #include "InnerStoresUnderTest.h"
+#include "SftpServer.h"
 #include "core/provider/OverlayProviderFactory.h"
 
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
@@ -54,6 +55,8 @@ class OverlayUnderTest final : public ProviderUnderTest {
   std::optional<fsp::StorageItem> backingStore() override { return inner_->root(); }
   bool strictStreams() const override { return false; }
   std::string name() const override { return name_; }
+  std::string skipReason() const override { return inner_->skipReason(); }
+  bool keepsExtendedAttributes() const override { return inner_->keepsExtendedAttributes(); }
 
  private:
   std::string name_;
@@ -69,7 +72,8 @@ std::vector<ContractParam> overlayParams() {
       {"Mem", [] { return makeMemUnderTest("mem"); }},
       {"MemCaseInsensitive",
        [] { return makeMemUnderTest("memCaseInsensitive", caseInsensitive()); }},
-      {"File", [] { return makeFileUnderTest(); }}};
+      {"File", [] { return makeFileUnderTest(); }},
+      {"Sftp", [] { return makeSftpUnderTest(); }}};
   std::vector<ContractParam> params;
   const std::pair<std::string, Replay> replays[] = {
       {"WriteBehind", Replay::WriteBehind},

@@ -5,7 +5,9 @@ namespace foundation::storage::provider::instrumented {
 InstrumentedByteStream::InstrumentedByteStream(ByteStreamPtr inner,
                                                std::shared_ptr<Instrumentation> instrumentation,
                                                std::u16string path)
-    : inner_(std::move(inner)), instrumentation_(std::move(instrumentation)), path_(std::move(path)) {}
+    : inner_(std::move(inner)),
+      instrumentation_(std::move(instrumentation)),
+      path_(std::move(path)) {}
 
 long InstrumentedByteStream::read(char* buffer, long count) {
   instrumentation_->enterStreamCall("streamRead");

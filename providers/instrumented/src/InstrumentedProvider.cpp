@@ -196,7 +196,8 @@ ByteStreamPtr InstrumentedProvider::doOpenStream(const StorageIRI& iri,
                                                  const ByteStreamOpenOptions& options) const {
   enter("openStream", iri);
   auto stream = wrap(inner_->openStream(iri, options), iri);
-  if (options.write) instrumentation_->log.record({"openStream", iri.getPath(), {}, options.create});
+  if (options.write)
+    instrumentation_->log.record({"openStream", iri.getPath(), {}, options.create});
   return stream;
 }
 

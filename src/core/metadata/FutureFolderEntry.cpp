@@ -21,6 +21,8 @@ bool usable(const boost::posix_time::ptime& time) { return !time.is_special(); }
 
 fsp::ExtendedAttributes readExtendedAttributes(const fsp::StorageItem& item, bool folder) {
   try {
+    // A store that keeps none (sftp) is not asked: it would only refuse.
+    if (!item.getProvider()->hasFeature(fsp::ExtendedFeature::ExtendedAttributes)) return {};
     return item.getExtendedAttributes();
   } catch (const std::exception& e) {
     OVERLAY_LOG(foundation::log::error)

@@ -75,11 +75,19 @@ fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(const StorageIR
   }
   const auto held = guard(location);
   return forwardingRefusals([&] {
+    // A store without extended attributes (sftp) refuses them; the overlay answers alike.
+    const auto refuseWithoutStoreSupport = [&] {
+      if (!innerHasFeature(fsp::ExtendedFeature::ExtendedAttributes)) {
+        throw fsp::Exception(fsp::ErrorCode::NotSupported, iri, "the store keeps none");
+      }
+    };
     if (const auto folder = metadataCache_->getFolderMetadata(location)) {
+      refuseWithoutStoreSupport();
       return folder->getExtendedAttributes();
     }
     const auto file = metadataCache_->getFileMetadata(location);
     if (!file) throw notFound(location);
+    refuseWithoutStoreSupport();
     if (file->extendedAttributesUnread()) {
       file->setExtendedAttributes(innerItem(file->getIRI()).getExtendedAttributes());
     }

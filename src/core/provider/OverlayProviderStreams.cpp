@@ -29,6 +29,7 @@ WorkingFileSettings OverlayProvider::workingFileSettings() const {
   settings.minQueueItemWeight = minQueueItemWeight_.load();
   settings.contentCacheDisabled = contentCacheDisabled_.load();
   settings.readAttributesLazily = absorbChanges_.load();
+  settings.storeKeepsExtendedAttributes = innerHasFeature(fsp::ExtendedFeature::ExtendedAttributes);
   settings.storeReportsCacheUsage = innerHasFeature(fsp::ExtendedFeature::CacheUsage);
   settings.noteReplayedChange = ReplayEchoes::noteThrough(echoes_);
   // Weakly: a stream may outlive the provider and its content cache.

@@ -239,7 +239,10 @@ void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& la
     return;
   }
   try {
-    record()->setExtendedAttributes(item.getExtendedAttributes());
+    // A store that keeps none (sftp) is not asked: it would only refuse, a call per file.
+    if (settings_.storeKeepsExtendedAttributes) {
+      record()->setExtendedAttributes(item.getExtendedAttributes());
+    }
   } catch (...) {
     logCaughtException("Unexpected exception during attempt to update extended attributes");
   }

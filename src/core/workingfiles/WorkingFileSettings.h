@@ -39,6 +39,9 @@ struct WorkingFileSettings {
   // when someone asks for them (the provider's getExtendedAttributes), not at every close:
   // one store call less a file. Goes with "overlay.absorbChanges".
   bool readAttributesLazily = false;
+  // The store keeps extended attributes (ExtendedFeature::ExtendedAttributes, asked once by
+  // the provider); one that keeps none is never asked for them.
+  bool storeKeepsExtendedAttributes = true;
   // The inner store keeps a local cache of its own and reports its room
   // (ExtendedFeature::CacheUsage, asked once by the provider). Only then is the store asked,
   // at each write, whether the file still fits there; it answers from memory. Any other store

@@ -1,0 +1,72 @@
+// SftpByteStream: a ByteStream over one open SFTP file handle.
+//
+// Several requests are kept in flight so that a sequential reader or writer does not pay a
+// round trip per call: a write returns once its requests are sent (at most kMaxInFlight
+// unanswered; a refused one fails a later write or the close), and a sequential reader has up
+// to kMaxInFlight reads of kChunk bytes asked ahead. Read-ahead is dropped when any write went
+// through the session since it was asked for (SftpSession::writeCount), so two streams on one
+// file see each other's writes.
+//
+// Ownership: the caller owns the stream; the stream shares its SftpSession, so it works after
+// the provider is gone. Locks: the session's mutex for each call, nothing else. Threads: one
+// thread at a time (the ByteStream rule). The destructor closes an open stream, catching and
+// logging any failure.
+#pragma once
+
+#include "SftpSession.h"
+
+#include <foundation/storage/provider/ByteStream.h>
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace foundation::storage::provider::sftp {
+
+class SftpByteStream final : public ByteStream {
+ public:
+  static constexpr std::uint32_t kChunk = 64 * 1024;
+  static constexpr std::size_t kMaxInFlight = 16;
+
+  // `handle` is open on `session` (generation `generation`); `end` is the file's size at
+  // opening, needed only in append mode.
+  SftpByteStream(std::shared_ptr<SftpSession> session, std::string handle, std::string path,
+                 bool append, std::uint64_t end, std::function<void()> onWritten = {});
+  ~SftpByteStream() override;
+
+  long read(char* buffer, long count) override;
+  long write(const char* buffer, long count) override;
+  long seek(long offset, std::ios_base::seekdir direction) override;
+  void close() override;
+
+ private:
+  struct PendingRead {
+    std::uint64_t offset;
+    std::uint32_t length;
+    std::uint32_t id;
+  };
+  template <class Failure, class F>
+  auto guarded(F&& body);
+  void dropReadAhead();
+  void drainWrites();
+
+  std::shared_ptr<SftpSession> session_;
+  std::string handle_;
+  std::string path_;
+  std::uint64_t generation_;
+  bool append_;
+  std::uint64_t end_;
+  std::uint64_t position_ = 0;
+  bool closed_ = false;
+  bool wrote_ = false;
+  std::function<void()> onWritten_;  // told once, at the close of a stream that wrote
+  std::deque<std::uint32_t> writes_;
+  std::deque<PendingRead> reads_;
+  std::string buffer_;  // bytes read ahead, from bufferOffset_
+  std::uint64_t bufferOffset_ = 0;
+  std::uint64_t readAheadWrites_ = 0;  // the session's writeCount when read-ahead was asked
+  std::uint64_t lastReadEnd_ = ~std::uint64_t{0};
+};
+
+}  // namespace foundation::storage::provider::sftp

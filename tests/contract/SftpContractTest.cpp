@@ -1,0 +1,97 @@
+// The contract checked against SftpProvider over a real OpenSSH server (SftpServer), each
+// test over a fresh remote folder; and the host-key check: a changed or unknown key is
+// refused with a message that says so, and a new key is taken only when asked to.
+#include "SftpServer.h"
+
+#include "ProviderContract.h"
+
+#include <foundation/storage/provider/Exception.h>
+
+#include <filesystem>
+
+namespace contract {
+namespace {
+
+using fsp::sftp::SftpProvider;
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Contract, ProviderContract,
+                         ::testing::Values(ContractParam{"sftp",
+                                                         [] { return makeSftpUnderTest(); }}),
+                         paramName);
+
+TEST(SftpHostKey, OnlyTheKnownKeyIsTrusted) {
+  auto& server = SftpServer::instance();
+  if (!server.available()) GTEST_SKIP() << server.why();
+  struct Case {
+    const char* name;
+    std::string knownHosts;
+    bool acceptNew;
+    const char* refusal;  // in the message, or nullptr when the connection must work
+  };
+  const std::string empty = server.folder() + "/empty_known_hosts";
+  std::filesystem::remove(empty);
+  const Case cases[] = {
+      {"changed key", server.wrongKnownHosts(), false, "CHANGED"},
+      {"changed key, new keys accepted", server.wrongKnownHosts(), true, "CHANGED"},
+      {"unknown host", empty, false, "unknown"},
+      {"unknown host, new keys accepted", empty, true, nullptr},
+      {"then known", empty, false, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto options = server.freshStore();
+    options.knownHostsFile = c.knownHosts;
+    options.acceptNewHostKey = c.acceptNew;
+    const auto provider = std::make_shared<SftpProvider>(options);
+    try {
+      EXPECT_TRUE(provider->folderExists(SftpProvider::rootLocation()));
+      EXPECT_EQ(nullptr, c.refusal) << "the connection was made";
+    } catch (const fsp::Exception& e) {
+      ASSERT_NE(nullptr, c.refusal) << e.what();
+      EXPECT_EQ(fsp::ErrorCode::AccessDenied, e.getErrorCode()) << e.what();
+      EXPECT_NE(std::string(e.what()).find(c.refusal), std::string::npos) << e.what();
+    }
+  }
+}
+
+}  // namespace contract
+
+namespace contract {
+
+// Addresses as cachemount takes them: what is kept, and what is refused as InvalidLocation.
+TEST(SftpAddress, FieldsAndRefusals) {
+  struct Case {
+    const char* text;
+    const char* user;  // nullptr: refused
+    const char* host;
+    unsigned port;
+    const char* path;
+  };
+  const Case cases[] = {
+      {"sftp://alice@example.org:2222/srv/data", "alice", "example.org", 2222, "/srv/data"},
+      {"sftp://example.org/home/x", "", "example.org", 22, "/home/x"},
+      {"sftp://[::1]:23/", "", "::1", 23, "/"},
+      {"sftp://host", "", "host", 22, "/"},
+      {"sftp://host:0/x", nullptr, "", 0, ""},
+      {"sftp://host:70000/x", nullptr, "", 0, ""},
+      {"ssh://host/x", nullptr, "", 0, ""},
+      {"sftp://@host/x", nullptr, "", 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    if (c.user == nullptr) {
+      expectError(fsp::ErrorCode::InvalidLocation, std::nullopt,
+                  [&] { fsp::sftp::SftpProvider::parseAddress(c.text, {}); });
+      continue;
+    }
+    const auto o = fsp::sftp::SftpProvider::parseAddress(c.text, {});
+    EXPECT_EQ(c.user, o.user);
+    EXPECT_EQ(c.host, o.host);
+    EXPECT_EQ(c.port, o.port);
+    EXPECT_EQ(c.path, o.path);
+  }
+}
+
+}  // namespace contract
