@@ -32,10 +32,9 @@ function(add_contract_tests name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE contract_suite ${ARG_DEPS} GTest::gmock GTest::gtest_main)
   if(ARG_EXCLUDE)
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 TEST_FILTER "-${ARG_EXCLUDE}"
-                         PROPERTIES TIMEOUT 120)
+    register_gtests(${name} FILTER "-${ARG_EXCLUDE}")
   else()
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+    register_gtests(${name})
   endif()
 endfunction()
 
