@@ -91,6 +91,18 @@ void SftpProvider::Impl::simple(const StorageIRI& iri, const std::string& path, 
   with(path, iri, [&](SftpSession& s) { s.expectStatus(s.send(type, fields)); });
 }
 
+void SftpProvider::Impl::rename(const StorageIRI& from, const std::string& fromPath,
+                                const StorageIRI& to, const std::string& toPath, bool preferAtomic,
+                                bool replaced, std::uint8_t removal) const {
+  if (preferAtomic && offers("posix-rename@openssh.com", from)) {
+    simple(from, fromPath, fxp::kExtended,
+           [&](OutPacket& p) { p.str("posix-rename@openssh.com").str(fromPath).str(toPath); });
+    return;
+  }
+  if (replaced) simple(to, toPath, removal, [&](OutPacket& p) { p.str(toPath); });
+  simple(from, fromPath, fxp::kRename, [&](OutPacket& p) { p.str(fromPath).str(toPath); });
+}
+
 bool SftpProvider::Impl::offers(const std::string& extension, const StorageIRI& iri) const {
   return with(base, iri, [&](SftpSession& s) {
     s.ensureConnected();
@@ -369,17 +381,8 @@ void SftpProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
     throw Exception(ErrorCode::AlreadyExists, to);
   }
   try {
-    if (allowsReplacing(policy) && impl_->offers("posix-rename@openssh.com", from)) {
-      impl_->simple(from, fromPath, fxp::kExtended, [&](OutPacket& p) {
-        p.str("posix-rename@openssh.com").str(fromPath).str(toPath);
-      });
-    } else {
-      // A plain RENAME never replaces (OpenSSH links, then unlinks); without posix-rename a
-      // replacing move removes the old file first, which is not atomic.
-      if (target) impl_->simple(to, toPath, fxp::kRemove, [&](OutPacket& p) { p.str(toPath); });
-      impl_->simple(from, fromPath, fxp::kRename,
-                    [&](OutPacket& p) { p.str(fromPath).str(toPath); });
-    }
+    impl_->rename(from, fromPath, to, toPath, allowsReplacing(policy), target.has_value(),
+                  fxp::kRemove);
   } catch (const StatusError& e) {
     if (!allowsReplacing(policy) && impl_->stat(to)) throw Exception(ErrorCode::AlreadyExists, to);
     throwStatus(e, from);
@@ -424,15 +427,7 @@ void SftpProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
     if (!impl_->readFolder(to).empty()) throw Exception(ErrorCode::AlreadyExists, to);
   }
   try {
-    if (target && impl_->offers("posix-rename@openssh.com", from)) {
-      impl_->simple(from, fromPath, fxp::kExtended, [&](OutPacket& p) {
-        p.str("posix-rename@openssh.com").str(fromPath).str(toPath);
-      });
-    } else {
-      if (target) impl_->simple(to, toPath, fxp::kRmdir, [&](OutPacket& p) { p.str(toPath); });
-      impl_->simple(from, fromPath, fxp::kRename,
-                    [&](OutPacket& p) { p.str(fromPath).str(toPath); });
-    }
+    impl_->rename(from, fromPath, to, toPath, target.has_value(), target.has_value(), fxp::kRmdir);
   } catch (const StatusError& e) {
     if (!target && impl_->stat(to)) throw Exception(ErrorCode::AlreadyExists, to);
     throwStatus(e, from);

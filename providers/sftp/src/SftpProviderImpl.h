@@ -59,6 +59,13 @@ struct SftpProvider::Impl {
   // NotFound at the parent unless the parent is a folder.
   void requireParentFolder(const StorageIRI& iri) const;
   bool offers(const std::string& extension, const StorageIRI& iri) const;
+  // Renames `from` to `to` on the server: with OpenSSH's posix-rename (atomic, replacing) when
+  // `preferAtomic` and the server offers it; else with a plain RENAME, which never replaces
+  // (OpenSSH links, then unlinks), so an entry already at `to` (`replaced`) is first removed
+  // with `removal` (REMOVE or RMDIR), which is not atomic.
+  void rename(const StorageIRI& from, const std::string& fromPath, const StorageIRI& to,
+              const std::string& toPath, bool preferAtomic, bool replaced,
+              std::uint8_t removal) const;
 
   void noteMove(const StorageIRI& from, const StorageIRI& to);
   // The source of a recent move to `to`, if this provider made one.
