@@ -320,7 +320,12 @@ Reading readJournal(const fs::path& path) {
     std::uint8_t type = in.u8();
     if (type == kChangeRecord) {
       std::uint64_t sequence = in.u64();
-      std::optional<ReplayChange> change = decodeChange(in);
+      std::optional<ReplayChange> change;
+      try {
+        change = decodeChange(in);
+      } catch (...) {
+        // A location this build cannot parse is as unusable as a torn record.
+      }
       // A sequence not above the last one is a stale tail, left past a cut that did not
       // reach the disk before a crash.
       if (!change || !in.atEnd() || sequence <= lastChange) break;
@@ -483,7 +488,7 @@ void ChangeJournal::sync() {
     MutexLock lock(mutex_);
     flushConfirmationsLocked();
     target = written_;
-    if (synced_ >= target) return;
+    if (synced_ >= target || !file_) return;  // no file: an open that failed
     file = file_;
   }
   // With the mutex released, so appends go on meanwhile. Should a compaction replace the file

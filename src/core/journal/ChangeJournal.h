@@ -54,9 +54,10 @@
 // has reached the operating system when append returns; a write that fails is cut off again so
 // that no torn record sits before later ones. sync() and the sync thread (at least every
 // syncInterval while something is unsynced) fdatasync outside the mutex: they note how many
-// writes they cover, sync with no lock held and then raise the "synced up to" count, so appends
-// do not wait for the disk. Compaction is the exception: it fdatasyncs its new file with the
-// mutex held (appends wait for it then; it is rare, once per growth past the bound).
+// writes they cover, sync holding only syncMutex_ (never the mutex appends take) and then raise
+// the "synced up to" count, so appends do not wait for the disk. Compaction is the exception: it
+// fdatasyncs its new file with the mutex held (appends wait for it then; it is rare, once per
+// growth past the bound).
 //
 // Ownership: open() hands out the one shared_ptr; the sync thread and nothing else refers to
 // the object, and the destructor joins it. recovered() is fixed at open and may be read by any
@@ -120,6 +121,8 @@ class ChangeJournal {
   // for a change whose record would exceed kMaxPayload.
   std::uint64_t append(const ReplayChange& change);
   // The store has the change: it leaves the journal. An unknown or repeated sequence is ignored.
+  // Never throws: a confirmation that cannot be written is logged and kept in the batch (lost,
+  // it would only replay a change the store already has).
   void confirm(std::uint64_t sequence);
   // Everything appended or confirmed before the call is on disk (fdatasync) when this returns.
   void sync();
