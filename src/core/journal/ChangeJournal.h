@@ -44,11 +44,11 @@
 // there with a warning and uses nothing after it. Pending = changes minus confirmed sequences.
 //
 // Size: the file holds what is pending, not the history. Confirmations are batched in memory
-// and written as one record at the next sync, by the sync thread, or when a batch reaches
-// kConfirmBatch. When nothing is pending the file is cut back to its header (ftruncate). When
-// it outgrows max(1 MiB, 4 x the pending records' bytes), the pending records (kept encoded in
-// memory) are written to "journal.tmp", which is fdatasync'd and renamed over "journal" (the
-// folder is fsync'd), and appending continues there.
+// and written as one record in the same write as the next change, at the next sync, by the
+// sync thread, or when a batch reaches kConfirmBatch. When nothing is pending the file is cut back
+// to its header (ftruncate). When it outgrows max(1 MiB, 4 x the pending records' bytes), the
+// pending records (kept encoded in memory) are written to "journal.tmp", which is fdatasync'd and
+// renamed over "journal" (the folder is fsync'd), and appending continues there.
 //
 // Durability: append() writes its record with one write(2) (O_APPEND) under the mutex, so it
 // has reached the operating system when append returns; a write that fails is cut off again so
@@ -138,6 +138,8 @@ class ChangeJournal {
   void syncLoop() noexcept;
   void writeLocked(const std::string& bytes) OVERLAY_REQUIRES(mutex_);
   void flushConfirmationsLocked() OVERLAY_REQUIRES(mutex_);
+  // The waiting confirmations as framed records (none: empty), taken out of the batch.
+  std::string takeConfirmationsLocked() OVERLAY_REQUIRES(mutex_);
   void compactIfNeededLocked() OVERLAY_REQUIRES(mutex_);
 
   const Options options_;

@@ -128,6 +128,7 @@ void OverlayProvider::ensureInitialized() const {
   // boost::call_once leaves the flag unset when lazyInitialize throws, so the next
   // operation tries again; threads arriving meanwhile wait for the outcome.
   boost::call_once(initFlag_, [this] { lazyInitialize(); });
+  ensureRecovered();
 }
 
 void OverlayProvider::lazyInitialize() const {
@@ -136,6 +137,8 @@ void OverlayProvider::lazyInitialize() const {
   std::ostringstream text;
   boost::property_tree::write_json(text, echo, false);
   OVERLAY_LOG(log::info) << text.str();
+  // First: a refused journal (another process holds the root) must leave nothing started.
+  openJournal();
 
   {
     std::lock_guard lock(initMutex_);
@@ -249,7 +252,19 @@ void OverlayProvider::doFlushFilesystem() {
 
 std::string OverlayProvider::doQueueStatistics() {
   const auto executor = executor_->load();
-  return executor ? executor->captureQueueMetrics() : std::string("{}");
+  auto metrics = executor ? executor->captureQueueMetrics() : std::string("{}");
+  const auto journal = this->journal();
+  if (!journal) return metrics;
+  boost::property_tree::ptree tree;
+  std::istringstream text(metrics);
+  boost::property_tree::read_json(text, tree);
+  // What the journal still holds, and what an earlier run had left in it.
+  tree.put("journal.pending", journal->pendingCount());
+  tree.put("journal.bytes", journal->fileSize());
+  tree.put("journal.recovered", recoveredChanges_.load());
+  std::ostringstream out;
+  boost::property_tree::write_json(out, tree, false);
+  return out.str();
 }
 
 void OverlayProvider::flushBody() const {
@@ -275,6 +290,7 @@ void OverlayProvider::flushBody() const {
     OVERLAY_LOG(log::error) << "ContentCache should be in an initialized state.";
   }
   metadataCache_->dropPendingState();
+  if (const auto journal = this->journal()) journal->sync();
   const auto elapsed = std::chrono::steady_clock::now() - started;
   OVERLAY_LOG(log::info) << "Flush took "
                          << std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count() /
@@ -309,6 +325,14 @@ void OverlayProvider::doShutdown() {
   }
   // Nothing runs on the bodies any more; a temporary cache leaves none behind.
   if (contentCache_) contentCache_->discard();
+  // What is still pending stays recorded for the next provider over the root, which may open
+  // the journal as soon as the last task or working file holding it lets it go.
+  std::shared_ptr<ChangeJournal> journal;
+  {
+    std::lock_guard lock(initMutex_);
+    journal = std::move(journal_);
+  }
+  if (journal) journal->sync();
   inner_->shutdownProvider();
 }
 

@@ -22,7 +22,9 @@
 //
 // Lifecycle: built (constructor) -> configured (doConfigure, any time) -> initialised (the
 // first operation runs lazyInitialize once; a failure rolls back and the next operation tries
-// again) -> shut down (doShutdown; also run by the destructor).
+// again) -> recovered (with "overlay.journal", what an earlier process left pending is
+// re-applied before the first operation is answered) -> shut down (doShutdown; also run by
+// the destructor).
 //
 // Threads and locks: the host calls any operation from any thread. Lock order: path guard
 // table, then the initialisation mutex (executor creation only), then the metadata cache
@@ -56,11 +58,14 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace storage::overlayprovider {
 
 namespace fsp = foundation::storage::provider;
+
+class JournalReceipt;
 
 class OverlayProvider : public fsp::IConfigurableProvider,
                         public fsp::extensions::IFlushableFilesystem,
@@ -180,10 +185,27 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // run. `echoes` are what the call does to which locations, noted in echoes_ just before it
   // is made.
   using ReplayedChanges = std::vector<std::pair<fsp::StorageIRI, ReplayedChange>>;
+  // `recorded`: the change's journal records when recordBeforeApplying made them already.
   void replay(const ReplayChange& change,
               std::function<void(const fsp::StorageItem& innerRoot)> innerCall,
-              std::function<void(MetadataCache&)> confirm, ReplayedChanges echoes = {}) const;
+              std::function<void(MetadataCache&)> confirm, ReplayedChanges echoes = {},
+              std::shared_ptr<JournalReceipt> recorded = nullptr) const;
+  // Records `change` (none: nothing to record) in the journal, then runs `apply`, the change's
+  // local half; a failing `apply` takes the record back.
+  std::shared_ptr<JournalReceipt> recordBeforeApplying(const std::optional<ReplayChange>& change,
+                                                       const std::function<void()>& apply) const;
   void triggerEventLatch() const;
+  // The journal (OverlayProviderJournal.cpp). journal(): empty unless "overlay.journal" is on
+  // and initialisation opened it. journalReceipt(): records `change` and returns what confirms
+  // it; empty without a journal. openJournal(): opens it over the persistent cache root
+  // (OperationRefused over a temporary cache). ensureRecovered(): re-applies what an earlier
+  // process left pending, once, before anything else is answered; calls made by that
+  // re-application itself pass through.
+  std::shared_ptr<ChangeJournal> journal() const;
+  std::shared_ptr<JournalReceipt> journalReceipt(const ReplayChange& change) const;
+  void openJournal() const;
+  void ensureRecovered() const;
+  void recoverJournal() const;
   bool existsInCache(const fsp::StorageIRI& location) const;
   // Refusals shared by the mutations: AlreadyExists (3), NotFound (4) naming the parent,
   // OperationRefused (2) for a parent that must be writable and is not.
@@ -276,7 +298,19 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   mutable std::atomic<bool> passThrough_{false};
   std::atomic<bool> contentCacheDisabled_{false};
   std::atomic<bool> backslashToForwardSlash_{false};
+  // "overlay.journal" and "overlay.journalSyncMs", read when the journal opens (lazy
+  // initialisation).
+  std::atomic<bool> journalEnabled_{false};
+  std::atomic<long> journalSyncMs_{1000};
+  // How many changes the journal held from an earlier run (reported in the statistics).
+  mutable std::atomic<std::uint64_t> recoveredChanges_{0};
+  // Opened by lazy initialisation, read by the mutations and the working files: guarded by
+  // initMutex_ (see journal()). Empty without "overlay.journal".
+  mutable std::shared_ptr<ChangeJournal> journal_;
   mutable boost::once_flag initFlag_ = BOOST_ONCE_INIT;
+  // Re-applying what the journal recovered happens once, after initialisation, before any
+  // operation is answered.
+  mutable boost::once_flag recoveryFlag_ = BOOST_ONCE_INIT;
   mutable std::mutex initMutex_;
   // Shared with the queued transactions, which do nothing once it is set.
   const std::shared_ptr<std::atomic<bool>> shutDown_ = std::make_shared<std::atomic<bool>>(false);

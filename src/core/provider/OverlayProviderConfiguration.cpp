@@ -100,6 +100,20 @@ void OverlayProvider::readConfiguration(const ptree& config) {
     echoes_->setEnabled(readAlphabeticBool(*text));
     logEcho("overlay.configuration.suppressEchoes", echoes_->isEnabled());
   }
+  if (const auto text = config.get_optional<std::string>("overlay.journal")) {
+    journalEnabled_ = readAlphabeticBool(*text);
+    logEcho("overlay.configuration.journal", journalEnabled_.load());
+  }
+  if (const auto text = config.get_optional<std::string>("overlay.journalSyncMs")) {
+    const long ms = std::stol(*text);
+    if (ms < 1) {
+      OVERLAY_LOG(log::error) << "overlay.journalSyncMs must be at least 1; keeping "
+                              << journalSyncMs_.load();
+    } else {
+      journalSyncMs_ = ms;
+      logEcho("overlay.configuration.journalSyncMs", ms);
+    }
+  }
   if (const auto text = config.get_optional<std::string>("overlay.backslashToForwardSlash")) {
     if (readAlphabeticBool(*text)) backslashToForwardSlash_ = true;
   }

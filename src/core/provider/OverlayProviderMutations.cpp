@@ -5,11 +5,16 @@
 // metadata cache once replayed. The caller never hears of the replay's outcome: a refusal by
 // the store is logged by runWithRetry.
 //
+// With the journal, a change that discards or moves cached bodies (a removal, a move) is
+// recorded before it is applied: applied first, a crash in between would leave the records of
+// the file's earlier writes pointing at bytes that are gone, with nothing saying why.
+//
 // The transaction is queued before the guard is released, not after: released first, a
 // related operation on another thread (a removal of the file just created and written, say)
 // could queue its own change ahead of this one, and the store would replay the two in the
 // other order than the caches applied them.
 #include "core/execution/RunWithRetry.h"
+#include "core/journal/JournalReceipt.h"
 #include "core/provider/OverlayProvider.h"
 #include "core/provider/OverlayProviderSupport.h"
 #include "core/support/InnerLocation.h"
@@ -37,19 +42,22 @@ bool isFuseHiddenName(const StorageIRI& location) {
 
 void OverlayProvider::replay(const ReplayChange& change,
                              std::function<void(const StorageItem& innerRoot)> innerCall,
-                             std::function<void(MetadataCache&)> confirm,
-                             ReplayedChanges echoes) const {
+                             std::function<void(MetadataCache&)> confirm, ReplayedChanges echoes,
+                             std::shared_ptr<JournalReceipt> recorded) const {
   if (shutDown_->load()) return;
   const auto executor = executor_->load();
   if (!executor) return;
   // The confirmation is also the change's local half: absorbed by a later change, it is
   // confirmed as if the store had done it and then undone it.
-  auto confirmInCache = [cache = metadataCache_, confirm = std::move(confirm)] {
+  const auto receipt = recorded ? std::move(recorded) : journalReceipt(change);
+  auto confirmInCache = [cache = metadataCache_, confirm = std::move(confirm), receipt] {
     try {
       confirm(*cache);
     } catch (...) {
       logCaughtException("Confirming a replayed change failed.");
     }
+    // runWithRetry has logged a refusal; a later process could not do better with the record.
+    if (receipt) receipt->confirm();
   };
   auto run = [name = std::string(actionName(change.action)), inner = inner_, stopped = shutDown_,
               innerCall = std::move(innerCall), confirmInCache, noted = echoes_,
@@ -180,14 +188,16 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
   // The store will hold that much less once the removal reaches it; the estimate says so now,
   // as it counted the file's growth when it was written.
   if (const auto accountant = quotaAccountant()) accountant->releaseSpace(record->getSize());
-  metadataCache_->removeFileMetadata(stored);
-  // The file's unsent writes are queued ahead of its removal rather than lost with its entry.
-  contentCache_->discardEntry(stored, true);
+  const ReplayChange change(FILE_REMOVAL, ChangeAction::RemoveFile, stored);
+  auto recorded = recordBeforeApplying(change, [&] {
+    metadataCache_->removeFileMetadata(stored);
+    // The file's unsent writes are queued ahead of its removal rather than lost with its entry.
+    contentCache_->discardEntry(stored, true);
+  });
   replay(
-      ReplayChange(FILE_REMOVAL, ChangeAction::RemoveFile, stored),
-      [stored](const StorageItem& inner) { innerItemFor(inner, stored).removeFile(); },
+      change, [stored](const StorageItem& inner) { innerItemFor(inner, stored).removeFile(); },
       [stored](MetadataCache& cache) { cache.confirmRemoval(stored); },
-      {{stored, ReplayedChange::Removed}});
+      {{stored, ReplayedChange::Removed}}, std::move(recorded));
 }
 
 void OverlayProvider::doRemoveFolder(const StorageIRI& iri) const {
@@ -224,15 +234,17 @@ void OverlayProvider::removeFolderBehind(const ReplayChange& change,
   const auto& folder = change.location;
   // Sized from the metadata cache while it still knows the tree.
   if (const auto accountant = quotaAccountant()) accountant->removeFolderTree(folder);
-  metadataCache_->removeFolderMetadata(folder);
-  contentCache_->removeFolderEntries(folder, true);
+  auto recorded = recordBeforeApplying(change, [&] {
+    metadataCache_->removeFolderMetadata(folder);
+    contentCache_->removeFolderEntries(folder, true);
+  });
   replay(
       change,
       [folder, removal = std::move(removal)](const StorageItem& inner) {
         removal(innerItemFor(inner, folder));
       },
       [folder](MetadataCache& cache) { cache.confirmRemoval(folder); },
-      {{folder, ReplayedChange::Removed}});
+      {{folder, ReplayedChange::Removed}}, std::move(recorded));
 }
 
 StorageIRI OverlayProvider::requireFolder(const StorageIRI& location) const {
@@ -262,22 +274,27 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   if (!record) throw notFound(source);
   const auto replaced = checkFileDestination(stored, destination, policy);
   if (stored == destination) return;  // the file is already there: nothing changes
-  // The body of a file that the move replaces goes with that file.
-  if (replaced && replaced->getIRI() != stored) {
-    contentCache_->discardEntry(replaced->getIRI(), true);
-  }
-  metadataCache_->moveFileMetadata(stored, destination);
-  contentCache_->moveEntry(stored, destination);
+  const auto change =
+      ReplayChange(FILE_MOVE, ChangeAction::MoveFile, stored).to(destination).withFlags(policy);
+  const bool hidden = isFuseHiddenName(destination);
+  auto recorded = recordBeforeApplying(hidden ? std::nullopt : std::optional(change), [&] {
+    // The body of a file that the move replaces goes with that file.
+    if (replaced && replaced->getIRI() != stored) {
+      contentCache_->discardEntry(replaced->getIRI(), true);
+    }
+    metadataCache_->moveFileMetadata(stored, destination);
+    contentCache_->moveEntry(stored, destination);
+  });
   if (const auto entry = contentCache_->find(destination)) {
     entry->adoptRecord(metadataCache_->getFileMetadata(destination));
   }
-  if (isFuseHiddenName(destination)) {
+  if (hidden) {
     metadataCache_->confirmFile(destination);
     metadataCache_->confirmRemoval(stored);
     return;
   }
   replay(
-      ReplayChange(FILE_MOVE, ChangeAction::MoveFile, stored).to(destination).withFlags(policy),
+      change,
       [stored, destination, policy](const StorageItem& inner) {
         innerItemFor(inner, stored)
             .moveFile(innerItemFor(inner, destination).getLocation(), policy);
@@ -288,7 +305,21 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
         // A new spelling of the same file went nowhere: its name must not be forgotten.
         if (!respelled) cache.confirmRemoval(stored);
       },
-      {{stored, ReplayedChange::MovedFrom}, {destination, ReplayedChange::MovedTo}});
+      {{stored, ReplayedChange::MovedFrom}, {destination, ReplayedChange::MovedTo}},
+      std::move(recorded));
+}
+
+std::shared_ptr<JournalReceipt> OverlayProvider::recordBeforeApplying(
+    const std::optional<ReplayChange>& change, const std::function<void()>& apply) const {
+  auto recorded = change ? journalReceipt(*change) : nullptr;
+  try {
+    apply();
+  } catch (...) {
+    // Not applied, so not to be replayed by a later process either.
+    if (recorded) recorded->confirm();
+    throw;
+  }
+  return recorded;
 }
 
 std::shared_ptr<FileMetadata> OverlayProvider::checkFileDestination(
@@ -332,16 +363,20 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
                       "a folder cannot move into itself");
     }
     checkFolderDestination(destination, policy);
+  }
+  const auto change =
+      ReplayChange(FOLDER_MOVE, ChangeAction::MoveFolder, stored).to(destination).withFlags(policy);
+  auto recorded = recordBeforeApplying(change, [&] {
     // Unless the move merges, the bodies below a folder it replaces go with that folder.
-    if (existing && policy != fsp::ReplacementPolicy::Merge) {
+    if (!respelled && existing && policy != fsp::ReplacementPolicy::Merge) {
       contentCache_->removeFolderEntries(existing->getIRI(), true);
     }
-  }
-  metadataCache_->moveFolderMetadata(stored, destination, policy);
-  contentCache_->moveFolderEntries(stored, destination);
+    metadataCache_->moveFolderMetadata(stored, destination, policy);
+    contentCache_->moveFolderEntries(stored, destination);
+  });
   keepWorkingFilesOnTheirRecords(destination);
   replay(
-      ReplayChange(FOLDER_MOVE, ChangeAction::MoveFolder, stored).to(destination).withFlags(policy),
+      change,
       [stored, destination, policy](const StorageItem& inner) {
         innerItemFor(inner, stored)
             .moveFolder(innerItemFor(inner, destination).getLocation(), policy);
@@ -350,7 +385,8 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
         cache.confirmFolder(destination, true);
         if (!respelled) cache.confirmRemoval(stored);
       },
-      {{stored, ReplayedChange::MovedFrom}, {destination, ReplayedChange::MovedTo}});
+      {{stored, ReplayedChange::MovedFrom}, {destination, ReplayedChange::MovedTo}},
+      std::move(recorded));
 }
 
 void OverlayProvider::checkFolderDestination(const StorageIRI& destination,

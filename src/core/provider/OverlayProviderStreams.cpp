@@ -32,6 +32,7 @@ WorkingFileSettings OverlayProvider::workingFileSettings() const {
   settings.storeKeepsExtendedAttributes = innerHasFeature(fsp::ExtendedFeature::ExtendedAttributes);
   settings.storeReportsCacheUsage = innerHasFeature(fsp::ExtendedFeature::CacheUsage);
   settings.noteReplayedChange = ReplayEchoes::noteThrough(echoes_);
+  settings.journal = journal();
   // Weakly: a stream may outlive the provider and its content cache.
   settings.cacheRoom = [cache = std::weak_ptr<ContentCache>(contentCache_)](std::uint64_t bytes) {
     const auto held = cache.lock();

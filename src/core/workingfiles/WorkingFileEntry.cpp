@@ -4,6 +4,7 @@
 
 #include "core/cacheresources/FilesystemCacheResource.h"
 #include "core/cacheresources/NOOPCacheResource.h"
+#include "core/journal/JournalReceipt.h"
 #include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
@@ -98,6 +99,11 @@ std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadWrite(
   // Held across the emptying and its transaction, so that no write of another stream can be
   // queued between them (it would land on the store before the store's copy is emptied).
   std::lock_guard order(submitMutex_);
+  const auto opening = change(FILE_OPEN_READWRITE, ChangeAction::OpenFile)
+                           .withFlags((options.create ? ReplayChange::kOpenCreates : 0) |
+                                      (options.truncate ? ReplayChange::kOpenTruncates : 0));
+  // Recorded before the body is emptied: the records of earlier writes refer to its bytes.
+  auto recorded = options.create || options.truncate ? journalReceipt(opening) : nullptr;
   if (options.truncate) {
     std::lock_guard lock(mutex_);
     // The store's copy is emptied by the open below; so is ours, and with it every range.
@@ -115,9 +121,7 @@ std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadWrite(
            [onOpened] {
              if (onOpened) onOpened();
            },
-           change(FILE_OPEN_READWRITE, ChangeAction::OpenFile)
-               .withFlags((options.create ? 1 : 0) | (options.truncate ? 2 : 0)),
-           settings_.minQueueItemWeight);
+           opening, settings_.minQueueItemWeight, std::move(recorded));
   } else if (onOpened) {
     onOpened();
   }
@@ -257,7 +261,12 @@ std::int64_t WorkingFileEntry::writeAt(std::int64_t offset, const char* data, st
   std::vector<std::shared_ptr<PendingWriteBlock>> handOver;
   std::int64_t extendTo = -1;
   std::lock_guard order(submitMutex_);
-  {
+  // Recorded before the bytes land in the body: a crash in between then replays the write with
+  // the bytes that were there, which changes nothing, rather than letting the records of
+  // earlier writes of the range replay bytes that no record accounts for.
+  const auto own =
+      recordInJournal(change(FILE_WRITE, ChangeAction::WriteRange).range(offset, count));
+  try {
     std::lock_guard lock(mutex_);
     checkGrowthLocked(offset + count);
     if (offset > size_) {
@@ -267,9 +276,14 @@ std::int64_t WorkingFileEntry::writeAt(std::int64_t offset, const char* data, st
       extendTo = offset;
     }
     writeLocked(offset, data, count, handOver);
+  } catch (...) {
+    retract(own);
+    throw;
   }
   submitWrites(beforeGap);
-  if (extendTo >= 0) submitTruncation(extendTo);
+  // The write's record says the file grows: a write past the end extends it when replayed too.
+  if (extendTo >= 0) submitTruncation(extendTo, std::nullopt);
+  if (own) unconfirmedWrites_.push_back(*own);
   submitWrites(handOver);
   return count;
 }
@@ -285,7 +299,9 @@ void WorkingFileEntry::truncate(std::uint64_t size) {
   std::vector<std::shared_ptr<PendingWriteBlock>> handOver;
   bool closeAfter = false;
   std::lock_guard order(submitMutex_);
-  {
+  // Recorded before the body is cut, for the same reason as a write.
+  const auto own = recordInJournal(change(FILE_WRITE, ChangeAction::Truncate).range(0, newSize));
+  try {
     std::lock_guard lock(mutex_);
     // A size the body cannot take is refused as such, even where the quota would refuse it
     // too; an extension of the body is undone when the quota then refuses the growth.
@@ -306,9 +322,12 @@ void WorkingFileEntry::truncate(std::uint64_t size) {
       ++closesQueued_;
       closeAfter = true;
     }
+  } catch (...) {
+    retract(own);
+    throw;
   }
   submitWrites(handOver);
-  submitTruncation(newSize);
+  submitTruncation(newSize, own);
   if (closeAfter) {
     submitClose();
   }
@@ -358,11 +377,12 @@ void WorkingFileEntry::accountSizeChangeLocked(std::int64_t from, std::int64_t t
   }
 }
 
-void WorkingFileEntry::submitTruncation(std::int64_t size) {
+void WorkingFileEntry::submitTruncation(std::int64_t size, std::optional<std::uint64_t> own) {
   // Counted with the writes: it changes the file's bytes, and the queue has no kind of its own
   // for it.
+  const auto truncation = change(FILE_WRITE, ChangeAction::Truncate).range(0, size);
   submit([self = shared_from_this(), size](const ReplayChange&) { self->runTruncate(size); }, [] {},
-         change(FILE_WRITE, ChangeAction::Truncate).range(0, size), settings_.minQueueItemWeight);
+         truncation, settings_.minQueueItemWeight, receiptWith(truncation, own));
 }
 
 void WorkingFileEntry::submitClose() {
@@ -564,13 +584,44 @@ class WorkingFileEntry::PendingTicket {
   std::shared_ptr<WorkingFileEntry> entry_;
 };
 
+std::optional<std::uint64_t> WorkingFileEntry::recordInJournal(const ReplayChange& change) {
+  if (!settings_.journal) return std::nullopt;
+  return settings_.journal->append(change);
+}
+
+void WorkingFileEntry::retract(std::optional<std::uint64_t> record) {
+  if (record) settings_.journal->confirm(*record);
+}
+
+std::shared_ptr<JournalReceipt> WorkingFileEntry::journalReceipt(const ReplayChange& change) {
+  // A write was recorded when it was made; a stream following a move needs no record of its
+  // own (the move has one).
+  const bool ownRecord =
+      change.action != ChangeAction::WriteRange && change.action != ChangeAction::Relocate;
+  return receiptWith(change, ownRecord ? recordInJournal(change) : std::nullopt);
+}
+
+std::shared_ptr<JournalReceipt> WorkingFileEntry::receiptWith(const ReplayChange& change,
+                                                              std::optional<std::uint64_t> own) {
+  if (!settings_.journal) return nullptr;
+  std::vector<std::uint64_t> records;
+  if (own) records.push_back(*own);
+  if (change.action == ChangeAction::CloseFile || change.action == ChangeAction::Truncate ||
+      change.action == ChangeAction::OpenFile) {
+    records.insert(records.end(), unconfirmedWrites_.begin(), unconfirmedWrites_.end());
+    unconfirmedWrites_.clear();
+  }
+  if (records.empty()) return nullptr;
+  return std::make_shared<JournalReceipt>(settings_.journal, std::move(records));
+}
+
 ReplayChange WorkingFileEntry::change(ObservableTransactionType kind, ChangeAction action) const {
   return ReplayChange(kind, action, location());
 }
 
 void WorkingFileEntry::submit(std::function<void(const ReplayChange&)> run,
-                              std::function<void()> moot, const ReplayChange& change,
-                              double weight) {
+                              std::function<void()> moot, const ReplayChange& change, double weight,
+                              std::optional<std::shared_ptr<JournalReceipt>> recorded) {
   const auto kind = change.kind;
   const auto executor = settings_.executor ? settings_.executor->load() : nullptr;
   if (!executor) {
@@ -578,11 +629,27 @@ void WorkingFileEntry::submit(std::function<void(const ReplayChange&)> run,
     return;
   }
   auto ticket = std::make_shared<PendingTicket>(shared_from_this());
+  const auto receipt = recorded ? std::move(*recorded) : journalReceipt(change);
   // Both halves hold the ticket: the transaction is pending until whichever runs has run.
   ReplayTask task{change,
-                  [run = std::move(run), ticket](const ReplayChange& replayed) { run(replayed); },
+                  [run = std::move(run), ticket, receipt](const ReplayChange& replayed) {
+                    // A failure is logged where it happens; a later process could not do
+                    // better with the record, so it is confirmed either way.
+                    try {
+                      run(replayed);
+                    } catch (...) {
+                      if (receipt) receipt->confirm();
+                      throw;
+                    }
+                    if (receipt) receipt->confirm();
+                  },
                   nullptr, weight};
-  if (moot) task.moot = [moot = std::move(moot), ticket] { moot(); };
+  if (moot) {
+    task.moot = [moot = std::move(moot), ticket, receipt] {
+      moot();
+      if (receipt) receipt->confirm();
+    };
+  }
   executor->submit(std::move(task));
 }
 

@@ -68,6 +68,13 @@
 // shared ownership, so it may outlive the cache and the provider. Once the provider's
 // executor has stopped, its further transactions are dropped (and logged by the executor).
 //
+// Journal ("overlay.journal"): each change of the file is recorded before the caller returns:
+// a write (its range; the bytes stay in the body), a truncation and an emptying open before
+// they change the body, so that a crash in between never leaves the records of earlier writes
+// pointing at bytes that no record accounts for; the others when they are queued. The records
+// are confirmed when the task that carries them has run or was absorbed (see
+// unconfirmedWrites_).
+//
 // Locks, in order: submitMutex_ (serialises handing blocks to the executor, so that they
 // reach it in the order they were written), innerMutex_ (the inner stream and its position),
 // mutex_ (size, open streams, pending block, cached body), pendingMutex_ (count of queued
@@ -97,11 +104,14 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 
 namespace storage::overlayprovider {
 
 namespace fsp = foundation::storage::provider;
+
+class JournalReceipt;
 
 class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
  public:
@@ -208,7 +218,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void resizeLocked(std::int64_t size, std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
   // Counts a change of the file's size in the quota estimate.
   void accountSizeChangeLocked(std::int64_t from, std::int64_t to);
-  void submitTruncation(std::int64_t size);
+  // `own`: its journal record, made before the body was cut; none for an extension, which the
+  // write's record implies.
+  void submitTruncation(std::int64_t size, std::optional<std::uint64_t> own);
   void writeLocked(std::int64_t offset, const char* data, std::int64_t count,
                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
   void recordLocked(std::int64_t offset, const char* data, std::int64_t count, bool inBody,
@@ -226,9 +238,23 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   ReplayChange change(ObservableTransactionType kind, ChangeAction action) const;
   // Queues `run` (the store's half) with `moot` (the local half, run instead when a later change
   // absorbs this one; empty: never absorbed). Both hold the file's pending ticket.
+  // `recorded`: what confirms the change's journal records, when they were made before it was
+  // applied (empty pointer: none); without it, journalReceipt(change) makes them now.
   void submit(std::function<void(const ReplayChange&)> run, std::function<void()> moot,
-              const ReplayChange& change, double weight);
+              const ReplayChange& change, double weight,
+              std::optional<std::shared_ptr<JournalReceipt>> recorded = std::nullopt);
   void submitClose();
+  // The journal (all called under submitMutex_, all empty without a journal):
+  // recordInJournal appends `change` and returns its record; retract takes a record back (the
+  // change failed before it was applied); journalReceipt records `change` (not a write, whose
+  // record was made with it, nor a stream's relocation) and returns what confirms it;
+  // receiptWith does the same with the record `own` made before. For a close, truncation or
+  // open, the receipt also takes the file's unconfirmed writes along.
+  std::optional<std::uint64_t> recordInJournal(const ReplayChange& change);
+  void retract(std::optional<std::uint64_t> record);
+  std::shared_ptr<JournalReceipt> journalReceipt(const ReplayChange& change);
+  std::shared_ptr<JournalReceipt> receiptWith(const ReplayChange& change,
+                                              std::optional<std::uint64_t> own);
   std::shared_ptr<PendingTicket> newTicket();
   void stampBodyLocked();
   // The record stays frozen from the first writable open until the last closing transaction
@@ -280,6 +306,11 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::atomic<std::int64_t> lastAccess_{0};
 
   std::mutex submitMutex_;
+  // Journal records of writes whose bytes have not all been handed to the executor in a task
+  // that follows them; the next close, truncation or emptying open of the file carries them
+  // and confirms them once it has run (by then every earlier write of the file has too).
+  // Guarded by submitMutex_.
+  std::vector<std::uint64_t> unconfirmedWrites_;
 
   std::mutex innerMutex_;
   fsp::StorageIRI innerLocation_;

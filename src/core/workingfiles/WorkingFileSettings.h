@@ -8,6 +8,7 @@
 #include "core/cacheresources/CacheMode.h"
 #include "core/execution/ExecutorSlot.h"
 #include "core/execution/TimedLatch.h"
+#include "core/journal/ChangeJournal.h"
 #include "core/quota/IQuotaAccountant.h"
 #include "core/support/ReplayedChange.h"
 
@@ -56,6 +57,10 @@ struct WorkingFileSettings {
   // close, a truncation, its time stamp), so that the store's echo of it is recognised. Empty:
   // nobody listens. Never throws.
   ReplayedChangeNote noteReplayedChange;
+  // "overlay.journal": every change of the file is recorded here before the caller returns
+  // (writes as their byte range; the bytes stay in the body) and confirmed once the store has
+  // it. Empty: changes live only in the queue.
+  std::shared_ptr<ChangeJournal> journal;
 };
 
 // The weight of a queued transaction that carries `bytes` bytes: the minimum item weight plus
