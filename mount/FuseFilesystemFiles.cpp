@@ -109,7 +109,7 @@ int FuseFilesystem::fsync(const char*, int datasync, fuse_file_info* fi) {
       orphan->sync(datasync != 0);
       return 0;
     }
-    fs.stores_->flush();
+    fs.stores_->sync();
     return 0;
   });
 }

@@ -1,9 +1,14 @@
 #include "MountOptions.h"
 
+#include <foundation/crypto/Digest.h>
+
+#include <unistd.h>
 #include <boost/program_options.hpp>
 
 #include <array>
+#include <cctype>
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <ostream>
 #include <sstream>
@@ -75,6 +80,12 @@ po::options_description describeOptions() {
       "stats-interval", po::value<unsigned>()->default_value(0),
       "print queue statistics every N seconds (0: only on SIGUSR1)")(
       "max-threads", po::value<unsigned>()->default_value(10), "most FUSE worker threads")(
+      "no-journal",
+      "keep queued changes only in memory (a crash loses what has not reached the store) "
+      "and the content cache in a fresh temporary folder")(
+      "fsync", po::value<std::string>()->default_value("journal"),
+      "journal: fsync returns once the file's changes are durable in the local journal; "
+      "store: once the store holds every change")(
       "act-on-echoes",
       "act on the store's reports of the overlay's own changes, as the overlay does unless "
       "told otherwise (they are ignored by default; for comparison)")(
@@ -167,6 +178,26 @@ void readStore(const std::string& store, MountOptions& options) {
   options.storeDirectory = existingDirectory(directory, "the store");
 }
 
+void readJournalOptions(const po::variables_map& vm, MountOptions& options) {
+  const auto fsync = vm["fsync"].as<std::string>();
+  if (fsync != "journal" && fsync != "store") throw UsageError("--fsync must be journal or store");
+  options.fsyncToStore = fsync == "store";
+  options.journal = !options.passThrough && options.storeKind != MountOptions::StoreKind::Mem &&
+                    vm.count("no-journal") == 0;
+  if (!options.journal) return;
+  auto& config = options.overlayConfig;
+  if (!config.get_optional<std::string>("overlay.cacheRoot")) {
+    const auto root = defaultCacheRoot(options);
+    std::error_code error;
+    std::filesystem::create_directories(root, error);
+    if (error) throw UsageError("cannot make the cache root " + root + ": " + error.message());
+    config.put("overlay.cacheRoot", root);
+    options.ownsCacheRoot = vm.count("persist-content-cache") == 0;
+  }
+  config.put("overlay.persistContentCache", "true");
+  config.put("overlay.journal", "true");
+}
+
 MountOptions optionsFrom(const po::variables_map& vm) {
   MountOptions options;
   readStore(vm["store"].as<std::string>(), options);
@@ -194,10 +225,33 @@ MountOptions optionsFrom(const po::variables_map& vm) {
   const double poll = vm["poll-interval"].as<double>();
   if (!(poll >= 0.1 && poll <= 86400)) throw UsageError("--poll-interval must be in 0.1..86400");
   options.sftp.pollIntervalMs = static_cast<long>(poll * 1000);
+  readJournalOptions(vm, options);
   return options;
 }
 
 }  // namespace
+
+std::string defaultCacheRoot(const MountOptions& options) {
+  std::filesystem::path base;
+  const char* xdg = std::getenv("XDG_CACHE_HOME");
+  const char* home = std::getenv("HOME");
+  if (xdg != nullptr && *xdg != '\0') {
+    base = xdg;
+  } else if (::geteuid() == 0 || home == nullptr || *home == '\0') {
+    base = "/var/cache";
+  } else {
+    base = std::filesystem::path(home) / ".cache";
+  }
+  // Readable (the store's last path part) and unique (a digest of the whole address).
+  const std::string address = options.storeDirectory;
+  std::string tail = std::filesystem::path(address).filename().string();
+  for (auto& c : tail) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '.') c = '_';
+  }
+  if (tail.empty()) tail = "root";
+  const auto digest = foundation::crypto::blake2b512Base64Url(address).substr(0, 16);
+  return (base / "cachemount" / (tail + "-" + digest)).string();
+}
 
 std::optional<MountOptions> parseMountOptions(int argc, const char* const* argv,
                                               std::ostream& out) {

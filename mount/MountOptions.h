@@ -45,7 +45,21 @@ struct MountOptions {
   unsigned statsInterval = 0;
   std::string bundlePath;
   unsigned maxThreads = 10;
+  // The overlay keeps a journal of queued changes in a persistent cache root (not for mem:,
+  // which dies with the process, nor in a pass-through; off with --no-journal).
+  bool journal = false;
+  // --fsync=store: fsync waits until the store holds every change, as without a journal;
+  // by default it returns once the changes are durable in the journal.
+  bool fsyncToStore = false;
+  // The cache root the command chose for the store (no --cache-root): deleted after a clean
+  // unmount unless --persist-content-cache asked to keep the bodies.
+  bool ownsCacheRoot = false;
 };
+
+// Where the command keeps the cache root of a store when none is given: one folder per store
+// under $XDG_CACHE_HOME/cachemount, or /var/cache/cachemount for root, or ~/.cache/cachemount,
+// named after the store, so that mounting the same store again finds what a crash left.
+std::string defaultCacheRoot(const MountOptions& options);
 
 // nullopt when --help was asked (the usage has been written to `out`). Throws UsageError.
 std::optional<MountOptions> parseMountOptions(int argc, const char* const* argv, std::ostream& out);

@@ -96,6 +96,30 @@ std::string scratchDirectory(const MountOptions& options) {
   return std::filesystem::temp_directory_path().string();
 }
 
+// Re-applies what an earlier run left in the journal before the first program is served, and
+// says so. False when the overlay cannot start (another process holds the cache root, say).
+bool announceRecovery(const StoreStack& stores, std::ostream& out) {
+  try {
+    if (const auto pending = stores.recoverPendingChanges(); pending > 0) {
+      out << "cachemount: replaying " << pending << " pending changes from an earlier run"
+          << std::endl;
+    }
+    return true;
+  } catch (const std::exception& e) {
+    out << "cachemount: cannot start the overlay: " << e.what() << std::endl;
+    return false;
+  }
+}
+
+// Everything reached the store: the bodies and the empty journal are not needed any more.
+void removeCacheRoot(const MountOptions& options) {
+  const auto root = options.overlayConfig.get<std::string>("overlay.cacheRoot", "");
+  std::error_code error;
+  if (!root.empty()) std::filesystem::remove_all(root, error);
+  if (error)
+    MOUNT_LOG(foundation::log::error) << "cannot remove " << root << ": " << error.message();
+}
+
 }  // namespace
 
 MountSession::MountSession(MountOptions options, std::ostream& out)
@@ -137,6 +161,10 @@ int MountSession::run() {
   out_ << "cachemount: mounted " << (stores->isOverlay() ? "the overlay over " : "(pass-through) ")
        << (options_.storeKind == MountOptions::StoreKind::Mem ? "mem:" : options_.storeDirectory)
        << " at " << options_.mountpoint << std::endl;
+  if (!announceRecovery(*stores, out_)) {
+    fuse_unmount(handle.get());
+    return 1;
+  }
   if (fuse_set_signal_handlers(fuse_get_session(handle.get())) != 0) {
     fuse_unmount(handle.get());
     return 1;
@@ -154,6 +182,7 @@ int MountSession::run() {
   const bool flushed = flushAndReport(*stores, out_, reporter);
   handle.reset();
   stores->shutdown();
+  if (flushed && options_.ownsCacheRoot) removeCacheRoot(options_);
   return flushed && endedCleanly(loopStatus) ? 0 : 1;
 }
 

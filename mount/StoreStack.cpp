@@ -9,8 +9,15 @@
 #include <foundation/storage/provider/mem/MemProvider.h>
 #include <foundation/storage/provider/sftp/SftpProvider.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
 #include <cctype>
+#include <cerrno>
+#include <sstream>
 #include <stdexcept>
+#include <system_error>
 
 namespace storage::mount {
 
@@ -28,6 +35,8 @@ StoreStack::StoreStack(const MountOptions& options)
   host_->load(options.bundlePath);
   root_ = fsp::ProviderRegistry::instance().open(u"overlay", innerRoot);
   root_.configure(options.overlayConfig);
+  journalSync_ = options.journal && !options.fsyncToStore;
+  cacheRoot_ = options.overlayConfig.get<std::string>("overlay.cacheRoot", "");
 }
 
 StoreStack::~StoreStack() { shutdown(); }
@@ -54,6 +63,29 @@ void StoreStack::flush() const {
   auto* flushable = dynamic_cast<fsp::extensions::IFlushableFilesystem*>(root_.getProvider().get());
   if (flushable == nullptr) throw std::runtime_error("the overlay provider cannot be flushed");
   flushable->flushFilesystem();
+}
+
+void StoreStack::sync() const {
+  if (!journalSync_) return flush();
+  const int folder = ::open(cacheRoot_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0) throw std::system_error(errno, std::generic_category(), "opening " + cacheRoot_);
+  const int synced = ::syncfs(folder);
+  const int error = errno;
+  ::close(folder);
+  if (synced != 0) throw std::system_error(error, std::generic_category(), "syncing " + cacheRoot_);
+}
+
+std::uint64_t StoreStack::recoverPendingChanges() const {
+  if (!overlay_) return 0;
+  root_.folderExists();
+  std::istringstream text(queueStatistics());
+  boost::property_tree::ptree statistics;
+  try {
+    boost::property_tree::read_json(text, statistics);
+  } catch (const boost::property_tree::ptree_error&) {
+    return 0;
+  }
+  return statistics.get<std::uint64_t>("journal.recovered", 0);
 }
 
 std::string StoreStack::queueStatistics() const {

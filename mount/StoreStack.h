@@ -38,6 +38,13 @@ class StoreStack {
   // Returns once every change accepted so far has reached the store (the overlay's flush;
   // nothing to wait for in a pass-through).
   void flush() const;
+  // What fsync promises: with the journal (and no --fsync=store), that every change accepted
+  // so far is durable on the local disk: the journal and the bodies it refers to, all in the
+  // cache root, whose file system is synced (syncfs) at once. Otherwise flush().
+  void sync() const;
+  // Asks the overlay for its first answer, which waits until what an earlier run left in the
+  // journal has been re-applied, and returns how many changes that was (0 without a journal).
+  std::uint64_t recoverPendingChanges() const;
   // The overlay's queue snapshot as one line of JSON ("{}" in a pass-through).
   std::string queueStatistics() const;
   std::uint64_t storeCalls() const { return instrumented_->totalCalls(); }
@@ -56,6 +63,8 @@ class StoreStack {
   std::shared_ptr<foundation::storage::provider::instrumented::InstrumentedProvider> instrumented_;
   foundation::storage::provider::StorageItem root_;
   bool overlay_ = false;
+  bool journalSync_ = false;
+  std::string cacheRoot_;
   bool shutDown_ = false;
 };
 
