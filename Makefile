@@ -1,6 +1,6 @@
 # Entry points. Each target installs what is missing, configures, builds and runs.
 .PHONY: all deps build test test-sanitize test-tsan soak fuzz format clean demo bench-mount \
-	peer-test bench-fio
+	peer-test bench-fio crash-test bench-journal
 
 all: build
 
@@ -35,6 +35,12 @@ test-tsan: deps
 # The randomized soak, long: 250,000 operations in each of its four plans.
 soak: build
 	OVERLAY_SOAK_OPS=$${OVERLAY_SOAK_OPS:-250000} ./build/default/tests/overlay/overlay_soak_tests
+
+# The crash test, long: 500 kills of the overlay with its journal at random moments of a random
+# workload (CI runs 20), with the counts of how each ended.
+CRASH_KILLS ?= 500
+crash-test: build
+	OVERLAY_CRASH_KILLS=$(CRASH_KILLS) ./build/default/tests/overlay/overlay_crash_tests
 
 # Builds the libFuzzer targets (clang) and runs each for FUZZ_SECONDS (default 60) over a
 # scratch copy of its seed corpus; see scripts/run-fuzzers.sh.

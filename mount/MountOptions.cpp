@@ -182,8 +182,9 @@ void readJournalOptions(const po::variables_map& vm, MountOptions& options) {
   const auto fsync = vm["fsync"].as<std::string>();
   if (fsync != "journal" && fsync != "store") throw UsageError("--fsync must be journal or store");
   options.fsyncToStore = fsync == "store";
+  // The journal refers to bytes in the cached bodies: without a content cache there are none.
   options.journal = !options.passThrough && options.storeKind != MountOptions::StoreKind::Mem &&
-                    vm.count("no-journal") == 0;
+                    vm.count("no-journal") == 0 && vm.count("disable-content-cache") == 0;
   if (!options.journal) return;
   auto& config = options.overlayConfig;
   if (!config.get_optional<std::string>("overlay.cacheRoot")) {

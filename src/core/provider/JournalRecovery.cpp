@@ -77,7 +77,7 @@ JournalRecovery::JournalRecovery(const fsp::IProvider& overlay, fs::path cacheRo
       })) {}
 
 JournalRecovery::Outcome JournalRecovery::run() {
-  copyBodies();
+  setBodiesAside();
   for (std::size_t index = 0; index < changes_.size(); ++index) apply(index);
   try {
     closeStream();
@@ -97,29 +97,30 @@ fs::path JournalRecovery::bodyOf(const fsp::StorageIRI& final) const {
   return cacheRoot_ / kBodiesFolder / cacheFileName(final);
 }
 
-void JournalRecovery::copyBodies() {
+void JournalRecovery::setBodiesAside() {
   // A folder left by an interrupted recovery holds the bytes as they were before it
-  // re-applied anything: it is kept. One only half made is made again.
+  // re-applied anything: it is kept. One only half filled is filled on: what it holds already
+  // left the cache.
   const auto folder = cacheRoot_ / kBodiesFolder;
   if (fs::exists(folder)) return;
-  const auto making = cacheRoot_ / (std::string(kBodiesFolder) + ".tmp");
-  fs::remove_all(making);
-  fs::create_directories(making);
+  const auto filling = cacheRoot_ / (std::string(kBodiesFolder) + ".tmp");
+  fs::create_directories(filling);
   for (const auto& final : finals_) {
     if (!final) continue;
     const auto name = cacheFileName(*final);
     const auto body = cacheRoot_ / "V1.0" / name;
     boost::system::error_code error;
-    if (fs::exists(making / name)) continue;
+    if (fs::exists(filling / name)) continue;
     if (!fs::exists(body, error)) {
       OVERLAY_LOG(log::warning) << "journal: no cached body for " << final->toString()
                                 << "; its recorded writes cannot be replayed";
       continue;
     }
-    // A copy, not a link: re-applying a truncation or a write changes the body in place.
-    fs::copy_file(body, making / name);
+    // Moved, not linked: re-applying a truncation or a write would change a linked body in
+    // place. The re-applied changes make the file's body anew, so the cache loses nothing.
+    fs::rename(body, filling / name);
   }
-  fs::rename(making, folder);
+  fs::rename(filling, folder);
 }
 
 void JournalRecovery::apply(std::size_t index) {

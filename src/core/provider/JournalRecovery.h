@@ -5,9 +5,10 @@
 // How: each recovered change is made again through the provider's own operations (creations,
 // removals, moves, time stamps, streams for opens, writes and truncations), which apply it to
 // both caches, record it in the journal anew and queue it for the store. The bytes of a write
-// come from the cached body of the file's final location (see RecoveredWrites), copied into
+// come from the cached body of the file's final location (see RecoveredWrites), moved into
 // "<cache root>/recovery" before anything is re-applied, since re-applying a truncation, a
-// truncating open or a replacing move changes or discards bodies. The copies stay until the caller
+// truncating open or a replacing move changes or discards bodies (re-applying the writes
+// makes the file's body anew). They stay until the caller
 // has finished the journal's recovery, so a crash in the middle of a recovery starts the next one
 // from the same bytes.
 //
@@ -54,16 +55,16 @@ class JournalRecovery {
   JournalRecovery(const foundation::storage::provider::IProvider& overlay,
                   boost::filesystem::path cacheRoot, std::vector<ReplayChange> changes);
 
-  // Re-applies every change in order. Throws only when the bodies cannot be copied aside.
+  // Re-applies every change in order. Throws only when the bodies cannot be set aside.
   Outcome run();
-  // Deletes the copied bodies: call once the journal holds the re-applied changes durably.
+  // Deletes the bodies set aside: call once the journal holds the re-applied changes durably.
   void discardBodies() noexcept;
 
   static constexpr const char* kBodiesFolder = "recovery";
   static constexpr const char* kLostAndFoundFolder = "lost+found";
 
  private:
-  void copyBodies();
+  void setBodiesAside();
   void apply(std::size_t index);
   void applyStreamChange(const ReplayChange& change, std::size_t index);
   void writeRange(const ReplayChange& change, std::size_t index);

@@ -47,6 +47,11 @@ void OverlayProvider::openJournal() const {
                     "(\"overlay.persistContentCache\" with \"overlay.cacheRoot\"): the journal "
                     "refers to bytes in the cached bodies");
   }
+  if (contentCacheDisabled_.load()) {
+    throw Exception(ErrorCode::OperationRefused, publicRoot_,
+                    "\"overlay.journal\" needs the content cache (\"overlay.disableContentCache\" "
+                    "is set): the journal refers to bytes in the cached bodies");
+  }
   ChangeJournal::Options options;
   options.folder = contentCache_->cacheRoot();
   options.syncInterval = std::chrono::milliseconds(journalSyncMs_.load());
