@@ -3,6 +3,9 @@
 
 #include <foundation/log/LogCapture.h>
 
+#include <boost/filesystem.hpp>
+#include <optional>
+
 using namespace overlaytest;
 using boost::property_tree::ptree;
 using foundation::log::LogCapture;
@@ -107,4 +110,41 @@ TEST(OverlayConfiguration, SwitchingToSynchronousAfterInitialisationLosesNoQueue
   EXPECT_EQ(ran.load(), 10);
   EXPECT_TRUE(background->isStopped());
   EXPECT_NE(std::dynamic_pointer_cast<SynchronousExecutor>(env.overlay->executor()), nullptr);
+}
+
+// The journal needs persistent bodies to refer to, and one process per cache root: otherwise
+// the first operation is refused with a clear error, and tried again by the next.
+TEST(OverlayConfiguration, TheJournalIsRefusedWhereItCouldNotKeepItsPromise) {
+  const auto root = boost::filesystem::temp_directory_path() /
+                    boost::filesystem::unique_path("overlay-journal-%%%%-%%%%");
+  struct Case {
+    const char* name;
+    bool persistent, contentCache, rootHeldElsewhere;
+    std::optional<fsp::ErrorCode> refusal;
+  };
+  for (const auto& c : std::vector<Case>{
+           {"temporary cache", false, true, false, fsp::ErrorCode::OperationRefused},
+           {"no content cache", true, false, false, fsp::ErrorCode::OperationRefused},
+           {"root held by another provider", true, true, true, fsp::ErrorCode::ResourceBusy},
+           {"persistent cache of its own", true, true, false, std::nullopt}}) {
+    OverlayOverMem holder, env;
+    const auto keys =
+        configWith({{"overlay.cacheRoot", root.c_str()},
+                    {"overlay.persistContentCache", c.persistent ? "true" : "false"},
+                    {"overlay.disableContentCache", c.contentCache ? "false" : "true"},
+                    {"overlay.journal", "true"}});
+    if (c.rootHeldElsewhere) {
+      holder.overlay->configure(keys);
+      holder.overlay->folderExists(holder.root);
+    }
+    env.overlay->configure(keys);
+    try {
+      env.overlay->folderExists(env.root);
+      EXPECT_FALSE(c.refusal) << c.name;
+    } catch (const fsp::Exception& refused) {
+      EXPECT_EQ(std::optional(refused.getErrorCode()), c.refusal)
+          << c.name << ": " << refused.what();
+    }
+  }
+  boost::filesystem::remove_all(root);
 }
