@@ -495,7 +495,9 @@ void ChangeJournal::sync() {
   }
   // With the mutex released, so appends go on meanwhile. Should a compaction replace the file
   // meanwhile, it has synced its new file itself; syncing the old one is harmless.
-  if (::fdatasync(file->fd) != 0) throwIo(options_.folder / "journal", "fdatasync failed");
+  // The whole file system, not the journal alone: the records refer to bytes in the cached
+  // bodies beside it, which must be on disk as soon as the records are.
+  if (::syncfs(file->fd) != 0) throwIo(options_.folder / "journal", "syncfs failed");
   MutexLock lock(mutex_);
   synced_ = std::max(synced_, target);
 }

@@ -53,7 +53,9 @@
 // Durability: append() writes its record with one write(2) (O_APPEND) under the mutex, so it
 // has reached the operating system when append returns; a write that fails is cut off again so
 // that no torn record sits before later ones. sync() and the sync thread (at least every
-// syncInterval while something is unsynced) fdatasync outside the mutex: they note how many
+// syncInterval while something is unsynced) sync the cache root's file system (syncfs: the
+// records refer to bytes in the bodies, which must be as durable as they) outside the mutex:
+// they note how many
 // writes they cover, sync holding only syncMutex_ (never the mutex appends take) and then raise
 // the "synced up to" count, so appends do not wait for the disk. Compaction is the exception: it
 // fdatasyncs its new file with the mutex held (appends wait for it then; it is rare, once per
@@ -124,7 +126,8 @@ class ChangeJournal {
   // Never throws: a confirmation that cannot be written is logged and kept in the batch (lost,
   // it would only replay a change the store already has).
   void confirm(std::uint64_t sequence);
-  // Everything appended or confirmed before the call is on disk (fdatasync) when this returns.
+  // Everything appended or confirmed before the call is on disk, with the bodies it refers to
+  // (syncfs of the cache root's file system), when this returns.
   void sync();
   std::size_t pendingCount() const;
   // The journal file's size now (fstat), for tests and statistics.

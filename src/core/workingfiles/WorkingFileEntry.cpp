@@ -605,12 +605,11 @@ std::shared_ptr<JournalReceipt> WorkingFileEntry::receiptWith(const ReplayChange
                                                               std::optional<std::uint64_t> own) {
   if (!settings_.journal) return nullptr;
   std::vector<std::uint64_t> records;
-  if (own) records.push_back(*own);
   if (change.action == ChangeAction::CloseFile || change.action == ChangeAction::Truncate ||
       change.action == ChangeAction::OpenFile) {
-    records.insert(records.end(), unconfirmedWrites_.begin(), unconfirmedWrites_.end());
-    unconfirmedWrites_.clear();
+    records.swap(unconfirmedWrites_);
   }
+  if (own) records.push_back(*own);
   if (records.empty()) return nullptr;
   return std::make_shared<JournalReceipt>(settings_.journal, std::move(records));
 }
@@ -753,7 +752,9 @@ void WorkingFileEntry::stampBodyLocked() {
   if (!body_) return;
   if (!bodyCompleteLocked()) {
     body_->stamp(boost::posix_time::from_time_t(0));
-  } else if (mode_ == CacheMode::PERSISTENT) {
+  } else if (mode_ == CacheMode::PERSISTENT && !settings_.journal) {
+    // With a journal, its syncs take the bodies to disk with the records (see ChangeJournal):
+    // one flush a close would cost a busy writer a disk round trip a file.
     body_->sync(record_->getLastModified());
   } else {
     body_->stamp(record_->getLastModified());
