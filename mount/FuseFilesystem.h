@@ -12,9 +12,11 @@
 //                    anything is written
 //   flush            nothing: the stream's writes are the overlay's once written
 //   release          closes the stream
-//   fsync            the overlay's flushFilesystem: when it returns, every change queued
-//                    before it, the file's writes included, has reached the store (nothing
-//                    more to do in a pass-through, whose calls reach the store as they run)
+//   fsync            StoreStack::sync: with the journal, every change made before it is
+//                    durable on the local disk when it returns; without it (or with
+//                    --fsync=store), the overlay's flushFilesystem: every change queued before
+//                    it, the file's writes included, has reached the store (nothing more to
+//                    do in a pass-through, whose calls reach the store as they run)
 //   unlink, rmdir    removeFile, removeFolder
 //   removed while open  libfuse renames a removed open file to a hidden name (hard_remove
 //                    off, so the kernel's handle keeps a path): the mount copies its bytes to
