@@ -144,6 +144,11 @@ class Overlay {
     // measure the replay as the mount configures it.
     config.put("overlay.replayWorkers", environmentOr("OVERLAY_BENCH_WORKERS", "1"));
     config.put("overlay.absorbChanges", environmentOr("OVERLAY_BENCH_ABSORB", "false"));
+    // OVERLAY_BENCH_JOURNAL=true: every change recorded in a journal in the cache root first.
+    if (environmentOr("OVERLAY_BENCH_JOURNAL", "false") == "true") {
+      config.put("overlay.persistContentCache", "true");
+      config.put("overlay.journal", "true");
+    }
     configurable->configure(config);
     root().getFolderAttributes();
   }
