@@ -1,0 +1,362 @@
+#!/usr/bin/env bash
+# SFTP benchmark (not in CI; `make bench-sftp`): the tool workload
+# (mount/workload/tool_workload.sh: tar x, git init/add/commit, grep -r, cp -r out) on an SFTP
+# server LATENCY ms a round trip away, side by side in one run on
+#   (a) cachemount's overlay over the store (write-behind, 8 replay workers, journal),
+#   (b) cachemount --pass-through (the SFTP provider alone: every call goes to the server),
+#   (c) sshfs,
+#   (d) rclone mount --vfs-cache-mode full,
+# each over a fresh remote folder. The server is a private sshd on 127.0.0.1 (its own config
+# and keys in a temporary folder), reached through latency_proxy.py, which delays every chunk
+# by LATENCY/2 ms each way (this kernel has no netem). Every step is timed, the mount and the
+# unmount included; the unmount lasts until the store holds everything: cachemount flushes
+# its queue before it exits, and rclone's uploads are waited for (its unmount alone drops
+# what is not uploaded yet). Afterwards the remote folder must hold exactly the generated
+# tree. Prints a table per latency with the ratios of (b), (c) and (d) to (a).
+#   sftp_benchmark.sh CACHEMOUNT [LATENCY_MS[:FILES]...]     (default: 10 40)
+# FILES defaults to SFTP_BENCH_FILES or 100, in 4 x 3 folders. Exits 77 where FUSE or sshd
+# cannot be used.
+CACHEMOUNT=$1
+shift
+RUNS=("$@")
+[ ${#RUNS[@]} -gt 0 ] || RUNS=(10 40)
+DEFAULT_FILES=${SFTP_BENCH_FILES:-100}
+HERE=$(cd "$(dirname "$0")" && pwd)
+# shellcheck source=../mount/workload/mount_lib.sh
+source "$HERE/../mount/workload/mount_lib.sh"
+# shellcheck source=../mount/workload/tool_workload.sh
+source "$HERE/../mount/workload/tool_workload.sh"
+shopt -s inherit_errexit
+
+# A failing command says which it was: most run with their output sent to a file.
+set -o errtrace
+trap 'echo "FAIL: \"$BASH_COMMAND\" exited with $? (line $LINENO)" >&2' ERR
+
+SSHD_PID=
+# mount_lib.sh's cleanup, and more: the server's connection processes, which outlive a
+# listener stopped alone (so they go first, while they are still its children), and a mount
+# still flushing to a server that is gone, killed after 5 s.
+cleanup_all() {
+  local mp pid i
+  for mp in "${MOUNTS[@]}"; do
+    if mountpoint -q "$mp" 2>/dev/null; then umount -l "$mp" 2>/dev/null || true; fi
+  done
+  if [ -n "$SSHD_PID" ]; then pkill -KILL -P "$SSHD_PID" 2>/dev/null || true; fi
+  for pid in "${PIDS[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for i in $(seq 1 50); do
+    local alive=0
+    for pid in "${PIDS[@]}"; do kill -0 "$pid" 2>/dev/null && alive=1; done
+    [ "$alive" -eq 1 ] || break
+    sleep 0.1
+  done
+  for pid in "${PIDS[@]}"; do kill -KILL "$pid" 2>/dev/null || true; done
+  rm -rf "$WORK"
+}
+trap cleanup_all EXIT
+
+# The search step looks for a line that only every 13th file holds.
+for spec in "${RUNS[@]}"; do
+  files=$DEFAULT_FILES
+  [[ "$spec" != *:* ]] || files=${spec#*:}
+  [[ "$spec" =~ ^[0-9]+(:[0-9]+)?$ && "$files" =~ ^[0-9]+$ && "$files" -ge 13 ]] ||
+    fail "not LATENCY_MS or LATENCY_MS:FILES with at least 13 files: $spec (files: $files)"
+done
+for tool in sshfs rclone ssh sftp ssh-keygen python3; do
+  command -v "$tool" >/dev/null ||
+    fail "$tool is missing (scripts/install-bench-sftp-deps.sh installs what this needs)"
+done
+if [ ! -x /usr/sbin/sshd ]; then
+  echo "SKIP: no /usr/sbin/sshd (scripts/install-bench-sftp-deps.sh installs openssh-server)"
+  exit "$SKIP"
+fi
+require_fuse
+export HOME="$WORK"
+# cachemount's cache root (its content cache and journal) goes where it would for this user,
+# under WORK, so that nothing is left behind if the run fails.
+export XDG_CACHE_HOME="$WORK/cache"
+
+free_port() {
+  python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+
+accepting() {
+  (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
+}
+
+# unmount_fuse MOUNTPOINT
+unmount_fuse() {
+  if [ "$(id -u)" -eq 0 ]; then umount "$1"; else fusermount3 -u "$1"; fi
+}
+
+# --- the server -----------------------------------------------------------------------------
+SSH_USER=$(id -un)
+KEYS="$WORK/sshd"
+SRV="$WORK/remote"
+mkdir -p "$KEYS" "$SRV"
+for key in host_key user_key; do ssh-keygen -q -t ed25519 -N '' -f "$KEYS/$key" >/dev/null; done
+cp "$KEYS/user_key.pub" "$KEYS/authorized_keys"
+KEY="$KEYS/user_key"
+KH="$KEYS/known_hosts"
+SSHD_PORT=$(free_port)
+cat >"$KEYS/sshd_config" <<EOF
+Port $SSHD_PORT
+ListenAddress 127.0.0.1
+HostKey $KEYS/host_key
+AuthorizedKeysFile $KEYS/authorized_keys
+PasswordAuthentication no
+KbdInteractiveAuthentication no
+UsePAM no
+StrictModes no
+PermitRootLogin yes
+MaxSessions 100
+MaxStartups 100
+LogLevel ERROR
+Subsystem sftp internal-sftp
+PidFile $KEYS/sshd.pid
+EOF
+# sshd's privilege separation folder.
+if [ "$(id -u)" -eq 0 ]; then mkdir -p /run/sshd; fi
+/usr/sbin/sshd -D -e -f "$KEYS/sshd_config" >"$KEYS/sshd.log" 2>&1 &
+SSHD_PID=$!
+PIDS+=("$SSHD_PID")
+for i in $(seq 1 100); do
+  accepting "$SSHD_PORT" && break
+  if ! kill -0 "$SSHD_PID" 2>/dev/null || [ "$i" -eq 100 ]; then
+    echo "SKIP: sshd did not start: $(cat "$KEYS/sshd.log")"
+    exit "$SKIP"
+  fi
+  sleep 0.05
+done
+# known_hosts holds the server's key under each port it is reached on: sshd's own, and each
+# proxy's (added below).
+known_host() {
+  echo "[127.0.0.1]:$1 $(cat "$KEYS/host_key.pub")" >>"$KH"
+}
+known_host "$SSHD_PORT"
+SSH_OPTIONS=(-F /dev/null -i "$KEY" -o IdentitiesOnly=yes -o UserKnownHostsFile="$KH"
+  -o StrictHostKeyChecking=yes -o BatchMode=yes)
+echo "sshd on 127.0.0.1:$SSHD_PORT serving $SRV"
+
+# sftp_ls PORT: a whole sftp session (connection, authentication, one listing).
+echo "ls $SRV" >"$WORK/ls.batch"
+sftp_ls() {
+  sftp "${SSH_OPTIONS[@]}" -P "$1" -b "$WORK/ls.batch" "$SSH_USER@127.0.0.1" \
+    >"$WORK/sftp.out" 2>&1 || fail "sftp through port $1 failed: $(cat "$WORK/sftp.out")"
+}
+
+# seconds_of COMMAND...: the command's time in seconds (fails when the command fails).
+seconds_of() {
+  timed_step x "$@" >"$WORK/seconds"
+  awk '{ print $3 }' "$WORK/seconds"
+}
+
+# --- the four mounts ------------------------------------------------------------------------
+# Each NAME works on the remote folder SRV/NAME through the proxy at PROXY_PORT and writes
+# WORK/NAME.steps: "step NAME SECONDS" per step, the mount and the unmount included.
+
+mount_cachemount() {
+  mount_store "$@" || fail "cachemount could not mount $1 (its messages are above)"
+}
+
+# run_cachemount NAME [cachemount options]
+run_cachemount() {
+  local name=$1
+  shift
+  local folder="$SRV/$name" mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
+  mkdir -p "$folder"
+  timed_step mount mount_cachemount "sftp://$SSH_USER@127.0.0.1:$PROXY_PORT$folder" "$mp" "$log" \
+    --identity "$KEY" --known-hosts "$KH" "$@" >"$out"
+  run_workload "$mp" "$WORK/tree.tar" "$WORK/copy-$name" >>"$out"
+  echo "calls-when-done $(store_calls "$log")" >>"$out"
+  timed_step unmount unmount_store "$mp" "$log" >"$WORK/$name.unmount"
+  grep '^step' "$WORK/$name.unmount" >>"$out"
+  echo "calls-in-all $(grep 'flush took' "$log" | sed 's/.*store calls //')" >>"$out"
+}
+
+# start_fuse_process MOUNTPOINT TYPE LOG COMMAND...: starts the command in the background and
+# waits until its mount shows; FUSE_PID is the command's process.
+start_fuse_process() {
+  local mp=$1 type=$2 log=$3 i
+  shift 3
+  "$@" >"$log" 2>&1 &
+  FUSE_PID=$!
+  PIDS+=("$FUSE_PID")
+  MOUNTS+=("$mp")
+  for i in $(seq 1 600); do
+    if grep -q " $mp $type " /proc/mounts; then return 0; fi
+    kill -0 "$FUSE_PID" 2>/dev/null || fail "$1 did not mount: $(cat "$log")"
+    sleep 0.05
+  done
+  fail "$mp did not mount within 30 s: $(cat "$log")"
+}
+
+# stop_fuse_process MOUNTPOINT LOG: unmounts and waits until the command has exited.
+stop_fuse_process() {
+  local mp=$1 log=$2 status=0
+  unmount_fuse "$mp"
+  wait "$FUSE_PID" || status=$?
+  [ "$status" -eq 0 ] || fail "the command behind $mp exited with $status: $(cat "$log")"
+  ! grep -q " $mp " /proc/mounts || fail "$mp is still mounted"
+}
+
+run_sshfs() {
+  local name=$1
+  local folder="$SRV/$name" mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
+  mkdir -p "$folder" "$mp"
+  timed_step mount start_fuse_process "$mp" fuse.sshfs "$log" \
+    sshfs -f -p "$PROXY_PORT" \
+    -o "IdentityFile=$KEY,UserKnownHostsFile=$KH,StrictHostKeyChecking=yes,BatchMode=yes" \
+    "$SSH_USER@127.0.0.1:$folder" "$mp" >"$out"
+  run_workload "$mp" "$WORK/tree.tar" "$WORK/copy-$name" >>"$out"
+  timed_step unmount stop_fuse_process "$mp" "$log" >>"$out"
+}
+
+# rclone_pending RC_PORT: the uploads rclone has queued or running.
+rclone_pending() {
+  rclone rc --config /dev/null --url "http://127.0.0.1:$1/" vfs/stats |
+    python3 -c 'import json, sys
+cache = json.load(sys.stdin)["diskCache"]
+print(cache["uploadsInProgress"] + cache["uploadsQueued"])'
+}
+
+# rclone_write_back_and_unmount MOUNTPOINT LOG RC_PORT: waits until rclone has uploaded every
+# file written (it waits --vfs-write-back, 5 s by default, after a file's last close), then
+# unmounts and waits for rclone to exit.
+rclone_write_back_and_unmount() {
+  local mp=$1 log=$2 rc=$3 i pending
+  for i in $(seq 1 6000); do
+    pending=$(rclone_pending "$rc") || fail "rclone's vfs/stats failed: $(cat "$log")"
+    [ "$pending" -ne 0 ] || break
+    [ "$i" -lt 6000 ] || fail "rclone still had $pending uploads after 10 minutes"
+    sleep 0.1
+  done
+  stop_fuse_process "$mp" "$log"
+}
+
+run_rclone() {
+  local name=$1
+  local folder="$SRV/$name" mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
+  local rc
+  rc=$(free_port)
+  mkdir -p "$folder" "$mp"
+  timed_step mount start_fuse_process "$mp" fuse.rclone "$log" \
+    rclone mount ":sftp:$folder" "$mp" --sftp-host 127.0.0.1 --sftp-port "$PROXY_PORT" \
+    --sftp-user "$SSH_USER" --sftp-key-file "$KEY" --sftp-known-hosts-file "$KH" \
+    --vfs-cache-mode full --cache-dir "$WORK/rclone-cache-$name" --config /dev/null \
+    --rc --rc-addr "127.0.0.1:$rc" >"$out"
+  run_workload "$mp" "$WORK/tree.tar" "$WORK/copy-$name" >>"$out"
+  timed_step unmount rclone_write_back_and_unmount "$mp" "$log" "$rc" >>"$out"
+}
+
+# check_remote NAME: what was copied out and the remote folder after unmounting both hold
+# exactly the generated tree; records whether git accepts the repository left there.
+check_remote() {
+  local name=$1
+  check_copy "$name"
+  diff -r --exclude=.git "$WORK/tree/project" "$SRV/$name/project" >"$WORK/$name.diff" ||
+    fail "$name: after unmounting, the remote folder differs from the tree: $(head -5 "$WORK/$name.diff")"
+  if git -C "$SRV/$name/project" fsck --no-progress --strict >/dev/null 2>&1; then
+    echo "fsck ok" >>"$WORK/$name.steps"
+  else
+    echo "fsck FAILED" >>"$WORK/$name.steps"
+  fi
+}
+
+# sftp_table TITLE BASE OTHER...: seconds per step of each run and each other run's time
+# divided by the base run's (above 1: the base run was faster).
+sftp_table() {
+  local title=$1 base=$2
+  shift 2
+  local runs=("$base" "$@") key run label
+  echo
+  echo "$title"
+  printf '  %-16s' step
+  for run in "${runs[@]}"; do printf ' %12s' "${run%-*}"; done
+  for run in "$@"; do printf ' %14s' "${run%-*}/${base%-*}"; done
+  echo
+  for key in mount tar-x git-init git-add git-commit grep-r cp-r-out unmount total; do
+    label=$key
+    [ "$key" != total ] || label="mount to unmount"
+    printf '  %-16s' "$label"
+    local values=()
+    for run in "${runs[@]}"; do
+      local v
+      if [ "$key" = total ]; then
+        v=$(awk '$1 == "step" { s += $3 } END { printf "%.6f", s }' "$WORK/$run.steps")
+      else
+        v=$(step_value "$run" "$key")
+      fi
+      values+=("$v")
+      printf ' %10.3f s' "$v"
+    done
+    for v in "${values[@]:1}"; do
+      awk -v a="$v" -v b="${values[0]}" 'BEGIN { if (b > 0) printf " %13.2fx", a / b; else printf " %14s", "-" }'
+    done
+    echo
+  done
+  printf '  %-16s' "store calls"
+  for run in "${runs[@]}"; do
+    local calls
+    calls=$(step_value "$run" calls-in-all)
+    printf ' %12s' "${calls:--}"
+  done
+  echo
+  printf '  %-16s' "git fsck, remote"
+  for run in "${runs[@]}"; do printf ' %12s' "$(step_value "$run" fsck)"; done
+  echo
+}
+
+# --- the runs -------------------------------------------------------------------------------
+for spec in "${RUNS[@]}"; do
+  LATENCY=${spec%%:*}
+  FILES=$DEFAULT_FILES
+  [ "$spec" = "$LATENCY" ] || FILES=${spec#*:}
+  echo
+  echo "=== $LATENCY ms a round trip, $FILES files in 12 folders"
+  rm -f "$WORK/proxy.port"
+  python3 "$HERE/latency_proxy.py" --target "127.0.0.1:$SSHD_PORT" \
+    --delay-ms "$(awk -v l="$LATENCY" 'BEGIN { print l / 2 }')" --port-file "$WORK/proxy.port" \
+    >"$WORK/proxy.log" 2>&1 &
+  proxy_pid=$!
+  PIDS+=("$proxy_pid")
+  for i in $(seq 1 100); do
+    [ ! -s "$WORK/proxy.port" ] || break
+    kill -0 "$proxy_pid" 2>/dev/null || fail "the latency proxy did not start: $(cat "$WORK/proxy.log")"
+    [ "$i" -lt 100 ] || fail "the latency proxy did not start within 5 s"
+    sleep 0.05
+  done
+  PROXY_PORT=$(cat "$WORK/proxy.port")
+  known_host "$PROXY_PORT"
+  echo "latency proxy on 127.0.0.1:$PROXY_PORT: $(timeout 60 python3 "$HERE/latency_proxy.py" \
+    --self-test --delay-ms "$(awk -v l="$LATENCY" 'BEGIN { print l / 2 }')")"
+  direct=$(seconds_of sftp_ls "$SSHD_PORT")
+  proxied=$(seconds_of sftp_ls "$PROXY_PORT")
+  awk -v d="$direct" -v p="$proxied" -v l="$LATENCY" 'BEGIN {
+    printf "sftp -b (connect, log in, ls): direct %.3f s, through the proxy %.3f s (%.1f round trips of %s ms more)\n",
+      d, p, (p - d) * 1000 / l, l }'
+
+  rm -rf "$WORK/tree" "$WORK/tree.tar" "$WORK"/copy-*
+  generate_tree "$WORK/tree" "$FILES" 4 3
+  echo "(a) cachemount, the overlay over sftp://..."
+  run_cachemount "overlay-$LATENCY"
+  check_remote "overlay-$LATENCY"
+  echo "(b) cachemount --pass-through"
+  run_cachemount "pass-$LATENCY" --pass-through
+  check_remote "pass-$LATENCY"
+  echo "(c) sshfs"
+  run_sshfs "sshfs-$LATENCY"
+  check_remote "sshfs-$LATENCY"
+  echo "(d) rclone mount --vfs-cache-mode full"
+  run_rclone "rclone-$LATENCY"
+  check_remote "rclone-$LATENCY"
+  kill "$proxy_pid"
+  wait "$proxy_pid" 2>/dev/null || true
+
+  sftp_table "SFTP, $LATENCY ms a round trip, $FILES files (seconds; unmount: until the server holds everything)" \
+    "overlay-$LATENCY" "pass-$LATENCY" "sshfs-$LATENCY" "rclone-$LATENCY"
+  echo "  the overlay's store calls by the time the workload returned: $(step_value "overlay-$LATENCY" calls-when-done)"
+  echo "  the overlay's flush at unmount: $(grep -o 'flush took [0-9.]* s' "$WORK/overlay-$LATENCY.log")"
+done
+echo
+echo "Check passed: for every mount, the tree copied out and the remote folder after unmounting"
+echo "hold exactly the generated tree."
