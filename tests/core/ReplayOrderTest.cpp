@@ -13,10 +13,15 @@ using foundation::storage::provider::StorageIRI;
 
 namespace {
 
-// "/a" a change of /a; "/a>/b" a move from /a to /b; "|" a change that says nothing (a
-// barrier).
+// "/a" a change of /a; "/a>/b" a move from /a to /b; "+/a/b" a recursive creation of /a/b;
+// "|" a change that says nothing (a barrier).
 QueuedTransaction entryFor(const std::string& text) {
   if (text == "|") return QueuedTransaction([] {}, false, 0.0, FILE_WRITE);
+  if (text[0] == '+') {
+    const ReplayChange tree(FOLDER_CREATION_RECURSIVE, ChangeAction::CreateFolderTree,
+                            StorageIRI(u"overlay", std::u16string(text.begin() + 1, text.end())));
+    return QueuedTransaction(ReplayTask{tree, [](const ReplayChange&) {}, [] {}, 0.0});
+  }
   const auto arrow = text.find('>');
   const auto at = [](const std::string& path) {
     return StorageIRI(u"overlay", std::u16string(path.begin(), path.end()));
@@ -63,6 +68,7 @@ INSTANTIATE_TEST_SUITE_P(
         OrderCase{"ANameThatOnlySharesAPrefixIsUnrelated", {"/ab"}, {"/a"}, 0},
         OrderCase{"SpellingsOfOneNameAreOrdered", {"/A"}, {"/a"}, std::nullopt},
         OrderCase{"TheRootContainsEverything", {"/q"}, {"/"}, std::nullopt},
+        OrderCase{"ARecursiveCreationHoldsTheFoldersItMayMake", {"+/w/d/e"}, {"/w/f", "/x"}, 1},
         OrderCase{"ABarrierWaitsForEverythingRunning", {"/b"}, {"|", "/c"}, std::nullopt},
         OrderCase{"NothingPassesARunningBarrier", {"|"}, {"/c"}, std::nullopt},
         OrderCase{"NothingPassesAWaitingBarrier", {"/b"}, {"/b", "|", "/c"}, std::nullopt}),

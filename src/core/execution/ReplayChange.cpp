@@ -29,7 +29,12 @@ std::string_view actionName(ChangeAction action) {
 }
 
 std::vector<std::u16string> ReplayChange::scopeKeys() const {
-  std::vector<std::u16string> keys{keyOf(location)};
+  auto key = keyOf(location);
+  // A recursive creation also makes whichever folders above it are missing, up to the one
+  // below the root: everything inside that one waits for it (a file created in a folder that
+  // it makes must not reach the store first).
+  if (action == ChangeAction::CreateFolderTree) key = key.substr(0, key.find(u'/', 1));
+  std::vector<std::u16string> keys{std::move(key)};
   if (destination) keys.push_back(keyOf(*destination));
   return keys;
 }

@@ -75,7 +75,8 @@ struct ReplayChange {
   // The locations whose order this change must keep: its location and its destination, as
   // lower-cased paths (so that two spellings of one name on a case-insensitive store are
   // ordered too; on a case-sensitive store that orders a few unrelated changes, which costs
-  // only parallelism). The root is the empty key, which contains every other.
+  // only parallelism). The root is the empty key, which contains every other. A recursive
+  // folder creation is keyed by the topmost folder it may make (the one below the root).
   std::vector<std::u16string> scopeKeys() const;
 
   ObservableTransactionType kind;
