@@ -188,11 +188,8 @@ void readJournalOptions(const po::variables_map& vm, MountOptions& options) {
   if (!options.journal) return;
   auto& config = options.overlayConfig;
   if (!config.get_optional<std::string>("overlay.cacheRoot")) {
-    const auto root = defaultCacheRoot(options);
-    std::error_code error;
-    std::filesystem::create_directories(root, error);
-    if (error) throw UsageError("cannot make the cache root " + root + ": " + error.message());
-    config.put("overlay.cacheRoot", root);
+    // Made by the overlay when it opens its journal, not here: parsing has no side effects.
+    config.put("overlay.cacheRoot", defaultCacheRoot(options));
     options.ownsCacheRoot = vm.count("persist-content-cache") == 0;
   }
   config.put("overlay.persistContentCache", "true");
