@@ -90,7 +90,7 @@ bench-fio: build
 # run, both latencies, 13 minutes).
 SFTP_BENCH_RUNS ?= 10:100 40:25
 bench-sftp: deps
-	./scripts/install-bench-sftp-deps.sh
+	./scripts/install-deps.sh bench-sftp
 	cmake --preset default
 	cmake --build --preset default --target cachemount
 	bash benchmarks/sftp_benchmark.sh build/default/mount/cachemount $(SFTP_BENCH_RUNS) || [ $$? -eq 77 ]

@@ -55,18 +55,18 @@ cleanup_all() {
 trap cleanup_all EXIT
 
 # The search step looks for a line that only every 13th file holds.
-for spec in "${RUNS[@]}"; do
+for setting in "${RUNS[@]}"; do
   files=$DEFAULT_FILES
-  [[ "$spec" != *:* ]] || files=${spec#*:}
-  [[ "$spec" =~ ^[0-9]+(:[0-9]+)?$ && "$files" =~ ^[0-9]+$ && "$files" -ge 13 ]] ||
-    fail "not LATENCY_MS or LATENCY_MS:FILES with at least 13 files: $spec (files: $files)"
+  [[ "$setting" != *:* ]] || files=${setting#*:}
+  [[ "$setting" =~ ^[0-9]+(:[0-9]+)?$ && "$files" =~ ^[0-9]+$ && "$files" -ge 13 ]] ||
+    fail "not LATENCY_MS or LATENCY_MS:FILES with at least 13 files: $setting (files: $files)"
 done
 for tool in sshfs rclone ssh sftp ssh-keygen python3; do
   command -v "$tool" >/dev/null ||
-    fail "$tool is missing (scripts/install-bench-sftp-deps.sh installs what this needs)"
+    fail "$tool is missing (scripts/install-deps.sh bench-sftp installs what this needs)"
 done
 if [ ! -x /usr/sbin/sshd ]; then
-  echo "SKIP: no /usr/sbin/sshd (scripts/install-bench-sftp-deps.sh installs openssh-server)"
+  echo "SKIP: no /usr/sbin/sshd (scripts/install-deps.sh installs openssh-server)"
   exit "$SKIP"
 fi
 require_fuse
@@ -307,10 +307,10 @@ sftp_table() {
 }
 
 # --- the runs -------------------------------------------------------------------------------
-for spec in "${RUNS[@]}"; do
-  LATENCY=${spec%%:*}
+for setting in "${RUNS[@]}"; do
+  LATENCY=${setting%%:*}
   FILES=$DEFAULT_FILES
-  [ "$spec" = "$LATENCY" ] || FILES=${spec#*:}
+  [ "$setting" = "$LATENCY" ] || FILES=${setting#*:}
   echo
   echo "=== $LATENCY ms a round trip, $FILES files in 12 folders"
   rm -f "$WORK/proxy.port"

@@ -2,7 +2,8 @@
 # Installs the Debian packages the build needs, only those that are missing.
 # Runs as root on a fresh Debian 12 machine; a no-op when everything is present.
 # With the argument "fuzz", also clang and its runtime libraries (libFuzzer and the
-# sanitizers), which only the fuzz build (make fuzz) needs.
+# sanitizers), which only the fuzz build (make fuzz) needs. With "bench-sftp", also sshfs and
+# rclone, the mounts the SFTP benchmark (make bench-sftp) compares the overlay with.
 set -euo pipefail
 
 packages=(
@@ -24,6 +25,9 @@ if [ "${1:-}" = "fuzz" ]; then
   # libclang-rt-14-dev carries libFuzzer; clang only recommends it, and recommendations are
   # not installed below.
   packages+=(clang libclang-rt-14-dev)
+fi
+if [ "${1:-}" = "bench-sftp" ]; then
+  packages+=(sshfs rclone)
 fi
 
 missing=()
