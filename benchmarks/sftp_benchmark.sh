@@ -262,47 +262,13 @@ check_remote() {
   fi
 }
 
-# sftp_table TITLE BASE OTHER...: seconds per step of each run and each other run's time
-# divided by the base run's (above 1: the base run was faster).
+# sftp_table TITLE BASE OTHER...: the workload's table (step_table) with the mount step and
+# "total" from mount to unmount, then whether git fsck accepted each remote repository.
 sftp_table() {
-  local title=$1 base=$2
-  shift 2
-  local runs=("$base" "$@") key run label
-  echo
-  echo "$title"
-  printf '  %-16s' step
-  for run in "${runs[@]}"; do printf ' %12s' "${run%-*}"; done
-  for run in "$@"; do printf ' %14s' "${run%-*}/${base%-*}"; done
-  echo
-  for key in mount tar-x git-init git-add git-commit grep-r cp-r-out unmount total; do
-    label=$key
-    [ "$key" != total ] || label="mount to unmount"
-    printf '  %-16s' "$label"
-    local values=()
-    for run in "${runs[@]}"; do
-      local v
-      if [ "$key" = total ]; then
-        v=$(awk '$1 == "step" { s += $3 } END { printf "%.6f", s }' "$WORK/$run.steps")
-      else
-        v=$(step_value "$run" "$key")
-      fi
-      values+=("$v")
-      printf ' %10.3f s' "$v"
-    done
-    for v in "${values[@]:1}"; do
-      awk -v a="$v" -v b="${values[0]}" 'BEGIN { if (b > 0) printf " %13.2fx", a / b; else printf " %14s", "-" }'
-    done
-    echo
-  done
-  printf '  %-16s' "store calls"
-  for run in "${runs[@]}"; do
-    local calls
-    calls=$(step_value "$run" calls-in-all)
-    printf ' %12s' "${calls:--}"
-  done
-  echo
+  STEP_KEYS="mount tar-x git-init git-add git-commit grep-r cp-r-out unmount total" step_table "$@"
+  local run
   printf '  %-16s' "git fsck, remote"
-  for run in "${runs[@]}"; do printf ' %12s' "$(step_value "$run" fsck)"; done
+  for run in "${@:2}"; do printf ' %13s' "$(step_value "$run" fsck)"; done
   echo
 }
 

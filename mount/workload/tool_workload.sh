@@ -88,19 +88,22 @@ step_value() {
 }
 
 # step_table TITLE BASE OTHER...: seconds per step of each run, and each other run's time
-# divided by the base run's (above 1: the base run was faster).
+# divided by the base run's (above 1: the base run was faster). STEP_KEYS names the rows (by
+# default the workload's steps, the unmount and their total).
 step_table() {
   local title=$1 base=$2
   shift 2
   local runs=("$base" "$@") key run
+  local keys
+  read -r -a keys <<<"${STEP_KEYS:-tar-x git-init git-add git-commit grep-r cp-r-out unmount total}"
   echo
   echo "$title"
-  printf '  %-11s' step
+  printf '  %-16s' step
   for run in "${runs[@]}"; do printf ' %13s' "$run"; done
   for run in "$@"; do printf ' %13s' "$run/$base"; done
   echo
-  for key in tar-x git-init git-add git-commit grep-r cp-r-out unmount total; do
-    printf '  %-11s' "$key"
+  for key in "${keys[@]}"; do
+    printf '  %-16s' "$key"
     local values=()
     for run in "${runs[@]}"; do
       local v
@@ -117,7 +120,11 @@ step_table() {
     done
     echo
   done
-  printf '  %-11s' "store calls"
-  for run in "${runs[@]}"; do printf ' %13s' "$(step_value "$run" calls-in-all)"; done
+  printf '  %-16s' "store calls"
+  for run in "${runs[@]}"; do
+    local calls
+    calls=$(step_value "$run" calls-in-all)
+    printf ' %13s' "${calls:--}"
+  done
   echo
 }
