@@ -9,12 +9,6 @@ namespace {
 
 using Verdict = ChangeAbsorber::Verdict;
 
-bool overlaps(const QueuedTransaction& entry, const std::u16string& key) {
-  if (entry.scope.empty()) return true;  // a barrier
-  return std::any_of(entry.scope.begin(), entry.scope.end(),
-                     [&](const std::u16string& other) { return scopesOverlap(key, other); });
-}
-
 bool absorbable(const QueuedTransaction& entry) {
   return entry.change.has_value() && static_cast<bool>(entry.moot) && !entry.internal;
 }
@@ -42,33 +36,46 @@ bool createsFile(const ReplayChange& change) {
          (change.action == ChangeAction::WriteRange && (change.flags & ReplayChange::kCreatesFile));
 }
 
-// The position of the latest queued entry that overlaps `key`, if any within the lookback.
-std::optional<std::size_t> latestOverlapping(const std::deque<QueuedTransaction>& queue,
-                                             const std::u16string& key) {
-  const auto stop = queue.size() > ChangeAbsorber::kLookback
-                        ? queue.size() - ChangeAbsorber::kLookback
-                        : std::size_t{0};
-  for (auto index = queue.size(); index > stop; --index) {
-    if (overlaps(queue[index - 1], key)) return index - 1;
+// The queue as the rules see it: its entries, and the index of which of them touch a key,
+// limited to the last kLookback entries.
+struct QueueView {
+  const std::deque<QueuedTransaction>& queue;
+  const QueueScopeIndex& index;
+
+  std::uint64_t firstSerial() const {
+    if (queue.empty()) return 0;
+    return queue.size() > ChangeAbsorber::kLookback
+               ? queue[queue.size() - ChangeAbsorber::kLookback].serial
+               : queue.front().serial;
   }
-  return std::nullopt;
+  // Entries are queued in serial order and leave it keeping that order.
+  std::size_t positionOf(std::uint64_t serial) const {
+    const auto found = std::lower_bound(
+        queue.begin(), queue.end(), serial,
+        [](const QueuedTransaction& entry, std::uint64_t wanted) { return entry.serial < wanted; });
+    return static_cast<std::size_t>(found - queue.begin());
+  }
+};
+
+// The position of the latest queued entry that overlaps `key`, if any within the lookback.
+std::optional<std::size_t> latestOverlapping(const QueueView& view, const std::u16string& key) {
+  const auto latest = view.index.latestOverlapping(key, view.firstSerial());
+  if (!latest) return std::nullopt;
+  return view.positionOf(*latest);
 }
 
 // Walks back over the entries that overlap `key` while `belongs` holds for each; returns
 // their positions (ascending) up to and including the first for which `starts` holds, or
 // nothing when the walk stops before one.
 template <class Belongs, class Starts>
-std::vector<std::size_t> backToStart(const std::deque<QueuedTransaction>& queue,
-                                     const std::u16string& key, Belongs belongs, Starts starts) {
+std::vector<std::size_t> backToStart(const QueueView& view, const std::u16string& key,
+                                     Belongs belongs, Starts starts) {
   std::vector<std::size_t> found;
-  const auto stop = queue.size() > ChangeAbsorber::kLookback
-                        ? queue.size() - ChangeAbsorber::kLookback
-                        : std::size_t{0};
-  for (auto index = queue.size(); index > stop; --index) {
-    const auto& entry = queue[index - 1];
-    if (!overlaps(entry, key)) continue;
+  for (const auto serial : view.index.overlapping(key, view.firstSerial())) {
+    const auto position = view.positionOf(serial);
+    const auto& entry = view.queue[position];
     if (!belongs(entry)) return {};
-    found.push_back(index - 1);
+    found.push_back(position);
     if (starts(*entry.change)) {
       std::reverse(found.begin(), found.end());
       return found;
@@ -77,17 +84,19 @@ std::vector<std::size_t> backToStart(const std::deque<QueuedTransaction>& queue,
   return {};
 }
 
-Verdict sameAttributeAgain(const std::deque<QueuedTransaction>& queue, const ReplayChange& change,
+Verdict sameAttributeAgain(const QueueView& view, const ReplayChange& change,
                            const std::u16string& key) {
-  const auto latest = latestOverlapping(queue, key);
+  const auto& queue = view.queue;
+  const auto latest = latestOverlapping(view, key);
   if (!latest || !exactlyAt(queue[*latest], change.location.getPath())) return {};
   if (queue[*latest].change->action != change.action) return {};
   return {{*latest}, false, 0};
 }
 
-Verdict creationMergedInto(const std::deque<QueuedTransaction>& queue, const ReplayChange& change,
+Verdict creationMergedInto(const QueueView& view, const ReplayChange& change,
                            const std::u16string& key) {
-  const auto latest = latestOverlapping(queue, key);
+  const auto& queue = view.queue;
+  const auto latest = latestOverlapping(view, key);
   if (!latest || !exactlyAt(queue[*latest], change.location.getPath())) return {};
   if (queue[*latest].change->action != ChangeAction::CreateFile) return {};
   const int flags = change.action == ChangeAction::WriteRange ? ReplayChange::kCreatesFile : 0;
@@ -97,7 +106,8 @@ Verdict creationMergedInto(const std::deque<QueuedTransaction>& queue, const Rep
 }  // namespace
 
 Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
-                              const QueuedTransaction& arriving) {
+                              const QueueScopeIndex& index, const QueuedTransaction& arriving) {
+  const QueueView view{queue, index};
   if (!arriving.change || arriving.scope.size() != 1 || !arriving.moot) return {};
   const auto& change = *arriving.change;
   const auto& key = arriving.scope.front();
@@ -105,22 +115,22 @@ Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
   switch (change.action) {
     case ChangeAction::SetLastModified:
     case ChangeAction::SetWritable:
-      return sameAttributeAgain(queue, change, key);
+      return sameAttributeAgain(view, change, key);
     case ChangeAction::OpenFile:
       if (!(change.flags & ReplayChange::kOpenCreates)) return {};
-      return creationMergedInto(queue, change, key);
+      return creationMergedInto(view, change, key);
     case ChangeAction::WriteRange:
-      return creationMergedInto(queue, change, key);
+      return creationMergedInto(view, change, key);
     case ChangeAction::RemoveFile: {
       auto found = backToStart(
-          queue, key, [&](const QueuedTransaction& e) { return exactlyAt(e, path); }, createsFile);
+          view, key, [&](const QueuedTransaction& e) { return exactlyAt(e, path); }, createsFile);
       const bool moot = !found.empty();
       return {std::move(found), moot, 0};
     }
     case ChangeAction::RemoveFolder:
     case ChangeAction::RemoveFolderTree: {
       auto found = backToStart(
-          queue, key, [&](const QueuedTransaction& e) { return within(e, path); },
+          view, key, [&](const QueuedTransaction& e) { return within(e, path); },
           [&](const ReplayChange& c) {
             return c.action == ChangeAction::CreateFolder && c.location.getPath() == path;
           });

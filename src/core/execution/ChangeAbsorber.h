@@ -16,10 +16,12 @@
 // A change whose submitter gave it no local half (ReplayTask::moot) is never absorbed, and a
 // barrier (a change that says nothing of its locations, a flush) stops every rule.
 //
-// Pure: judges a queue it is shown; the WeightedTransactionQueue calls it under its mutex and
-// carries out the verdict. No state, no lock, any thread.
+// Pure: judges a queue it is shown, finding the entries that touch a location through the
+// queue's QueueScopeIndex rather than by walking it; the WeightedTransactionQueue calls it
+// under its mutex and carries out the verdict. No state, no lock, any thread.
 #pragma once
 
+#include "core/execution/QueueScopeIndex.h"
 #include "core/execution/QueuedTransaction.h"
 
 #include <cstddef>
@@ -39,7 +41,8 @@ class ChangeAbsorber {
     int addFlags = 0;                    // flags the arriving change takes on
   };
 
-  static Verdict judge(const std::deque<QueuedTransaction>& queue,
+  // `index` holds the scope of every entry of `queue` under the entry's serial.
+  static Verdict judge(const std::deque<QueuedTransaction>& queue, const QueueScopeIndex& index,
                        const QueuedTransaction& arriving);
 };
 

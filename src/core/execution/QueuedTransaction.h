@@ -9,6 +9,7 @@
 #include "core/execution/ReplayTask.h"
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -58,6 +59,8 @@ struct QueuedTransaction {
   std::optional<ReplayChange> change;
   // The change's scope keys, worked out once at submission; empty for a barrier.
   std::vector<std::u16string> scope;
+  // Given by the queue when the entry joins it, increasing in queue order.
+  std::uint64_t serial = 0;
   // When the entry was built; its queue time is measured from here.
   std::chrono::system_clock::time_point enqueued;
 };

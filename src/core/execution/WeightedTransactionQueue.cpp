@@ -102,7 +102,7 @@ bool WeightedTransactionQueue::push(QueuedTransaction entry) {
 
 std::deque<QueuedTransaction> WeightedTransactionQueue::absorbLocked(QueuedTransaction& arriving) {
   std::deque<QueuedTransaction> withdrawn;
-  const auto verdict = ChangeAbsorber::judge(entries_, arriving);
+  const auto verdict = ChangeAbsorber::judge(entries_, scopes_, arriving);
   if (verdict.withdrawn.empty()) return withdrawn;
   for (const auto position : verdict.withdrawn) {
     auto& entry = entries_[position];
@@ -116,6 +116,7 @@ std::deque<QueuedTransaction> WeightedTransactionQueue::absorbLocked(QueuedTrans
   for (auto position = verdict.withdrawn.rbegin(); position != verdict.withdrawn.rend();
        ++position) {
     const auto at = entries_.begin() + static_cast<std::ptrdiff_t>(*position);
+    scopes_.remove(at->serial, at->scope);
     withdrawn.push_back(std::move(*at));
     entries_.erase(at);
   }
@@ -137,6 +138,8 @@ void WeightedTransactionQueue::appendLocked(QueuedTransaction entry) {
   }
   if (entry.internal) ++markersAppended_;
   if (!entry.internal) waitingWeight_ += entry.weight;
+  entry.serial = nextSerial_++;
+  scopes_.add(entry.serial, entry.scope);
   entries_.push_back(std::move(entry));
   periodEntries_ += 1;
 }
@@ -163,6 +166,7 @@ std::optional<QueuedTransaction> WeightedTransactionQueue::take() {
   const auto position = entries_.begin() + static_cast<std::ptrdiff_t>(*runnable);
   QueuedTransaction entry = std::move(*position);
   entries_.erase(position);
+  scopes_.remove(entry.serial, entry.scope);
   order_.started(entry);
   if (entry.internal) ++markersResolved_;
   // With nothing queued nothing weighs: no rounding residue may hold a submitter back.
@@ -295,6 +299,7 @@ void WeightedTransactionQueue::discardAll() {
 std::deque<QueuedTransaction> WeightedTransactionQueue::discardLocked() {
   std::deque<QueuedTransaction> discarded;
   discarded.swap(entries_);
+  scopes_.clear();
   markersResolved_ = markersAppended_;
   currentWeight_ = 0.0;
   waitingWeight_ = 0.0;

@@ -44,6 +44,7 @@
 #pragma once
 
 #include "core/execution/ObservableTransactionType.h"
+#include "core/execution/QueueScopeIndex.h"
 #include "core/execution/QueuedTransaction.h"
 #include "core/execution/ReplayOrder.h"
 
@@ -135,6 +136,8 @@ class WeightedTransactionQueue {
   // kind -> (queued now, pushed over the queue's lifetime)
   std::map<ObservableTransactionType, std::pair<std::int64_t, std::int64_t>> kindCounters_;
   std::deque<QueuedTransaction> entries_;
+  QueueScopeIndex scopes_;  // the scope keys of entries_, by serial (for the absorber)
+  std::uint64_t nextSerial_ = 1;
   // Markers ever appended, and ever taken or discarded: marker n (counted from 1) has left
   // the queue once markersResolved_ >= n, which is how a flush finds its marker gone. Markers
   // are barriers, so they leave in the order they came.

@@ -1,0 +1,72 @@
+#include "core/execution/QueueScopeIndex.h"
+
+#include <algorithm>
+
+namespace storage::overlayprovider {
+
+void QueueScopeIndex::add(std::uint64_t serial, const std::vector<std::u16string>& scope) {
+  if (scope.empty()) barriers_.insert(serial);
+  for (const auto& key : scope) byKey_[key].insert(serial);
+}
+
+void QueueScopeIndex::remove(std::uint64_t serial, const std::vector<std::u16string>& scope) {
+  if (scope.empty()) barriers_.erase(serial);
+  for (const auto& key : scope) {
+    const auto found = byKey_.find(key);
+    if (found == byKey_.end()) continue;
+    found->second.erase(serial);
+    if (found->second.empty()) byKey_.erase(found);
+  }
+}
+
+void QueueScopeIndex::clear() {
+  byKey_.clear();
+  barriers_.clear();
+}
+
+template <class Visit>
+void QueueScopeIndex::forEachOverlapping(const std::u16string& key, Visit visit) const {
+  visit(barriers_);
+  const auto visitKey = [&](const std::u16string& other) {
+    if (const auto found = byKey_.find(other); found != byKey_.end()) visit(found->second);
+  };
+  if (key.empty()) {  // the root holds every other key
+    for (const auto& [other, serials] : byKey_) visit(serials);
+    return;
+  }
+  visitKey(key);
+  visitKey(std::u16string());
+  for (auto slash = key.find(u'/', 1); slash != std::u16string::npos;
+       slash = key.find(u'/', slash + 1)) {
+    visitKey(key.substr(0, slash));
+  }
+  const auto below = key + u'/';
+  for (auto it = byKey_.lower_bound(below);
+       it != byKey_.end() && it->first.compare(0, below.size(), below) == 0; ++it) {
+    visit(it->second);
+  }
+}
+
+std::vector<std::uint64_t> QueueScopeIndex::overlapping(const std::u16string& key,
+                                                        std::uint64_t from) const {
+  std::vector<std::uint64_t> found;
+  forEachOverlapping(key, [&](const Serials& serials) {
+    found.insert(found.end(), serials.lower_bound(from), serials.end());
+  });
+  std::sort(found.begin(), found.end(), std::greater<>());
+  found.erase(std::unique(found.begin(), found.end()), found.end());
+  return found;
+}
+
+std::optional<std::uint64_t> QueueScopeIndex::latestOverlapping(const std::u16string& key,
+                                                                std::uint64_t from) const {
+  std::optional<std::uint64_t> latest;
+  forEachOverlapping(key, [&](const Serials& serials) {
+    if (!serials.empty() && *serials.rbegin() >= from && (!latest || *serials.rbegin() > *latest)) {
+      latest = *serials.rbegin();
+    }
+  });
+  return latest;
+}
+
+}  // namespace storage::overlayprovider
