@@ -7,7 +7,9 @@
 namespace foundation::crypto {
 
 std::string blake2b512(std::string_view data) {
-  CryptoPP::BLAKE2b hash(static_cast<unsigned int>(CryptoPP::BLAKE2b::DIGESTSIZE));
+  // Setting a hash up costs as much as hashing a path; CalculateDigest leaves it ready for
+  // the next message, so each thread keeps one.
+  thread_local CryptoPP::BLAKE2b hash(static_cast<unsigned int>(CryptoPP::BLAKE2b::DIGESTSIZE));
   std::string digest(hash.DigestSize(), '\0');
   hash.CalculateDigest(reinterpret_cast<CryptoPP::byte*>(digest.data()),
                        reinterpret_cast<const CryptoPP::byte*>(data.data()), data.size());

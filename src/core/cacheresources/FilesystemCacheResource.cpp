@@ -116,8 +116,10 @@ void FilesystemCacheResource::move(const foundation::storage::provider::StorageI
   fs::path newPath;
   try {
     newPath = cacheDirectory_ / cacheFileName(newIri);
-    // Moving onto its own name must not delete the body it would then rename.
-    if (newPath != checkoutPath_) {
+    // Moving onto its own name must not delete the body it would then rename. (The native
+    // text is compared: boost compares paths element by element, which costs more here than
+    // the rest of the move outside the rename itself.)
+    if (newPath.native() != checkoutPath_.native()) {
       // The rename replaces a body at the new name; with no body to carry along, one there
       // is deleted all the same, since it is not this file's.
       boost::system::error_code error;
@@ -158,7 +160,7 @@ void FilesystemCacheResource::doRemove() {
   cachedRanges_.clear();
   mayOverlap_ = false;
   try {
-    if (fs::exists(checkoutPath_)) fs::remove(checkoutPath_);
+    fs::remove(checkoutPath_);  // a body already gone is no error (and costs no second call)
   } catch (...) {
     logFailure(foundation::log::debug, "debug", "Function doRemove failed", true);
   }

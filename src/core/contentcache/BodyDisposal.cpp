@@ -28,8 +28,6 @@ BodyDisposal::~BodyDisposal() {
 }
 
 void BodyDisposal::dispose(const fs::path& cacheRoot, const fs::path& body) {
-  boost::system::error_code unreadable;  // then a rename or a removal is tried all the same
-  if (fs::status(body, unreadable).type() == fs::file_not_found) return;  // most creations
   const auto folder = cacheRoot / "discarded";
   bool firstUse = false;
   std::string name;
@@ -50,6 +48,9 @@ void BodyDisposal::dispose(const fs::path& cacheRoot, const fs::path& body) {
     handOver(folder / name);
     return;
   }
+  // Only now is it worth asking whether there was a body at all (a missing one is no error).
+  boost::system::error_code unreadable;  // then a removal is tried all the same
+  if (fs::status(body, unreadable).type() == fs::file_not_found) return;
   OVERLAY_LOG(foundation::log::notice)
       << "A discarded cache body could not be set aside (" << error.message()
       << "); it is deleted at once: " << body.string();
@@ -67,7 +68,9 @@ void BodyDisposal::handOver(fs::path discarded) {
   if (stopping_) return;  // the destructor deletes it
   if (!thread_.joinable()) {
     thread_ = std::thread([this] { runDeletions(); });
-  } else {
+  } else if (idle_) {
+    // Once awake, the thread gathers for a moment and takes whatever came meanwhile.
+    idle_ = false;
     workArrived_.notify_one();
   }
 }
@@ -76,16 +79,21 @@ void BodyDisposal::runDeletions() noexcept {
   try {
     std::unique_lock lock(mutex_);
     while (true) {
+      idle_ = true;
       workArrived_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
+      idle_ = false;
       if (waiting_.empty()) return;  // stopping, nothing left
-      auto file = std::move(waiting_.front());
-      waiting_.pop_front();
       deleting_ = true;
-      lock.unlock();
-      deleteFile(file);
-      lock.lock();
+      workArrived_.wait_for(lock, kGathering, [this] { return stopping_ || draining_ > 0; });
+      while (!waiting_.empty()) {
+        auto file = std::move(waiting_.front());
+        waiting_.pop_front();
+        lock.unlock();
+        deleteFile(file);
+        lock.lock();
+      }
       deleting_ = false;
-      if (waiting_.empty()) drained_.notify_all();
+      drained_.notify_all();
     }
   } catch (...) {
     logCaughtException("The thread deleting discarded cache bodies failed");
@@ -102,7 +110,10 @@ void BodyDisposal::runDeletions() noexcept {
 void BodyDisposal::drain() {
   std::unique_lock lock(mutex_);
   if (thread_.joinable() && !stopping_) {
+    ++draining_;  // cuts the thread's gathering short
+    workArrived_.notify_all();
     drained_.wait(lock, [this] { return (waiting_.empty() && !deleting_) || threadEnded_; });
+    --draining_;
   }
   // Without a thread (stopped, or it failed) what waits is deleted here.
   while (!waiting_.empty()) {

@@ -368,7 +368,9 @@ void ContentCache::discardEntry(const StorageIRI& iri, bool notify) {
   ensureInitializedLocked();
   const auto it = entries_.find(iri);
   if (it != entries_.end()) it->second->enqueueProviderWrite();
-  removeBodyFileLocked(iri);
+  // The entry knows its body's name; working it out again costs a digest.
+  const auto body = it != entries_.end() ? it->second->resource()->path() : fs::path();
+  body.empty() ? removeBodyFileLocked(iri) : removeBodyFileLocked(body);
   if (it != entries_.end()) {
     it->second->removeCachedBody();  // the body has gone: this forgets its ranges
     if (notify) it->second->stampAndWake();
@@ -379,7 +381,14 @@ void ContentCache::discardEntry(const StorageIRI& iri, bool notify) {
 
 void ContentCache::removeBodyFileLocked(const StorageIRI& iri) {
   try {
-    const auto body = cacheRoot_ / "V1.0" / cacheFileName(iri);
+    removeBodyFileLocked(cacheRoot_ / "V1.0" / cacheFileName(iri));
+  } catch (...) {
+    logCaughtException("A cached body could not be deleted");
+  }
+}
+
+void ContentCache::removeBodyFileLocked(const fs::path& body) {
+  try {
     // A name that this cache never made a body for, and that had none when the cache started,
     // has none: most creations and moves name such a file, and asking the file system costs a
     // search of the bodies' directory.
@@ -403,15 +412,17 @@ void ContentCache::removeFolderEntries(const StorageIRI& folder, bool notify) {
 
 void ContentCache::clear() { removeFolderEntries(StorageIRI(u"overlay", u"/"), true); }
 
-void ContentCache::moveEntry(const StorageIRI& from, const StorageIRI& to) {
+std::shared_ptr<WorkingFileEntry> ContentCache::moveEntry(const StorageIRI& from,
+                                                          const StorageIRI& to) {
   MutexLock lock(mutex_);
   ensureInitializedLocked();
   const auto it = entries_.find(from);
-  if (from == to) return;
+  if (from == to) return it != entries_.end() ? it->second : nullptr;
   if (it == entries_.end()) {
     // The moved file's body is not here; one left at the destination is the replaced file's.
-    if (!entries_.count(to)) removeBodyFileLocked(to);
-    return;
+    const auto target = entries_.find(to);
+    if (target == entries_.end()) removeBodyFileLocked(to);
+    return target != entries_.end() ? target->second : nullptr;
   }
   auto entry = it->second;
   entries_.erase(it);
@@ -423,8 +434,9 @@ void ContentCache::moveEntry(const StorageIRI& from, const StorageIRI& to) {
   removeBodyFileLocked(to);  // the replaced file's body, set aside rather than renamed over
   entry->moveTo(to);
   noteBodyLocked(entry);
-  entries_.emplace(to, std::move(entry));
+  entries_.emplace(to, entry);
   ++entryCount_;
+  return entry;
 }
 
 void ContentCache::moveFolderEntries(const StorageIRI& from, const StorageIRI& to) {

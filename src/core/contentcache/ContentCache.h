@@ -127,7 +127,9 @@ class ContentCache {
   // As removeEntry, and the body on disk goes too, with or without an entry: the file is
   // removed, replaced or made anew, so no later entry may take that body for its own.
   void discardEntry(const fsp::StorageIRI& iri, bool notify);
-  void moveEntry(const fsp::StorageIRI& from, const fsp::StorageIRI& to);
+  // Returns the entry now at `to`, if any (the moved one).
+  std::shared_ptr<WorkingFileEntry> moveEntry(const fsp::StorageIRI& from,
+                                              const fsp::StorageIRI& to);
   void removeFolderEntries(const fsp::StorageIRI& folder, bool notify);
   void moveFolderEntries(const fsp::StorageIRI& from, const fsp::StorageIRI& to);
   // Drops every entry (whole-overlay invalidation).
@@ -157,6 +159,7 @@ class ContentCache {
   };
   Reclaimed reclaimUnusedBodiesLocked() OVERLAY_REQUIRES(mutex_);
   void removeBodyFileLocked(const fsp::StorageIRI& iri) OVERLAY_REQUIRES(mutex_);
+  void removeBodyFileLocked(const boost::filesystem::path& body) OVERLAY_REQUIRES(mutex_);
   // Settled: no stream open, nothing queued for the store, and the file's record confirmed,
   // so that a read after the eviction finds in the store what the body held.
   static bool isEvictable(WorkingFileEntry& entry);

@@ -277,17 +277,16 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   const auto change =
       ReplayChange(FILE_MOVE, ChangeAction::MoveFile, stored).to(destination).withFlags(policy);
   const bool hidden = isFuseHiddenName(destination);
+  std::shared_ptr<WorkingFileEntry> moved;
   auto recorded = recordBeforeApplying(hidden ? std::nullopt : std::optional(change), [&] {
     // The body of a file that the move replaces goes with that file.
     if (replaced && replaced->getIRI() != stored) {
       contentCache_->discardEntry(replaced->getIRI(), true);
     }
     metadataCache_->moveFileMetadata(stored, destination);
-    contentCache_->moveEntry(stored, destination);
+    moved = contentCache_->moveEntry(stored, destination);
   });
-  if (const auto entry = contentCache_->find(destination)) {
-    entry->adoptRecord(metadataCache_->getFileMetadata(destination));
-  }
+  if (moved) moved->adoptRecord(metadataCache_->getFileMetadata(destination));
   if (hidden) {
     metadataCache_->confirmFile(destination);
     metadataCache_->confirmRemoval(stored);

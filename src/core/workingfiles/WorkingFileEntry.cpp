@@ -739,7 +739,8 @@ void WorkingFileEntry::detach() {
   // A stream still open here (a caller that has not reopened after a replacing move) must not
   // reach the next entry's body through the name; see FilesystemCacheResource.
   if (body_) body_->keepToDescriptor();
-  if (openStreams_.empty() && !bodyCompleteLocked()) stampBodyLocked();
+  // A body already removed has nothing left to stamp (and asking costs a look-up).
+  if (openStreams_.empty() && !bodyLost_ && !bodyCompleteLocked()) stampBodyLocked();
 }
 
 bool WorkingFileEntry::bodyCompleteLocked() const {
