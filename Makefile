@@ -83,6 +83,11 @@ peer-test: build
 bench-fio: build
 	bash benchmarks/fio_benchmark.sh build/default/mount/cachemount
 
+# Not part of CI: what the journal costs a caller (tmpfs unless OVERLAY_BENCH_CACHE_DIR names
+# a folder) and how fast 10,000 pending changes are recovered.
+bench-journal: build
+	./build/default/benchmarks/overlay_journal_benchmark
+
 # Not part of CI: the tool workload over SFTP (a private sshd on 127.0.0.1 behind a proxy that
 # adds 10, then 40 ms a round trip) through the overlay, its pass-through, sshfs and rclone
 # mount; see benchmarks/sftp_benchmark.sh. Installs sshd, sshfs and rclone if missing.
