@@ -14,13 +14,21 @@
 # what is not uploaded yet). Afterwards the remote folder must hold exactly the generated
 # tree. Prints a table per latency with the ratios of (b), (c) and (d) to (a).
 #   sftp_benchmark.sh CACHEMOUNT [LATENCY_MS[:FILES]...]     (default: 10 40)
-# FILES defaults to SFTP_BENCH_FILES or 100, in 4 x 3 folders. Exits 77 where FUSE or sshd
-# cannot be used.
+# FILES defaults to SFTP_BENCH_FILES or 100, in 4 x 3 folders. SFTP_BENCH_MOUNTS picks the
+# mounts (default "overlay pass sshfs rclone"), SFTP_BENCH_OVERLAY_OPTIONS adds options to the
+# overlay's mount. Exits 77 where FUSE or sshd cannot be used.
 CACHEMOUNT=$1
 shift
 RUNS=("$@")
 [ ${#RUNS[@]} -gt 0 ] || RUNS=(10 40)
 DEFAULT_FILES=${SFTP_BENCH_FILES:-100}
+# Which mounts run, in the table's order (the first is the one the others are compared to).
+MOUNT_KINDS=${SFTP_BENCH_MOUNTS:-overlay pass sshfs rclone}
+# Extra cachemount options for the overlay's run (say "--sftp-sessions 8").
+OVERLAY_OPTIONS=${SFTP_BENCH_OVERLAY_OPTIONS:-}
+for mount in $MOUNT_KINDS; do
+  case $mount in overlay | pass | sshfs | rclone) ;; *) fail "unknown mount in SFTP_BENCH_MOUNTS: $mount" ;; esac
+done
 HERE=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=../mount/workload/mount_lib.sh
 source "$HERE/../mount/workload/mount_lib.sh"
@@ -303,25 +311,35 @@ for setting in "${RUNS[@]}"; do
 
   rm -rf "$WORK/tree" "$WORK/tree.tar" "$WORK"/copy-*
   generate_tree "$WORK/tree" "$FILES" 4 3
-  echo "(a) cachemount, the overlay over sftp://..."
-  run_cachemount "overlay-$LATENCY"
-  check_remote "overlay-$LATENCY"
-  echo "(b) cachemount --pass-through"
-  run_cachemount "pass-$LATENCY" --pass-through
-  check_remote "pass-$LATENCY"
-  echo "(c) sshfs"
-  run_sshfs "sshfs-$LATENCY"
-  check_remote "sshfs-$LATENCY"
-  echo "(d) rclone mount --vfs-cache-mode full"
-  run_rclone "rclone-$LATENCY"
-  check_remote "rclone-$LATENCY"
+  runs=()
+  for mount in $MOUNT_KINDS; do
+    case $mount in
+      overlay)
+        echo "(a) cachemount, the overlay over sftp://..."
+        # shellcheck disable=SC2086 # options, split on purpose
+        run_cachemount "overlay-$LATENCY" $OVERLAY_OPTIONS ;;
+      pass)
+        echo "(b) cachemount --pass-through"
+        run_cachemount "pass-$LATENCY" --pass-through ;;
+      sshfs)
+        echo "(c) sshfs"
+        run_sshfs "sshfs-$LATENCY" ;;
+      rclone)
+        echo "(d) rclone mount --vfs-cache-mode full"
+        run_rclone "rclone-$LATENCY" ;;
+    esac
+    check_remote "$mount-$LATENCY"
+    runs+=("$mount-$LATENCY")
+  done
   kill "$proxy_pid"
   wait "$proxy_pid" 2>/dev/null || true
 
   sftp_table "SFTP, $LATENCY ms a round trip, $FILES files (seconds; unmount: until the server holds everything)" \
-    "overlay-$LATENCY" "pass-$LATENCY" "sshfs-$LATENCY" "rclone-$LATENCY"
-  echo "  the overlay's store calls by the time the workload returned: $(step_value "overlay-$LATENCY" calls-when-done)"
-  echo "  the overlay's flush at unmount: $(grep -o 'flush took [0-9.]* s' "$WORK/overlay-$LATENCY.log")"
+    "${runs[@]}"
+  if [[ " $MOUNT_KINDS " == *" overlay "* ]]; then
+    echo "  the overlay's store calls by the time the workload returned: $(step_value "overlay-$LATENCY" calls-when-done)"
+    echo "  the overlay's flush at unmount: $(grep -o 'flush took [0-9.]* s' "$WORK/overlay-$LATENCY.log")"
+  fi
 done
 echo
 echo "Check passed: for every mount, the tree copied out and the remote folder after unmounting"

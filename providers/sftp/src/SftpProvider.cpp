@@ -74,21 +74,66 @@ std::shared_ptr<SftpSession> SftpProvider::Impl::sessionFor(const std::string& p
   return sessions[std::hash<std::string>{}(path) % sessions.size()];
 }
 
+std::pair<std::shared_ptr<SftpSession>, std::unique_lock<std::mutex>>
+SftpProvider::Impl::lockSession(const std::string& path, Pick pick) const {
+  const auto own = std::hash<std::string>{}(path) % sessions.size();
+  if (pick == Pick::AnyIdleSession) {
+    for (std::size_t i = 0; i < sessions.size(); ++i) {
+      const auto& session = sessions[(own + i) % sessions.size()];
+      if (auto lock = session->tryLock()) return {session, std::move(lock)};
+    }
+  }
+  auto lock = sessions[own]->lock();
+  return {sessions[own], std::move(lock)};
+}
+
 std::optional<SftpAttributes> SftpProvider::Impl::stat(const StorageIRI& iri) const {
   const auto path = remote(iri);
   try {
-    return with(path, iri, [&](SftpSession& s) {
-      return s.expectAttrs(s.send(fxp::kStat, [&](OutPacket& p) { p.str(path); }));
-    });
+    return with(
+        path, iri,
+        [&](SftpSession& s) {
+          return s.expectAttrs(s.send(fxp::kStat, [&](OutPacket& p) { p.str(path); }));
+        },
+        Pick::AnyIdleSession);
   } catch (const StatusError& e) {
     if (errorCodeOf(e.code) == ErrorCode::NotFound) return std::nullopt;
     throwStatus(e, iri);
   }
 }
 
+std::vector<std::optional<SftpAttributes>> SftpProvider::Impl::statAll(
+    const std::vector<StorageIRI>& iris) const {
+  std::vector<std::string> paths;
+  for (const auto& iri : iris) paths.push_back(remote(iri));
+  std::vector<std::optional<SftpAttributes>> found(iris.size());
+  if (iris.empty()) return found;
+  with(
+      paths.front(), iris.front(),
+      [&](SftpSession& s) {
+        std::vector<std::uint32_t> ids;
+        for (const auto& path : paths) {
+          ids.push_back(s.send(fxp::kStat, [&](OutPacket& p) { p.str(path); }));
+        }
+        std::optional<StatusError> refused;  // read every answer before throwing
+        for (std::size_t i = 0; i < ids.size(); ++i) {
+          try {
+            found[i] = s.expectAttrs(ids[i]);
+          } catch (const StatusError& e) {
+            if (errorCodeOf(e.code) != ErrorCode::NotFound && !refused) refused = e;
+          }
+        }
+        if (refused) throw *refused;
+      },
+      Pick::AnyIdleSession);
+  return found;
+}
+
 void SftpProvider::Impl::simple(const StorageIRI& iri, const std::string& path, std::uint8_t type,
                                 const std::function<void(OutPacket&)>& fields) const {
-  with(path, iri, [&](SftpSession& s) { s.expectStatus(s.send(type, fields)); });
+  with(
+      path, iri, [&](SftpSession& s) { s.expectStatus(s.send(type, fields)); },
+      Pick::AnyIdleSession);
 }
 
 void SftpProvider::Impl::rename(const StorageIRI& from, const std::string& fromPath,
@@ -121,42 +166,46 @@ std::vector<RemoteEntry> SftpProvider::Impl::readFolder(const StorageIRI& iri) c
   std::vector<RemoteEntry> entries;
   std::vector<std::size_t> links;
   try {
-    with(path, iri, [&](SftpSession& s) {
-      const auto handle = s.expectHandle(s.send(fxp::kOpendir, [&](OutPacket& p) { p.str(path); }));
-      for (;;) {
-        Reply reply = s.wait(s.send(fxp::kReaddir, [&](OutPacket& p) { p.str(handle); }));
-        if (reply.type == fxp::kStatus) {
-          if (InPacket(reply.body).u32() == status::kEof) break;
+    with(
+        path, iri,
+        [&](SftpSession& s) {
+          const auto handle =
+              s.expectHandle(s.send(fxp::kOpendir, [&](OutPacket& p) { p.str(path); }));
+          for (;;) {
+            Reply reply = s.wait(s.send(fxp::kReaddir, [&](OutPacket& p) { p.str(handle); }));
+            if (reply.type == fxp::kStatus) {
+              if (InPacket(reply.body).u32() == status::kEof) break;
+              s.expectStatus(s.send(fxp::kClose, [&](OutPacket& p) { p.str(handle); }));
+              throw StatusError(InPacket(reply.body).u32(), "listing refused");
+            }
+            if (reply.type != fxp::kName)
+              throw ConnectionLost("the server sent no names for a listing");
+            for (std::uint32_t n = reply.body.u32(); n > 0; --n) {
+              RemoteEntry entry;
+              entry.name = reply.body.str();
+              reply.body.str();
+              entry.attrs = reply.body.attrs();
+              if (entry.name == "." || entry.name == "..") continue;
+              if (entry.attrs.isLink()) links.push_back(entries.size());
+              entries.push_back(std::move(entry));
+            }
+          }
           s.expectStatus(s.send(fxp::kClose, [&](OutPacket& p) { p.str(handle); }));
-          throw StatusError(InPacket(reply.body).u32(), "listing refused");
-        }
-        if (reply.type != fxp::kName)
-          throw ConnectionLost("the server sent no names for a listing");
-        for (std::uint32_t n = reply.body.u32(); n > 0; --n) {
-          RemoteEntry entry;
-          entry.name = reply.body.str();
-          reply.body.str();
-          entry.attrs = reply.body.attrs();
-          if (entry.name == "." || entry.name == "..") continue;
-          if (entry.attrs.isLink()) links.push_back(entries.size());
-          entries.push_back(std::move(entry));
-        }
-      }
-      s.expectStatus(s.send(fxp::kClose, [&](OutPacket& p) { p.str(handle); }));
-      // Links are shown as what they point to: their STATs all go out before any answer.
-      std::vector<std::uint32_t> ids;
-      for (auto i : links) {
-        const std::string target = path + "/" + entries[i].name;
-        ids.push_back(s.send(fxp::kStat, [&](OutPacket& p) { p.str(target); }));
-      }
-      for (std::size_t k = 0; k < ids.size(); ++k) {
-        try {
-          entries[links[k]].attrs = s.expectAttrs(ids[k]);
-        } catch (const StatusError&) {
-          entries[links[k]].attrs.permissions = 0;  // dangling: neither file nor folder
-        }
-      }
-    });
+          // Links are shown as what they point to: their STATs all go out before any answer.
+          std::vector<std::uint32_t> ids;
+          for (auto i : links) {
+            const std::string target = path + "/" + entries[i].name;
+            ids.push_back(s.send(fxp::kStat, [&](OutPacket& p) { p.str(target); }));
+          }
+          for (std::size_t k = 0; k < ids.size(); ++k) {
+            try {
+              entries[links[k]].attrs = s.expectAttrs(ids[k]);
+            } catch (const StatusError&) {
+              entries[links[k]].attrs.permissions = 0;  // dangling: neither file nor folder
+            }
+          }
+        },
+        Pick::AnyIdleSession);
   } catch (const StatusError& e) {
     if (errorCodeOf(e.code) == ErrorCode::NotFound) throw Exception(ErrorCode::NotFound, iri);
     throwStatus(e, iri);
@@ -227,12 +276,15 @@ void SftpProvider::doCreateFile(const StorageIRI& iri) const {
   const auto path = impl_->remote(iri);
   if (!iri.hasParent()) throw Exception(ErrorCode::AlreadyExists, iri);
   try {
-    impl_->with(path, iri, [&](SftpSession& s) {
-      const auto handle = s.expectHandle(s.send(fxp::kOpen, [&](OutPacket& p) {
-        p.str(path).u32(fxp::kWrite_ | fxp::kCreat | fxp::kExcl).attrs({});
-      }));
-      s.expectStatus(s.send(fxp::kClose, [&](OutPacket& p) { p.str(handle); }));
-    });
+    impl_->with(
+        path, iri,
+        [&](SftpSession& s) {
+          const auto handle = s.expectHandle(s.send(fxp::kOpen, [&](OutPacket& p) {
+            p.str(path).u32(fxp::kWrite_ | fxp::kCreat | fxp::kExcl).attrs({});
+          }));
+          s.expectStatus(s.send(fxp::kClose, [&](OutPacket& p) { p.str(handle); }));
+        },
+        Impl::Pick::AnyIdleSession);
     own(events::Kind::Appeared, iri, iri, events::EntryType::File);
   } catch (const StatusError& e) {
     // OpenSSH says FAILURE for an existing name and NO_SUCH_FILE for a missing parent.
@@ -277,17 +329,6 @@ void SftpProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
         throw;
       }
     }
-  }
-}
-
-// setLastModified and setWritable: the entry's kind is only known by asking, and only
-// worth asking when someone listens.
-void SftpProvider::changedAttributes(const StorageIRI& iri) const {
-  if (!poller_->listening()) return;
-  const auto attrs = impl_->stat(iri);
-  if (attrs) {
-    own(events::Kind::Changed, iri, iri,
-        attrs->isFolder() ? events::EntryType::Folder : events::EntryType::File);
   }
 }
 
@@ -371,12 +412,16 @@ void SftpProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
                               const ReplacementPolicy& policy) const {
   const auto fromPath = impl_->remote(from);
   const auto toPath = impl_->remote(to);
-  const auto source = impl_->stat(from);
+  // The source, the destination's folder and the destination, in one round trip.
+  const bool elsewhere = from != to && to.hasParent();
+  const auto known =
+      impl_->statAll(elsewhere ? std::vector{from, to.getParent(), to} : std::vector{from});
+  const auto& source = known[0];
   if (!source || source->isFolder()) throw Exception(ErrorCode::NotFound, from);
   if (from == to) return;
   if (!to.hasParent()) throw Exception(ErrorCode::AlreadyExists, to);
-  impl_->requireParentFolder(to);
-  const auto target = impl_->stat(to);
+  if (!known[1] || !known[1]->isFolder()) throw Exception(ErrorCode::NotFound, to.getParent());
+  const auto& target = known[2];
   if (target && (target->isFolder() || !allowsReplacing(policy))) {
     throw Exception(ErrorCode::AlreadyExists, to);
   }
@@ -397,15 +442,19 @@ void SftpProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   const auto fromPath = impl_->remote(from);
   const auto toPath = impl_->remote(to);
   if (!from.hasParent()) throw Exception(ErrorCode::OperationRefused, from, "the root stays");
-  const auto source = impl_->stat(from);
+  // The source, the destination's folder and the destination, in one round trip.
+  const bool elsewhere = from != to && to.hasParent();
+  const auto known =
+      impl_->statAll(elsewhere ? std::vector{from, to.getParent(), to} : std::vector{from});
+  const auto& source = known[0];
   if (!source || !source->isFolder()) throw Exception(ErrorCode::NotFound, from);
   if (from == to) return;
   if (from.isAncestorOf(to)) {
     throw Exception(ErrorCode::OperationRefused, to, "a folder cannot move into itself");
   }
   if (!to.hasParent()) throw Exception(ErrorCode::AlreadyExists, to);
-  impl_->requireParentFolder(to);
-  const auto target = impl_->stat(to);
+  if (!known[1] || !known[1]->isFolder()) throw Exception(ErrorCode::NotFound, to.getParent());
+  const auto& target = known[2];
   if (target) {
     if (!target->isFolder() || !allowsReplacing(policy)) {
       throw Exception(ErrorCode::AlreadyExists, to);
@@ -633,12 +682,38 @@ void SftpProvider::doSetLastModified(const StorageIRI& iri, const posix_time::pt
   SftpAttributes attrs;
   attrs.has = fxp::kAttrAcModTime;
   attrs.atime = attrs.mtime = secondsOf(time, iri);
+  // When someone listens, the STAT that tells a file from a folder for the event goes out with
+  // the SETSTAT: one round trip, not two.
+  const bool listening = poller_->listening();
+  std::optional<SftpAttributes> after;
   try {
-    impl_->simple(iri, path, fxp::kSetstat, [&](OutPacket& p) { p.str(path).attrs(attrs); });
+    impl_->with(
+        path, iri,
+        [&](SftpSession& s) {
+          const auto set = s.send(fxp::kSetstat, [&](OutPacket& p) { p.str(path).attrs(attrs); });
+          const auto asked = listening ? s.send(fxp::kStat, [&](OutPacket& p) { p.str(path); }) : 0;
+          std::optional<StatusError> refused;
+          try {
+            s.expectStatus(set);
+          } catch (const StatusError& e) {
+            refused = e;
+          }
+          if (listening) {
+            try {
+              after = s.expectAttrs(asked);
+            } catch (const StatusError&) {
+            }
+          }
+          if (refused) throw *refused;
+        },
+        Impl::Pick::AnyIdleSession);
   } catch (const StatusError& e) {
     throwStatus(e, iri);
   }
-  changedAttributes(iri);
+  if (after) {
+    own(events::Kind::Changed, iri, iri,
+        after->isFolder() ? events::EntryType::Folder : events::EntryType::File);
+  }
 }
 
 void SftpProvider::doSetWritable(const StorageIRI& iri, bool on) const {
@@ -654,7 +729,11 @@ void SftpProvider::doSetWritable(const StorageIRI& iri, bool on) const {
   } catch (const StatusError& e) {
     throwStatus(e, iri);
   }
-  changedAttributes(iri);
+  // The STAT above told the kind: no second one for the event.
+  if (poller_->listening()) {
+    own(events::Kind::Changed, iri, iri,
+        current->isFolder() ? events::EntryType::Folder : events::EntryType::File);
+  }
 }
 
 void SftpProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t size) const {

@@ -14,6 +14,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace foundation::storage::provider::sftp {
@@ -29,14 +30,22 @@ struct SftpProvider::Impl {
   // The remote path of a location (InvalidLocation for another scheme, InvalidName for a
   // name with control characters).
   std::string remote(const StorageIRI& iri) const;
+  // The session that every stream on `path` and every change of its size uses, so that a
+  // stream's read-ahead sees each write (SftpSession::writeCount).
   std::shared_ptr<SftpSession> sessionFor(const std::string& path) const;
-  // Runs `body` on the session of `path` under its lock; a lost connection or an answer that
+  // Which session an exchange may use: the path's own, or the first idle one (from the path's
+  // own on; the path's own, waited for, when all are busy). A session carries one exchange at a
+  // time, so exchanges that neither write bytes nor change a size take any idle one: with
+  // sessions picked by path alone, the replay workers of the overlay queued behind each other
+  // on a few sessions while others stood idle.
+  enum class Pick { PathSession, AnyIdleSession };
+  // Runs `body` on the picked session under its lock; a lost connection or an answer that
   // does not parse becomes Unavailable, a refused connection AccessDenied (both at `iri`).
   // StatusError passes through.
   template <class F>
-  auto with(const std::string& path, const StorageIRI& iri, F&& body) const {
-    const auto session = sessionFor(path);
-    auto lock = session->lock();
+  auto with(const std::string& path, const StorageIRI& iri, F&& body,
+            Pick pick = Pick::PathSession) const {
+    auto [session, lock] = lockSession(path, pick);
     try {
       return body(*session);
     } catch (const WireError& e) {
@@ -49,6 +58,8 @@ struct SftpProvider::Impl {
       throw Exception(ErrorCode::AccessDenied, iri, e.what());
     }
   }
+  std::pair<std::shared_ptr<SftpSession>, std::unique_lock<std::mutex>> lockSession(
+      const std::string& path, Pick pick) const;
   // The entry's attributes (links followed), nullopt when there is none.
   std::optional<SftpAttributes> stat(const StorageIRI& iri) const;
   // A request answered by a status, on the session of `path`.
@@ -56,6 +67,9 @@ struct SftpProvider::Impl {
               const std::function<void(OutPacket&)>& fields) const;
   // Every entry of a folder from one directory read (NotFound when it is not a folder).
   std::vector<RemoteEntry> readFolder(const StorageIRI& iri) const;
+  // The attributes of each location (nullopt for none), asked in one round trip: the STATs
+  // all go out before the first answer is read.
+  std::vector<std::optional<SftpAttributes>> statAll(const std::vector<StorageIRI>& iris) const;
   // NotFound at the parent unless the parent is a folder.
   void requireParentFolder(const StorageIRI& iri) const;
   bool offers(const std::string& extension, const StorageIRI& iri) const;

@@ -9,8 +9,8 @@
 // the connection that made them: generation() changes at each reconnection.
 // Locks: one mutex per session (lock()), held by a caller for a whole exchange (sending its
 // requests and waiting for their replies); nothing else is locked while it is held, and no
-// two sessions' mutexes are ever held together. Every method except settings() and lock()
-// needs the caller to hold the lock.
+// two sessions' mutexes are ever held together. Every method except settings(), lock() and
+// tryLock() needs the caller to hold the lock.
 // Threads: any thread, one at a time through the lock. A reply that arrives for another
 // caller's request is kept until that caller asks for it.
 // Failures: ConnectionLost when the connection is gone or a call timed out (the session then
@@ -70,6 +70,8 @@ class SftpSession {
   SftpSession& operator=(const SftpSession&) = delete;
 
   std::unique_lock<std::mutex> lock() { return std::unique_lock(mutex_); }
+  // The lock when nobody holds it; an empty lock otherwise.
+  std::unique_lock<std::mutex> tryLock() { return std::unique_lock(mutex_, std::try_to_lock); }
   const ConnectionSettings& settings() const { return settings_; }
 
   // Connects when not connected: waits for the back-off and tries again, for at most the

@@ -106,7 +106,6 @@ class SftpProvider final : public IProvider {
   // Publishes a change this provider made (see SftpPoller::own).
   void own(events::Kind kind, const StorageIRI& at, const StorageIRI& other,
            events::EntryType type) const;
-  void changedAttributes(const StorageIRI& iri) const;
 
   std::shared_ptr<Impl> impl_;
   Options options_;
