@@ -125,6 +125,11 @@ boost::property_tree::ptree overlayConfigFrom(const po::variables_map& vm) {
   // The mount's own folder store reports every change the replay makes; acting on those
   // reports relists folders the overlay already knows, while programs wait.
   config.put("overlay.suppressEchoes", vm.count("act-on-echoes") != 0 ? "false" : "true");
+  // A store that goes away (a server restarting, a lost connection) holds the replay up until
+  // it answers again, however long that takes; the library's default gives a change up after
+  // three attempts. An unmount meanwhile waits for the store; what a killed process had
+  // pending stays in the journal.
+  config.put("overlay.retryUnavailableMs", "-1");
   for (const auto& key : kOverlayKeys) {
     if (vm.count(key.option) == 0) continue;
     if (key.kind == KeyKind::Flag) {

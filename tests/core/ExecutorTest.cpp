@@ -11,6 +11,8 @@
 #include <gtest/gtest.h>
 
 #include <boost/exception/info.hpp>
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -159,6 +161,44 @@ TEST(RunWithRetryTest, RetriesUnavailableAndForeignFailuresThreeTimesInAll) {
       EXPECT_EQ(errors[i].message,
                 "Unexpected exception in moveFile (attempt " + std::to_string(i) + ")");
     }
+  }
+}
+
+// With patience an unavailable store is waited for, with growing pauses, until it answers, the
+// patience is spent or the provider stops; other failures are given up as without it.
+TEST(RunWithRetryTest, WithPatienceAnUnavailableStoreIsWaitedFor) {
+  using std::chrono::milliseconds;
+  struct Case {
+    const char* name;
+    milliseconds patience;
+    int unavailableUpTo;  // the calls up to this one answer Unavailable
+    ErrorCode code;
+    int stopAtCall;  // the provider stops during this call (0: never)
+    ReplayOutcome outcome;
+    int calls;
+  };
+  const Case cases[] = {
+      {"answers after four refusals", milliseconds(-1), 4, ErrorCode::Unavailable, 0,
+       ReplayOutcome::Done, 5},
+      {"patience spent", milliseconds(250), 1000, ErrorCode::Unavailable, 0,
+       ReplayOutcome::GivenUp, 2},
+      {"stopped while away", milliseconds(-1), 1000, ErrorCode::Unavailable, 2,
+       ReplayOutcome::Interrupted, 2},
+      {"refused for good", milliseconds(-1), 1000, ErrorCode::NotFound, 0,
+       ReplayOutcome::GivenUp, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto stopped = std::make_shared<std::atomic<bool>>(false);
+    int calls = 0;
+    const auto outcome = runWithRetry(
+        [&] {
+          if (++calls == c.stopAtCall) *stopped = true;
+          if (calls <= c.unavailableUpTo) throw Exception(c.code, StorageIRI(u"mem", u"/a"));
+        },
+        "createFile", UnavailableRetry(c.patience, stopped));
+    EXPECT_EQ(outcome, c.outcome);
+    EXPECT_EQ(calls, c.calls);
   }
 }
 

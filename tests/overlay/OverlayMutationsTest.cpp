@@ -1,8 +1,8 @@
 // The overlay's mutations as write-behind transactions: refusals that leave everything as it
 // was, removal of open files by the store's capabilities, the one move that is never
 // replayed, nothing queued after shutdown, and a burst of creates whose echoes from the
-// store cost one relisting, and mutations that the caches can answer alone leave every store
-// call to the replay.
+// store cost one relisting, mutations that the caches can answer alone leave every store
+// call to the replay, and a store that goes away costs no change when the overlay is patient.
 #include "OverlayTestSupport.h"
 
 #include "CoreTestSupport.h"
@@ -195,6 +195,48 @@ TEST(OverlayMutations, WhatTheCachesKnowIsChangedWithoutAStoreCallOutsideTheRepl
     release.set_value();
     env.overlay->flushFilesystem();
     EXPECT_GE(counters.snapshotOn(replay)[rows[row].first], 1u);
+  }
+}
+
+// With "overlay.retryUnavailableMs" below 0 a store that answers Unavailable holds the replay
+// up instead of costing the change: a store that comes back gets it, and a provider shut down
+// while the store is still away leaves it in the journal for the next one over the root.
+TEST(OverlayMutations, AStoreThatIsAwayCostsNoChangeWhenTheOverlayIsPatient) {
+  struct Case {
+    const char* name;
+    unsigned refusals;  // Unavailable answers to the creation before the store takes it
+    bool shutDownWhileAway;
+  };
+  for (const auto& c : {Case{"comes back after four refusals", 4, false},
+                        Case{"away until the provider shuts down", 1000000, true}}) {
+    SCOPED_TRACE(c.name);
+    const fsp::test::TempDir directory;
+    const std::map<std::string, std::string> settings = {
+        {"overlay.cacheRoot", directory.path().string()},
+        {"overlay.persistContentCache", "true"},
+        {"overlay.journal", "true"},
+        {"overlay.retryUnavailableMs", "-1"}};
+    const auto store = std::make_shared<fsp::mem::MemProvider>();
+    {
+      OverlayOverMem first(store);
+      first.configure(settings);
+      first.instrumented->failNext("createFile", c.refusals, ErrorCode::Unavailable);
+      first.overlay->createFile(first.at(u"/a"));
+      if (c.shutDownWhileAway) {
+        // More attempts than a provider without patience would make.
+        for (int waited = 0; first.innerCalls("createFile") < 4 && waited < 100; ++waited) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        ASSERT_GE(first.innerCalls("createFile"), 4u);
+      } else {
+        first.overlay->flushFilesystem();
+        EXPECT_EQ(first.innerCalls("createFile"), c.refusals + 1);
+      }
+    }  // shut down, without a flush in the second case
+    OverlayOverMem second(store);
+    second.configure(settings);
+    second.overlay->flushFilesystem();
+    EXPECT_TRUE(store->fileExists(memAt(u"/a")));
   }
 }
 

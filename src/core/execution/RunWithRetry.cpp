@@ -32,24 +32,54 @@ void logUnexpectedException(const std::string& operationName, int retriesSoFar) 
   logCaughtException();
 }
 
+void noteWaiting(const std::string& operationName) noexcept {
+  try {
+    OVERLAY_LOG(foundation::log::warning)
+        << "The store is unavailable; " << operationName << " is tried again until it answers";
+  } catch (...) {
+  }
+}
+
+ReplayOutcome givenUpOrInterrupted(const std::string& operationName,
+                                   const UnavailableRetry& retry) noexcept {
+  if (retry.stopped()) return ReplayOutcome::Interrupted;
+  try {
+    if (retry.isPatient()) {
+      OVERLAY_LOG(foundation::log::error)
+          << operationName << " was given up: the store stayed unavailable too long";
+    }
+  } catch (...) {
+  }
+  return ReplayOutcome::GivenUp;
+}
+
 }  // namespace
 
 void runWithRetry(std::function<void()> body, const std::string& operationName) {
+  runWithRetry(std::move(body), operationName, UnavailableRetry());
+}
+
+ReplayOutcome runWithRetry(std::function<void()> body, const std::string& operationName,
+                           const UnavailableRetry& retry) {
   using foundation::storage::provider::ErrorCode;
+  const auto since = UnavailableRetry::Clock::now();
+  int unexpected = 0;
   for (int attempt = 1;; ++attempt) {
-    if (attempt > kMaxAttempts) {
-      return;
-    }
     try {
       body();
-      return;
+      return ReplayOutcome::Done;
     } catch (const foundation::storage::provider::Exception& e) {
       logCaughtException();
-      if (e.getErrorCode() != ErrorCode::Unavailable) {
-        return;
-      }
+      if (e.getErrorCode() != ErrorCode::Unavailable) return ReplayOutcome::GivenUp;
+      if (attempt == 1 && retry.isPatient()) noteWaiting(operationName);
+      if (!retry.again(attempt, since)) return givenUpOrInterrupted(operationName, retry);
     } catch (...) {
       logUnexpectedException(operationName, attempt - 1);
+      // Not the store being away: as many tries as without patience.
+      if (++unexpected >= UnavailableRetry::kImmediateAttempts) return ReplayOutcome::GivenUp;
+      if (!retry.isPatient() && attempt >= UnavailableRetry::kImmediateAttempts) {
+        return ReplayOutcome::GivenUp;
+      }
     }
   }
 }

@@ -6,6 +6,8 @@
 // to, so a failure is logged and given up. Takes no lock.
 #pragma once
 
+#include "core/execution/UnavailableRetry.h"
+
 #include <functional>
 #include <string>
 
@@ -19,5 +21,16 @@ namespace storage::overlayprovider {
 // - it throws anything else (an empty body included): logged at error as
 //   "Unexpected exception in <operationName> (attempt <n>)" counting from 0, then retried.
 void runWithRetry(std::function<void()> body, const std::string& operationName);
+
+enum class ReplayOutcome {
+  Done,
+  GivenUp,      // refused for good, failed unexpectedly three times, or the patience spent
+  Interrupted,  // the provider shut down while the store was away: the change is still due
+};
+
+// As above, with `retry` deciding how long a store that answers Unavailable is waited for
+// (see UnavailableRetry); says how it ended. Never throws either.
+ReplayOutcome runWithRetry(std::function<void()> body, const std::string& operationName,
+                           const UnavailableRetry& retry);
 
 }  // namespace storage::overlayprovider

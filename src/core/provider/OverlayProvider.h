@@ -40,6 +40,7 @@
 #include "core/events/ReplayEchoes.h"
 #include "core/execution/ExecutorSlot.h"
 #include "core/execution/TimedLatch.h"
+#include "core/execution/UnavailableRetry.h"
 #include "core/metadata/MetadataCache.h"
 #include "core/provider/PathGuardTable.h"
 #include "core/quota/IQuotaAccountant.h"
@@ -243,6 +244,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   static void copyThroughStreams(fsp::ByteStreamPtr source, fsp::ByteStreamPtr destination);
   // Streams (OverlayProviderStreams.cpp).
   WorkingFileSettings workingFileSettings() const;
+  // How long a replayed call waits for a store that is away ("overlay.retryUnavailableMs").
+  UnavailableRetry unavailableRetry() const;
   fsp::ByteStreamPtr openCachedStream(const fsp::StorageIRI& location,
                                       const fsp::ByteStreamOpenOptions& options,
                                       bool readOnly) const;
@@ -302,6 +305,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // initialisation).
   std::atomic<bool> journalEnabled_{false};
   std::atomic<long> journalSyncMs_{1000};
+  // "overlay.retryUnavailableMs": how long a replayed call waits for a store that answers
+  // Unavailable (0: three attempts at once; below 0: until the provider shuts down).
+  std::atomic<long> retryUnavailableMs_{0};
   // How many changes the journal held from an earlier run (reported in the statistics).
   mutable std::atomic<std::uint64_t> recoveredChanges_{0};
   // Opened by lazy initialisation, read by the mutations and the working files: guarded by

@@ -114,6 +114,10 @@ void OverlayProvider::readConfiguration(const ptree& config) {
       logEcho("overlay.configuration.journalSyncMs", ms);
     }
   }
+  if (const auto text = config.get_optional<std::string>("overlay.retryUnavailableMs")) {
+    retryUnavailableMs_ = std::stol(*text);
+    logEcho("overlay.configuration.retryUnavailableMs", retryUnavailableMs_.load());
+  }
   if (const auto text = config.get_optional<std::string>("overlay.backslashToForwardSlash")) {
     if (readAlphabeticBool(*text)) backslashToForwardSlash_ = true;
   }

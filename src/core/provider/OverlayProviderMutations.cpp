@@ -61,10 +61,14 @@ void OverlayProvider::replay(const ReplayChange& change,
   };
   auto run = [name = std::string(actionName(change.action)), inner = inner_, stopped = shutDown_,
               innerCall = std::move(innerCall), confirmInCache, noted = echoes_,
-              echoes = std::move(echoes)](const ReplayChange&) {
+              echoes = std::move(echoes), retry = unavailableRetry()](const ReplayChange&) {
     if (stopped->load()) return;
     for (const auto& [location, replayed] : echoes) noted->note(location, replayed);
-    runWithRetry([&] { innerCall(*inner); }, name);
+    // Shut down while the store was away: the change is still due, and its record stays for
+    // the next process over the cache root.
+    if (runWithRetry([&] { innerCall(*inner); }, name, retry) == ReplayOutcome::Interrupted) {
+      return;
+    }
     confirmInCache();
   };
   executor->submit(ReplayTask{change, std::move(run), confirmInCache, minQueueItemWeight_.load()});

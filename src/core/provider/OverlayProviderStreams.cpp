@@ -17,6 +17,10 @@ namespace storage::overlayprovider {
 using fsp::StorageIRI;
 namespace log = foundation::log;
 
+UnavailableRetry OverlayProvider::unavailableRetry() const {
+  return UnavailableRetry(std::chrono::milliseconds(retryUnavailableMs_.load()), shutDown_);
+}
+
 WorkingFileSettings OverlayProvider::workingFileSettings() const {
   WorkingFileSettings settings;
   settings.innerRoot = inner_;
@@ -33,6 +37,7 @@ WorkingFileSettings OverlayProvider::workingFileSettings() const {
   settings.storeReportsCacheUsage = innerHasFeature(fsp::ExtendedFeature::CacheUsage);
   settings.noteReplayedChange = ReplayEchoes::noteThrough(echoes_);
   settings.journal = journal();
+  settings.unavailableRetry = unavailableRetry();
   // Weakly: a stream may outlive the provider and its content cache.
   settings.cacheRoom = [cache = std::weak_ptr<ContentCache>(contentCache_)](std::uint64_t bytes) {
     const auto held = cache.lock();

@@ -631,16 +631,19 @@ void WorkingFileEntry::submit(std::function<void(const ReplayChange&)> run,
   const auto receipt = recorded ? std::move(*recorded) : journalReceipt(change);
   // Both halves hold the ticket: the transaction is pending until whichever runs has run.
   ReplayTask task{change,
-                  [run = std::move(run), ticket, receipt](const ReplayChange& replayed) {
+                  [run = std::move(run), ticket, receipt,
+                   retry = settings_.unavailableRetry](const ReplayChange& replayed) {
                     // A failure is logged where it happens; a later process could not do
-                    // better with the record, so it is confirmed either way.
+                    // better with the record, so it is confirmed either way, unless the
+                    // provider shut down meanwhile (the store may have been away): then the
+                    // record stays for the next process, which does the change again.
                     try {
                       run(replayed);
                     } catch (...) {
-                      if (receipt) receipt->confirm();
+                      if (receipt && !retry.stopped()) receipt->confirm();
                       throw;
                     }
-                    if (receipt) receipt->confirm();
+                    if (receipt && !retry.stopped()) receipt->confirm();
                   },
                   nullptr, weight};
   if (moot) {

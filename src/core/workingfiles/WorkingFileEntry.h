@@ -276,9 +276,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // A queued block that will never be written (its file was removed before it was): the
   // body need no longer keep its bytes for it.
   void forgetUnsent(const std::shared_ptr<PendingWriteBlock>& block);
-  // Runs `call` up to kWriteAttempts times while the store answers Unavailable (also through a
-  // stream failure), dropping the inner stream after each failure; logs `failure` and returns
-  // false when it gives up.
+  // Runs `call` again while the store answers Unavailable (also through a stream failure) and
+  // the settings' UnavailableRetry allows, dropping the inner stream after each failure; logs
+  // `failure` and returns false when it gives up.
   bool retryingInnerCall(const std::function<void()>& call, const char* failure);
   // The block's bytes, from memory or read from the body into innerBuffer_.
   const char* blockBytesLocked(const std::shared_ptr<PendingWriteBlock>& block);

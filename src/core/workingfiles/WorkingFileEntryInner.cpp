@@ -19,7 +19,6 @@ namespace log = foundation::log;
 namespace {
 
 // A store that says it is unavailable may answer the next time; anything else is final.
-constexpr int kWriteAttempts = 3;
 
 }  // namespace
 
@@ -136,6 +135,7 @@ void WorkingFileEntry::forgetUnsent(const std::shared_ptr<PendingWriteBlock>& bl
 }
 
 bool WorkingFileEntry::retryingInnerCall(const std::function<void()>& call, const char* failure) {
+  const auto since = UnavailableRetry::Clock::now();
   for (int attempt = 1;; ++attempt) {
     try {
       call();
@@ -145,7 +145,10 @@ bool WorkingFileEntry::retryingInnerCall(const std::function<void()>& call, cons
       innerStream_.reset();
       innerWritable_ = false;
       innerPosition_ = -1;
-      if (isUnavailable(std::current_exception()) && attempt < kWriteAttempts) continue;
+      if (isUnavailable(std::current_exception()) &&
+          settings_.unavailableRetry.again(attempt, since)) {
+        continue;
+      }
       logCaughtException(failure);
       return false;
     }
@@ -229,11 +232,8 @@ void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& la
   const auto item = innerItemLocked();
   if (settings_.noteReplayedChange)
     settings_.noteReplayedChange(innerLocation_, ReplayedChange::AttributesSet);
-  try {
-    item.setLastModified(lastModified);
-  } catch (...) {
-    logCaughtException("Exception during attempt to set last modified time");
-  }
+  retryingInnerCall([&] { item.setLastModified(lastModified); },
+                    "Exception during attempt to set last modified time");
   if (settings_.readAttributesLazily) {
     record()->markExtendedAttributesUnread();
     return;

@@ -8,6 +8,7 @@
 #include "core/cacheresources/CacheMode.h"
 #include "core/execution/ExecutorSlot.h"
 #include "core/execution/TimedLatch.h"
+#include "core/execution/UnavailableRetry.h"
 #include "core/journal/ChangeJournal.h"
 #include "core/quota/IQuotaAccountant.h"
 #include "core/support/ReplayedChange.h"
@@ -61,6 +62,8 @@ struct WorkingFileSettings {
   // (writes as their byte range; the bytes stay in the body) and confirmed once the store has
   // it. Empty: changes live only in the queue.
   std::shared_ptr<ChangeJournal> journal;
+  // How long a replayed stream call waits for a store that answers Unavailable.
+  UnavailableRetry unavailableRetry;
 };
 
 // The weight of a queued transaction that carries `bytes` bytes: the minimum item weight plus
