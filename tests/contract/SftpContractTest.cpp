@@ -8,6 +8,7 @@
 #include <foundation/storage/provider/Exception.h>
 
 #include <filesystem>
+#include <functional>
 
 namespace contract {
 namespace {
@@ -54,6 +55,44 @@ TEST(SftpHostKey, OnlyTheKnownKeyIsTrusted) {
       EXPECT_NE(std::string(e.what()).find(c.refusal), std::string::npos) << e.what();
     }
   }
+}
+
+// A write stream that meets a lost connection, written to and closed again on the same stream
+// once the server is back (as the overlay's replay does), ends with every byte it was given,
+// whether the loss showed at a write or only at the close.
+TEST(SftpStream, WritesSurviveTheServerGoingAwayAndComingBack) {
+  auto& server = SftpServer::instance();
+  if (!server.available()) GTEST_SKIP() << server.why();
+  auto options = server.freshStore();
+  options.connectTimeoutMs = 5000;
+  const auto provider = std::make_shared<SftpProvider>(options);
+  const fsp::StorageIRI file(SftpProvider::rootLocation(), u"/resumed");
+  auto stream = provider->openStream(file, fsp::ByteStreamOpenOptions::overwrite());
+  const auto before = patternBytes(8 * 64 * 1024);
+  const auto after = patternBytes(3 * 64 * 1024 + 17);
+  stream->write(before.data(), static_cast<long>(before.size()));  // unanswered yet, mostly
+  server.stop();
+  bool restarted = false;
+  const auto retried = [&](const std::function<void()>& call) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+      try {
+        call();
+        return true;
+      } catch (const fsp::ByteStreamFailure& e) {
+        EXPECT_EQ(fsp::ErrorCode::Unavailable, e.getErrorCode());
+        if (!restarted) restarted = server.start();
+      }
+    }
+    return false;
+  };
+  ASSERT_TRUE(retried([&] {
+    stream->seek(static_cast<long>(before.size()), std::ios_base::beg);
+    stream->write(after.data(), static_cast<long>(after.size()));
+  }));
+  ASSERT_TRUE(retried([&] { stream->close(); }));
+  ASSERT_TRUE(restarted || server.start());
+  const auto check = std::make_shared<SftpProvider>(options);
+  EXPECT_EQ(before + after, readAll(*check->openReadOnlyStream(file)));
 }
 
 }  // namespace contract

@@ -11,12 +11,13 @@
 namespace foundation::storage::provider::sftp {
 
 SftpByteStream::SftpByteStream(std::shared_ptr<SftpSession> session, std::string handle,
-                               std::string path, bool append, std::uint64_t end,
-                               std::function<void()> onWritten)
+                               std::string path, std::uint32_t flags, bool append,
+                               std::uint64_t end, std::function<void()> onWritten)
     : session_(std::move(session)),
       handle_(std::move(handle)),
       path_(std::move(path)),
       generation_(session_->generation()),
+      reopenFlags_(flags & ~(fxp::kCreat | fxp::kTrunc | fxp::kExcl)),
       append_(append),
       end_(end),
       onWritten_(std::move(onWritten)) {}
@@ -39,23 +40,44 @@ auto SftpByteStream::guarded(F&& body) {
   if (closed_) throw Failure(ErrorCode::OperationRefused);
   auto lock = session_->lock();
   try {
-    if (session_->generation() != generation_) {
-      throw ConnectionLost("the connection was made again; the file's handle is gone");
-    }
+    if (broken_ || session_->generation() != generation_) resume();
     return body();
   } catch (const StatusError& e) {
     FOUNDATION_LOG(sftpLogger(), log::exception) << path_ << ": " << e.what();
     throw Failure(errorCodeOf(e.code));
   } catch (const ConnectionLost& e) {
     FOUNDATION_LOG(sftpLogger(), log::exception) << path_ << ": " << e.what();
+    broken_ = true;
     throw Failure(ErrorCode::Unavailable);
   } catch (const WireError& e) {
     session_->disconnect(e.what());
+    broken_ = true;
     throw Failure(ErrorCode::Unavailable);
   } catch (const ConnectRefused& e) {
     FOUNDATION_LOG(sftpLogger(), log::error) << path_ << ": " << e.what();
     throw Failure(ErrorCode::AccessDenied);
   }
+}
+
+void SftpByteStream::resume() {
+  if (append_) throw ConnectionLost("the connection was lost under a stream appending to the file");
+  // Replies to what was asked on the old connection never come.
+  reads_.clear();
+  buffer_.clear();
+  handle_ = session_->expectHandle(
+      session_->send(fxp::kOpen, [&](OutPacket& p) { p.str(path_).u32(reopenFlags_).attrs({}); }));
+  generation_ = session_->generation();
+  broken_ = false;
+  FOUNDATION_LOG(sftpLogger(), log::notice) << path_ << ": opened again after a lost connection; "
+                                            << writes_.size() << " unanswered writes sent again";
+  for (auto& write : writes_) write.id = sendWrite(write.offset, write.bytes);
+}
+
+std::uint32_t SftpByteStream::sendWrite(std::uint64_t offset, std::string_view bytes) {
+  const auto id =
+      session_->send(fxp::kWrite, [&](OutPacket& p) { p.str(handle_).u64(offset).str(bytes); });
+  session_->noteWrite();
+  return id;
 }
 
 void SftpByteStream::dropReadAhead() {
@@ -70,9 +92,8 @@ void SftpByteStream::dropReadAhead() {
 
 void SftpByteStream::drainWrites() {
   while (!writes_.empty()) {
-    const auto id = writes_.front();
+    session_->expectStatus(writes_.front().id);  // a lost connection keeps it for resume()
     writes_.pop_front();
-    session_->expectStatus(id);
   }
 }
 
@@ -153,19 +174,15 @@ long SftpByteStream::write(const char* in, long count) {
     while (done < count) {
       const auto n = static_cast<std::uint32_t>(std::min<long>(kChunk, count - done));
       const std::uint64_t offset = append_ ? end_ : position_;
-      const auto id = session_->send(fxp::kWrite, [&](OutPacket& p) {
-        p.str(handle_).u64(offset).str(std::string_view(in + done, n));
-      });
-      session_->noteWrite();
+      const std::string_view bytes(in + done, n);
+      writes_.push_back({sendWrite(offset, bytes), offset, std::string(bytes)});
       wrote_ = true;
-      writes_.push_back(id);
       position_ = offset + n;
       if (append_) end_ = position_;
       done += n;
       while (writes_.size() > kMaxInFlight) {
-        const auto oldest = writes_.front();
+        session_->expectStatus(writes_.front().id);
         writes_.pop_front();
-        session_->expectStatus(oldest);
       }
     }
     readAheadWrites_ = session_->writeCount();
@@ -193,15 +210,23 @@ long SftpByteStream::seek(long offset, std::ios_base::seekdir direction) {
 
 void SftpByteStream::close() {
   guarded<ByteStreamCloseFailure>([&] {
-    closed_ = true;
     std::exception_ptr failure;
     try {
       dropReadAhead();
       drainWrites();
     } catch (const StatusError&) {
       failure = std::current_exception();
+      writes_.clear();  // refused, not lost: nothing to send again
     }
-    session_->expectStatus(session_->send(fxp::kClose, [&](OutPacket& p) { p.str(handle_); }));
+    // Closed unless the connection was lost: then the close is tried again, on a resumed
+    // handle, with the writes it had not seen answered.
+    try {
+      session_->expectStatus(session_->send(fxp::kClose, [&](OutPacket& p) { p.str(handle_); }));
+    } catch (const StatusError&) {
+      closed_ = true;
+      throw;
+    }
+    closed_ = true;
     if (failure) std::rethrow_exception(failure);
   });
   if (wrote_ && onWritten_) onWritten_();

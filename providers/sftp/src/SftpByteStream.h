@@ -7,6 +7,13 @@
 // through the session since it was asked for (SftpSession::writeCount), so two streams on one
 // file see each other's writes.
 //
+// A lost connection does not lose what was written: the stream keeps the bytes of every write
+// the server has not yet answered (at most kMaxInFlight chunks). The call that meets the loss
+// fails (ConnectionLost, which the provider reports as Unavailable); the next call on the stream
+// opens the file again on the new connection (never creating or emptying it: the first open
+// did that), sends those writes again and goes on, so a caller that retries on the same stream
+// loses nothing. A stream in append mode is not resumed.
+//
 // Ownership: the caller owns the stream; the stream shares its SftpSession, so it works after
 // the provider is gone. Locks: the session's mutex for each call, nothing else. Threads: one
 // thread at a time (the ByteStream rule). The destructor closes an open stream, catching and
@@ -21,6 +28,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace foundation::storage::provider::sftp {
 
@@ -29,10 +37,11 @@ class SftpByteStream final : public ByteStream {
   static constexpr std::uint32_t kChunk = 64 * 1024;
   static constexpr std::size_t kMaxInFlight = 16;
 
-  // `handle` is open on `session` (generation `generation`); `end` is the file's size at
-  // opening, needed only in append mode.
+  // `handle` is open on `session`, opened with the SFTP open flags `flags`; `end` is the
+  // file's size at opening, needed only in append mode.
   SftpByteStream(std::shared_ptr<SftpSession> session, std::string handle, std::string path,
-                 bool append, std::uint64_t end, std::function<void()> onWritten = {});
+                 std::uint32_t flags, bool append, std::uint64_t end,
+                 std::function<void()> onWritten = {});
   ~SftpByteStream() override;
 
   long read(char* buffer, long count) override;
@@ -46,8 +55,16 @@ class SftpByteStream final : public ByteStream {
     std::uint32_t length;
     std::uint32_t id;
   };
+  struct PendingWrite {
+    std::uint32_t id;
+    std::uint64_t offset;
+    std::string bytes;  // kept until the server has answered, to be sent again after a loss
+  };
   template <class Failure, class F>
   auto guarded(F&& body);
+  // On a new connection: opens the file again and sends the unanswered writes again.
+  void resume();
+  std::uint32_t sendWrite(std::uint64_t offset, std::string_view bytes);
   void dropReadAhead();
   void drainWrites();
 
@@ -55,13 +72,15 @@ class SftpByteStream final : public ByteStream {
   std::string handle_;
   std::string path_;
   std::uint64_t generation_;
+  std::uint32_t reopenFlags_;  // the open's flags without creating, emptying or exclusivity
+  bool broken_ = false;        // the connection was lost under the handle: resume first
   bool append_;
   std::uint64_t end_;
   std::uint64_t position_ = 0;
   bool closed_ = false;
   bool wrote_ = false;
   std::function<void()> onWritten_;  // told once, at the close of a stream that wrote
-  std::deque<std::uint32_t> writes_;
+  std::deque<PendingWrite> writes_;
   std::deque<PendingRead> reads_;
   std::string buffer_;  // bytes read ahead, from bufferOffset_
   std::uint64_t bufferOffset_ = 0;

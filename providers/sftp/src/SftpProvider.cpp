@@ -554,7 +554,7 @@ ByteStreamPtr SftpProvider::doOpenStream(const StorageIRI& iri,
       }
     };
   }
-  return std::make_unique<SftpByteStream>(session, handle, path, options.append, end,
+  return std::make_unique<SftpByteStream>(session, handle, path, flags, options.append, end,
                                           std::move(onWritten));
 }
 

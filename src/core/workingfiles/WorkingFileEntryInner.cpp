@@ -141,14 +141,14 @@ bool WorkingFileEntry::retryingInnerCall(const std::function<void()>& call, cons
       call();
       return true;
     } catch (...) {
-      // The stream may be broken: the next attempt (or write) opens a new one.
+      innerPosition_ = -1;  // the next attempt seeks again
+      const bool unavailable = isUnavailable(std::current_exception());
+      // A stream the store could not answer on is kept: one that resumes on a new connection
+      // (sftp's) sends again what it had not seen answered. Any other failure may have broken
+      // it, and the next attempt (or write) opens a new one.
+      if (unavailable && settings_.unavailableRetry.again(attempt, since)) continue;
       innerStream_.reset();
       innerWritable_ = false;
-      innerPosition_ = -1;
-      if (isUnavailable(std::current_exception()) &&
-          settings_.unavailableRetry.again(attempt, since)) {
-        continue;
-      }
       logCaughtException(failure);
       return false;
     }
@@ -203,11 +203,19 @@ void WorkingFileEntry::runClose() {
   bool written = false;
   {
     std::lock_guard inner(innerMutex_);
-    try {
-      closeInnerLocked();
-    } catch (...) {
-      logCaughtException("Unexpected exception during close operation");
-    }
+    // The stream stays until its close succeeds, so that a store that was away gets the close
+    // (and what the stream had not seen answered) once it is back.
+    retryingInnerCall(
+        [&] {
+          if (!innerStream_) return;
+          if (innerWritable_ && settings_.noteReplayedChange)
+            settings_.noteReplayedChange(innerLocation_, ReplayedChange::Written);
+          innerStream_->close();
+          innerStream_.reset();
+          innerWritable_ = false;
+          innerPosition_ = -1;
+        },
+        "Unexpected exception during close operation");
     written = innerWritten_;
     innerWritten_ = false;
     if (written) updateStoreAfterWrites(record()->getLastModified());
