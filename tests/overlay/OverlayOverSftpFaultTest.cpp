@@ -1,11 +1,16 @@
 // The overlay over the sftp store while the server goes away: files written through the
 // overlay before, during and after an outage of the server all reach the store once it is
-// back, and the store ends equal to what was written.
+// back, and the store ends equal to what was written. The overlay waits for the store as the
+// mount configures it; the outage lasts ten times as long as a call waits for the server, so
+// a replay that gave changes up after three tries would lose some.
 #include "SftpServer.h"
 #include "core/provider/OverlayProviderFactory.h"
 
+#include <foundation/storage/provider/IConfigurableProvider.h>
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
 #include <foundation/text/Unicode.h>
+
+#include <boost/property_tree/ptree.hpp>
 
 #include <chrono>
 #include <map>
@@ -20,11 +25,14 @@ TEST(OverlayOverSftpFault, ReplayResumesAfterTheServerComesBack) {
   auto& server = SftpServer::instance();
   if (!server.available()) GTEST_SKIP() << server.why();
   auto options = server.freshStore();
-  options.connectTimeoutMs = 8000;  // how long a call waits for the server to come back
+  options.connectTimeoutMs = 300;  // how long a call waits for the server to come back
   const auto store = std::make_shared<SftpProvider>(options);
   storage::overlayprovider::OverlayProviderFactory factory;
   const fsp::StorageItem inner(store, SftpProvider::rootLocation());
   const auto overlay = factory.createProvider(inner);
+  boost::property_tree::ptree config;
+  config.put("overlay.retryUnavailableMs", "-1");
+  dynamic_cast<fsp::IConfigurableProvider&>(*overlay).configure(config);
   const fsp::StorageItem root(overlay, factory.getRootLocation(inner));
 
   std::map<std::u16string, std::string> written;
@@ -45,7 +53,7 @@ TEST(OverlayOverSftpFault, ReplayResumesAfterTheServerComesBack) {
       .moveFile(fsp::StorageIRI(root.getLocation(), u"/d1/moved"), fsp::ReplacementPolicy::Fail);
   written[u"/d1/moved"] = written[u"/d0/fa"];
   written.erase(u"/d0/fa");
-  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  std::this_thread::sleep_for(std::chrono::milliseconds(3000));
   ASSERT_TRUE(server.start()) << "sshd did not start again";
   writeSome(16, 20);
   dynamic_cast<fsp::extensions::IFlushableFilesystem&>(*overlay).flushFilesystem();
