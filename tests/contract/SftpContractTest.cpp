@@ -6,8 +6,11 @@
 #include "ProviderContract.h"
 
 #include <foundation/storage/provider/Exception.h>
+#include <foundation/storage/provider/sftp/SftpProviderFactory.h>
+#include <foundation/text/Unicode.h>
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
 
 namespace contract {
@@ -55,6 +58,22 @@ TEST(SftpHostKey, OnlyTheKnownKeyIsTrusted) {
       EXPECT_NE(std::string(e.what()).find(c.refusal), std::string::npos) << e.what();
     }
   }
+}
+
+// A host that opens stores through its registry opens a remote folder by the container's path.
+TEST(SftpProviderFactory, TheRegistryOpensTheContainersFolder) {
+  auto& server = SftpServer::instance();
+  if (!server.available()) GTEST_SKIP() << server.why();
+  const auto connection = server.freshStore();
+  std::filesystem::create_directories(connection.path + "/served");
+  std::ofstream(connection.path + "/served/hello.txt") << "hi";
+  fsp::ProviderRegistry registry;
+  fsp::sftp::registerSftpProvider(registry, connection);
+  const fsp::StorageItem container(
+      fsp::StorageIRI(u"sftp", foundation::text::toUtf16(connection.path + "/served")));
+  const auto opened = registry.open(u"sftp", container);
+  EXPECT_EQ(SftpProvider::rootLocation(), opened.getLocation());
+  EXPECT_EQ("hi", readAll(*fsp::StorageItem(opened, u"/hello.txt").openReadOnlyStream()));
 }
 
 // A write stream that meets a lost connection, written to and closed again on the same stream
