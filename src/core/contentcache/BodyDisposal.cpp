@@ -85,13 +85,7 @@ void BodyDisposal::runDeletions() noexcept {
       if (waiting_.empty()) return;  // stopping, nothing left
       deleting_ = true;
       workArrived_.wait_for(lock, kGathering, [this] { return stopping_ || draining_ > 0; });
-      while (!waiting_.empty()) {
-        auto file = std::move(waiting_.front());
-        waiting_.pop_front();
-        lock.unlock();
-        deleteFile(file);
-        lock.lock();
-      }
+      deleteWaiting(lock);
       deleting_ = false;
       drained_.notify_all();
     }
@@ -116,19 +110,23 @@ void BodyDisposal::drain() {
     --draining_;
   }
   // Without a thread (stopped, or it failed) what waits is deleted here.
-  while (!waiting_.empty()) {
-    auto file = std::move(waiting_.front());
-    waiting_.pop_front();
-    lock.unlock();
-    deleteFile(file);
-    lock.lock();
-  }
+  deleteWaiting(lock);
   fs::path folder;
   folder.swap(folder_);  // made again by the next dispose
   lock.unlock();
   if (folder.empty()) return;
   boost::system::error_code notEmpty;  // another instance sharing the root may still use it
   fs::remove(folder, notEmpty);
+}
+
+void BodyDisposal::deleteWaiting(std::unique_lock<std::mutex>& lock) {
+  while (!waiting_.empty()) {
+    auto file = std::move(waiting_.front());
+    waiting_.pop_front();
+    lock.unlock();  // the file system is never touched under the mutex
+    deleteFile(file);
+    lock.lock();
+  }
 }
 
 void BodyDisposal::deleteFile(const fs::path& file) noexcept {

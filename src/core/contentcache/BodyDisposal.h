@@ -58,6 +58,8 @@ class BodyDisposal {
  private:
   void handOver(boost::filesystem::path discarded);
   void runDeletions() noexcept;
+  // Deletes every body waiting, releasing `lock` (on mutex_) around each deletion.
+  void deleteWaiting(std::unique_lock<std::mutex>& lock);
   static void deleteFile(const boost::filesystem::path& file) noexcept;
   static void sweep(const boost::filesystem::path& folder) noexcept;
 
