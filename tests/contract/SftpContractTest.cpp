@@ -76,6 +76,25 @@ TEST(SftpProviderFactory, TheRegistryOpensTheContainersFolder) {
   EXPECT_EQ("hi", readAll(*fsp::StorageItem(opened, u"/hello.txt").openReadOnlyStream()));
 }
 
+// A copy gives the same bytes by the server's copy-data extension and by reads and writes in
+// flight (the way for a server without the extension), over several rounds of chunks.
+TEST(SftpCopy, BothWaysCopyEveryByte) {
+  auto& server = SftpServer::instance();
+  if (!server.available()) GTEST_SKIP() << server.why();
+  const auto bytes = patternBytes(17 * 64 * 1024 + 5);  // more than one round of 16 chunks
+  for (const bool serverSide : {true, false}) {
+    SCOPED_TRACE(serverSide ? "copy-data" : "reads and writes");
+    auto options = server.freshStore();
+    options.serverSideCopy = serverSide;
+    const auto provider = std::make_shared<SftpProvider>(options);
+    const fsp::StorageIRI from(SftpProvider::rootLocation(), u"/from");
+    const fsp::StorageIRI to(SftpProvider::rootLocation(), u"/to");
+    writeFile(fsp::StorageItem(provider, from), bytes);
+    provider->copyFile(from, to, fsp::ReplacementPolicy::Fail);
+    EXPECT_EQ(bytes, readAll(*provider->openReadOnlyStream(to)));
+  }
+}
+
 // A write stream that meets a lost connection, written to and closed again on the same stream
 // once the server is back (as the overlay's replay does), ends with every byte it was given,
 // whether the loss showed at a write or only at the close.

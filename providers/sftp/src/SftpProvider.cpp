@@ -595,11 +595,16 @@ void SftpProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
                               const ReplacementPolicy& policy) const {
   const auto fromPath = impl_->remote(from);
   const auto toPath = impl_->remote(to);
-  const auto source = impl_->stat(from);
+  // The source, the destination's folder and the destination, in one round trip.
+  const bool elsewhere = from != to && to.hasParent();
+  const auto known =
+      impl_->statAll(elsewhere ? std::vector{from, to.getParent(), to} : std::vector{from});
+  const auto& source = known[0];
   if (!source || source->isFolder()) throw Exception(ErrorCode::NotFound, from);
   if (from == to) return;
-  impl_->requireParentFolder(to);
-  const auto target = impl_->stat(to);
+  if (!to.hasParent()) throw Exception(ErrorCode::AlreadyExists, to);
+  if (!known[1] || !known[1]->isFolder()) throw Exception(ErrorCode::NotFound, to.getParent());
+  const auto& target = known[2];
   if (target && (target->isFolder() || !allowsReplacing(policy))) {
     throw Exception(ErrorCode::AlreadyExists, to);
   }
@@ -626,7 +631,7 @@ void SftpProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
       }
       s.noteWrite();
       try {
-        if (!failure && s.hasExtension("copy-data")) {
+        if (!failure && impl_->options.serverSideCopy && s.hasExtension("copy-data")) {
           s.expectStatus(s.send(fxp::kExtended, [&](OutPacket& p) {
             p.str("copy-data").str(*in).u64(0).u64(0).str(*out).u64(0);
           }));

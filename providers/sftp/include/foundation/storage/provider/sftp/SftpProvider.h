@@ -50,6 +50,9 @@ class SftpProvider final : public IProvider {
     unsigned sessions = 4;              // SFTP sessions opened at most
     long pollIntervalMs = 10000;        // change polling of subscribed folders and files
     unsigned pollFoldersPerRound = 64;  // folders listed at most per polling round
+    // Copies with the server's copy-data extension where it offers it; false, or a server
+    // without it: through reads and writes in flight together.
+    bool serverSideCopy = true;
   };
 
   // Reads sftp://[user@]host[:port]/path into the address fields of `base` (InvalidLocation
