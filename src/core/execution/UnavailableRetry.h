@@ -14,8 +14,12 @@
 //     try { call(); break; } catch (unavailable) { if (!retry.again(attempt, since)) break; }
 //   }
 //
-// A value shared (by pointer to const) by the provider, its replay tasks and its working
-// files. No lock; again() sleeps on the calling thread (a replay worker).
+// Caveat: a working file's replay waits holding the file's store-side lock, so a reader of
+// bytes that only the store holds, of that same file, waits for the store too.
+//
+// A small value, copied into the replay tasks and the working files; the shut-down flag it
+// watches is the provider's, shared. No lock; again() sleeps on the calling thread (a replay
+// worker).
 #pragma once
 
 #include <atomic>
