@@ -88,18 +88,7 @@ SftpProvider::Impl::lockSession(const std::string& path, Pick pick) const {
 }
 
 std::optional<SftpAttributes> SftpProvider::Impl::stat(const StorageIRI& iri) const {
-  const auto path = remote(iri);
-  try {
-    return with(
-        path, iri,
-        [&](SftpSession& s) {
-          return s.expectAttrs(s.send(fxp::kStat, [&](OutPacket& p) { p.str(path); }));
-        },
-        Pick::AnyIdleSession);
-  } catch (const StatusError& e) {
-    if (errorCodeOf(e.code) == ErrorCode::NotFound) return std::nullopt;
-    throwStatus(e, iri);
-  }
+  return statAll({iri}).front();
 }
 
 std::vector<std::optional<SftpAttributes>> SftpProvider::Impl::statAll(
@@ -108,6 +97,7 @@ std::vector<std::optional<SftpAttributes>> SftpProvider::Impl::statAll(
   for (const auto& iri : iris) paths.push_back(remote(iri));
   std::vector<std::optional<SftpAttributes>> found(iris.size());
   if (iris.empty()) return found;
+  std::optional<std::pair<StatusError, std::size_t>> refused;  // every answer is read first
   with(
       paths.front(), iris.front(),
       [&](SftpSession& s) {
@@ -115,18 +105,24 @@ std::vector<std::optional<SftpAttributes>> SftpProvider::Impl::statAll(
         for (const auto& path : paths) {
           ids.push_back(s.send(fxp::kStat, [&](OutPacket& p) { p.str(path); }));
         }
-        std::optional<StatusError> refused;  // read every answer before throwing
         for (std::size_t i = 0; i < ids.size(); ++i) {
           try {
             found[i] = s.expectAttrs(ids[i]);
           } catch (const StatusError& e) {
-            if (errorCodeOf(e.code) != ErrorCode::NotFound && !refused) refused = e;
+            if (errorCodeOf(e.code) != ErrorCode::NotFound && !refused) refused.emplace(e, i);
           }
         }
-        if (refused) throw *refused;
       },
       Pick::AnyIdleSession);
+  if (refused) throwStatus(refused->first, iris[refused->second]);
   return found;
+}
+
+SftpProvider::Impl::Ends SftpProvider::Impl::statEnds(const StorageIRI& from,
+                                                      const StorageIRI& to) const {
+  if (from == to || !to.hasParent()) return {stat(from), std::nullopt, std::nullopt};
+  auto known = statAll({from, to.getParent(), to});
+  return {std::move(known[0]), std::move(known[1]), std::move(known[2])};
 }
 
 void SftpProvider::Impl::simple(const StorageIRI& iri, const std::string& path, std::uint8_t type,
@@ -412,16 +408,11 @@ void SftpProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
                               const ReplacementPolicy& policy) const {
   const auto fromPath = impl_->remote(from);
   const auto toPath = impl_->remote(to);
-  // The source, the destination's folder and the destination, in one round trip.
-  const bool elsewhere = from != to && to.hasParent();
-  const auto known =
-      impl_->statAll(elsewhere ? std::vector{from, to.getParent(), to} : std::vector{from});
-  const auto& source = known[0];
+  const auto [source, folder, target] = impl_->statEnds(from, to);
   if (!source || source->isFolder()) throw Exception(ErrorCode::NotFound, from);
   if (from == to) return;
   if (!to.hasParent()) throw Exception(ErrorCode::AlreadyExists, to);
-  if (!known[1] || !known[1]->isFolder()) throw Exception(ErrorCode::NotFound, to.getParent());
-  const auto& target = known[2];
+  if (!folder || !folder->isFolder()) throw Exception(ErrorCode::NotFound, to.getParent());
   if (target && (target->isFolder() || !allowsReplacing(policy))) {
     throw Exception(ErrorCode::AlreadyExists, to);
   }
@@ -442,19 +433,14 @@ void SftpProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   const auto fromPath = impl_->remote(from);
   const auto toPath = impl_->remote(to);
   if (!from.hasParent()) throw Exception(ErrorCode::OperationRefused, from, "the root stays");
-  // The source, the destination's folder and the destination, in one round trip.
-  const bool elsewhere = from != to && to.hasParent();
-  const auto known =
-      impl_->statAll(elsewhere ? std::vector{from, to.getParent(), to} : std::vector{from});
-  const auto& source = known[0];
+  const auto [source, folder, target] = impl_->statEnds(from, to);
   if (!source || !source->isFolder()) throw Exception(ErrorCode::NotFound, from);
   if (from == to) return;
   if (from.isAncestorOf(to)) {
     throw Exception(ErrorCode::OperationRefused, to, "a folder cannot move into itself");
   }
   if (!to.hasParent()) throw Exception(ErrorCode::AlreadyExists, to);
-  if (!known[1] || !known[1]->isFolder()) throw Exception(ErrorCode::NotFound, to.getParent());
-  const auto& target = known[2];
+  if (!folder || !folder->isFolder()) throw Exception(ErrorCode::NotFound, to.getParent());
   if (target) {
     if (!target->isFolder() || !allowsReplacing(policy)) {
       throw Exception(ErrorCode::AlreadyExists, to);
@@ -595,16 +581,11 @@ void SftpProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to,
                               const ReplacementPolicy& policy) const {
   const auto fromPath = impl_->remote(from);
   const auto toPath = impl_->remote(to);
-  // The source, the destination's folder and the destination, in one round trip.
-  const bool elsewhere = from != to && to.hasParent();
-  const auto known =
-      impl_->statAll(elsewhere ? std::vector{from, to.getParent(), to} : std::vector{from});
-  const auto& source = known[0];
+  const auto [source, folder, target] = impl_->statEnds(from, to);
   if (!source || source->isFolder()) throw Exception(ErrorCode::NotFound, from);
   if (from == to) return;
   if (!to.hasParent()) throw Exception(ErrorCode::AlreadyExists, to);
-  if (!known[1] || !known[1]->isFolder()) throw Exception(ErrorCode::NotFound, to.getParent());
-  const auto& target = known[2];
+  if (!folder || !folder->isFolder()) throw Exception(ErrorCode::NotFound, to.getParent());
   if (target && (target->isFolder() || !allowsReplacing(policy))) {
     throw Exception(ErrorCode::AlreadyExists, to);
   }

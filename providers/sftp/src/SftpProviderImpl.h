@@ -70,6 +70,12 @@ struct SftpProvider::Impl {
   // The attributes of each location (nullopt for none), asked in one round trip: the STATs
   // all go out before the first answer is read.
   std::vector<std::optional<SftpAttributes>> statAll(const std::vector<StorageIRI>& iris) const;
+  // What a move or copy from `from` to `to` checks first, in one round trip: the source, and,
+  // unless `to` is `from` or the root, the destination's folder and the destination.
+  struct Ends {
+    std::optional<SftpAttributes> source, folder, target;
+  };
+  Ends statEnds(const StorageIRI& from, const StorageIRI& to) const;
   // NotFound at the parent unless the parent is a folder.
   void requireParentFolder(const StorageIRI& iri) const;
   bool offers(const std::string& extension, const StorageIRI& iri) const;

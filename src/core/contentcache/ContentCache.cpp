@@ -370,7 +370,11 @@ void ContentCache::discardEntry(const StorageIRI& iri, bool notify) {
   if (it != entries_.end()) it->second->enqueueProviderWrite();
   // The entry knows its body's name; working it out again costs a digest.
   const auto body = it != entries_.end() ? it->second->resource()->path() : fs::path();
-  body.empty() ? removeBodyFileLocked(iri) : removeBodyFileLocked(body);
+  if (body.empty()) {
+    removeBodyFileLocked(iri);
+  } else {
+    removeBodyFileLocked(body);
+  }
   if (it != entries_.end()) {
     it->second->removeCachedBody();  // the body has gone: this forgets its ranges
     if (notify) it->second->stampAndWake();

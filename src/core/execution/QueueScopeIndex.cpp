@@ -1,5 +1,7 @@
 #include "core/execution/QueueScopeIndex.h"
 
+#include "core/execution/ReplayChange.h"
+
 #include <algorithm>
 
 namespace storage::overlayprovider {
@@ -27,24 +29,10 @@ void QueueScopeIndex::clear() {
 template <class Visit>
 void QueueScopeIndex::forEachOverlapping(const std::u16string& key, Visit visit) const {
   visit(barriers_);
-  const auto visitKey = [&](const std::u16string& other) {
-    if (const auto found = byKey_.find(other); found != byKey_.end()) visit(found->second);
-  };
-  if (key.empty()) {  // the root holds every other key
-    for (const auto& [other, serials] : byKey_) visit(serials);
-    return;
-  }
-  visitKey(key);
-  visitKey(std::u16string());
-  for (auto slash = key.find(u'/', 1); slash != std::u16string::npos;
-       slash = key.find(u'/', slash + 1)) {
-    visitKey(key.substr(0, slash));
-  }
-  const auto below = key + u'/';
-  for (auto it = byKey_.lower_bound(below);
-       it != byKey_.end() && it->first.compare(0, below.size(), below) == 0; ++it) {
-    visit(it->second);
-  }
+  visitOverlappingKeys(byKey_, key, [&](const auto& keyed) {
+    visit(keyed.second);
+    return false;
+  });
 }
 
 std::vector<std::uint64_t> QueueScopeIndex::overlapping(const std::u16string& key,

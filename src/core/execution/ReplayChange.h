@@ -21,6 +21,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace storage::overlayprovider {
@@ -98,5 +99,43 @@ struct ReplayChange {
 
 // True when `key` (as scopeKeys gives it) is `other`, contains it or lies in it.
 bool scopesOverlap(std::u16string_view key, std::u16string_view other);
+
+// The scope key of an element of a set of keys, or of a map keyed by them.
+inline const std::u16string& scopeKeyOf(const std::u16string& key) { return key; }
+template <class Value>
+const std::u16string& scopeKeyOf(const std::pair<const std::u16string, Value>& keyed) {
+  return keyed.first;
+}
+
+// Calls `visit` with each element of `keys` (a sorted set, multiset or map whose keys are
+// scope keys) whose key overlaps `key`: the key itself, the keys above it (the root's too) and
+// the keys below it, found by look-ups rather than by a walk of every key. `visit` returns
+// true to stop; so does this function when it stopped.
+template <class SortedKeys, class Visit>
+bool visitOverlappingKeys(const SortedKeys& keys, const std::u16string& key, Visit visit) {
+  const auto visitEqual = [&](const std::u16string& other) {
+    for (auto [it, end] = keys.equal_range(other); it != end; ++it) {
+      if (visit(*it)) return true;
+    }
+    return false;
+  };
+  if (key.empty()) {  // the root holds every other key
+    for (const auto& element : keys) {
+      if (visit(element)) return true;
+    }
+    return false;
+  }
+  if (visitEqual(key) || visitEqual(std::u16string())) return true;
+  for (auto slash = key.find(u'/', 1); slash != std::u16string::npos;
+       slash = key.find(u'/', slash + 1)) {
+    if (visitEqual(key.substr(0, slash))) return true;
+  }
+  const auto below = key + u'/';
+  for (auto it = keys.lower_bound(below); it != keys.end(); ++it) {
+    if (scopeKeyOf(*it).compare(0, below.size(), below) != 0) break;
+    if (visit(*it)) return true;
+  }
+  return false;
+}
 
 }  // namespace storage::overlayprovider

@@ -6,19 +6,10 @@ namespace storage::overlayprovider {
 
 namespace {
 
-// True when a key of `keys` is `key`, lies above it or below it. Keys are paths without a
-// trailing slash; the root is the empty key.
+// True when a key of `keys` is `key`, lies above it or below it.
 template <class Keys>
 bool overlapsAny(const std::u16string& key, const Keys& keys) {
-  if (keys.empty()) return false;
-  if (key.empty() || keys.count(std::u16string()) > 0 || keys.count(key) > 0) return true;
-  for (auto slash = key.find(u'/', 1); slash != std::u16string::npos;
-       slash = key.find(u'/', slash + 1)) {
-    if (keys.count(key.substr(0, slash)) > 0) return true;
-  }
-  const auto below = key + u'/';
-  const auto next = keys.lower_bound(below);
-  return next != keys.end() && next->compare(0, below.size(), below) == 0;
+  return visitOverlappingKeys(keys, key, [](const auto&) { return true; });
 }
 
 template <class Keys>

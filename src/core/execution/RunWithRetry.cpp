@@ -64,6 +64,7 @@ ReplayOutcome runWithRetry(std::function<void()> body, const std::string& operat
   using foundation::storage::provider::ErrorCode;
   const auto since = UnavailableRetry::Clock::now();
   int unexpected = 0;
+  bool waiting = false;
   for (int attempt = 1;; ++attempt) {
     try {
       body();
@@ -71,15 +72,14 @@ ReplayOutcome runWithRetry(std::function<void()> body, const std::string& operat
     } catch (const foundation::storage::provider::Exception& e) {
       logCaughtException();
       if (e.getErrorCode() != ErrorCode::Unavailable) return ReplayOutcome::GivenUp;
-      if (attempt == 1 && retry.isPatient()) noteWaiting(operationName);
+      if (!waiting && retry.isPatient()) noteWaiting(operationName);
+      waiting = true;
       if (!retry.again(attempt, since)) return givenUpOrInterrupted(operationName, retry);
     } catch (...) {
       logUnexpectedException(operationName, attempt - 1);
-      // Not the store being away: as many tries as without patience.
-      if (++unexpected >= UnavailableRetry::kImmediateAttempts) return ReplayOutcome::GivenUp;
-      if (!retry.isPatient() && attempt >= UnavailableRetry::kImmediateAttempts) {
-        return ReplayOutcome::GivenUp;
-      }
+      // Not the store being away: with patience these alone are counted, three at most.
+      const int tries = retry.isPatient() ? ++unexpected : attempt;
+      if (tries >= UnavailableRetry::kImmediateAttempts) return ReplayOutcome::GivenUp;
     }
   }
 }
