@@ -13,8 +13,8 @@ using foundation::storage::provider::StorageIRI;
 
 namespace {
 
-// "create /a", "write /a", "move /a>/b", ...; "|" is a barrier; "fixed /a" a change queued
-// with no local half (never absorbed).
+// "create /a", "write /a 0 4" (bytes [0, 4)), "move /a>/b", ...; "|" is a barrier; "fixed /a" a
+// change queued with no local half (never absorbed); "write!" a write that creates its file.
 QueuedTransaction entryFor(const std::string& text) {
   if (text == "|") return QueuedTransaction([] {}, false, 0.0, FILE_WRITE);
   static const std::map<std::string, ChangeAction> kActions = {
@@ -23,10 +23,12 @@ QueuedTransaction entryFor(const std::string& text) {
       {"remove", ChangeAction::RemoveFile},       {"mkdir", ChangeAction::CreateFolder},
       {"mkdirs", ChangeAction::CreateFolderTree}, {"rmtree", ChangeAction::RemoveFolderTree},
       {"move", ChangeAction::MoveFile},           {"stamp", ChangeAction::SetLastModified},
-      {"chmod", ChangeAction::SetWritable},       {"fixed", ChangeAction::CloseFile}};
+      {"chmod", ChangeAction::SetWritable},       {"fixed", ChangeAction::CloseFile},
+      {"write!", ChangeAction::WriteRange}};
   std::istringstream in(text);
   std::string word, path;
-  in >> word >> path;
+  std::int64_t offset = 0, length = 1;
+  in >> word >> path >> offset >> length;
   const auto arrow = path.find('>');
   const auto at = [](const std::string& p) {
     return StorageIRI(u"overlay", std::u16string(p.begin(), p.end()));
@@ -34,6 +36,8 @@ QueuedTransaction entryFor(const std::string& text) {
   ReplayChange change(FILE_WRITE, kActions.at(word), at(path.substr(0, arrow)));
   if (arrow != std::string::npos) change.to(at(path.substr(arrow + 1)));
   if (word == "open+") change.withFlags(ReplayChange::kOpenCreates);
+  if (word == "write!") change.withFlags(ReplayChange::kCreatesFile);
+  change.range(offset, length);
   ReplayTask task{change, [](const ReplayChange&) {}, nullptr, 0.0};
   if (word != "fixed") task.moot = [] {};
   return QueuedTransaction(std::move(task));
@@ -124,8 +128,37 @@ INSTANTIATE_TEST_SUITE_P(
         AbsorbCase{
             "CreationMergedIntoTheFirstWrite", {"create /a"}, "write /a", {0}, false, kCreates},
         AbsorbCase{"CreationMergedIntoTheCreatingOpen", {"create /a"}, "open+ /a", {0}, false, 0},
-        AbsorbCase{
-            "ASecondWriteMergesNothing", {"create /a", "write /a"}, "write /a", {}, false, 0},
+        AbsorbCase{"ASecondWriteMergesNothing",
+                   {"create /a", "write /a 0 4"},
+                   "write /a 4 4",
+                   {},
+                   false,
+                   0},
+        AbsorbCase{"CoveredWritesGo",
+                   {"write /a 0 4", "write /a 8 4", "write /b 0 4", "write /a 2 2"},
+                   "write /a 0 8",
+                   {0, 3},
+                   false,
+                   0},
+        AbsorbCase{"APartlyCoveredWriteStays", {"write /a 0 8"}, "write /a 4 8", {}, false, 0},
+        AbsorbCase{"TheCreatingWriteHandsOnTheCreation",
+                   {"write! /a 0 4", "write /a 2 2"},
+                   "write /a 0 4",
+                   {0, 1},
+                   false,
+                   kCreates},
+        AbsorbCase{"TheCreatingWriteStaysBeforeAKeptOne",
+                   {"write! /a 0 4", "write /a 4 4"},
+                   "write /a 0 4",
+                   {},
+                   false,
+                   0},
+        AbsorbCase{"AnotherChangeOfTheFileStops",
+                   {"write /a 0 4", "close /a"},
+                   "write /a 0 4",
+                   {},
+                   false,
+                   0},
         AbsorbCase{"AnotherSpellingIsAnotherFile", {"create /a"}, "remove /A", {}, false, 0}),
     ::testing::PrintToStringParamName());
 

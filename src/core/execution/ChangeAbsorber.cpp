@@ -103,6 +103,43 @@ Verdict creationMergedInto(const QueueView& view, const ReplayChange& change,
   return {{*latest}, false, flags};
 }
 
+bool contains(const ReplayChange& outer, const ReplayChange& inner) {
+  return inner.offset >= outer.offset && inner.offset + inner.length <= outer.offset + outer.length;
+}
+
+// The file's queued writes, back from the arrival while nothing else of the file lies between,
+// whose bytes the arriving write covers: the store would only receive them to have them
+// overwritten. The write that took over the file's creation goes only when nothing stays
+// after it, and hands the creation on to the arrival.
+Verdict writesOverwrittenBy(const QueueView& view, const ReplayChange& change,
+                            const std::u16string& key) {
+  Verdict verdict;
+  bool kept = false;
+  // Rewrites come soon after what they rewrite; a file written from start to end queues a
+  // write a block, and looking through all of them for each would cost a long write dearly.
+  for (const auto serial :
+       view.index.overlapping(key, view.firstSerial(), ChangeAbsorber::kWriteLookback)) {
+    const auto position = view.positionOf(serial);
+    const auto& entry = view.queue[position];
+    if (!exactlyAt(entry, change.location.getPath())) break;
+    const auto& queued = *entry.change;
+    if (queued.action != ChangeAction::WriteRange) break;
+    const bool creates = (queued.flags & ReplayChange::kCreatesFile) != 0;
+    if (!contains(change, queued) || (creates && kept)) {
+      kept = true;
+      if (creates) break;
+      continue;
+    }
+    verdict.withdrawn.push_back(position);
+    if (creates) {
+      verdict.addFlags = ReplayChange::kCreatesFile;
+      break;
+    }
+  }
+  std::reverse(verdict.withdrawn.begin(), verdict.withdrawn.end());
+  return verdict;
+}
+
 }  // namespace
 
 Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
@@ -119,8 +156,11 @@ Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
     case ChangeAction::OpenFile:
       if (!(change.flags & ReplayChange::kOpenCreates)) return {};
       return creationMergedInto(view, change, key);
-    case ChangeAction::WriteRange:
-      return creationMergedInto(view, change, key);
+    case ChangeAction::WriteRange: {
+      auto merged = creationMergedInto(view, change, key);
+      if (!merged.withdrawn.empty()) return merged;
+      return writesOverwrittenBy(view, change, key);
+    }
     case ChangeAction::RemoveFile: {
       auto found = backToStart(
           view, key, [&](const QueuedTransaction& e) { return exactlyAt(e, path); }, createsFile);

@@ -6,6 +6,10 @@
 //     queued, when that is the location's latest queued change;
 //   - a file's creation followed by the open that creates it, or by its first write: the open
 //     or the write creates the file itself (the write is marked kCreatesFile), one call less;
+//   - a file's write whose bytes a later write covers, with only writes of the file between:
+//     the later write reads the file's current bytes anyway (only writes that cover are
+//     dropped, so every byte still reaches the store, and a file's truncation already cuts
+//     its queued writes; see PendingWriteBlock::clip);
 //   - a file removed while its creation is still queued: the creation, everything queued on the
 //     file since, and the removal itself cost the store nothing. Only changes of exactly that
 //     file may lie between (a move of it or of a folder above it stops the rule);
@@ -34,6 +38,8 @@ class ChangeAbsorber {
  public:
   // How far back from the end of the queue a rule looks.
   static constexpr std::size_t kLookback = 4096;
+  // How many of a file's latest queued changes a write looks at for writes it covers.
+  static constexpr std::size_t kWriteLookback = 16;
 
   struct Verdict {
     std::vector<std::size_t> withdrawn;  // positions in the queue, ascending

@@ -36,13 +36,20 @@ void QueueScopeIndex::forEachOverlapping(const std::u16string& key, Visit visit)
 }
 
 std::vector<std::uint64_t> QueueScopeIndex::overlapping(const std::u16string& key,
-                                                        std::uint64_t from) const {
+                                                        std::uint64_t from,
+                                                        std::size_t limit) const {
   std::vector<std::uint64_t> found;
+  // The latest `limit` of all are among the latest `limit` of each set.
   forEachOverlapping(key, [&](const Serials& serials) {
-    found.insert(found.end(), serials.lower_bound(from), serials.end());
+    std::size_t taken = 0;
+    for (auto it = serials.rbegin(); it != serials.rend() && *it >= from && taken < limit;
+         ++it, ++taken) {
+      found.push_back(*it);
+    }
   });
   std::sort(found.begin(), found.end(), std::greater<>());
   found.erase(std::unique(found.begin(), found.end()), found.end());
+  if (found.size() > limit) found.resize(limit);
   return found;
 }
 

@@ -18,7 +18,9 @@
 // their own); no lock, no thread of its own.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <optional>
 #include <set>
@@ -34,8 +36,10 @@ class QueueScopeIndex {
   void clear();
 
   // The serials, from `from` on, of the entries that overlap `key` (barriers included),
-  // latest first, each once.
-  std::vector<std::uint64_t> overlapping(const std::u16string& key, std::uint64_t from) const;
+  // latest first, each once; only the latest `limit` of them.
+  std::vector<std::uint64_t> overlapping(
+      const std::u16string& key, std::uint64_t from,
+      std::size_t limit = std::numeric_limits<std::size_t>::max()) const;
   // The latest of them, if any.
   std::optional<std::uint64_t> latestOverlapping(const std::u16string& key,
                                                  std::uint64_t from) const;
