@@ -14,7 +14,8 @@ using foundation::storage::provider::StorageIRI;
 namespace {
 
 // "create /a", "write /a 0 4" (bytes [0, 4)), "move /a>/b", ...; "|" is a barrier; "fixed /a" a
-// change queued with no local half (never absorbed); "write!" a write that creates its file.
+// change queued with no local half (never absorbed); "write!" a write that creates its file;
+// "rename /a>/b" a move to a name that was free; "relocate" the move of a file's stream.
 QueuedTransaction entryFor(const std::string& text) {
   if (text == "|") return QueuedTransaction([] {}, false, 0.0, FILE_WRITE);
   static const std::map<std::string, ChangeAction> kActions = {
@@ -24,7 +25,8 @@ QueuedTransaction entryFor(const std::string& text) {
       {"mkdirs", ChangeAction::CreateFolderTree}, {"rmtree", ChangeAction::RemoveFolderTree},
       {"move", ChangeAction::MoveFile},           {"stamp", ChangeAction::SetLastModified},
       {"chmod", ChangeAction::SetWritable},       {"fixed", ChangeAction::CloseFile},
-      {"write!", ChangeAction::WriteRange}};
+      {"write!", ChangeAction::WriteRange},       {"rename", ChangeAction::MoveFile},
+      {"relocate", ChangeAction::Relocate}};
   std::istringstream in(text);
   std::string word, path;
   std::int64_t offset = 0, length = 1;
@@ -37,6 +39,7 @@ QueuedTransaction entryFor(const std::string& text) {
   if (arrow != std::string::npos) change.to(at(path.substr(arrow + 1)));
   if (word == "open+") change.withFlags(ReplayChange::kOpenCreates);
   if (word == "write!") change.withFlags(ReplayChange::kCreatesFile);
+  change.destinationWasFree = word == "rename";
   change.range(offset, length);
   ReplayTask task{change, [](const ReplayChange&) {}, nullptr, 0.0};
   if (word != "fixed") task.moot = [] {};
@@ -50,6 +53,7 @@ struct AbsorbCase {
   std::vector<std::size_t> withdrawn;
   bool arrivalMoot;
   int addFlags;
+  std::vector<std::size_t> relocated = {};
 };
 void PrintTo(const AbsorbCase& c, std::ostream* out) { *out << c.name; }
 
@@ -71,6 +75,7 @@ TEST_P(ChangeAbsorberTest, WithdrawsExactlyWhatTheArrivalMakesMoot) {
   EXPECT_EQ(verdict.withdrawn, c.withdrawn);
   EXPECT_EQ(verdict.arrivalMoot, c.arrivalMoot);
   EXPECT_EQ(verdict.addFlags, c.addFlags);
+  EXPECT_EQ(verdict.relocated, c.relocated);
 }
 
 constexpr int kCreates = ReplayChange::kCreatesFile;
@@ -156,6 +161,50 @@ INSTANTIATE_TEST_SUITE_P(
         AbsorbCase{"AnotherChangeOfTheFileStops",
                    {"write /a 0 4", "close /a"},
                    "write /a 0 4",
+                   {},
+                   false,
+                   0},
+        AbsorbCase{"CreatedThenRenamedReplaysAtTheDestination",
+                   {"open+ /t", "write /t 0 4", "close /t", "write /x 0 4", "relocate /t>/f"},
+                   "rename /t>/f",
+                   {4},
+                   true,
+                   0,
+                   {0, 1, 2}},
+        AbsorbCase{"ACreatingWriteStartsTheChainToo",
+                   {"mkdir /d", "write! /t 0 4", "close /t", "relocate /t>/d/f"},
+                   "rename /t>/d/f",
+                   {3},
+                   true,
+                   0,
+                   {1, 2}},
+        AbsorbCase{"ADestinationInUseStays",
+                   {"open+ /t", "close /t", "relocate /t>/f"},
+                   "move /t>/f",
+                   {},
+                   false,
+                   0},
+        AbsorbCase{"AChangeAtTheDestinationAfterTheCreationStops",
+                   {"open+ /t", "remove /f", "close /t", "relocate /t>/f"},
+                   "rename /t>/f",
+                   {},
+                   false,
+                   0},
+        AbsorbCase{"NotCreatedHereStays",
+                   {"write /t 0 4", "close /t", "relocate /t>/f"},
+                   "rename /t>/f",
+                   {},
+                   false,
+                   0},
+        AbsorbCase{"AnotherChangeOfTheSourceStops",
+                   {"open+ /t", "stamp /t", "close /t", "relocate /t>/f"},
+                   "rename /t>/f",
+                   {},
+                   false,
+                   0},
+        AbsorbCase{"WithoutTheStreamsRelocationStays",
+                   {"open+ /t", "close /t"},
+                   "rename /t>/f",
                    {},
                    false,
                    0},

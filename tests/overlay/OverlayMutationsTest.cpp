@@ -2,7 +2,8 @@
 // was, removal of open files by the store's capabilities, the one move that is never
 // replayed, nothing queued after shutdown, and a burst of creates whose echoes from the
 // store cost one relisting, mutations that the caches can answer alone leave every store
-// call to the replay, and a store that goes away costs no change when the overlay is patient.
+// call to the replay, a store that goes away costs no change when the overlay is patient, and
+// work that later changes make moot never reaches the store.
 #include "OverlayTestSupport.h"
 
 #include "CoreTestSupport.h"
@@ -237,6 +238,72 @@ TEST(OverlayMutations, AStoreThatIsAwayCostsNoChangeWhenTheOverlayIsPatient) {
     second.configure(settings);
     second.overlay->flushFilesystem();
     EXPECT_TRUE(store->fileExists(memAt(u"/a")));
+  }
+}
+
+// With absorption, work that a later change makes moot never reaches the store: a file created
+// under one name and renamed reaches it under its final name, with no move, and bytes written
+// twice go once. The store answers slowly behind an unrelated creation queued first, so that
+// every change below is still queued when the next arrives.
+TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
+  using P = fsp::ReplacementPolicy;
+  const auto write = [](OverlayOverMem& e, const std::u16string& path,
+                        const std::vector<std::pair<long, std::string>>& runs) {
+    const auto stream = e.overlay->openStream(e.at(path), fsp::ByteStreamOpenOptions::readWrite());
+    for (const auto& [offset, bytes] : runs) {
+      stream->seek(offset, std::ios_base::beg);
+      stream->write(bytes.data(), static_cast<long>(bytes.size()));
+    }
+    stream->close();
+  };
+  struct Case {
+    const char* name;
+    std::function<void(OverlayOverMem&)> work;
+    std::uint64_t moves, streamWrites;
+    std::string final;  // what the store holds at /f
+  };
+  const Case cases[] = {
+      {"created, written, renamed",
+       [&](auto& e) {
+         e.overlay->createFile(e.at(u"/t"));
+         write(e, u"/t", {{0, "new"}});
+         e.overlay->moveFile(e.at(u"/t"), e.at(u"/f"), P::Overwrite);
+       },
+       0, 1, "new"},
+      {"renamed over a file the store holds",
+       [&](auto& e) {
+         e.overlay->createFile(e.at(u"/t"));
+         write(e, u"/t", {{0, "new"}});
+         e.overlay->moveFile(e.at(u"/t"), e.at(u"/old"), P::Overwrite);
+         e.overlay->moveFile(e.at(u"/old"), e.at(u"/f"), P::Overwrite);
+       },
+       2, 1, "new"},
+      {"the same bytes written again",
+       [&](auto& e) {
+         e.overlay->createFile(e.at(u"/f"));
+         write(e, u"/f", {{0, "abcdef"}, {2, "x"}, {0, "ABCDEF"}});
+       },
+       0, 1, "ABCDEF"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    OverlayOverMem env;
+    env.put(u"/old", "old bytes");
+    env.configure({{"overlay.absorbChanges", "true"}});
+    env.instrumented->setCallLatency(std::chrono::milliseconds(100));
+    env.overlay->createFile(env.at(u"/blocker"));
+    env.instrumented->instrumentation().log.enable(true);
+    c.work(env);
+    env.overlay->flushFilesystem();
+    const auto calls = env.instrumented->instrumentation().log.calls();
+    const auto count = [&](const char* operation) {
+      return std::count_if(calls.begin(), calls.end(),
+                           [&](const auto& call) { return call.operation == operation; });
+    };
+    EXPECT_EQ(count("moveFile"), static_cast<long>(c.moves));
+    EXPECT_EQ(count("streamWrite"), static_cast<long>(c.streamWrites));
+    EXPECT_EQ(env.stored(u"/f"), c.final);
+    EXPECT_FALSE(env.mem->fileExists(memAt(u"/t")));
   }
 }
 

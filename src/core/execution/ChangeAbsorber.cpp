@@ -90,7 +90,7 @@ Verdict sameAttributeAgain(const QueueView& view, const ReplayChange& change,
   const auto latest = latestOverlapping(view, key);
   if (!latest || !exactlyAt(queue[*latest], change.location.getPath())) return {};
   if (queue[*latest].change->action != change.action) return {};
-  return {{*latest}, false, 0};
+  return {{*latest}, false, 0, {}};
 }
 
 Verdict creationMergedInto(const QueueView& view, const ReplayChange& change,
@@ -100,7 +100,7 @@ Verdict creationMergedInto(const QueueView& view, const ReplayChange& change,
   if (!latest || !exactlyAt(queue[*latest], change.location.getPath())) return {};
   if (queue[*latest].change->action != ChangeAction::CreateFile) return {};
   const int flags = change.action == ChangeAction::WriteRange ? ReplayChange::kCreatesFile : 0;
-  return {{*latest}, false, flags};
+  return {{*latest}, false, flags, {}};
 }
 
 bool contains(const ReplayChange& outer, const ReplayChange& inner) {
@@ -140,13 +140,73 @@ Verdict writesOverwrittenBy(const QueueView& view, const ReplayChange& change,
   return verdict;
 }
 
+bool isStreamChange(const ReplayChange& change) {
+  return change.action == ChangeAction::OpenFile || change.action == ChangeAction::WriteRange ||
+         change.action == ChangeAction::Truncate || change.action == ChangeAction::CloseFile;
+}
+
+bool relocates(const QueuedTransaction& entry, const ReplayChange& move) {
+  return absorbable(entry) && entry.change->action == ChangeAction::Relocate &&
+         entry.change->location.getPath() == move.location.getPath() && entry.change->destination &&
+         entry.change->destination->getPath() == move.destination->getPath();
+}
+
+// The positions of the file's stream changes from its creation on, and of the relocation
+// the move queued last, or nothing when anything else of the source lies between.
+std::optional<std::pair<std::vector<std::size_t>, std::size_t>> createdAndRelocated(
+    const QueueView& view, const ReplayChange& move, const std::u16string& sourceKey) {
+  std::optional<std::size_t> relocation;
+  std::vector<std::size_t> chain;
+  for (const auto serial : view.index.overlapping(sourceKey, view.firstSerial())) {
+    const auto position = view.positionOf(serial);
+    const auto& entry = view.queue[position];
+    if (!relocation) {
+      if (!relocates(entry, move)) return std::nullopt;
+      relocation = position;
+      continue;
+    }
+    if (!exactlyAt(entry, move.location.getPath()) || !isStreamChange(*entry.change)) break;
+    chain.push_back(position);
+    if (createsFile(*entry.change)) {
+      std::reverse(chain.begin(), chain.end());
+      return std::pair(std::move(chain), *relocation);
+    }
+  }
+  return std::nullopt;
+}
+
+Verdict creationMovedAway(const QueueView& view, const ReplayChange& move,
+                          const std::vector<std::u16string>& keys) {
+  if (!move.destinationWasFree || !move.destination || keys.size() != 2 ||
+      scopesOverlap(keys[0], keys[1])) {
+    return {};
+  }
+  const auto found = createdAndRelocated(view, move, keys[0]);
+  if (!found) return {};
+  const auto& [chain, relocation] = *found;
+  for (const auto serial : view.index.overlapping(keys[1], view.firstSerial())) {
+    const auto position = view.positionOf(serial);
+    if (position < chain.front()) break;
+    if (position != relocation) return {};
+  }
+  Verdict verdict;
+  verdict.withdrawn = {relocation};
+  verdict.relocated = chain;
+  verdict.arrivalMoot = true;
+  return verdict;
+}
+
 }  // namespace
 
 Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
                               const QueueScopeIndex& index, const QueuedTransaction& arriving) {
   const QueueView view{queue, index};
-  if (!arriving.change || arriving.scope.size() != 1 || !arriving.moot) return {};
+  if (!arriving.change || arriving.scope.empty() || !arriving.moot) return {};
   const auto& change = *arriving.change;
+  if (change.action == ChangeAction::MoveFile) {
+    return creationMovedAway(view, change, arriving.scope);
+  }
+  if (arriving.scope.size() != 1) return {};
   const auto& key = arriving.scope.front();
   const auto& path = change.location.getPath();
   switch (change.action) {
@@ -165,7 +225,7 @@ Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
       auto found = backToStart(
           view, key, [&](const QueuedTransaction& e) { return exactlyAt(e, path); }, createsFile);
       const bool moot = !found.empty();
-      return {std::move(found), moot, 0};
+      return {std::move(found), moot, 0, {}};
     }
     case ChangeAction::RemoveFolder:
     case ChangeAction::RemoveFolderTree: {
@@ -175,7 +235,7 @@ Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
             return c.action == ChangeAction::CreateFolder && c.location.getPath() == path;
           });
       const bool moot = !found.empty();
-      return {std::move(found), moot, 0};
+      return {std::move(found), moot, 0, {}};
     }
     default:
       return {};

@@ -10,6 +10,12 @@
 //     the later write reads the file's current bytes anyway (only writes that cover are
 //     dropped, so every byte still reaches the store, and a file's truncation already cuts
 //     its queued writes; see PendingWriteBlock::clip);
+//   - a file created under one name and moved before any of it replayed (how git, editors
+//     and many tools write): its stream changes are taken along to the destination (marked
+//     kFollowsMove, re-keyed there), the relocation of its stream that the move queued goes,
+//     and the move itself costs nothing. Only when the destination was free, only the file's
+//     own stream changes (which follow the location they are given) between its creation and
+//     the move, and nothing else touching the destination after the creation;
 //   - a file removed while its creation is still queued: the creation, everything queued on the
 //     file since, and the removal itself cost the store nothing. Only changes of exactly that
 //     file may lie between (a move of it or of a folder above it stops the rule);
@@ -45,6 +51,8 @@ class ChangeAbsorber {
     std::vector<std::size_t> withdrawn;  // positions in the queue, ascending
     bool arrivalMoot = false;            // the arriving change need not reach the store
     int addFlags = 0;                    // flags the arriving change takes on
+    // Positions (ascending) whose change now happens at the arriving move's destination.
+    std::vector<std::size_t> relocated;
   };
 
   // `index` holds the scope of every entry of `queue` under the entry's serial.

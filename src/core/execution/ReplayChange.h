@@ -95,6 +95,14 @@ struct ReplayChange {
   static constexpr int kOpenTruncates = 2;  // an open that empties the file
   // A write that took over the queued creation of its file: its stream must create the file.
   static constexpr int kCreatesFile = 4;
+  // A file's stream change that the file's later move took along before either reached the
+  // store: the stream works at `location` (the move's destination) and the file's creation
+  // there replaces whatever the store holds under that name.
+  static constexpr int kFollowsMove = 8;
+
+  // Known to the submitter, kept in memory only (never written down): a move's destination
+  // held nothing when the move was made, so nothing there needs replacing but the file itself.
+  bool destinationWasFree = false;
 };
 
 // True when `key` (as scopeKeys gives it) is `other`, contains it or lies in it.

@@ -104,6 +104,14 @@ std::deque<QueuedTransaction> WeightedTransactionQueue::absorbLocked(QueuedTrans
   std::deque<QueuedTransaction> withdrawn;
   const auto verdict = ChangeAbsorber::judge(entries_, scopes_, arriving);
   if (verdict.withdrawn.empty()) return withdrawn;
+  for (const auto position : verdict.relocated) {
+    auto& entry = entries_[position];
+    scopes_.remove(entry.serial, entry.scope);
+    entry.change->location = *arriving.change->destination;
+    entry.change->flags |= ReplayChange::kFollowsMove;
+    entry.scope = entry.change->scopeKeys();
+    scopes_.add(entry.serial, entry.scope);
+  }
   for (const auto position : verdict.withdrawn) {
     auto& entry = entries_[position];
     for (auto& handler : entry.absorbedMoot) arriving.absorbedMoot.push_back(std::move(handler));

@@ -113,7 +113,8 @@ class WeightedTransactionQueue {
 
   void appendLocked(QueuedTransaction entry);
   // Takes out the queued entries that `arriving` makes moot (ChangeAbsorber) and hands their
-  // local halves to it; returns them, to be destroyed once the mutex is released.
+  // local halves to it, and moves the changes that `arriving` (a move) takes along to its
+  // destination; returns the entries taken out, to be destroyed once the mutex is released.
   std::deque<QueuedTransaction> absorbLocked(QueuedTransaction& arriving);
   std::deque<QueuedTransaction> discardLocked();
   void countPushed(ObservableTransactionType type);

@@ -60,6 +60,15 @@ bool contains(const std::u16string& folder, const std::u16string& path) {
           (folder.ends_with(u'/') || path[folder.size()] == u'/'));
 }
 
+// A source that this recovery made again is the moved file itself, with its recovered bytes:
+// what the store holds at the destination, although the move was accepted only where nothing
+// was, can only be this file's own, left by the move before the crash or by its changes,
+// which the move had taken along to the destination before they replayed. It is replaced
+// rather than taken for the move done, which would keep a file whose writes were cut short.
+fsp::ReplacementPolicy replacing(fsp::ReplacementPolicy policy) {
+  return policy == fsp::ReplacementPolicy::Fail ? fsp::ReplacementPolicy::Overwrite : policy;
+}
+
 bool writesBytes(ChangeAction action) {
   return action == ChangeAction::WriteRange || action == ChangeAction::OpenFile ||
          action == ChangeAction::Truncate;
@@ -151,7 +160,7 @@ void JournalRecovery::apply(std::size_t index) {
         overlay_.removeFolderRecursively(at);
         break;
       case ChangeAction::MoveFile:
-        overlay_.moveFile(at, to, policy);
+        overlay_.moveFile(at, to, madeHere(change.location.getPath()) ? replacing(policy) : policy);
         break;
       case ChangeAction::MoveFolder:
         overlay_.moveFolder(at, to, policy);
@@ -214,8 +223,7 @@ void JournalRecovery::applyStreamChange(const ReplayChange& change, std::size_t 
     // An open that neither creates nor empties changed nothing of the store.
     if (!options.create && !options.truncate) return;
     options.create = true;  // the file may have been removed since; the record made it
-    stream_ = overlay_.openStream(at, options);
-    streamLocation_ = at;
+    openRecoveredStream(at, options);
     return;
   }
   writeRange(change, index);
@@ -225,8 +233,7 @@ void JournalRecovery::writeRange(const ReplayChange& change, std::size_t index) 
   const auto at = overlayLocation(change.location);
   if (!stream_) {
     // Its creation may have been merged into the write: the record then made the file.
-    stream_ = overlay_.openStream(at, fsp::ByteStreamOpenOptions::readWriteCreate());
-    streamLocation_ = at;
+    openRecoveredStream(at, fsp::ByteStreamOpenOptions::readWriteCreate());
   }
   // The bytes of the file's final body; none when a later change removes the file (they
   // would never be seen) or the body is shorter (a later truncation cuts them).
@@ -251,6 +258,14 @@ void JournalRecovery::writeRange(const ReplayChange& change, std::size_t index) 
     }
     done += static_cast<std::size_t>(written);
   }
+}
+
+void JournalRecovery::openRecoveredStream(const fsp::StorageIRI& at,
+                                          const fsp::ByteStreamOpenOptions& options) {
+  const bool existed = overlay_.fileExists(at);
+  stream_ = overlay_.openStream(at, options);
+  streamLocation_ = at;
+  if (!existed) made_.insert(at.getPath());
 }
 
 void JournalRecovery::noteMade(const ReplayChange& change) {

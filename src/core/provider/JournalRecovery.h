@@ -68,6 +68,10 @@ class JournalRecovery {
   void apply(std::size_t index);
   void applyStreamChange(const ReplayChange& change, std::size_t index);
   void writeRange(const ReplayChange& change, std::size_t index);
+  // Opens the stream that the following writes of the file use; a file it creates counts as
+  // made by this recovery.
+  void openRecoveredStream(const foundation::storage::provider::StorageIRI& at,
+                           const foundation::storage::provider::ByteStreamOpenOptions& options);
   void closeStream();
   // Whether a later change moves or removes the location of change `index` or a folder
   // above it.

@@ -278,8 +278,9 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   if (!record) throw notFound(source);
   const auto replaced = checkFileDestination(stored, destination, policy);
   if (stored == destination) return;  // the file is already there: nothing changes
-  const auto change =
+  auto change =
       ReplayChange(FILE_MOVE, ChangeAction::MoveFile, stored).to(destination).withFlags(policy);
+  change.destinationWasFree = !replaced;
   const bool hidden = isFuseHiddenName(destination);
   std::shared_ptr<WorkingFileEntry> moved;
   auto recorded = recordBeforeApplying(hidden ? std::nullopt : std::optional(change), [&] {

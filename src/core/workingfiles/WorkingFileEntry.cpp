@@ -631,8 +631,11 @@ void WorkingFileEntry::submit(std::function<void(const ReplayChange&)> run,
   const auto receipt = recorded ? std::move(*recorded) : journalReceipt(change);
   // Both halves hold the ticket: the transaction is pending until whichever runs has run.
   ReplayTask task{change,
-                  [run = std::move(run), ticket, receipt,
+                  [self = shared_from_this(), run = std::move(run), ticket, receipt,
                    retry = settings_.unavailableRetry](const ReplayChange& replayed) {
+                    if (replayed.flags & ReplayChange::kFollowsMove) {
+                      self->followMove(replayed.location);
+                    }
                     // A failure is logged where it happens; a later process could not do
                     // better with the record, so it is confirmed either way, unless the
                     // provider shut down meanwhile (the store may have been away): then the
@@ -729,9 +732,12 @@ void WorkingFileEntry::moveTo(const fsp::StorageIRI& location) {
     location_ = location;
   }
   std::lock_guard order(submitMutex_);
+  // Taken out when the move takes the file's unsent creation along (see ChangeAbsorber): the
+  // stream has then followed already.
   submit(
       [self = shared_from_this(), location](const ReplayChange&) { self->relocateInner(location); },
-      nullptr, ReplayChange(FILE_CLOSE, ChangeAction::Relocate, from).to(location),
+      [self = shared_from_this(), location] { self->relocateInner(location); },
+      ReplayChange(FILE_CLOSE, ChangeAction::Relocate, from).to(location),
       settings_.minQueueItemWeight);
 }
 

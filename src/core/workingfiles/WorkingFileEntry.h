@@ -170,7 +170,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Deletes the cached body (eviction, stale body); readers then fetch from the store.
   void removeCachedBody();
   // The file moved in the overlay: the body follows and the inner stream is reopened at the
-  // new location by the next transaction that needs it.
+  // new location by the next transaction that needs it. When the move takes the file's
+  // unsent creation along (absorption), its queued changes carry kFollowsMove and the
+  // relocation queued here goes: the file is then created at the new location directly.
   void moveTo(const fsp::StorageIRI& location);
   // The entry leaves the content cache: its unsent bytes are copied out of the body, and
   // unless streams still use it, a partial body is stamped so that no later entry takes it
@@ -294,6 +296,10 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void runTruncate(std::int64_t size);
   void updateStoreAfterWrites(const boost::posix_time::ptime& lastModified);
   void relocateInner(const fsp::StorageIRI& location);
+  // A change that the file's move took along before it replayed (ReplayChange::kFollowsMove):
+  // the stream works at the move's destination from now on, and the creation there replaces
+  // what the store may hold.
+  void followMove(const fsp::StorageIRI& location);
 
   std::shared_ptr<FileMetadata> record_;  // guarded by mutex_ (replaced by adoptRecord)
   const WorkingFileSettings settings_;
@@ -318,7 +324,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   bool innerWritable_ = false;
   std::int64_t innerPosition_ = -1;
   bool innerWritten_ = false;
-  std::vector<char> innerBuffer_;  // body bytes on their way to the store
+  bool replaceOnCreation_ = false;  // see followMove
+  std::vector<char> innerBuffer_;   // body bytes on their way to the store
 
   mutable std::mutex mutex_;
   fsp::StorageIRI location_;

@@ -33,7 +33,9 @@ void WorkingFileEntry::openInnerLocked(const fsp::ByteStreamOpenOptions& options
   innerOptions.read = true;
   innerOptions.write = true;
   innerOptions.append = false;
+  if (innerOptions.create && replaceOnCreation_) innerOptions.truncate = true;
   innerStream_ = innerItemLocked().openStream(innerOptions);
+  if (innerOptions.create) replaceOnCreation_ = false;
   innerWritable_ = true;
   innerPosition_ = 0;
 }
@@ -254,6 +256,14 @@ void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& la
   } catch (...) {
     logCaughtException("Unexpected exception during attempt to update extended attributes");
   }
+}
+
+void WorkingFileEntry::followMove(const fsp::StorageIRI& location) {
+  std::lock_guard inner(innerMutex_);
+  if (innerLocation_ == location) return;
+  // The chain starts with the file's creation, so no stream is open at the old name.
+  innerLocation_ = location;
+  replaceOnCreation_ = true;
 }
 
 void WorkingFileEntry::relocateInner(const fsp::StorageIRI& location) {

@@ -48,7 +48,7 @@ fsp::StorageIRI at(const std::string& path) {
   return fsp::StorageIRI(u"overlay", foundation::text::toUtf16(path));
 }
 
-void perform(OverlayProvider& overlay, const Change& change) {
+void perform(OverlayProvider& overlay, const Change& change, const Model& model) {
   switch (change.kind) {
     case Change::CreateFile:
       overlay.createFile(at(change.path));
@@ -67,7 +67,11 @@ void perform(OverlayProvider& overlay, const Change& change) {
       overlay.truncateToSize(at(change.path), static_cast<std::uint64_t>(change.length));
       break;
     case Change::MoveFile:
-      overlay.moveFile(at(change.path), at(change.to), fsp::ReplacementPolicy::Overwrite);
+      // To a free name as `mv -n` asks (a move that must not replace), so that recovery meets
+      // both kinds.
+      overlay.moveFile(at(change.path), at(change.to),
+                       model.files.count(change.to) ? fsp::ReplacementPolicy::Overwrite
+                                                    : fsp::ReplacementPolicy::Fail);
       break;
     case Change::RemoveFile:
       overlay.removeFile(at(change.path));
@@ -93,7 +97,7 @@ int work(const std::string& store, const std::string& cache, std::uint64_t seed,
   std::mt19937_64 random(seed);
   for (std::int64_t index = 0; index < count; ++index) {
     const auto change = model.next(random);
-    perform(*overlay, change);
+    perform(*overlay, change, model);
     model.apply(change);
     if (::write(STDOUT_FILENO, &index, sizeof index) != sizeof index) return 3;
   }
