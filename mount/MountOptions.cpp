@@ -24,6 +24,7 @@ namespace {
 // than the store drains.
 constexpr const char* kDefaultMaxQueueWeight = "64";
 constexpr const char* kDefaultReplayWorkers = "8";
+constexpr const char* kDefaultAbsorbWindowMs = "500";
 
 enum class KeyKind { Text, Number, Flag };
 
@@ -34,7 +35,7 @@ struct OverlayKey {
   const char* help;
 };
 
-constexpr std::array<OverlayKey, 10> kOverlayKeys{{
+constexpr std::array<OverlayKey, 11> kOverlayKeys{{
     {"cache-root", "overlay.cacheRoot", KeyKind::Text,
      "content cache directory (default: a fresh one in the temporary directory)"},
     {"max-queue-weight", "overlay.maxQueueWeight", KeyKind::Number,
@@ -50,6 +51,9 @@ constexpr std::array<OverlayKey, 10> kOverlayKeys{{
     {"replay-workers", "overlay.replayWorkers", KeyKind::Number,
      "changes to unrelated paths replayed on the store at once (default 8; 1: strictly in "
      "order)"},
+    {"absorb-window-ms", "overlay.absorbWindowMs", KeyKind::Number,
+     "how long a change waits before its replay, so that a later one can make it moot (a file "
+     "written under a temporary name and renamed); flushes and fsync do not wait (default 500)"},
     {"synchronous", "overlay.synchronous", KeyKind::Flag,
      "replay changes on the store before each call returns"},
     {"disable-content-cache", "overlay.disableContentCache", KeyKind::Flag,
@@ -122,6 +126,9 @@ boost::property_tree::ptree overlayConfigFrom(const po::variables_map& vm) {
   // Work that later changes undo (a file created and removed before its replay) never
   // reaches the store; the library's default replays every change.
   config.put("overlay.absorbChanges", "true");
+  // Long enough for a program's temporary file to be renamed or removed before its creation
+  // reaches the store, short against the time another machine takes to look.
+  config.put("overlay.absorbWindowMs", kDefaultAbsorbWindowMs);
   // The mount's own folder store reports every change the replay makes; acting on those
   // reports relists folders the overlay already knows, while programs wait.
   config.put("overlay.suppressEchoes", vm.count("act-on-echoes") != 0 ? "false" : "true");

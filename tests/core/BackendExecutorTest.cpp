@@ -111,6 +111,26 @@ TEST_F(BackendExecutorTest, ActivityCallbackOnlyWhenIdle) {
   EXPECT_EQ(activity, first);
 }
 
+// With an absorption window an idle worker leaves a change queued long enough for a later one
+// to make it moot, and a flush does not wait the window out.
+TEST(BackendExecutorWindow, HoldsChangesForAbsorptionButNotAFlush) {
+  BackendExecutor executor([] {}, 0.0, 1, true, std::chrono::minutes(10));
+  std::atomic<int> ran{0};
+  const auto change = [&](ChangeAction action, const std::u16string& path) {
+    ReplayChange what(FILE_CREATION, action,
+                      foundation::storage::provider::StorageIRI(u"overlay", path));
+    return ReplayTask{what, [&](const ReplayChange&) { ++ran; }, [] {}, 1.0};
+  };
+  executor.submit(change(ChangeAction::CreateFile, u"/a"));
+  std::this_thread::sleep_for(100ms);  // long enough for an idle worker to take it
+  executor.submit(change(ChangeAction::RemoveFile, u"/a"));  // both cost the store nothing
+  executor.submit(change(ChangeAction::CreateFile, u"/b"));
+  returnsInTime([&] { executor.waitForPendingToFinish(); }, "a flush within the window");
+  EXPECT_EQ(ran, 1);
+  executor.shutdown(false);
+  executor.join();
+}
+
 // Over a stalled worker, a backlog above the bound, a flush and possibly a submitter held back
 // by the bound, the executor ends one way or another. Nothing hangs: the flush returns once
 // the tasks queued before it ran (or were discarded), the held-back submitter is released and

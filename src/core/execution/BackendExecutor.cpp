@@ -9,19 +9,23 @@
 namespace storage::overlayprovider {
 
 BackendExecutor::BackendExecutor(std::function<void()> activityCallback, double maxQueueWeight,
-                                 int workers, bool absorbChanges)
+                                 int workers, bool absorbChanges,
+                                 std::chrono::milliseconds absorbWindow)
     : activityCallback_(std::move(activityCallback)),
       queue_(maxQueueWeight),
       lastCompletion_(std::chrono::system_clock::now()),
       liveWorkers_(std::max(1, workers)) {
-  queue_.setAbsorbing(absorbChanges);
+  queue_.setAbsorbing(absorbChanges, absorbWindow);
   for (int n = 0; n < std::max(1, workers); ++n) {
     workers_.emplace_back([this] { runWorker(); });
   }
   OVERLAY_LOG(foundation::log::notice)
       << "BackendExecutor initialized with a max queue weight "
       << "of " << maxQueueWeight << " and " << workers_.size() << " worker(s)"
-      << (absorbChanges ? ", absorbing moot changes" : "");
+      << (absorbChanges ? ", absorbing moot changes" : "")
+      << (absorbChanges && absorbWindow.count() > 0
+              ? " within " + std::to_string(absorbWindow.count()) + " ms"
+              : "");
 }
 
 BackendExecutor::~BackendExecutor() {

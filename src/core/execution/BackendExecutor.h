@@ -62,9 +62,11 @@ class BackendExecutor : public IExecutor {
   // arrives at an idle executor (empty queue, worker not busy), to tell the provider that
   // background activity starts; an empty one makes that execute throw
   // std::bad_function_call. maxQueueWeight <= 0 means unbounded. `workers` below 1 counts as 1.
-  // absorbChanges: queued changes that a later one makes moot are never replayed.
+  // absorbChanges: queued changes that a later one makes moot are never replayed;
+  // absorbWindow: how long each waits first (see WeightedTransactionQueue::setAbsorbing).
   BackendExecutor(std::function<void()> activityCallback, double maxQueueWeight, int workers = 1,
-                  bool absorbChanges = false);
+                  bool absorbChanges = false,
+                  std::chrono::milliseconds absorbWindow = std::chrono::milliseconds(0));
   ~BackendExecutor() override;
   BackendExecutor(const BackendExecutor&) = delete;
   BackendExecutor& operator=(const BackendExecutor&) = delete;

@@ -140,9 +140,21 @@ Verdict writesOverwrittenBy(const QueueView& view, const ReplayChange& change,
   return verdict;
 }
 
-bool isStreamChange(const ReplayChange& change) {
-  return change.action == ChangeAction::OpenFile || change.action == ChangeAction::WriteRange ||
-         change.action == ChangeAction::Truncate || change.action == ChangeAction::CloseFile;
+// The changes of a file whose replay works at the location the change names as the executor
+// holds it (rather than where it was made), so that a move can take them along.
+bool followsItsLocation(const ReplayChange& change) {
+  switch (change.action) {
+    case ChangeAction::CreateFile:
+    case ChangeAction::OpenFile:
+    case ChangeAction::WriteRange:
+    case ChangeAction::Truncate:
+    case ChangeAction::CloseFile:
+    case ChangeAction::SetLastModified:
+    case ChangeAction::SetWritable:
+      return true;
+    default:
+      return false;
+  }
 }
 
 bool relocates(const QueuedTransaction& entry, const ReplayChange& move) {
@@ -165,7 +177,7 @@ std::optional<std::pair<std::vector<std::size_t>, std::size_t>> createdAndReloca
       relocation = position;
       continue;
     }
-    if (!exactlyAt(entry, move.location.getPath()) || !isStreamChange(*entry.change)) break;
+    if (!exactlyAt(entry, move.location.getPath()) || !followsItsLocation(*entry.change)) break;
     chain.push_back(position);
     if (createsFile(*entry.change)) {
       std::reverse(chain.begin(), chain.end());

@@ -14,8 +14,9 @@
 //     and many tools write): its stream changes are taken along to the destination (marked
 //     kFollowsMove, re-keyed there), the relocation of its stream that the move queued goes,
 //     and the move itself costs nothing. Only when the destination was free, only the file's
-//     own stream changes (which follow the location they are given) between its creation and
-//     the move, and nothing else touching the destination after the creation;
+//     own creation, stream changes and attribute changes (whose replay works where the
+//     change is when it runs) from its creation to the move, and nothing else touching the
+//     destination after the creation;
 //   - a file removed while its creation is still queued: the creation, everything queued on the
 //     file since, and the removal itself cost the store nothing. Only changes of exactly that
 //     file may lie between (a move of it or of a folder above it stops the rule);

@@ -76,6 +76,7 @@ bool WeightedTransactionQueue::push(QueuedTransaction entry) {
     if (!entry.internal) {
       if (maxWeight_.load() > 0.0) {
         ++heldBack_;
+        workAvailable_.notify_all();  // a held-back submitter cuts the absorption window short
         spaceAvailable_.wait(lock, [this] {
           const double bound = maxWeight_.load();
           return closed_ || bound <= 0.0 || currentWeight_ <= bound;
@@ -165,12 +166,18 @@ void WeightedTransactionQueue::countPushed(ObservableTransactionType type) {
 std::optional<QueuedTransaction> WeightedTransactionQueue::take() {
   std::unique_lock lock(mutex_);
   std::optional<std::size_t> runnable;
-  workAvailable_.wait(lock, [&] {
-    if (workersStopping_) return true;
-    runnable = order_.pickRunnable(entries_);
-    return runnable.has_value();
-  });
-  if (workersStopping_) return std::nullopt;
+  for (;;) {
+    workAvailable_.wait(lock, [&] {
+      if (workersStopping_) return true;
+      runnable = order_.pickRunnable(entries_);
+      return runnable.has_value();
+    });
+    if (workersStopping_) return std::nullopt;
+    // The first runnable entry is the oldest that may start: none behind it is riper.
+    const auto ripe = ripensAtLocked(entries_[*runnable]);
+    if (!ripe || Clock::now() >= *ripe) break;
+    workAvailable_.wait_until(lock, *ripe);
+  }
   const auto position = entries_.begin() + static_cast<std::ptrdiff_t>(*runnable);
   QueuedTransaction entry = std::move(*position);
   entries_.erase(position);
@@ -248,7 +255,10 @@ bool WeightedTransactionQueue::isEmpty() {
 
 void WeightedTransactionQueue::waitUntilEmpty() {
   std::unique_lock lock(mutex_);
+  ++drainWaiters_;
+  workAvailable_.notify_all();  // what waits for the absorption window need not any more
   queueChanged_.wait(lock, [this] { return (entries_.empty() && heldBack_ == 0) || workerEnded_; });
+  --drainWaiters_;
 }
 
 void WeightedTransactionQueue::waitForEarlierEntries() {
@@ -274,6 +284,7 @@ void WeightedTransactionQueue::close(bool cancelOutstanding) {
   }
   spaceAvailable_.notify_all();
   queueChanged_.notify_all();
+  workAvailable_.notify_all();
 }
 
 bool WeightedTransactionQueue::isClosed() {
@@ -316,7 +327,22 @@ std::deque<QueuedTransaction> WeightedTransactionQueue::discardLocked() {
 
 void WeightedTransactionQueue::setMaxWeight(double maxWeight) { maxWeight_.store(maxWeight); }
 
-void WeightedTransactionQueue::setAbsorbing(bool absorbing) { absorbing_.store(absorbing); }
+void WeightedTransactionQueue::setAbsorbing(bool absorbing, std::chrono::milliseconds window) {
+  {
+    std::lock_guard lock(mutex_);
+    absorbWindow_ = absorbing ? window : Clock::duration{};
+  }
+  absorbing_.store(absorbing);
+  workAvailable_.notify_all();
+}
+
+std::optional<WeightedTransactionQueue::Clock::time_point> WeightedTransactionQueue::ripensAtLocked(
+    const QueuedTransaction& entry) const {
+  const bool awaited =
+      closed_ || markersAppended_ > markersResolved_ || heldBack_ > 0 || drainWaiters_ > 0;
+  if (absorbWindow_ == Clock::duration{} || entry.internal || awaited) return std::nullopt;
+  return entry.enqueued + absorbWindow_;
+}
 
 std::string WeightedTransactionQueue::captureMetrics() {
   std::lock_guard lock(mutex_);

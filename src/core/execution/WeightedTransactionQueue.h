@@ -100,8 +100,13 @@ class WeightedTransactionQueue {
   // Stored without the mutex and without waking anyone: held-back submitters see the new
   // bound at the next take.
   void setMaxWeight(double maxWeight);
-  // Whether an arriving change may absorb queued ones (off: every change is replayed).
-  void setAbsorbing(bool absorbing);
+  // Whether an arriving change may absorb queued ones (off: every change is replayed), and how
+  // long each change waits before a worker may take it, so that the change that makes it moot
+  // can still arrive: a program's temporary file is renamed or removed within microseconds,
+  // while an idle worker would have taken its creation at once. Nothing waits once anyone
+  // waits for the queue (a flush's marker, a drain, a held-back submitter) or it is closed.
+  void setAbsorbing(bool absorbing,
+                    std::chrono::milliseconds window = std::chrono::milliseconds(0));
   // Writes a snapshot of the statistics as one notice record and returns its JSON. Takes the
   // mutex, so the figures are consistent with each other; still only a sample of a moving
   // queue.
@@ -117,6 +122,8 @@ class WeightedTransactionQueue {
   // destination; returns the entries taken out, to be destroyed once the mutex is released.
   std::deque<QueuedTransaction> absorbLocked(QueuedTransaction& arriving);
   std::deque<QueuedTransaction> discardLocked();
+  // When `entry` may be taken, if it must wait for the absorption window.
+  std::optional<Clock::time_point> ripensAtLocked(const QueuedTransaction& entry) const;
   void countPushed(ObservableTransactionType type);
   void accountTaken(const QueuedTransaction& entry);
   void recordQueueTime(const QueuedTransaction& entry);
@@ -124,6 +131,8 @@ class WeightedTransactionQueue {
 
   std::atomic<double> maxWeight_;
   std::atomic<bool> absorbing_{false};
+  Clock::duration absorbWindow_{};  // guarded by mutex_
+  int drainWaiters_ = 0;            // in waitUntilEmpty
   double currentWeight_ = 0.0;
   // What every queued entry weighs, kept whatever the bound (currentWeight_ only counts under
   // a bound): roughly the bytes still to replay, for the statistics.

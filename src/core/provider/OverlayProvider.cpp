@@ -143,9 +143,9 @@ void OverlayProvider::lazyInitialize() const {
   {
     std::lock_guard lock(initMutex_);
     if (!executor_->load()) {
-      executor_->store(
-          std::make_shared<BackendExecutor>(backendActivityHook(), maxQueueWeight_.load(),
-                                            replayWorkers_.load(), absorbChanges_.load()));
+      executor_->store(std::make_shared<BackendExecutor>(
+          backendActivityHook(), maxQueueWeight_.load(), replayWorkers_.load(),
+          absorbChanges_.load(), std::chrono::milliseconds(absorbWindowMs_.load())));
     }
   }
   auto accountant = quotaAccountant();

@@ -187,8 +187,10 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // is made.
   using ReplayedChanges = std::vector<std::pair<fsp::StorageIRI, ReplayedChange>>;
   // `recorded`: the change's journal records when recordBeforeApplying made them already.
+  // `innerCall` is given the change as the executor holds it when it runs (see ReplayTask).
   void replay(const ReplayChange& change,
-              std::function<void(const fsp::StorageItem& innerRoot)> innerCall,
+              std::function<void(const fsp::StorageItem& innerRoot, const ReplayChange& replayed)>
+                  innerCall,
               std::function<void(MetadataCache&)> confirm, ReplayedChanges echoes = {},
               std::shared_ptr<JournalReceipt> recorded = nullptr) const;
   // Records `change` (none: nothing to record) in the journal, then runs `apply`, the change's
@@ -287,6 +289,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // "overlay.absorbChanges": queued changes that later ones make moot never reach the store.
   // Read, like replayWorkers_, when the write-behind executor is made.
   std::atomic<bool> absorbChanges_{false};
+  // How long a change waits in the queue before its replay when absorbing (0: not at all).
+  std::atomic<long> absorbWindowMs_{0};
   std::atomic<double> minQueueItemWeight_{0.0};
   std::atomic<std::uint64_t> maxReadPayloadSize_{4194304};
   std::atomic<std::uint64_t> maxWritePayloadSize_{4194304};

@@ -76,6 +76,16 @@ void OverlayProvider::readConfiguration(const ptree& config) {
     absorbChanges_ = readAlphabeticBool(*text);
     logEcho("overlay.configuration.absorbChanges", absorbChanges_.load());
   }
+  if (const auto text = config.get_optional<std::string>("overlay.absorbWindowMs")) {
+    const long window = std::stol(*text);
+    if (window < 0) {
+      OVERLAY_LOG(log::error) << "overlay.absorbWindowMs must be 0 or more; keeping "
+                              << absorbWindowMs_.load();
+    } else {
+      absorbWindowMs_ = window;
+      logEcho("overlay.configuration.absorbWindowMs", window);
+    }
+  }
   if (const auto text = config.get_optional<std::string>("overlay.persistContentCache")) {
     if (*text == "1" || *text == "true") contentCache_->setPersistent();
   }

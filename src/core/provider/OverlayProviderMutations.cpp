@@ -40,10 +40,11 @@ bool isFuseHiddenName(const StorageIRI& location) {
 
 }  // namespace
 
-void OverlayProvider::replay(const ReplayChange& change,
-                             std::function<void(const StorageItem& innerRoot)> innerCall,
-                             std::function<void(MetadataCache&)> confirm, ReplayedChanges echoes,
-                             std::shared_ptr<JournalReceipt> recorded) const {
+void OverlayProvider::replay(
+    const ReplayChange& change,
+    std::function<void(const StorageItem& innerRoot, const ReplayChange& replayed)> innerCall,
+    std::function<void(MetadataCache&)> confirm, ReplayedChanges echoes,
+    std::shared_ptr<JournalReceipt> recorded) const {
   if (shutDown_->load()) return;
   const auto executor = executor_->load();
   if (!executor) return;
@@ -61,12 +62,16 @@ void OverlayProvider::replay(const ReplayChange& change,
   };
   auto run = [name = std::string(actionName(change.action)), inner = inner_, stopped = shutDown_,
               innerCall = std::move(innerCall), confirmInCache, noted = echoes_,
-              echoes = std::move(echoes), retry = unavailableRetry()](const ReplayChange&) {
+              echoes = std::move(echoes), retry = unavailableRetry()](const ReplayChange& change) {
     if (stopped->load()) return;
-    for (const auto& [location, replayed] : echoes) noted->note(location, replayed);
+    const bool followsMove = (change.flags & ReplayChange::kFollowsMove) != 0;
+    for (const auto& [location, replayed] : echoes) {
+      noted->note(followsMove ? change.location : location, replayed);
+    }
     // Shut down while the store was away: the change is still due, and its record stays for
     // the next process over the cache root.
-    if (runWithRetry([&] { innerCall(*inner); }, name, retry) == ReplayOutcome::Interrupted) {
+    if (runWithRetry([&] { innerCall(*inner, change); }, name, retry) ==
+        ReplayOutcome::Interrupted) {
       return;
     }
     confirmInCache();
@@ -115,7 +120,10 @@ void OverlayProvider::doCreateFile(const StorageIRI& iri) const {
   metadataCache_->createFileMetadata(location);
   replay(
       ReplayChange(FILE_CREATION, ChangeAction::CreateFile, location),
-      [location](const StorageItem& inner) { innerItemFor(inner, location).createFile(); },
+      // Where the change is when it runs: a move may have taken it along (see ChangeAbsorber).
+      [](const StorageItem& inner, const ReplayChange& replayed) {
+        innerItemFor(inner, replayed.location).createFile();
+      },
       [location](MetadataCache& cache) { cache.confirmFile(location); },
       {{location, ReplayedChange::Created}, {location, ReplayedChange::Written}});
 }
@@ -133,7 +141,9 @@ void OverlayProvider::doCreateFolder(const StorageIRI& iri) const {
   metadataCache_->createFolderMetadata(location);
   replay(
       ReplayChange(FOLDER_CREATION, ChangeAction::CreateFolder, location),
-      [location](const StorageItem& inner) { innerItemFor(inner, location).createFolder(); },
+      [location](const StorageItem& inner, const ReplayChange&) {
+        innerItemFor(inner, location).createFolder();
+      },
       [location](MetadataCache& cache) { cache.confirmFolder(location, false); },
       {{location, ReplayedChange::Created}});
 }
@@ -168,7 +178,7 @@ void OverlayProvider::doCreateFolderRecursive(const StorageIRI& iri) const {
   for (const auto& folder : missing) metadataCache_->createFolderMetadata(folder);
   replay(
       ReplayChange(FOLDER_CREATION_RECURSIVE, ChangeAction::CreateFolderTree, location),
-      [location](const StorageItem& inner) {
+      [location](const StorageItem& inner, const ReplayChange&) {
         innerItemFor(inner, location).createFolderRecursive();
       },
       [missing](MetadataCache& cache) {
@@ -199,7 +209,10 @@ void OverlayProvider::doRemoveFile(const StorageIRI& iri) const {
     contentCache_->discardEntry(stored, true);
   });
   replay(
-      change, [stored](const StorageItem& inner) { innerItemFor(inner, stored).removeFile(); },
+      change,
+      [stored](const StorageItem& inner, const ReplayChange&) {
+        innerItemFor(inner, stored).removeFile();
+      },
       [stored](MetadataCache& cache) { cache.confirmRemoval(stored); },
       {{stored, ReplayedChange::Removed}}, std::move(recorded));
 }
@@ -244,7 +257,7 @@ void OverlayProvider::removeFolderBehind(const ReplayChange& change,
   });
   replay(
       change,
-      [folder, removal = std::move(removal)](const StorageItem& inner) {
+      [folder, removal = std::move(removal)](const StorageItem& inner, const ReplayChange&) {
         removal(innerItemFor(inner, folder));
       },
       [folder](MetadataCache& cache) { cache.confirmRemoval(folder); },
@@ -299,7 +312,7 @@ void OverlayProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to,
   }
   replay(
       change,
-      [stored, destination, policy](const StorageItem& inner) {
+      [stored, destination, policy](const StorageItem& inner, const ReplayChange&) {
         innerItemFor(inner, stored)
             .moveFile(innerItemFor(inner, destination).getLocation(), policy);
       },
@@ -381,7 +394,7 @@ void OverlayProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to,
   keepWorkingFilesOnTheirRecords(destination);
   replay(
       change,
-      [stored, destination, policy](const StorageItem& inner) {
+      [stored, destination, policy](const StorageItem& inner, const ReplayChange&) {
         innerItemFor(inner, stored)
             .moveFolder(innerItemFor(inner, destination).getLocation(), policy);
       },
@@ -474,8 +487,9 @@ void OverlayProvider::setAttribute(const StorageIRI& iri, ReplayChange change,
   change.location = location;
   replay(
       change,
-      [location, innerCall = std::move(innerCall)](const StorageItem& inner) {
-        innerCall(innerItemFor(inner, location));
+      // A move that took the file's unsent creation along takes this change along too.
+      [innerCall = std::move(innerCall)](const StorageItem& inner, const ReplayChange& replayed) {
+        innerCall(innerItemFor(inner, replayed.location));
       },
       [location, isFile](MetadataCache& cache) { cache.confirmAttributes(location, isFile); },
       {{location, ReplayedChange::AttributesSet}});
