@@ -159,26 +159,12 @@ seconds_of() {
 }
 
 # --- the four mounts ------------------------------------------------------------------------
-# Each NAME works on the remote folder SRV/NAME through the proxy at PROXY_PORT and writes
-# WORK/NAME.steps: "step NAME SECONDS" per step, the mount and the unmount included.
+# Each NAME mounts a folder of the server through the proxy at PROXY_PORT on WORK/mnt-NAME, logs
+# to WORK/NAME.log and prints "step mount SECONDS" and "step unmount SECONDS"; the unmount
+# lasts until the server holds everything written.
 
 mount_cachemount() {
   mount_store "$@" || fail "cachemount could not mount $1 (its messages are above)"
-}
-
-# run_cachemount NAME [cachemount options]
-run_cachemount() {
-  local name=$1
-  shift
-  local folder="$SRV/$name" mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
-  mkdir -p "$folder"
-  timed_step mount mount_cachemount "sftp://$SSH_USER@127.0.0.1:$PROXY_PORT$folder" "$mp" "$log" \
-    --identity "$KEY" --known-hosts "$KH" "$@" >"$out"
-  run_workload "$mp" "$WORK/tree.tar" "$WORK/copy-$name" >>"$out"
-  echo "calls-when-done $(store_calls "$log")" >>"$out"
-  timed_step unmount unmount_store "$mp" "$log" >"$WORK/$name.unmount"
-  grep '^step' "$WORK/$name.unmount" >>"$out"
-  echo "calls-in-all $(grep 'flush took' "$log" | sed 's/.*store calls //')" >>"$out"
 }
 
 # start_fuse_process MOUNTPOINT TYPE LOG COMMAND...: starts the command in the background and
@@ -207,18 +193,6 @@ stop_fuse_process() {
   ! grep -q " $mp " /proc/mounts || fail "$mp is still mounted"
 }
 
-run_sshfs() {
-  local name=$1
-  local folder="$SRV/$name" mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
-  mkdir -p "$folder" "$mp"
-  timed_step mount start_fuse_process "$mp" fuse.sshfs "$log" \
-    sshfs -f -p "$PROXY_PORT" \
-    -o "IdentityFile=$KEY,UserKnownHostsFile=$KH,StrictHostKeyChecking=yes,BatchMode=yes" \
-    "$SSH_USER@127.0.0.1:$folder" "$mp" >"$out"
-  run_workload "$mp" "$WORK/tree.tar" "$WORK/copy-$name" >>"$out"
-  timed_step unmount stop_fuse_process "$mp" "$log" >>"$out"
-}
-
 # rclone_pending RC_PORT: the uploads rclone has queued or running.
 rclone_pending() {
   rclone rc --config /dev/null --url "http://127.0.0.1:$1/" vfs/stats |
@@ -241,19 +215,67 @@ rclone_write_back_and_unmount() {
   stop_fuse_process "$mp" "$log"
 }
 
-run_rclone() {
-  local name=$1
-  local folder="$SRV/$name" mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
-  local rc
-  rc=$(free_port)
+# mount_on KIND NAME FOLDER: mounts the server's FOLDER (made if missing) as KIND (overlay,
+# pass, sshfs or rclone). Runs in this shell, not in a subshell: the unmount needs the PIDs.
+mount_on() {
+  local kind=$1 name=$2 folder=$3
+  local mp="$WORK/mnt-$name" log="$WORK/$name.log"
   mkdir -p "$folder" "$mp"
-  timed_step mount start_fuse_process "$mp" fuse.rclone "$log" \
-    rclone mount ":sftp:$folder" "$mp" --sftp-host 127.0.0.1 --sftp-port "$PROXY_PORT" \
-    --sftp-user "$SSH_USER" --sftp-key-file "$KEY" --sftp-known-hosts-file "$KH" \
-    --vfs-cache-mode full --cache-dir "$WORK/rclone-cache-$name" --config /dev/null \
-    --rc --rc-addr "127.0.0.1:$rc" >"$out"
+  case $kind in
+    overlay | pass)
+      local options=(--identity "$KEY" --known-hosts "$KH")
+      if [ "$kind" = pass ]; then
+        options+=(--pass-through)
+      else
+        # shellcheck disable=SC2206 # options, split on purpose
+        options+=($OVERLAY_OPTIONS)
+      fi
+      timed_step mount mount_cachemount "sftp://$SSH_USER@127.0.0.1:$PROXY_PORT$folder" "$mp" \
+        "$log" "${options[@]}" ;;
+    sshfs)
+      timed_step mount start_fuse_process "$mp" fuse.sshfs "$log" \
+        sshfs -f -p "$PROXY_PORT" \
+        -o "IdentityFile=$KEY,UserKnownHostsFile=$KH,StrictHostKeyChecking=yes,BatchMode=yes" \
+        "$SSH_USER@127.0.0.1:$folder" "$mp" ;;
+    rclone)
+      # rclone's remote control, which tells how many uploads are still to come.
+      RCLONE_RC=$(free_port)
+      timed_step mount start_fuse_process "$mp" fuse.rclone "$log" \
+        rclone mount ":sftp:$folder" "$mp" --sftp-host 127.0.0.1 --sftp-port "$PROXY_PORT" \
+        --sftp-user "$SSH_USER" --sftp-key-file "$KEY" --sftp-known-hosts-file "$KH" \
+        --vfs-cache-mode full --cache-dir "$WORK/rclone-cache-$name" --config /dev/null \
+        --rc --rc-addr "127.0.0.1:$RCLONE_RC" ;;
+  esac
+}
+
+# unmount_from KIND NAME: unmounts what mount_on mounted, until the server holds everything:
+# cachemount flushes its queue before it exits; rclone's uploads are waited for first.
+unmount_from() {
+  local kind=$1 name=$2
+  local mp="$WORK/mnt-$name" log="$WORK/$name.log"
+  case $kind in
+    overlay | pass)
+      # unmount_store prints the flush report, which only the log needs.
+      timed_step unmount unmount_store "$mp" "$log" >"$WORK/$name.unmount"
+      grep '^step' "$WORK/$name.unmount" ;;
+    sshfs) timed_step unmount stop_fuse_process "$mp" "$log" ;;
+    rclone) timed_step unmount rclone_write_back_and_unmount "$mp" "$log" "$RCLONE_RC" ;;
+  esac
+}
+
+# run_tool_workload KIND NAME: the tool workload on a mount of the fresh remote folder SRV/NAME;
+# writes WORK/NAME.steps, with cachemount's store calls.
+run_tool_workload() {
+  local kind=$1 name=$2
+  local mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
+  local cachemount=0
+  [ "$kind" != overlay ] && [ "$kind" != pass ] || cachemount=1
+  mount_on "$kind" "$name" "$SRV/$name" >"$out"
   run_workload "$mp" "$WORK/tree.tar" "$WORK/copy-$name" >>"$out"
-  timed_step unmount rclone_write_back_and_unmount "$mp" "$log" "$rc" >>"$out"
+  [ "$cachemount" -eq 0 ] || echo "calls-when-done $(store_calls "$log")" >>"$out"
+  unmount_from "$kind" "$name" >>"$out"
+  [ "$cachemount" -eq 0 ] ||
+    echo "calls-in-all $(grep 'flush took' "$log" | sed 's/.*store calls //')" >>"$out"
 }
 
 # check_remote NAME: what was copied out and the remote folder after unmounting both hold
@@ -314,20 +336,12 @@ for setting in "${RUNS[@]}"; do
   runs=()
   for mount in $MOUNT_KINDS; do
     case $mount in
-      overlay)
-        echo "(a) cachemount, the overlay over sftp://..."
-        # shellcheck disable=SC2086 # options, split on purpose
-        run_cachemount "overlay-$LATENCY" $OVERLAY_OPTIONS ;;
-      pass)
-        echo "(b) cachemount --pass-through"
-        run_cachemount "pass-$LATENCY" --pass-through ;;
-      sshfs)
-        echo "(c) sshfs"
-        run_sshfs "sshfs-$LATENCY" ;;
-      rclone)
-        echo "(d) rclone mount --vfs-cache-mode full"
-        run_rclone "rclone-$LATENCY" ;;
+      overlay) echo "(a) cachemount, the overlay over sftp://..." ;;
+      pass) echo "(b) cachemount --pass-through" ;;
+      sshfs) echo "(c) sshfs" ;;
+      rclone) echo "(d) rclone mount --vfs-cache-mode full" ;;
     esac
+    run_tool_workload "$mount" "$mount-$LATENCY"
     check_remote "$mount-$LATENCY"
     runs+=("$mount-$LATENCY")
   done
