@@ -91,6 +91,11 @@ void SftpSession::connect() {
   ssh_options_set(s, SSH_OPTIONS_HOST, settings_.host.c_str());
   unsigned int port = settings_.port;
   ssh_options_set(s, SSH_OPTIONS_PORT, &port);
+  // Requests are small packets, and so are the window adjustments sent with reads (readExact):
+  // with Nagle's algorithm a request waits for the acknowledgement of the packet before it,
+  // which the server's side delays while it has nothing to send.
+  int noDelay = 1;
+  ssh_options_set(s, SSH_OPTIONS_NODELAY, &noDelay);
   if (!settings_.user.empty()) ssh_options_set(s, SSH_OPTIONS_USER, settings_.user.c_str());
   long seconds = settings_.connectTimeoutMs / 1000;
   long micros = (settings_.connectTimeoutMs % 1000) * 1000;
