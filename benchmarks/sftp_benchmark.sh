@@ -13,10 +13,18 @@
 # its queue before it exits, and rclone's uploads are waited for (its unmount alone drops
 # what is not uploaded yet). Afterwards the remote folder must hold exactly the generated
 # tree. Prints a table per latency with the ratios of (b), (c) and (d) to (a).
+# With SFTP_BENCH_BIG set, each latency also moves one big file through each mount and through
+# OpenSSH's sftp client, which is the reference: a cold sequential read (the file is written
+# into the server's folder locally; each mount is fresh, so nothing of it is cached), timed from
+# the first read to the last byte, and a write timed until the server's folder holds the whole
+# file (the write, then the unmount); sftp's get and put are timed without their connection.
+# Prints MiB/s and each one's rate divided by sftp's, and checks every byte that arrived.
 #   sftp_benchmark.sh CACHEMOUNT [LATENCY_MS[:FILES]...]     (default: 10 40)
 # FILES defaults to SFTP_BENCH_FILES or 100, in 4 x 3 folders. SFTP_BENCH_MOUNTS picks the
 # mounts (default "overlay pass sshfs rclone"), SFTP_BENCH_OVERLAY_OPTIONS adds options to the
-# overlay's mount. Exits 77 where FUSE or sshd cannot be used.
+# overlay's mount. SFTP_BENCH_BIG=1 adds the big file of 256 MiB, SFTP_BENCH_BIG=MIB one of MIB
+# MiB (2 or more); SFTP_BENCH_WORKLOAD=0 leaves the tool workload out. Exits 77 where FUSE or
+# sshd cannot be used.
 CACHEMOUNT=$1
 shift
 RUNS=("$@")
@@ -26,21 +34,31 @@ DEFAULT_FILES=${SFTP_BENCH_FILES:-100}
 MOUNT_KINDS=${SFTP_BENCH_MOUNTS:-overlay pass sshfs rclone}
 # Extra cachemount options for the overlay's run (say "--sftp-sessions 8").
 OVERLAY_OPTIONS=${SFTP_BENCH_OVERLAY_OPTIONS:-}
-for mount in $MOUNT_KINDS; do
-  case $mount in overlay | pass | sshfs | rclone) ;; *) fail "unknown mount in SFTP_BENCH_MOUNTS: $mount" ;; esac
-done
+# The big file's size in MiB (0: none); 1 is a switch rather than a size.
+BIG_MIB=${SFTP_BENCH_BIG:-0}
+[ "$BIG_MIB" != 1 ] || BIG_MIB=256
+WORKLOAD=${SFTP_BENCH_WORKLOAD:-1}
 HERE=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=../mount/workload/mount_lib.sh
 source "$HERE/../mount/workload/mount_lib.sh"
 # shellcheck source=../mount/workload/tool_workload.sh
 source "$HERE/../mount/workload/tool_workload.sh"
 shopt -s inherit_errexit
+# Checked once fail (mount_lib.sh) is there.
+for mount in $MOUNT_KINDS; do
+  case $mount in overlay | pass | sshfs | rclone) ;; *) fail "unknown mount in SFTP_BENCH_MOUNTS: $mount" ;; esac
+done
+[[ "$BIG_MIB" =~ ^[0-9]+$ ]] || fail "SFTP_BENCH_BIG is not a count of MiB: $BIG_MIB"
+[[ "$WORKLOAD" =~ ^[01]$ ]] || fail "SFTP_BENCH_WORKLOAD is not 0 or 1: $WORKLOAD"
+[ "$WORKLOAD" -eq 1 ] || [ "$BIG_MIB" -gt 0 ] ||
+  fail "SFTP_BENCH_WORKLOAD=0 without SFTP_BENCH_BIG leaves nothing to measure"
 
 # A failing command says which it was: most run with their output sent to a file.
 set -o errtrace
 trap 'echo "FAIL: \"$BASH_COMMAND\" exited with $? (line $LINENO)" >&2' ERR
 
 SSHD_PID=
+BIG_LOCAL=
 # mount_lib.sh's cleanup, and more: the server's connection processes, which outlive a
 # listener stopped alone (so they go first, while they are still its children), and a mount
 # still flushing to a server that is gone, killed after 5 s.
@@ -59,6 +77,7 @@ cleanup_all() {
   done
   for pid in "${PIDS[@]}"; do kill -KILL "$pid" 2>/dev/null || true; done
   rm -rf "$WORK"
+  if [ -n "$BIG_LOCAL" ]; then rm -rf "$BIG_LOCAL"; fi
 }
 trap cleanup_all EXIT
 
@@ -148,7 +167,12 @@ echo "sshd on 127.0.0.1:$SSHD_PORT serving $SRV"
 # sftp_ls PORT: a whole sftp session (connection, authentication, one listing).
 echo "ls $SRV" >"$WORK/ls.batch"
 sftp_ls() {
-  sftp "${SSH_OPTIONS[@]}" -P "$1" -b "$WORK/ls.batch" "$SSH_USER@127.0.0.1" \
+  sftp_batch "$1" "$WORK/ls.batch"
+}
+
+# sftp_batch PORT BATCH: one sftp session running the commands in the file BATCH.
+sftp_batch() {
+  sftp "${SSH_OPTIONS[@]}" -P "$1" -b "$2" "$SSH_USER@127.0.0.1" \
     >"$WORK/sftp.out" 2>&1 || fail "sftp through port $1 failed: $(cat "$WORK/sftp.out")"
 }
 
@@ -159,26 +183,12 @@ seconds_of() {
 }
 
 # --- the four mounts ------------------------------------------------------------------------
-# Each NAME works on the remote folder SRV/NAME through the proxy at PROXY_PORT and writes
-# WORK/NAME.steps: "step NAME SECONDS" per step, the mount and the unmount included.
+# Each NAME mounts a folder of the server through the proxy at PROXY_PORT on WORK/mnt-NAME, logs
+# to WORK/NAME.log and prints "step mount SECONDS" and "step unmount SECONDS"; the unmount
+# lasts until the server holds everything written.
 
 mount_cachemount() {
   mount_store "$@" || fail "cachemount could not mount $1 (its messages are above)"
-}
-
-# run_cachemount NAME [cachemount options]
-run_cachemount() {
-  local name=$1
-  shift
-  local folder="$SRV/$name" mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
-  mkdir -p "$folder"
-  timed_step mount mount_cachemount "sftp://$SSH_USER@127.0.0.1:$PROXY_PORT$folder" "$mp" "$log" \
-    --identity "$KEY" --known-hosts "$KH" "$@" >"$out"
-  run_workload "$mp" "$WORK/tree.tar" "$WORK/copy-$name" >>"$out"
-  echo "calls-when-done $(store_calls "$log")" >>"$out"
-  timed_step unmount unmount_store "$mp" "$log" >"$WORK/$name.unmount"
-  grep '^step' "$WORK/$name.unmount" >>"$out"
-  echo "calls-in-all $(grep 'flush took' "$log" | sed 's/.*store calls //')" >>"$out"
 }
 
 # start_fuse_process MOUNTPOINT TYPE LOG COMMAND...: starts the command in the background and
@@ -207,18 +217,6 @@ stop_fuse_process() {
   ! grep -q " $mp " /proc/mounts || fail "$mp is still mounted"
 }
 
-run_sshfs() {
-  local name=$1
-  local folder="$SRV/$name" mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
-  mkdir -p "$folder" "$mp"
-  timed_step mount start_fuse_process "$mp" fuse.sshfs "$log" \
-    sshfs -f -p "$PROXY_PORT" \
-    -o "IdentityFile=$KEY,UserKnownHostsFile=$KH,StrictHostKeyChecking=yes,BatchMode=yes" \
-    "$SSH_USER@127.0.0.1:$folder" "$mp" >"$out"
-  run_workload "$mp" "$WORK/tree.tar" "$WORK/copy-$name" >>"$out"
-  timed_step unmount stop_fuse_process "$mp" "$log" >>"$out"
-}
-
 # rclone_pending RC_PORT: the uploads rclone has queued or running.
 rclone_pending() {
   rclone rc --config /dev/null --url "http://127.0.0.1:$1/" vfs/stats |
@@ -241,19 +239,67 @@ rclone_write_back_and_unmount() {
   stop_fuse_process "$mp" "$log"
 }
 
-run_rclone() {
-  local name=$1
-  local folder="$SRV/$name" mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
-  local rc
-  rc=$(free_port)
+# mount_on KIND NAME FOLDER: mounts the server's FOLDER (made if missing) as KIND (overlay,
+# pass, sshfs or rclone). Runs in this shell, not in a subshell: the unmount needs the PIDs.
+mount_on() {
+  local kind=$1 name=$2 folder=$3
+  local mp="$WORK/mnt-$name" log="$WORK/$name.log"
   mkdir -p "$folder" "$mp"
-  timed_step mount start_fuse_process "$mp" fuse.rclone "$log" \
-    rclone mount ":sftp:$folder" "$mp" --sftp-host 127.0.0.1 --sftp-port "$PROXY_PORT" \
-    --sftp-user "$SSH_USER" --sftp-key-file "$KEY" --sftp-known-hosts-file "$KH" \
-    --vfs-cache-mode full --cache-dir "$WORK/rclone-cache-$name" --config /dev/null \
-    --rc --rc-addr "127.0.0.1:$rc" >"$out"
+  case $kind in
+    overlay | pass)
+      local options=(--identity "$KEY" --known-hosts "$KH")
+      if [ "$kind" = pass ]; then
+        options+=(--pass-through)
+      else
+        # shellcheck disable=SC2206 # options, split on purpose
+        options+=($OVERLAY_OPTIONS)
+      fi
+      timed_step mount mount_cachemount "sftp://$SSH_USER@127.0.0.1:$PROXY_PORT$folder" "$mp" \
+        "$log" "${options[@]}" ;;
+    sshfs)
+      timed_step mount start_fuse_process "$mp" fuse.sshfs "$log" \
+        sshfs -f -p "$PROXY_PORT" \
+        -o "IdentityFile=$KEY,UserKnownHostsFile=$KH,StrictHostKeyChecking=yes,BatchMode=yes" \
+        "$SSH_USER@127.0.0.1:$folder" "$mp" ;;
+    rclone)
+      # rclone's remote control, which tells how many uploads are still to come.
+      RCLONE_RC=$(free_port)
+      timed_step mount start_fuse_process "$mp" fuse.rclone "$log" \
+        rclone mount ":sftp:$folder" "$mp" --sftp-host 127.0.0.1 --sftp-port "$PROXY_PORT" \
+        --sftp-user "$SSH_USER" --sftp-key-file "$KEY" --sftp-known-hosts-file "$KH" \
+        --vfs-cache-mode full --cache-dir "$WORK/rclone-cache-$name" --config /dev/null \
+        --rc --rc-addr "127.0.0.1:$RCLONE_RC" ;;
+  esac
+}
+
+# unmount_from KIND NAME: unmounts what mount_on mounted, until the server holds everything:
+# cachemount flushes its queue before it exits; rclone's uploads are waited for first.
+unmount_from() {
+  local kind=$1 name=$2
+  local mp="$WORK/mnt-$name" log="$WORK/$name.log"
+  case $kind in
+    overlay | pass)
+      # unmount_store prints the flush report, which only the log needs.
+      timed_step unmount unmount_store "$mp" "$log" >"$WORK/$name.unmount"
+      grep '^step' "$WORK/$name.unmount" ;;
+    sshfs) timed_step unmount stop_fuse_process "$mp" "$log" ;;
+    rclone) timed_step unmount rclone_write_back_and_unmount "$mp" "$log" "$RCLONE_RC" ;;
+  esac
+}
+
+# run_tool_workload KIND NAME: the tool workload on a mount of the fresh remote folder SRV/NAME;
+# writes WORK/NAME.steps, with cachemount's store calls.
+run_tool_workload() {
+  local kind=$1 name=$2
+  local mp="$WORK/mnt-$name" log="$WORK/$name.log" out="$WORK/$name.steps"
+  local cachemount=0
+  [ "$kind" != overlay ] && [ "$kind" != pass ] || cachemount=1
+  mount_on "$kind" "$name" "$SRV/$name" >"$out"
   run_workload "$mp" "$WORK/tree.tar" "$WORK/copy-$name" >>"$out"
-  timed_step unmount rclone_write_back_and_unmount "$mp" "$log" "$rc" >>"$out"
+  [ "$cachemount" -eq 0 ] || echo "calls-when-done $(store_calls "$log")" >>"$out"
+  unmount_from "$kind" "$name" >>"$out"
+  [ "$cachemount" -eq 0 ] ||
+    echo "calls-in-all $(grep 'flush took' "$log" | sed 's/.*store calls //')" >>"$out"
 }
 
 # check_remote NAME: what was copied out and the remote folder after unmounting both hold
@@ -278,6 +324,119 @@ sftp_table() {
   printf '  %-16s' "git fsck, remote"
   for run in "${@:2}"; do printf ' %13s' "$(step_value "$run" fsck)"; done
   echo
+}
+
+# --- one big file ---------------------------------------------------------------------------
+# Each run NAME (read-KIND-LATENCY or write-KIND-LATENCY, KIND sftp for OpenSSH's client) uses
+# the fresh remote folder SRV/NAME, removed afterwards so that the disk holds few copies, and
+# writes WORK/NAME.big: "step read SECONDS", or "step write SECONDS" and "step unmount SECONDS".
+# The file is WORK/big.bin, random bytes, so that nothing on the way can compress it.
+
+# read_whole FILE: reads FILE to its end, 1 MiB a call, comparing what arrives with the file.
+read_whole() {
+  dd if="$1" bs=1M status=none | cmp - "$WORK/big.bin" >"$WORK/cmp.out" 2>&1 ||
+    fail "$1 does not read as the file put on the server: $(cat "$WORK/cmp.out")"
+}
+
+# write_whole FILE: writes the file into FILE, 1 MiB a call.
+write_whole() {
+  dd if="$WORK/big.bin" of="$1" bs=1M status=none 2>"$WORK/dd.out" ||
+    fail "writing $1 failed: $(cat "$WORK/dd.out")"
+}
+
+# same_as_big FILE NAME: FILE, which run NAME made, holds exactly the file.
+same_as_big() {
+  cmp "$WORK/big.bin" "$1" >"$WORK/cmp.out" 2>&1 || fail "$2: $1 differs: $(cat "$WORK/cmp.out")"
+}
+
+# big_read KIND NAME: the file is copied into the server's folder locally, then read on a fresh
+# mount of that folder (the mount and the unmount are recorded, not counted).
+big_read() {
+  local kind=$1 name=$2
+  local folder="$SRV/$name" out="$WORK/$name.big"
+  mkdir -p "$folder"
+  cp "$WORK/big.bin" "$folder/big.bin"
+  mount_on "$kind" "$name" "$folder" >"$out"
+  timed_step read read_whole "$WORK/mnt-$name/big.bin" >>"$out"
+  unmount_from "$kind" "$name" >>"$out"
+  rm -rf "$folder"
+}
+
+# big_write KIND NAME: the file is written into a fresh mount of an empty folder, which is then
+# unmounted; the server's copy must equal the file.
+big_write() {
+  local kind=$1 name=$2
+  local folder="$SRV/$name" out="$WORK/$name.big"
+  mount_on "$kind" "$name" "$folder" >"$out"
+  timed_step write write_whole "$WORK/mnt-$name/big.bin" >>"$out"
+  unmount_from "$kind" "$name" >>"$out"
+  same_as_big "$folder/big.bin" "$name"
+  rm -rf "$folder"
+}
+
+# sftp_transfer_seconds BATCH: how long one sftp session through the proxy takes to run BATCH,
+# less its connection and login: less a session that lists a folder, timed just before.
+sftp_transfer_seconds() {
+  local connect whole
+  connect=$(seconds_of sftp_ls "$PROXY_PORT")
+  whole=$(seconds_of sftp_batch "$PROXY_PORT" "$1")
+  awk -v w="$whole" -v c="$connect" 'BEGIN { printf "%.6f", w - c }'
+}
+
+# big_sftp_get NAME: sftp's get of the file, put on the server as for big_read, into BIG_LOCAL
+# (tmpfs where there is one, so that the local disk does not slow it).
+big_sftp_get() {
+  local name=$1
+  local folder="$SRV/$name"
+  mkdir -p "$folder"
+  cp "$WORK/big.bin" "$folder/big.bin"
+  echo "get $folder/big.bin $BIG_LOCAL/got.bin" >"$WORK/get.batch"
+  echo "step read $(sftp_transfer_seconds "$WORK/get.batch")" >"$WORK/$name.big"
+  same_as_big "$BIG_LOCAL/got.bin" "$name"
+  rm -rf "$folder" "$BIG_LOCAL/got.bin"
+}
+
+# big_sftp_put NAME: sftp's put of the file into an empty folder.
+big_sftp_put() {
+  local name=$1
+  local folder="$SRV/$name"
+  mkdir -p "$folder"
+  echo "put $WORK/big.bin $folder/big.bin" >"$WORK/put.batch"
+  echo "step write $(sftp_transfer_seconds "$WORK/put.batch")" >"$WORK/$name.big"
+  echo "step unmount 0" >>"$WORK/$name.big"
+  same_as_big "$folder/big.bin" "$name"
+  rm -rf "$folder"
+}
+
+big_value() {
+  awk -v key="$2" '$1 == "step" && $2 == key { print $3 }' "$WORK/$1.big"
+}
+
+# big_table LATENCY KIND...: per kind, the read's and the write's seconds and MiB/s, and that
+# rate divided by sftp's (the first kind): above 1, faster than sftp.
+big_table() {
+  local latency=$1 kind
+  shift
+  echo
+  echo "One file of $BIG_MIB MiB, $latency ms a round trip (read: cold, first to last byte; write:"
+  echo "until the server's folder holds it, the unmount included; sftp: without its connection)"
+  printf '  %-8s %9s %8s %6s   %8s %9s %8s %8s %6s\n' "" "read s" "MiB/s" "/sftp" \
+    "write s" "unmount s" "total s" "MiB/s" "/sftp"
+  local base_read base_write
+  base_read=$(big_value "read-$1-$latency" read)
+  base_write=$(big_value "write-$1-$latency" write)
+  for kind in "$@"; do
+    awk -v kind="$kind" -v mib="$BIG_MIB" -v r="$(big_value "read-$kind-$latency" read)" \
+      -v w="$(big_value "write-$kind-$latency" write)" \
+      -v u="$(big_value "write-$kind-$latency" unmount)" -v br="$base_read" -v bw="$base_write" \
+      'BEGIN { t = w + u
+        printf "  %-8s %9.3f %8.1f %6.2f   %8.3f %9.3f %8.3f %8.1f %6.2f\n",
+          kind, r, mib / r, br / r, w, u, t, mib / t, bw / t }'
+  done
+  if [[ " $* " == *" overlay "* ]]; then
+    awk -v r="$(big_value "read-overlay-$latency" read)" -v br="$base_read" 'BEGIN {
+      printf "  the overlay'"'"'s cold read: %.0f %% of sftp'"'"'s rate (the aim: 80 %% or more)\n", 100 * br / r }'
+  fi
 }
 
 # --- the runs -------------------------------------------------------------------------------
@@ -309,38 +468,55 @@ for setting in "${RUNS[@]}"; do
     printf "sftp -b (connect, log in, ls): direct %.3f s, through the proxy %.3f s (%.1f round trips of %s ms more)\n",
       d, p, (p - d) * 1000 / l, l }'
 
-  rm -rf "$WORK/tree" "$WORK/tree.tar" "$WORK"/copy-*
-  generate_tree "$WORK/tree" "$FILES" 4 3
   runs=()
-  for mount in $MOUNT_KINDS; do
-    case $mount in
-      overlay)
-        echo "(a) cachemount, the overlay over sftp://..."
-        # shellcheck disable=SC2086 # options, split on purpose
-        run_cachemount "overlay-$LATENCY" $OVERLAY_OPTIONS ;;
-      pass)
-        echo "(b) cachemount --pass-through"
-        run_cachemount "pass-$LATENCY" --pass-through ;;
-      sshfs)
-        echo "(c) sshfs"
-        run_sshfs "sshfs-$LATENCY" ;;
-      rclone)
-        echo "(d) rclone mount --vfs-cache-mode full"
-        run_rclone "rclone-$LATENCY" ;;
-    esac
-    check_remote "$mount-$LATENCY"
-    runs+=("$mount-$LATENCY")
-  done
+  if [ "$WORKLOAD" -eq 1 ]; then
+    rm -rf "$WORK/tree" "$WORK/tree.tar" "$WORK"/copy-*
+    generate_tree "$WORK/tree" "$FILES" 4 3
+    for mount in $MOUNT_KINDS; do
+      case $mount in
+        overlay) echo "(a) cachemount, the overlay over sftp://..." ;;
+        pass) echo "(b) cachemount --pass-through" ;;
+        sshfs) echo "(c) sshfs" ;;
+        rclone) echo "(d) rclone mount --vfs-cache-mode full" ;;
+      esac
+      run_tool_workload "$mount" "$mount-$LATENCY"
+      check_remote "$mount-$LATENCY"
+      runs+=("$mount-$LATENCY")
+    done
+  fi
+  if [ "$BIG_MIB" -gt 0 ]; then
+    if [ ! -f "$WORK/big.bin" ]; then
+      head -c "$((BIG_MIB * 1048576))" /dev/urandom >"$WORK/big.bin"
+      BIG_LOCAL=$(mktemp -d -p /dev/shm sftp-bench.XXXXXX 2>/dev/null) ||
+        BIG_LOCAL=$(mktemp -d -p "$WORK" got.XXXXXX)
+    fi
+    echo "one file of $BIG_MIB MiB: sftp's get, then a cold read on each mount"
+    big_sftp_get "read-sftp-$LATENCY"
+    for mount in $MOUNT_KINDS; do big_read "$mount" "read-$mount-$LATENCY"; done
+    echo "one file of $BIG_MIB MiB: sftp's put, then a write into each mount"
+    big_sftp_put "write-sftp-$LATENCY"
+    for mount in $MOUNT_KINDS; do big_write "$mount" "write-$mount-$LATENCY"; done
+  fi
   kill "$proxy_pid"
   wait "$proxy_pid" 2>/dev/null || true
 
-  sftp_table "SFTP, $LATENCY ms a round trip, $FILES files (seconds; unmount: until the server holds everything)" \
-    "${runs[@]}"
-  if [[ " $MOUNT_KINDS " == *" overlay "* ]]; then
-    echo "  the overlay's store calls by the time the workload returned: $(step_value "overlay-$LATENCY" calls-when-done)"
-    echo "  the overlay's flush at unmount: $(grep -o 'flush took [0-9.]* s' "$WORK/overlay-$LATENCY.log")"
+  if [ "$WORKLOAD" -eq 1 ]; then
+    sftp_table "SFTP, $LATENCY ms a round trip, $FILES files (seconds; unmount: until the server holds everything)" \
+      "${runs[@]}"
+    if [[ " $MOUNT_KINDS " == *" overlay "* ]]; then
+      echo "  the overlay's store calls by the time the workload returned: $(step_value "overlay-$LATENCY" calls-when-done)"
+      echo "  the overlay's flush at unmount: $(grep -o 'flush took [0-9.]* s' "$WORK/overlay-$LATENCY.log")"
+    fi
   fi
+  # shellcheck disable=SC2086 # the kinds, split on purpose
+  [ "$BIG_MIB" -eq 0 ] || big_table "$LATENCY" sftp $MOUNT_KINDS
 done
 echo
-echo "Check passed: for every mount, the tree copied out and the remote folder after unmounting"
-echo "hold exactly the generated tree."
+if [ "$WORKLOAD" -eq 1 ]; then
+  echo "Check passed: for every mount, the tree copied out and the remote folder after unmounting"
+  echo "hold exactly the generated tree."
+fi
+if [ "$BIG_MIB" -gt 0 ]; then
+  echo "Check passed: every read of the big file (sftp's get included) returned its bytes exactly,"
+  echo "and after every write (sftp's put included) the server's folder held exactly the file."
+fi

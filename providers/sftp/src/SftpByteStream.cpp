@@ -123,9 +123,9 @@ long SftpByteStream::read(char* out, long count) {
       if (!reads_.empty() && reads_.front().offset != position_) dropReadAhead();
       // Ask for what the call needs and, for a sequential reader, for more behind it.
       const std::uint64_t wanted = position_ + static_cast<std::uint64_t>(count - done) +
-                                   (sequential ? std::uint64_t{kChunk} * kMaxInFlight : 0);
+                                   (sequential ? std::uint64_t{kChunk} * kMaxReadsInFlight : 0);
       std::uint64_t next = reads_.empty() ? position_ : reads_.back().offset + reads_.back().length;
-      while (next < wanted && reads_.size() < kMaxInFlight) {
+      while (next < wanted && reads_.size() < kMaxReadsInFlight) {
         const auto length =
             static_cast<std::uint32_t>(std::min<std::uint64_t>(kChunk, wanted - next));
         const auto id =

@@ -5,6 +5,7 @@
 #include <libssh/libssh.h>
 
 #include <algorithm>
+#include <cstring>
 #include <thread>
 
 namespace foundation::storage::provider::sftp {
@@ -90,6 +91,11 @@ void SftpSession::connect() {
   ssh_options_set(s, SSH_OPTIONS_HOST, settings_.host.c_str());
   unsigned int port = settings_.port;
   ssh_options_set(s, SSH_OPTIONS_PORT, &port);
+  // Requests are small packets, and so are the window adjustments sent with reads (readExact):
+  // with Nagle's algorithm a request waits for the acknowledgement of the packet before it,
+  // which the server's side delays while it has nothing to send.
+  int noDelay = 1;
+  ssh_options_set(s, SSH_OPTIONS_NODELAY, &noDelay);
   if (!settings_.user.empty()) ssh_options_set(s, SSH_OPTIONS_USER, settings_.user.c_str());
   long seconds = settings_.connectTimeoutMs / 1000;
   long micros = (settings_.connectTimeoutMs % 1000) * 1000;
@@ -158,6 +164,7 @@ void SftpSession::connect() {
 
   ssh_ = std::move(ssh);
   stash_.clear();
+  receivedFrom_ = receivedEnd_ = 0;
   extensions_.clear();
   OutPacket init(fxp::kInit);
   init.u32(3);
@@ -189,6 +196,7 @@ void SftpSession::disconnect(const std::string& why) {
       << "Dropping the connection to " << settings_.host << ": " << why;
   ssh_.reset();
   stash_.clear();
+  receivedFrom_ = receivedEnd_ = 0;
   // A server that just went away is asked again soon, not at once.
   backoff_ = kFirstBackoff;
   nextAttempt_ = std::chrono::steady_clock::now() + backoff_;
@@ -210,24 +218,41 @@ void SftpSession::writeAll(const std::string& bytes) {
   }
 }
 
+// libssh sets the channel's receive window (what the server may send before we read it) to
+// what a read asks for when that is more than the window, and otherwise only tops it up to
+// 1,280,000 bytes once it is below half of that. Asked for one reply at a time, the window
+// then bounds a sequential download below 1.2 MB a round trip (under 30 MiB/s at 40 ms),
+// however many reads are in flight. So every read asks for kReceiveWindow bytes into
+// received_, and replies are taken from there. Such a read sends a window adjustment whenever
+// anything arrived since the last one, a small packet per read; topping the window up only
+// after a quarter or a half of it was read measured slower in the SFTP benchmark.
 void SftpSession::readExact(char* out, std::size_t n) {
+  // Not zeroed: a page is touched only when bytes land in it.
+  if (!received_) received_.reset(new char[kReceiveWindow]);
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::milliseconds(settings_.callTimeoutMs);
   std::size_t done = 0;
   while (done < n) {
+    if (receivedFrom_ < receivedEnd_) {
+      const auto take = std::min(n - done, receivedEnd_ - receivedFrom_);
+      std::memcpy(out + done, received_.get() + receivedFrom_, take);
+      receivedFrom_ += take;
+      done += take;
+      continue;
+    }
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                           deadline - std::chrono::steady_clock::now())
                           .count();
     if (left <= 0) fail("no answer from " + settings_.host + " in time");
-    const int got =
-        ssh_channel_read_timeout(ssh_->channel, out + done, static_cast<std::uint32_t>(n - done), 0,
-                                 static_cast<int>(std::min<long long>(left, 1000)));
+    const int got = ssh_channel_read_timeout(ssh_->channel, received_.get(), kReceiveWindow, 0,
+                                             static_cast<int>(std::min<long long>(left, 1000)));
     if (got < 0)
       fail("reading from " + settings_.host + " failed: " + ssh_get_error(ssh_->session));
     if (got == 0 && (ssh_channel_is_eof(ssh_->channel) || !ssh_channel_is_open(ssh_->channel))) {
       fail("the server " + settings_.host + " closed the SFTP channel");
     }
-    done += static_cast<std::size_t>(got);
+    receivedFrom_ = 0;
+    receivedEnd_ = static_cast<std::size_t>(got);
   }
 }
 

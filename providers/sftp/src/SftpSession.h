@@ -103,6 +103,8 @@ class SftpSession {
   void connect();
   void writeAll(const std::string& bytes);
   void readExact(char* out, std::size_t n);
+  // What one read asks libssh for, which is also the receive window it keeps (readExact).
+  static constexpr std::uint32_t kReceiveWindow = 4u << 20;
   [[noreturn]] void fail(const std::string& what);
   [[noreturn]] static void throwStatus(Reply& reply);
 
@@ -114,6 +116,11 @@ class SftpSession {
   std::uint32_t firstIdOfConnection_ = 1;
   std::uint64_t writes_ = 0;
   std::map<std::uint32_t, Reply> stash_;
+  // Bytes read off the channel and not yet taken, [receivedFrom_, receivedEnd_) of received_
+  // (made at the first read; see readExact).
+  std::unique_ptr<char[]> received_;
+  std::size_t receivedFrom_ = 0;
+  std::size_t receivedEnd_ = 0;
   std::set<std::string> extensions_;
   std::chrono::steady_clock::time_point nextAttempt_{};
   std::chrono::milliseconds backoff_{0};
