@@ -35,7 +35,9 @@ void WorkingFileEntry::openInnerLocked(const fsp::ByteStreamOpenOptions& options
   innerOptions.append = false;
   if (innerOptions.create && replaceOnCreation_) innerOptions.truncate = true;
   innerStream_ = innerItemLocked().openStream(innerOptions);
-  if (innerOptions.create) replaceOnCreation_ = false;
+  // Only the first open after following a move may replace: a later creating open (a new
+  // file under this name after a removal) creates as asked.
+  replaceOnCreation_ = false;
   innerWritable_ = true;
   innerPosition_ = 0;
 }
