@@ -26,7 +26,7 @@ QueuedTransaction entryFor(const std::string& text) {
       {"move", ChangeAction::MoveFile},           {"stamp", ChangeAction::SetLastModified},
       {"chmod", ChangeAction::SetWritable},       {"fixed", ChangeAction::CloseFile},
       {"write!", ChangeAction::WriteRange},       {"rename", ChangeAction::MoveFile},
-      {"relocate", ChangeAction::Relocate}};
+      {"relocate", ChangeAction::Relocate},       {"truncate", ChangeAction::Truncate}};
   std::istringstream in(text);
   std::string word, path;
   std::int64_t offset = 0, length = 1;
@@ -54,6 +54,7 @@ struct AbsorbCase {
   bool arrivalMoot;
   int addFlags;
   std::vector<std::size_t> relocated = {};
+  std::vector<std::pair<std::size_t, int>> flagged = {};
 };
 void PrintTo(const AbsorbCase& c, std::ostream* out) { *out << c.name; }
 
@@ -76,6 +77,7 @@ TEST_P(ChangeAbsorberTest, WithdrawsExactlyWhatTheArrivalMakesMoot) {
   EXPECT_EQ(verdict.arrivalMoot, c.arrivalMoot);
   EXPECT_EQ(verdict.addFlags, c.addFlags);
   EXPECT_EQ(verdict.relocated, c.relocated);
+  EXPECT_EQ(verdict.flagged, c.flagged);
 }
 
 constexpr int kCreates = ReplayChange::kCreatesFile;
@@ -215,6 +217,34 @@ INSTANTIATE_TEST_SUITE_P(
                    {},
                    false,
                    0},
+        AbsorbCase{"TheClosesOwnStampMakesTheOthersMoot",
+                   {"create /a", "stamp /a", "write /a 0 4", "stamp /a"},
+                   "close /a",
+                   {0, 1, 3},
+                   false,
+                   0,
+                   {},
+                   {{2, kCreates}}},
+        AbsorbCase{"ATruncationStampsToo",
+                   {"close /a", "stamp /a", "truncate /a"},
+                   "close /a",
+                   {1},
+                   false,
+                   0},
+        AbsorbCase{"ACloseWithoutWritesStampsNothing",
+                   {"write /a 0 4", "close /a", "stamp /a"},
+                   "close /a",
+                   {},
+                   false,
+                   0},
+        AbsorbCase{"AStampRightAfterAStampingClose",
+                   {"write /a 0 4", "close /a"},
+                   "stamp /a",
+                   {},
+                   true,
+                   0},
+        AbsorbCase{
+            "AStampAfterAQuietCloseStays", {"close /a", "close /a"}, "stamp /a", {}, false, 0},
         AbsorbCase{"AnotherSpellingIsAnotherFile", {"create /a"}, "remove /A", {}, false, 0}),
     ::testing::PrintToStringParamName());
 

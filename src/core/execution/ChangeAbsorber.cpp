@@ -9,6 +9,14 @@ namespace {
 
 using Verdict = ChangeAbsorber::Verdict;
 
+Verdict withdrawing(std::vector<std::size_t> positions, bool arrivalMoot = false, int flags = 0) {
+  Verdict verdict;
+  verdict.withdrawn = std::move(positions);
+  verdict.arrivalMoot = arrivalMoot;
+  verdict.addFlags = flags;
+  return verdict;
+}
+
 bool absorbable(const QueuedTransaction& entry) {
   return entry.change.has_value() && static_cast<bool>(entry.moot) && !entry.internal;
 }
@@ -90,7 +98,7 @@ Verdict sameAttributeAgain(const QueueView& view, const ReplayChange& change,
   const auto latest = latestOverlapping(view, key);
   if (!latest || !exactlyAt(queue[*latest], change.location.getPath())) return {};
   if (queue[*latest].change->action != change.action) return {};
-  return {{*latest}, false, 0, {}};
+  return withdrawing({*latest});
 }
 
 Verdict creationMergedInto(const QueueView& view, const ReplayChange& change,
@@ -100,7 +108,7 @@ Verdict creationMergedInto(const QueueView& view, const ReplayChange& change,
   if (!latest || !exactlyAt(queue[*latest], change.location.getPath())) return {};
   if (queue[*latest].change->action != ChangeAction::CreateFile) return {};
   const int flags = change.action == ChangeAction::WriteRange ? ReplayChange::kCreatesFile : 0;
-  return {{*latest}, false, flags, {}};
+  return withdrawing({*latest}, false, flags);
 }
 
 bool contains(const ReplayChange& outer, const ReplayChange& inner) {
@@ -208,6 +216,75 @@ Verdict creationMovedAway(const QueueView& view, const ReplayChange& move,
   return verdict;
 }
 
+// The file's changes since its last close (latest first; the entry at `skipping` aside), as
+// far as they are the file's own creation, stream and attribute changes; the walk ends at
+// anything else.
+std::vector<std::size_t> sinceLastClose(const QueueView& view, const std::u16string& path,
+                                        const std::u16string& key,
+                                        std::optional<std::size_t> skipping = std::nullopt) {
+  std::vector<std::size_t> found;
+  for (const auto serial : view.index.overlapping(key, view.firstSerial())) {
+    const auto position = view.positionOf(serial);
+    if (position == skipping) continue;
+    const auto& entry = view.queue[position];
+    if (!exactlyAt(entry, path) || !followsItsLocation(*entry.change) ||
+        entry.change->action == ChangeAction::CloseFile) {
+      break;
+    }
+    found.push_back(position);
+  }
+  return found;
+}
+
+// Whether a close after these changes stamps the file's time on the store: its stream wrote.
+bool closeStamps(const QueueView& view, const std::vector<std::size_t>& session) {
+  return std::any_of(session.begin(), session.end(), [&](std::size_t position) {
+    const auto& change = *view.queue[position].change;
+    return change.action == ChangeAction::WriteRange || change.action == ChangeAction::Truncate ||
+           (change.action == ChangeAction::OpenFile && change.flags != 0);
+  });
+}
+
+Verdict stampsMadeMootByClose(const QueueView& view, const ReplayChange& close,
+                              const std::u16string& key) {
+  auto session = sinceLastClose(view, close.location.getPath(), key);
+  if (!closeStamps(view, session)) return {};
+  std::reverse(session.begin(), session.end());
+  Verdict verdict;
+  std::vector<std::size_t> kept;
+  for (const auto position : session) {
+    const bool stamp = view.queue[position].change->action == ChangeAction::SetLastModified;
+    (stamp ? verdict.withdrawn : kept).push_back(position);
+  }
+  if (verdict.withdrawn.empty()) return {};
+  // The creation now comes right before the first write or creating open: merged into it.
+  if (kept.size() >= 2 && view.queue[kept[0]].change->action == ChangeAction::CreateFile) {
+    const auto& next = *view.queue[kept[1]].change;
+    if (next.action == ChangeAction::WriteRange || createsFile(next)) {
+      verdict.withdrawn.push_back(kept[0]);
+      std::sort(verdict.withdrawn.begin(), verdict.withdrawn.end());
+      if (next.action == ChangeAction::WriteRange) {
+        verdict.flagged.emplace_back(kept[1], ReplayChange::kCreatesFile);
+      }
+    }
+  }
+  return verdict;
+}
+
+// A stamp arriving right after a close that will stamp the file anyway.
+Verdict stampAfterClose(const QueueView& view, const ReplayChange& stamp,
+                        const std::u16string& key) {
+  const auto latest = latestOverlapping(view, key);
+  if (!latest || !exactlyAt(view.queue[*latest], stamp.location.getPath()) ||
+      view.queue[*latest].change->action != ChangeAction::CloseFile) {
+    return {};
+  }
+  Verdict verdict;
+  verdict.arrivalMoot =
+      closeStamps(view, sinceLastClose(view, stamp.location.getPath(), key, *latest));
+  return verdict;
+}
+
 }  // namespace
 
 Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
@@ -222,9 +299,15 @@ Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
   const auto& key = arriving.scope.front();
   const auto& path = change.location.getPath();
   switch (change.action) {
-    case ChangeAction::SetLastModified:
+    case ChangeAction::SetLastModified: {
+      auto again = sameAttributeAgain(view, change, key);
+      if (!again.withdrawn.empty()) return again;
+      return stampAfterClose(view, change, key);
+    }
     case ChangeAction::SetWritable:
       return sameAttributeAgain(view, change, key);
+    case ChangeAction::CloseFile:
+      return stampsMadeMootByClose(view, change, key);
     case ChangeAction::OpenFile:
       if (!(change.flags & ReplayChange::kOpenCreates)) return {};
       return creationMergedInto(view, change, key);
@@ -237,7 +320,7 @@ Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
       auto found = backToStart(
           view, key, [&](const QueuedTransaction& e) { return exactlyAt(e, path); }, createsFile);
       const bool moot = !found.empty();
-      return {std::move(found), moot, 0, {}};
+      return withdrawing(std::move(found), moot);
     }
     case ChangeAction::RemoveFolder:
     case ChangeAction::RemoveFolderTree: {
@@ -247,7 +330,7 @@ Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
             return c.action == ChangeAction::CreateFolder && c.location.getPath() == path;
           });
       const bool moot = !found.empty();
-      return {std::move(found), moot, 0, {}};
+      return withdrawing(std::move(found), moot);
     }
     default:
       return {};

@@ -17,6 +17,11 @@
 //     own creation, stream changes and attribute changes (whose replay works where the
 //     change is when it runs) from its creation to the move, and nothing else touching the
 //     destination after the creation;
+//   - a file's time stamps queued since its last close, when the arriving close will stamp
+//     the file itself (a write, truncation or creating open of the file is queued before it):
+//     the close stamps the time the file has when it runs, which is the last one set. A stamp
+//     arriving right after such a close is moot likewise. With the stamps gone, a creation
+//     followed by the file's first write or creating open is merged into it, as on arrival;
 //   - a file removed while its creation is still queued: the creation, everything queued on the
 //     file since, and the removal itself cost the store nothing. Only changes of exactly that
 //     file may lie between (a move of it or of a folder above it stops the rule);
@@ -37,6 +42,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <utility>
 #include <vector>
 
 namespace storage::overlayprovider {
@@ -54,6 +60,8 @@ class ChangeAbsorber {
     int addFlags = 0;                    // flags the arriving change takes on
     // Positions (ascending) whose change now happens at the arriving move's destination.
     std::vector<std::size_t> relocated;
+    // Queued changes that take on flags: (position, flags).
+    std::vector<std::pair<std::size_t, int>> flagged;
   };
 
   // `index` holds the scope of every entry of `queue` under the entry's serial.

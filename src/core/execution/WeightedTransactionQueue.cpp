@@ -104,7 +104,12 @@ bool WeightedTransactionQueue::push(QueuedTransaction entry) {
 std::deque<QueuedTransaction> WeightedTransactionQueue::absorbLocked(QueuedTransaction& arriving) {
   std::deque<QueuedTransaction> withdrawn;
   const auto verdict = ChangeAbsorber::judge(entries_, scopes_, arriving);
+  if (verdict.arrivalMoot) {
+    ++absorbed_;
+    arriving.isMoot = true;
+  }
   if (verdict.withdrawn.empty()) return withdrawn;
+  for (const auto& [position, flags] : verdict.flagged) entries_[position].change->flags |= flags;
   for (const auto position : verdict.relocated) {
     auto& entry = entries_[position];
     scopes_.remove(entry.serial, entry.scope);
@@ -130,8 +135,7 @@ std::deque<QueuedTransaction> WeightedTransactionQueue::absorbLocked(QueuedTrans
     entries_.erase(at);
   }
   if (entries_.empty()) currentWeight_ = waitingWeight_ = 0.0;
-  absorbed_ += verdict.withdrawn.size() + (verdict.arrivalMoot ? 1 : 0);
-  arriving.isMoot = verdict.arrivalMoot;
+  absorbed_ += verdict.withdrawn.size();
   arriving.change->flags |= verdict.addFlags;
   return withdrawn;
 }
