@@ -35,7 +35,10 @@ namespace foundation::storage::provider::sftp {
 class SftpByteStream final : public ByteStream {
  public:
   static constexpr std::uint32_t kChunk = 64 * 1024;
-  static constexpr std::size_t kMaxInFlight = 16;
+  // Writes unanswered at most: 4 MiB a round trip, which is also what the stream keeps to
+  // send again after a lost connection (16 gave a 256 MiB upload 0.29 of sftp's rate at 10 ms,
+  // 64 gave 0.35).
+  static constexpr std::size_t kMaxInFlight = 64;
   // A read's round trip is paid once per kMaxReadsInFlight chunks (4 MiB: 100 MiB/s at 40 ms);
   // the price is that a reader leaving a sequential run first waits for that much to arrive.
   static constexpr std::size_t kMaxReadsInFlight = 64;
