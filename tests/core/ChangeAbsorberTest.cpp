@@ -46,17 +46,37 @@ QueuedTransaction entryFor(const std::string& text) {
   return QueuedTransaction(std::move(task));
 }
 
+// A case: the queue (entries separated by ", "), the arriving change, and the verdict as
+// tokens: "-N" entry N withdrawn, "moot" the arrival moot, "+creates" the arrival takes over
+// the creation, ">N" entry N relocated to the arrival's destination, "!N" entry N takes over
+// the creation.
 struct AbsorbCase {
   const char* name;
-  std::vector<std::string> queued;
-  std::string arriving;
-  std::vector<std::size_t> withdrawn;
-  bool arrivalMoot;
-  int addFlags;
-  std::vector<std::size_t> relocated = {};
-  std::vector<std::pair<std::size_t, int>> flagged = {};
+  const char* queued;
+  const char* arriving;
+  const char* verdict;
 };
 void PrintTo(const AbsorbCase& c, std::ostream* out) { *out << c.name; }
+
+ChangeAbsorber::Verdict expected(const std::string& text) {
+  ChangeAbsorber::Verdict verdict;
+  std::istringstream in(text);
+  for (std::string token; in >> token;) {
+    const auto at = [&] { return static_cast<std::size_t>(std::stoul(token.substr(1))); };
+    if (token == "moot") {
+      verdict.arrivalMoot = true;
+    } else if (token == "+creates") {
+      verdict.addFlags = ReplayChange::kCreatesFile;
+    } else if (token[0] == '-') {
+      verdict.withdrawn.push_back(at());
+    } else if (token[0] == '>') {
+      verdict.relocated.push_back(at());
+    } else if (token[0] == '!') {
+      verdict.flagged.emplace_back(at(), ReplayChange::kCreatesFile);
+    }
+  }
+  return verdict;
+}
 
 struct ChangeAbsorberTest : ::testing::TestWithParam<AbsorbCase> {};
 
@@ -67,185 +87,81 @@ TEST_P(ChangeAbsorberTest, WithdrawsExactlyWhatTheArrivalMakesMoot) {
   // Serials as a queue leaves them after takes and withdrawals: increasing, with gaps, so
   // that a position is never mistaken for a serial.
   std::uint64_t serial = 40;
-  for (const auto& text : c.queued) {
-    queue.push_back(entryFor(text));
+  const std::string queued = c.queued;
+  for (std::size_t from = 0; from < queued.size();) {
+    const auto comma = std::min(queued.find(", ", from), queued.size());
+    queue.push_back(entryFor(queued.substr(from, comma - from)));
     queue.back().serial = serial += 3;
     index.add(serial, queue.back().scope);
+    from = comma + 2;
   }
   const auto verdict = ChangeAbsorber::judge(queue, index, entryFor(c.arriving));
-  EXPECT_EQ(verdict.withdrawn, c.withdrawn);
-  EXPECT_EQ(verdict.arrivalMoot, c.arrivalMoot);
-  EXPECT_EQ(verdict.addFlags, c.addFlags);
-  EXPECT_EQ(verdict.relocated, c.relocated);
-  EXPECT_EQ(verdict.flagged, c.flagged);
+  const auto want = expected(c.verdict);
+  EXPECT_EQ(verdict.withdrawn, want.withdrawn);
+  EXPECT_EQ(verdict.arrivalMoot, want.arrivalMoot);
+  EXPECT_EQ(verdict.addFlags, want.addFlags);
+  EXPECT_EQ(verdict.relocated, want.relocated);
+  EXPECT_EQ(verdict.flagged, want.flagged);
 }
-
-constexpr int kCreates = ReplayChange::kCreatesFile;
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, ChangeAbsorberTest,
     ::testing::Values(
-        AbsorbCase{"CreatedWrittenRemoved",
-                   {"create /a", "write /a", "close /a", "write /b"},
-                   "remove /a",
-                   {0, 1, 2},
-                   true,
-                   0},
-        AbsorbCase{
-            "OpenedNewWrittenRemoved", {"open+ /a", "write /a"}, "remove /a", {0, 1}, true, 0},
-        AbsorbCase{"AnEarlierRemovalStays",
-                   {"remove /a", "create /a", "close /a"},
-                   "remove /a",
-                   {1, 2},
-                   true,
-                   0},
-        AbsorbCase{
-            "NotCreatedHereGoesToTheStore", {"write /a", "close /a"}, "remove /a", {}, false, 0},
-        AbsorbCase{"AMoveInBetweenStops", {"create /b", "move /b>/a"}, "remove /a", {}, false, 0},
-        AbsorbCase{"AMoveOfTheFolderAboveStops",
-                   {"create /d/a", "move /d>/e", "move /e>/d"},
-                   "remove /d/a",
-                   {},
-                   false,
-                   0},
-        AbsorbCase{"ABarrierStops", {"create /a", "|"}, "remove /a", {}, false, 0},
-        AbsorbCase{
-            "AChangeWithNoLocalHalfStops", {"create /a", "fixed /a"}, "remove /a", {}, false, 0},
-        AbsorbCase{"FolderTreeCreatedAndRemoved",
-                   {"mkdir /d", "create /d/f", "write /d/f", "mkdir /e"},
-                   "rmtree /d",
-                   {0, 1, 2},
-                   true,
-                   0},
-        AbsorbCase{"AFolderMadeWithItsParentsStays",
-                   {"mkdirs /d", "create /d/f"},
-                   "rmtree /d",
-                   {},
-                   false,
-                   0},
-        AbsorbCase{"AMoveOutOfTheFolderStops",
-                   {"mkdir /d", "create /d/f", "move /d/f>/x"},
-                   "rmtree /d",
-                   {},
-                   false,
-                   0},
-        AbsorbCase{"StampAgain", {"stamp /a", "write /b"}, "stamp /a", {0}, false, 0},
-        AbsorbCase{"StampAfterAWriteStays", {"stamp /a", "write /a"}, "stamp /a", {}, false, 0},
-        AbsorbCase{"AnotherAttributeStays", {"chmod /a"}, "stamp /a", {}, false, 0},
-        AbsorbCase{
-            "CreationMergedIntoTheFirstWrite", {"create /a"}, "write /a", {0}, false, kCreates},
-        AbsorbCase{"CreationMergedIntoTheCreatingOpen", {"create /a"}, "open+ /a", {0}, false, 0},
-        AbsorbCase{"ASecondWriteMergesNothing",
-                   {"create /a", "write /a 0 4"},
-                   "write /a 4 4",
-                   {},
-                   false,
-                   0},
-        AbsorbCase{"CoveredWritesGo",
-                   {"write /a 0 4", "write /a 8 4", "write /b 0 4", "write /a 2 2"},
-                   "write /a 0 8",
-                   {0, 3},
-                   false,
-                   0},
-        AbsorbCase{"APartlyCoveredWriteStays", {"write /a 0 8"}, "write /a 4 8", {}, false, 0},
-        AbsorbCase{"TheCreatingWriteHandsOnTheCreation",
-                   {"write! /a 0 4", "write /a 2 2"},
-                   "write /a 0 4",
-                   {0, 1},
-                   false,
-                   kCreates},
-        AbsorbCase{"TheCreatingWriteStaysBeforeAKeptOne",
-                   {"write! /a 0 4", "write /a 4 4"},
-                   "write /a 0 4",
-                   {},
-                   false,
-                   0},
-        AbsorbCase{"AnotherChangeOfTheFileStops",
-                   {"write /a 0 4", "close /a"},
-                   "write /a 0 4",
-                   {},
-                   false,
-                   0},
+        AbsorbCase{"CreatedWrittenRemoved", "create /a, write /a, close /a, write /b", "remove /a",
+                   "-0 -1 -2 moot"},
+        AbsorbCase{"OpenedNewWrittenRemoved", "open+ /a, write /a", "remove /a", "-0 -1 moot"},
+        AbsorbCase{"AnEarlierRemovalStays", "remove /a, create /a, close /a", "remove /a",
+                   "-1 -2 moot"},
+        AbsorbCase{"NotCreatedHereGoesToTheStore", "write /a, close /a", "remove /a", ""},
+        AbsorbCase{"AMoveInBetweenStops", "create /b, move /b>/a", "remove /a", ""},
+        AbsorbCase{"AMoveOfTheFolderAboveStops", "create /d/a, move /d>/e, move /e>/d",
+                   "remove /d/a", ""},
+        AbsorbCase{"ABarrierStops", "create /a, |", "remove /a", ""},
+        AbsorbCase{"AChangeWithNoLocalHalfStops", "create /a, fixed /a", "remove /a", ""},
+        AbsorbCase{"FolderTreeCreatedAndRemoved", "mkdir /d, create /d/f, write /d/f, mkdir /e",
+                   "rmtree /d", "-0 -1 -2 moot"},
+        AbsorbCase{"AFolderMadeWithItsParentsStays", "mkdirs /d, create /d/f", "rmtree /d", ""},
+        AbsorbCase{"AMoveOutOfTheFolderStops", "mkdir /d, create /d/f, move /d/f>/x", "rmtree /d",
+                   ""},
+        AbsorbCase{"StampAgain", "stamp /a, write /b", "stamp /a", "-0"},
+        AbsorbCase{"StampAfterAWriteStays", "stamp /a, write /a", "stamp /a", ""},
+        AbsorbCase{"AnotherAttributeStays", "chmod /a", "stamp /a", ""},
+        AbsorbCase{"CreationMergedIntoTheFirstWrite", "create /a", "write /a", "-0 +creates"},
+        AbsorbCase{"CreationMergedIntoTheCreatingOpen", "create /a", "open+ /a", "-0"},
+        AbsorbCase{"ASecondWriteMergesNothing", "create /a, write /a 0 4", "write /a 4 4", ""},
+        AbsorbCase{"CoveredWritesGo", "write /a 0 4, write /a 8 4, write /b 0 4, write /a 2 2",
+                   "write /a 0 8", "-0 -3"},
+        AbsorbCase{"APartlyCoveredWriteStays", "write /a 0 8", "write /a 4 8", ""},
+        AbsorbCase{"TheCreatingWriteHandsOnTheCreation", "write! /a 0 4, write /a 2 2",
+                   "write /a 0 4", "-0 -1 +creates"},
+        AbsorbCase{"TheCreatingWriteStaysBeforeAKeptOne", "write! /a 0 4, write /a 4 4",
+                   "write /a 0 4", ""},
+        AbsorbCase{"AnotherChangeOfTheFileStops", "write /a 0 4, close /a", "write /a 0 4", ""},
         AbsorbCase{"CreatedThenRenamedReplaysAtTheDestination",
-                   {"open+ /t", "write /t 0 4", "close /t", "write /x 0 4", "relocate /t>/f"},
-                   "rename /t>/f",
-                   {4},
-                   true,
-                   0,
-                   {0, 1, 2}},
+                   "open+ /t, write /t 0 4, close /t, write /x 0 4, relocate /t>/f", "rename /t>/f",
+                   "-4 moot >0 >1 >2"},
         AbsorbCase{"ACreatingWriteStartsTheChainToo",
-                   {"mkdir /d", "write! /t 0 4", "close /t", "relocate /t>/d/f"},
-                   "rename /t>/d/f",
-                   {3},
-                   true,
-                   0,
-                   {1, 2}},
-        AbsorbCase{"ADestinationInUseStays",
-                   {"open+ /t", "close /t", "relocate /t>/f"},
-                   "move /t>/f",
-                   {},
-                   false,
-                   0},
+                   "mkdir /d, write! /t 0 4, close /t, relocate /t>/d/f", "rename /t>/d/f",
+                   "-3 moot >1 >2"},
+        AbsorbCase{"ADestinationInUseStays", "open+ /t, close /t, relocate /t>/f", "move /t>/f",
+                   ""},
         AbsorbCase{"AChangeAtTheDestinationAfterTheCreationStops",
-                   {"open+ /t", "remove /f", "close /t", "relocate /t>/f"},
-                   "rename /t>/f",
-                   {},
-                   false,
-                   0},
-        AbsorbCase{"NotCreatedHereStays",
-                   {"write /t 0 4", "close /t", "relocate /t>/f"},
-                   "rename /t>/f",
-                   {},
-                   false,
-                   0},
-        AbsorbCase{"TheSourcesTimeStampGoesAlong",
-                   {"open+ /t", "stamp /t", "close /t", "relocate /t>/f"},
-                   "rename /t>/f",
-                   {3},
-                   true,
-                   0,
-                   {0, 1, 2}},
-        AbsorbCase{"AChangeThatCannotFollowStops",
-                   {"open+ /t", "fixed /t", "relocate /t>/f"},
-                   "rename /t>/f",
-                   {},
-                   false,
-                   0},
-        AbsorbCase{"WithoutTheStreamsRelocationStays",
-                   {"open+ /t", "close /t"},
-                   "rename /t>/f",
-                   {},
-                   false,
-                   0},
+                   "open+ /t, remove /f, close /t, relocate /t>/f", "rename /t>/f", ""},
+        AbsorbCase{"NotCreatedHereStays", "write /t 0 4, close /t, relocate /t>/f", "rename /t>/f",
+                   ""},
+        AbsorbCase{"TheSourcesTimeStampGoesAlong", "open+ /t, stamp /t, close /t, relocate /t>/f",
+                   "rename /t>/f", "-3 moot >0 >1 >2"},
+        AbsorbCase{"AChangeThatCannotFollowStops", "open+ /t, fixed /t, relocate /t>/f",
+                   "rename /t>/f", ""},
+        AbsorbCase{"WithoutTheStreamsRelocationStays", "open+ /t, close /t", "rename /t>/f", ""},
         AbsorbCase{"TheClosesOwnStampMakesTheOthersMoot",
-                   {"create /a", "stamp /a", "write /a 0 4", "stamp /a"},
-                   "close /a",
-                   {0, 1, 3},
-                   false,
-                   0,
-                   {},
-                   {{2, kCreates}}},
-        AbsorbCase{"ATruncationStampsToo",
-                   {"close /a", "stamp /a", "truncate /a"},
-                   "close /a",
-                   {1},
-                   false,
-                   0},
-        AbsorbCase{"ACloseWithoutWritesStampsNothing",
-                   {"write /a 0 4", "close /a", "stamp /a"},
-                   "close /a",
-                   {},
-                   false,
-                   0},
-        AbsorbCase{"AStampRightAfterAStampingClose",
-                   {"write /a 0 4", "close /a"},
-                   "stamp /a",
-                   {},
-                   true,
-                   0},
-        AbsorbCase{
-            "AStampAfterAQuietCloseStays", {"close /a", "close /a"}, "stamp /a", {}, false, 0},
-        AbsorbCase{"AnotherSpellingIsAnotherFile", {"create /a"}, "remove /A", {}, false, 0}),
+                   "create /a, stamp /a, write /a 0 4, stamp /a", "close /a", "-0 -1 -3 !2"},
+        AbsorbCase{"ATruncationStampsToo", "close /a, stamp /a, truncate /a", "close /a", "-1"},
+        AbsorbCase{"ACloseWithoutWritesStampsNothing", "write /a 0 4, close /a, stamp /a",
+                   "close /a", ""},
+        AbsorbCase{"AStampRightAfterAStampingClose", "write /a 0 4, close /a", "stamp /a", "moot"},
+        AbsorbCase{"AStampAfterAQuietCloseStays", "close /a, close /a", "stamp /a", ""},
+        AbsorbCase{"AnotherSpellingIsAnotherFile", "create /a", "remove /A", ""}),
     ::testing::PrintToStringParamName());
 
 }  // namespace
