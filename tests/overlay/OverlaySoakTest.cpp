@@ -494,6 +494,8 @@ std::shared_ptr<storage::overlayprovider::OverlayProvider> overlayOver(const Soa
   boost::property_tree::ptree config;
   config.put("overlay.replayWorkers", workers);
   config.put("overlay.absorbChanges", absorb ? "true" : "false");
+  // Held as the mount holds changes, on a scale that keeps the run short.
+  if (absorb) config.put("overlay.absorbWindowMs", 20);
   overlay->configure(config);
   overlay->replayEchoes()->setEnabled(suppressEchoes);
   overlay->contentCache().setArbitratorFactory([cacheBytes](const bfs::path& directory) {
