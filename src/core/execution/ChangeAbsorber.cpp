@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 namespace storage::overlayprovider {
 
@@ -171,28 +172,20 @@ bool relocates(const QueuedTransaction& entry, const ReplayChange& move) {
          entry.change->destination->getPath() == move.destination->getPath();
 }
 
-// The positions of the file's stream changes from its creation on, and of the relocation
-// the move queued last, or nothing when anything else of the source lies between.
-std::optional<std::pair<std::vector<std::size_t>, std::size_t>> createdAndRelocated(
-    const QueueView& view, const ReplayChange& move, const std::u16string& sourceKey) {
-  std::optional<std::size_t> relocation;
-  std::vector<std::size_t> chain;
-  for (const auto serial : view.index.overlapping(sourceKey, view.firstSerial())) {
-    const auto position = view.positionOf(serial);
-    const auto& entry = view.queue[position];
-    if (!relocation) {
-      if (!relocates(entry, move)) return std::nullopt;
-      relocation = position;
-      continue;
-    }
-    if (!exactlyAt(entry, move.location.getPath()) || !followsItsLocation(*entry.change)) break;
-    chain.push_back(position);
-    if (createsFile(*entry.change)) {
-      std::reverse(chain.begin(), chain.end());
-      return std::pair(std::move(chain), *relocation);
-    }
-  }
-  return std::nullopt;
+// The positions (ascending) of the file's changes from its creation on, ending with the
+// relocation that the move queued last; nothing when anything else of the source lies between.
+std::vector<std::size_t> createdAndRelocated(const QueueView& view, const ReplayChange& move,
+                                             const std::u16string& sourceKey) {
+  bool latest = true;
+  return backToStart(
+      view, sourceKey,
+      [&](const QueuedTransaction& entry) {
+        const bool first = std::exchange(latest, false);
+        return first
+                   ? relocates(entry, move)
+                   : exactlyAt(entry, move.location.getPath()) && followsItsLocation(*entry.change);
+      },
+      createsFile);
 }
 
 Verdict creationMovedAway(const QueueView& view, const ReplayChange& move,
@@ -201,9 +194,10 @@ Verdict creationMovedAway(const QueueView& view, const ReplayChange& move,
       scopesOverlap(keys[0], keys[1])) {
     return {};
   }
-  const auto found = createdAndRelocated(view, move, keys[0]);
-  if (!found) return {};
-  const auto& [chain, relocation] = *found;
+  auto chain = createdAndRelocated(view, move, keys[0]);
+  if (chain.empty()) return {};
+  const auto relocation = chain.back();
+  chain.pop_back();
   for (const auto serial : view.index.overlapping(keys[1], view.firstSerial())) {
     const auto position = view.positionOf(serial);
     if (position < chain.front()) break;

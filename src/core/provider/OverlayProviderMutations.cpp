@@ -62,15 +62,15 @@ void OverlayProvider::replay(
   };
   auto run = [name = std::string(actionName(change.action)), inner = inner_, stopped = shutDown_,
               innerCall = std::move(innerCall), confirmInCache, noted = echoes_,
-              echoes = std::move(echoes), retry = unavailableRetry()](const ReplayChange& change) {
+              echoes = std::move(echoes), retry = unavailableRetry()](const ReplayChange& queued) {
     if (stopped->load()) return;
-    const bool followsMove = (change.flags & ReplayChange::kFollowsMove) != 0;
+    const bool followsMove = (queued.flags & ReplayChange::kFollowsMove) != 0;
     for (const auto& [location, replayed] : echoes) {
-      noted->note(followsMove ? change.location : location, replayed);
+      noted->note(followsMove ? queued.location : location, replayed);
     }
     // Shut down while the store was away: the change is still due, and its record stays for
     // the next process over the cache root.
-    if (runWithRetry([&] { innerCall(*inner, change); }, name, retry) ==
+    if (runWithRetry([&] { innerCall(*inner, queued); }, name, retry) ==
         ReplayOutcome::Interrupted) {
       return;
     }
