@@ -4,8 +4,11 @@
 #include "core/provider/OverlayProviderSupport.h"
 #include "core/support/OverlayLog.h"
 
+#include <atomic>
 #include <boost/property_tree/json_parser.hpp>
+#include <optional>
 #include <sstream>
+#include <string>
 
 namespace storage::overlayprovider {
 
@@ -21,6 +24,25 @@ void logEcho(const std::string& key, const Value& value) {
   std::ostringstream text;
   boost::property_tree::write_json(text, echo, false);
   OVERLAY_LOG(log::info) << text.str();
+}
+
+// Reads the whole number under "overlay.<name>" into `value` when it is at least `low` (and,
+// given, at most `high`); otherwise logs why and keeps the value it had.
+template <class Number>
+void readBounded(const ptree& config, const std::string& name, std::atomic<Number>& value, long low,
+                 std::optional<long> high = std::nullopt) {
+  const auto text = config.get_optional<std::string>("overlay." + name);
+  if (!text) return;
+  const long read = std::stol(*text);
+  if (read < low || (high && read > *high)) {
+    const auto range = high ? "in " + std::to_string(low) + ".." + std::to_string(*high)
+                            : "at least " + std::to_string(low);
+    OVERLAY_LOG(log::error) << "overlay." << name << " must be " << range << "; keeping "
+                            << value.load();
+    return;
+  }
+  value = static_cast<Number>(read);
+  logEcho("overlay.configuration." + name, read);
 }
 
 // More workers than this only add threads waiting on the same store.
@@ -62,30 +84,12 @@ void OverlayProvider::readConfiguration(const ptree& config) {
     minQueueItemWeight_ = std::stod(*text);
     logEcho("overlay.configuration.minQueueItemWeight", minQueueItemWeight_.load());
   }
-  if (const auto text = config.get_optional<std::string>("overlay.replayWorkers")) {
-    const int workers = std::stoi(*text);
-    if (workers < 1 || workers > kMaxReplayWorkers) {
-      OVERLAY_LOG(log::error) << "overlay.replayWorkers must be in 1.." << kMaxReplayWorkers
-                              << "; keeping " << replayWorkers_.load();
-    } else {
-      replayWorkers_ = workers;
-      logEcho("overlay.configuration.replayWorkers", workers);
-    }
-  }
+  readBounded(config, "replayWorkers", replayWorkers_, 1, kMaxReplayWorkers);
   if (const auto text = config.get_optional<std::string>("overlay.absorbChanges")) {
     absorbChanges_ = readAlphabeticBool(*text);
     logEcho("overlay.configuration.absorbChanges", absorbChanges_.load());
   }
-  if (const auto text = config.get_optional<std::string>("overlay.absorbWindowMs")) {
-    const long window = std::stol(*text);
-    if (window < 0) {
-      OVERLAY_LOG(log::error) << "overlay.absorbWindowMs must be 0 or more; keeping "
-                              << absorbWindowMs_.load();
-    } else {
-      absorbWindowMs_ = window;
-      logEcho("overlay.configuration.absorbWindowMs", window);
-    }
-  }
+  readBounded(config, "absorbWindowMs", absorbWindowMs_, 0);
   if (const auto text = config.get_optional<std::string>("overlay.persistContentCache")) {
     if (*text == "1" || *text == "true") contentCache_->setPersistent();
   }
@@ -114,16 +118,7 @@ void OverlayProvider::readConfiguration(const ptree& config) {
     journalEnabled_ = readAlphabeticBool(*text);
     logEcho("overlay.configuration.journal", journalEnabled_.load());
   }
-  if (const auto text = config.get_optional<std::string>("overlay.journalSyncMs")) {
-    const long ms = std::stol(*text);
-    if (ms < 1) {
-      OVERLAY_LOG(log::error) << "overlay.journalSyncMs must be at least 1; keeping "
-                              << journalSyncMs_.load();
-    } else {
-      journalSyncMs_ = ms;
-      logEcho("overlay.configuration.journalSyncMs", ms);
-    }
-  }
+  readBounded(config, "journalSyncMs", journalSyncMs_, 1);
   if (const auto text = config.get_optional<std::string>("overlay.retryUnavailableMs")) {
     retryUnavailableMs_ = std::stol(*text);
     logEcho("overlay.configuration.retryUnavailableMs", retryUnavailableMs_.load());
