@@ -3,14 +3,13 @@
 #include "MountLog.h"
 
 #include <foundation/storage/provider/ProviderRegistry.h>
+#include <foundation/storage/provider/extensions/IDurableChanges.h>
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
 #include <foundation/storage/provider/extensions/IQueueStatistics.h>
 #include <foundation/storage/provider/file/FileProvider.h>
 #include <foundation/storage/provider/mem/MemProvider.h>
 #include <foundation/storage/provider/sftp/SftpProvider.h>
 
-#include <fcntl.h>
-#include <unistd.h>
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <cctype>
@@ -36,7 +35,6 @@ StoreStack::StoreStack(const MountOptions& options)
   root_ = fsp::ProviderRegistry::instance().open(u"overlay", innerRoot);
   root_.configure(options.overlayConfig);
   journalSync_ = options.journal && !options.fsyncToStore;
-  cacheRoot_ = options.overlayConfig.get<std::string>("overlay.cacheRoot", "");
 }
 
 StoreStack::~StoreStack() { shutdown(); }
@@ -67,12 +65,9 @@ void StoreStack::flush() const {
 
 void StoreStack::sync() const {
   if (!journalSync_) return flush();
-  const int folder = ::open(cacheRoot_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder < 0) throw std::system_error(errno, std::generic_category(), "opening " + cacheRoot_);
-  const int synced = ::syncfs(folder);
-  const int error = errno;
-  ::close(folder);
-  if (synced != 0) throw std::system_error(error, std::generic_category(), "syncing " + cacheRoot_);
+  auto* durable = dynamic_cast<fsp::extensions::IDurableChanges*>(root_.getProvider().get());
+  if (durable == nullptr) throw std::runtime_error("the overlay provider keeps no journal");
+  durable->syncChanges();
 }
 
 std::uint64_t StoreStack::recoverPendingChanges() const {

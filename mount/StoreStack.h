@@ -39,8 +39,8 @@ class StoreStack {
   // nothing to wait for in a pass-through).
   void flush() const;
   // What fsync promises: with the journal (and no --fsync=store), that every change accepted
-  // so far is durable on the local disk: the journal and the bodies it refers to, all in the
-  // cache root, whose file system is synced (syncfs) at once. Otherwise flush().
+  // so far is durable on the local disk: the journal and the bodies it refers to (the
+  // overlay's syncChanges). Otherwise flush().
   void sync() const;
   // Asks the overlay for its first answer, which waits until what an earlier run left in the
   // journal has been re-applied, and returns how many changes that was (0 without a journal).
@@ -64,7 +64,6 @@ class StoreStack {
   foundation::storage::provider::StorageItem root_;
   bool overlay_ = false;
   bool journalSync_ = false;
-  std::string cacheRoot_;
   bool shutDown_ = false;
 };
 

@@ -9,6 +9,9 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/filesystem.hpp>
 #include <boost/filesystem/fstream.hpp>
+#include <boost/iostreams/device/file_descriptor.hpp>
+
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -171,6 +174,25 @@ TEST_F(ChangeJournalTest, ReadsTheRecoveringGenerationAgainUntilRecoveryFinishes
   EXPECT_FALSE(fs::exists(root / "journal.recovering"));
   journal.reset();
   expectSame(open(root)->recovered(), changes);  // now from the re-appended records
+}
+
+// A sync flushes the bodies noted since the last one, once; one that cannot be flushed (a
+// pipe: fdatasync refuses it) fails the sync and stays noted for the next, with the bodies
+// after it.
+TEST_F(ChangeJournalTest, SyncsTheNotedBodiesOnceAndKeepsAFailedOneForTheNext) {
+  using boost::iostreams::file_descriptor;
+  DurableBodies bodies;
+  fs::create_directories(root);
+  const auto body = std::make_shared<file_descriptor>((root / "body").string(), std::ios_base::out);
+  bodies.note(body);
+  EXPECT_TRUE(bodies.sync());
+  EXPECT_FALSE(bodies.sync());
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ::close(ends[1]);
+  bodies.note(std::make_shared<file_descriptor>(ends[0], boost::iostreams::close_handle));
+  EXPECT_THROW(bodies.sync(), std::system_error);
+  EXPECT_THROW(bodies.sync(), std::system_error);
 }
 
 }  // namespace

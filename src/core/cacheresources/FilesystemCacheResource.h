@@ -85,6 +85,9 @@ class FilesystemCacheResource : public CacheResource {
   // usable through the descriptor if its name goes meanwhile. A failure is left for that use
   // to report.
   void openDescriptor() noexcept;
+  // The open descriptor (null while none is), shared: a holder keeps the body open, as the
+  // journal does until it has synced what was written through it.
+  std::shared_ptr<boost::iostreams::file_descriptor> descriptor() const { return descriptor_; }
   // fsync (if open), then stamps access and modification times with `lastModified` (whole
   // seconds). Failures are ignored.
   void sync(boost::posix_time::ptime lastModified) override;

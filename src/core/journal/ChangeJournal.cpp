@@ -490,14 +490,20 @@ void ChangeJournal::sync() {
     MutexLock lock(mutex_);
     flushConfirmationsLocked();
     target = written_;
-    if (synced_ >= target || !file_) return;  // no file: an open that failed
-    file = file_;
+    if (!file_) return;  // an open that failed
+    if (synced_ < target) file = file_;
   }
-  // With the mutex released, so appends go on meanwhile. Should a compaction replace the file
-  // meanwhile, it has synced its new file itself; syncing the old one is harmless.
-  // The whole file system, not the journal alone: the records refer to bytes in the cached
-  // bodies beside it, which must be on disk as soon as the records are.
-  if (::syncfs(file->fd) != 0) throwIo(options_.folder / "journal", "syncfs failed");
+  // With the mutex released, so appends go on meanwhile. The bodies before the records, so
+  // that a record never reaches the disk before the bytes it refers to; a body noted after the
+  // target was taken belongs to a record not yet covered, or to one already synced (whose
+  // write had not reached the body then), and is synced now or at the next sync.
+  const bool bodiesWritten = bodies_.sync();
+  if (!file && !bodiesWritten) return;
+  if (const auto folder = options_.folder / "V1.0"; fs::exists(folder)) syncFolder(folder);
+  if (!file) return;
+  // Should a compaction replace the file meanwhile, it has synced its new file itself;
+  // syncing the old one is harmless.
+  if (::fdatasync(file->fd) != 0) throwIo(options_.folder / "journal", "fdatasync failed");
   MutexLock lock(mutex_);
   synced_ = std::max(synced_, target);
 }

@@ -53,11 +53,13 @@
 // Durability: append() writes its record with one write(2) (O_APPEND) under the mutex, so it
 // has reached the operating system when append returns; a write that fails is cut off again so
 // that no torn record sits before later ones. sync() and the sync thread (at least every
-// syncInterval while something is unsynced) sync the cache root's file system (syncfs: the
-// records refer to bytes in the bodies, which must be as durable as they) outside the mutex:
-// they note how many
-// writes they cover, sync holding only syncMutex_ (never the mutex appends take) and then raise
-// the "synced up to" count, so appends do not wait for the disk. Compaction is the exception: it
+// syncInterval while something is unsynced) put on disk the bodies written since the last sync
+// (noteBodyWritten; the records refer to bytes in them), the bodies' folder, then the journal
+// (fdatasync), in that order, so a record never reaches the disk before the bytes it names.
+// They run outside the mutex: they note how many writes they cover, sync holding only
+// syncMutex_ (never the mutex appends take) and then raise the "synced up to" count, so
+// appends do not wait for the disk. A body noted after its record was synced is synced by the
+// next sync even when no record is new. Compaction is the exception: it
 // fdatasyncs its new file with the mutex held (appends wait for it then; it is rare, once per
 // growth past the bound).
 //
@@ -70,6 +72,7 @@
 #pragma once
 
 #include "core/execution/ReplayChange.h"
+#include "core/journal/DurableBodies.h"
 #include "core/support/Mutex.h"
 
 #include <boost/filesystem/path.hpp>
@@ -126,8 +129,11 @@ class ChangeJournal {
   // Never throws: a confirmation that cannot be written is logged and kept in the batch (lost,
   // it would only replay a change the store already has).
   void confirm(std::uint64_t sequence);
-  // Everything appended or confirmed before the call is on disk, with the bodies it refers to
-  // (syncfs of the cache root's file system), when this returns.
+  // The body behind `body` was written (or truncated) for a change recorded here: the next
+  // sync puts it on disk.
+  void noteBodyWritten(DurableBodies::Descriptor body) { bodies_.note(std::move(body)); }
+  // Everything appended or confirmed before the call is on disk, with the bodies noted before
+  // it, when this returns.
   void sync();
   std::size_t pendingCount() const;
   // The journal file's size now (fstat), for tests and statistics.
@@ -149,6 +155,7 @@ class ChangeJournal {
   std::unique_ptr<File> lockFile_;  // holds the flock until the journal is gone
   std::vector<ReplayChange> recovered_;
   bool recovering_ = false;  // touched by open and finishRecovery only
+  DurableBodies bodies_;     // of the content cache's "V1.0" beside the journal
 
   Mutex syncMutex_;
   mutable Mutex mutex_;

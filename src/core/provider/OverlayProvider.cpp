@@ -250,6 +250,12 @@ void OverlayProvider::doFlushFilesystem() {
   flushBody();
 }
 
+void OverlayProvider::doSyncChanges() {
+  ensureReady();
+  if (const auto journal = this->journal()) return journal->sync();
+  flushBody();
+}
+
 std::string OverlayProvider::doQueueStatistics() {
   const auto executor = executor_->load();
   auto metrics = executor ? executor->captureQueueMetrics() : std::string("{}");

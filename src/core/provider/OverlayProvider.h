@@ -49,6 +49,7 @@
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/storage/provider/IConfigurableProvider.h>
 #include <foundation/storage/provider/StorageItem.h>
+#include <foundation/storage/provider/extensions/IDurableChanges.h>
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.h>
 #include <foundation/storage/provider/extensions/IInvalidatable.h>
 #include <foundation/storage/provider/extensions/IQueueStatistics.h>
@@ -70,6 +71,7 @@ class JournalReceipt;
 
 class OverlayProvider : public fsp::IConfigurableProvider,
                         public fsp::extensions::IFlushableFilesystem,
+                        public fsp::extensions::IDurableChanges,
                         public fsp::extensions::IInvalidatable,
                         public fsp::extensions::IQueueStatistics {
  public:
@@ -153,6 +155,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   fsp::ProviderStorageInfo doGetProviderStorageInfo(const fsp::StorageIRI&) const override;
   void doConfigure(boost::property_tree::ptree config) override;
   void doFlushFilesystem() override;
+  // The journal's sync (the changes' records and the bodies they refer to); without a journal,
+  // the flush.
+  void doSyncChanges() override;
   void doInvalidate(const fsp::StorageIRI&) override;
   // The executor's snapshot; "{}" before initialisation.
   std::string doQueueStatistics() override;

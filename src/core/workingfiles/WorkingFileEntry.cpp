@@ -349,8 +349,15 @@ void WorkingFileEntry::truncateBodyLocked(std::int64_t size) {
       holdUnsentBytesLocked();
       resource_->doRemove();
       bodyLost_ = true;
+      return;
     }
+    noteBodyWrittenLocked();
   }
+}
+
+// The journal's record of the change refers to the body's bytes: its next sync flushes them.
+void WorkingFileEntry::noteBodyWrittenLocked() {
+  if (settings_.journal && body_) settings_.journal->noteBodyWritten(body_->descriptor());
 }
 
 void WorkingFileEntry::resizeLocked(std::int64_t size,
@@ -449,6 +456,7 @@ void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::i
     // A body that just failed keeps what it had; the unsent bytes are taken out of it now.
     if (resource_->hasFailed()) holdUnsentBytesLocked();
     inBody = !resource_->hasFailed() && !settings_.contentCacheDisabled;
+    if (inBody) noteBodyWrittenLocked();
   }
   recordLocked(offset, data, count, inBody, handOver);
   accountSizeChangeLocked(size_, std::max(size_, offset + count));

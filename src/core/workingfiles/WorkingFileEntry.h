@@ -213,6 +213,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Truncates the cached body to `size`. Throws (CacheSpaceExhausted, "file too large") and
   // changes nothing when the body's file system cannot hold that size; drops the body on any
   // other failure.
+  void noteBodyWrittenLocked();
   void truncateBodyLocked(std::int64_t size);
   // After truncateBodyLocked: sets the size and the record to `size`, hands the pending block
   // over and clips the blocks a shrink cuts; the caller queues the store's truncation right
