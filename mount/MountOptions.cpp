@@ -86,6 +86,8 @@ po::options_description describeOptions() {
       "stats-interval", po::value<unsigned>()->default_value(0),
       "print queue statistics every N seconds (0: only on SIGUSR1)")(
       "max-threads", po::value<unsigned>()->default_value(10), "most FUSE worker threads")(
+      "read-ahead-kb", po::value<unsigned>()->default_value(1024),
+      "the kernel's read-ahead for the mount, KiB (needs root; 0: the kernel's default)")(
       "no-journal",
       "keep queued changes only in memory (a crash loses what has not reached the store) "
       "and the content cache in a fresh temporary folder")(
@@ -226,6 +228,8 @@ MountOptions optionsFrom(const po::variables_map& vm) {
   options.statsInterval = vm["stats-interval"].as<unsigned>();
   options.maxThreads = vm["max-threads"].as<unsigned>();
   if (options.maxThreads == 0) throw UsageError("--max-threads must be at least 1");
+  options.readAheadKiB = vm["read-ahead-kb"].as<unsigned>();
+  if (options.readAheadKiB > 65536) throw UsageError("--read-ahead-kb must be in 0..65536");
   options.bundlePath = vm["bundle"].as<std::string>();
   if (vm.count("identity")) options.sftp.identityFile = vm["identity"].as<std::string>();
   if (vm.count("known-hosts")) options.sftp.knownHostsFile = vm["known-hosts"].as<std::string>();

@@ -45,6 +45,8 @@ struct MountOptions {
   unsigned statsInterval = 0;
   std::string bundlePath;
   unsigned maxThreads = 10;
+  // The kernel's read-ahead for the mount, KiB (KernelReadAhead); 0 leaves the kernel's.
+  unsigned readAheadKiB = 1024;
   // The overlay keeps a journal of queued changes in a persistent cache root (not for mem:,
   // which dies with the process, nor in a pass-through; off with --no-journal).
   bool journal = false;

@@ -2,6 +2,7 @@
 
 #include "FuseArguments.h"
 #include "FuseFilesystem.h"
+#include "KernelReadAhead.h"
 #include "MountLog.h"
 #include "QueueReporter.h"
 #include "StoreStack.h"
@@ -15,6 +16,7 @@
 #include <iomanip>
 #include <iostream>
 #include <memory>
+#include <thread>
 
 namespace storage::mount {
 
@@ -175,9 +177,11 @@ int MountSession::run() {
       options_.overlayConfig.get<double>("overlay.minQueueItemWeight", 0.0);
   QueueReporter reporter(*stores, options_.statsInterval, out_, minItemWeight, terminal);
   reporter.start();
+  std::thread readAhead(setKernelReadAheadOnceServing, options_.mountpoint, options_.readAheadKiB);
   const int loopStatus = serve(handle.get(), options_.maxThreads);
   fuse_remove_signal_handlers(fuse_get_session(handle.get()));
   fuse_unmount(handle.get());
+  readAhead.join();  // its wait for the mount ends with the mount
   filesystem.detach();
   const bool flushed = flushAndReport(*stores, out_, reporter);
   handle.reset();

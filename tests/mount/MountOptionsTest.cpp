@@ -1,5 +1,6 @@
 // The command line of cachemount: what reaches the overlay's configuration and FUSE, and the
 // clear refusal of what cannot be used.
+#include "KernelReadAhead.h"
 #include "MountOptions.h"
 
 #include <gtest/gtest.h>
@@ -102,6 +103,7 @@ TEST(MountOptions, UnusableCommandLinesAreRefusedWithTheReason) {
       {{"sftp://h:99999/x", kTmp}, "bad port"},
       {{"--sftp-sessions", "0", "sftp://h/x", kTmp}, "--sftp-sessions must be in"},
       {{"--poll-interval", "0", "sftp://h/x", kTmp}, "--poll-interval must be in"},
+      {{"--read-ahead-kb", "65537", "mem:", kTmp}, "--read-ahead-kb must be in"},
   };
   for (const auto& [args, reason] : cases) {
     try {
@@ -111,6 +113,19 @@ TEST(MountOptions, UnusableCommandLinesAreRefusedWithTheReason) {
       EXPECT_NE(std::string(e.what()).find(reason), std::string::npos) << e.what();
     }
   }
+}
+
+// The mount's device, found by its mount point in /proc/self/mountinfo.
+TEST(KernelReadAhead, TheMountsDeviceComesFromItsMountinfoLine) {
+  const std::string mountinfo =
+      "22 1 254:0 / / rw - ext4 /dev/vda rw\n"
+      "40 22 0:39 / /tmp/a\\040b rw - fuse.cachemount cachemount rw\n"
+      "41 22 0:40 / /mnt rw - fuse.cachemount cachemount rw\n"
+      "42 41 0:41 / /mnt rw - fuse.cachemount cachemount rw\n";
+  const std::vector<std::pair<std::string, std::optional<std::string>>> cases = {
+      {"/", "254:0"}, {"/tmp/a b", "0:39"}, {"/mnt", "0:41"}, {"/tmp/a", std::nullopt}};
+  for (const auto& [mountpoint, device] : cases)
+    EXPECT_EQ(mountedDevice(mountinfo, mountpoint), device) << mountpoint;
 }
 
 }  // namespace
