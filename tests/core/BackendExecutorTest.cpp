@@ -3,6 +3,7 @@
 // the queue's statistics (driven directly, with the test thread as the worker).
 #include "CoreTestSupport.h"
 #include "core/execution/BackendExecutor.h"
+#include "core/execution/CurrentReplay.h"
 #include "core/execution/WeightedTransactionQueue.h"
 
 #include <foundation/log/LogCapture.h>
@@ -52,11 +53,13 @@ struct BackendExecutorTest : ::testing::Test {
   Stall stall;
   std::mutex orderMutex;
   std::vector<int> order;
+  std::vector<std::uint64_t> serials;  // what each recording task saw as its queued change
 
   std::function<void()> record(int id) {
     return [this, id] {
       std::lock_guard lock(orderMutex);
       order.push_back(id);
+      serials.push_back(CurrentReplay::serial());
     };
   }
   std::vector<int> ran() {
@@ -98,6 +101,10 @@ TEST_F(BackendExecutorTest, KeepsEachSubmittersOrder) {
     EXPECT_GT(id % kTasks, last[id / kTasks]) << "submitter " << id / kTasks << " reordered";
     last[id / kTasks] = id % kTasks;
   }
+  // One worker runs the queue in its order, and each task sees its own place in it.
+  for (std::size_t i = 1; i < serials.size(); ++i) ASSERT_GT(serials[i], serials[i - 1]) << i;
+  EXPECT_GT(serials.front(), 0u);
+  EXPECT_EQ(CurrentReplay::serial(), 0u) << "the submitting thread replays nothing";
 }
 
 TEST_F(BackendExecutorTest, ActivityCallbackOnlyWhenIdle) {

@@ -7,6 +7,8 @@
 // The store's own log of the changes it applied, replayed on a model of its tree, must show
 // every change after those it depends on (OrderModel): with several replay workers that is
 // what keeps a child from reaching the store before its folder, or a write before its file.
+// Each logged call also carries the queued change that sent it (QueueOrder): two changes of one
+// path, or of a folder and something inside it, must reach the store in queue order.
 //
 // The overlay runs over `mem` with latency and over `file`, always with a content cache so
 // small that bodies are evicted all the time. Two plans make the event latch act on the
@@ -26,6 +28,7 @@
 //   OVERLAY_SOAK_THREADS=<n>      threads driving operations (default 4)
 #include "OverlayTestSupport.h"
 #include "core/contentcache/LocalFSCacheSpaceArbitrator.h"
+#include "core/execution/CurrentReplay.h"
 #include "core/provider/OverlayProviderFactory.h"
 
 #include <foundation/storage/provider/ByteStreamFailure.h>
@@ -523,30 +526,34 @@ struct Plan {
 };
 void PrintTo(const Plan& plan, std::ostream* out) { *out << plan.name; }
 
+using Call = fsp::instrumented::CallLog::Call;
+
+std::u16string parentOf(const std::u16string& path) {
+  const auto slash = path.rfind(u'/');
+  return slash == 0 || slash == std::u16string::npos ? u"/" : path.substr(0, slash);
+}
+
+std::string describe(std::size_t index, const std::vector<Call>& calls) {
+  const auto& call = calls[index];
+  return "store call " + std::to_string(index) + " of " + std::to_string(calls.size()) + ", " +
+         call.operation + " " + narrow(call.path) +
+         (call.destination.empty() ? "" : " -> " + narrow(call.destination));
+}
+
 // Replays the store's log of the changes it applied (in the order they completed) on a model
 // of its tree, which starts empty: a change inside a folder the store does not hold yet, or of
 // a file or folder it no longer (or never) held, shows two changes sent in the wrong order.
 // Returns the first such change, or nothing.
 class OrderModel {
  public:
-  std::string check(const std::vector<fsp::instrumented::CallLog::Call>& calls) {
+  std::string check(const std::vector<Call>& calls) {
     for (std::size_t i = 0; i < calls.size(); ++i) {
-      const auto& call = calls[i];
-      if (!apply(call)) {
-        return "store call " + std::to_string(i) + " of " + std::to_string(calls.size()) + ", " +
-               call.operation + " " + narrow(call.path) +
-               (call.destination.empty() ? "" : " -> " + narrow(call.destination)) +
-               ", came before what it depends on";
-      }
+      if (!apply(calls[i])) return describe(i, calls) + ", came before what it depends on";
     }
     return {};
   }
 
  private:
-  static std::u16string parentOf(const std::u16string& path) {
-    const auto slash = path.rfind(u'/');
-    return slash == 0 || slash == std::u16string::npos ? u"/" : path.substr(0, slash);
-  }
   bool hasFolder(const std::u16string& path) const { return path == u"/" || folders_.count(path); }
   bool holds(const std::u16string& path) const { return files_.count(path) || hasFolder(path); }
   // Moves (or drops, with an empty `to`) `from` and everything below it.
@@ -564,7 +571,7 @@ class OrderModel {
       set->insert(moved.begin(), moved.end());
     }
   }
-  bool apply(const fsp::instrumented::CallLog::Call& call) {
+  bool apply(const Call& call) {
     const auto& op = call.operation;
     const auto& path = call.path;
     if (op == "createFolderRecursive") {
@@ -596,9 +603,53 @@ class OrderModel {
   std::set<std::u16string> folders_, files_;
 };
 
+// Checks the log's tags, the queued change (CurrentReplay::serial) that sent each call: two
+// calls whose locations are one, or one inside the other (both ends of a move or copy count),
+// must come in queue order. The calls of one change share its tag; a change the absorber merged
+// or moved to its destination keeps its place in the queue; a failed attempt is not logged; the
+// calls made outside the replay carry 0 and are skipped. Returns the first call that overtook
+// an earlier one, or nothing.
+class QueueOrder {
+ public:
+  std::string check(const std::vector<Call>& calls) {
+    std::size_t tagged = 0;
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      const auto& call = calls[i];
+      if (!call.tag) continue;
+      ++tagged;
+      for (const auto* path : {&call.path, &call.destination}) {
+        if (path->empty()) continue;
+        auto latest = within_[*path];  // the latest call at or below the path, or above it
+        for (auto up = *path; up != u"/";) {
+          up = parentOf(up);
+          latest = std::max(latest, at_[up]);
+        }
+        if (latest.first > call.tag) {
+          return describe(i, calls) + ", of queued change #" + std::to_string(call.tag) +
+                 ", reached the store after " + describe(latest.second, calls) +
+                 ", of the later queued change #" + std::to_string(latest.first);
+        }
+      }
+      for (const auto* path : {&call.path, &call.destination}) {
+        if (path->empty()) continue;
+        at_[*path] = std::max(at_[*path], Latest{call.tag, i});
+        for (auto up = *path;; up = parentOf(up)) {
+          within_[up] = std::max(within_[up], Latest{call.tag, i});
+          if (up == u"/") break;
+        }
+      }
+    }
+    return tagged || calls.empty() ? "" : "no store call names the queued change that sent it";
+  }
+
+ private:
+  using Latest = std::pair<std::uint64_t, std::size_t>;  // the tag, and the call with it
+  std::map<std::u16string, Latest> at_, within_;
+};
+
 struct Run {
   std::vector<ThreadResult> threads = std::vector<ThreadResult>(kThreads);
-  std::string storeDiffers, overlayDiffers, outOfOrder;
+  std::string storeDiffers, overlayDiffers, outOfOrder, overtaken;
   unsigned faultsUsed = 0;
   std::uint64_t storeCalls = 0;
   std::size_t entries = 0;
@@ -606,6 +657,7 @@ struct Run {
 
   bool failed() const {
     return !storeDiffers.empty() || !overlayDiffers.empty() || !outOfOrder.empty() ||
+           !overtaken.empty() ||
            std::any_of(threads.begin(), threads.end(),
                        [](const ThreadResult& t) { return !t.problem.empty(); });
   }
@@ -629,6 +681,8 @@ Run soak(const Plan& plan, std::uint64_t seed, int perThread, bool tracing) {
       storage::overlayprovider::OverlayProviderFactory().getRootLocation(store.innerRoot())};
   const Side reference{std::make_shared<fsp::mem::MemProvider>(),
                        fsp::mem::MemProvider::rootLocation()};
+  store.instrumented().instrumentation().log.setTagger(
+      [] { return storage::overlayprovider::CurrentReplay::serial(); });
   store.instrumented().instrumentation().log.enable(true);
   const auto start = std::chrono::steady_clock::now();
   {
@@ -651,7 +705,9 @@ Run soak(const Plan& plan, std::uint64_t seed, int perThread, bool tracing) {
   run.storeDiffers = differencesFrom(store.side(), expected);
   run.overlayDiffers = differencesFrom(overlay, expected);
   run.storeCalls = store.instrumented().totalCalls();
-  run.outOfOrder = OrderModel().check(store.instrumented().instrumentation().log.calls());
+  const auto calls = store.instrumented().instrumentation().log.calls();
+  run.outOfOrder = OrderModel().check(calls);
+  run.overtaken = QueueOrder().check(calls);
   overlay.provider->shutdown();
   return run;
 }
@@ -692,6 +748,7 @@ TEST_P(OverlaySoak, EveryAnswerAndTheStoreMatchTheReference) {
   EXPECT_TRUE(run.storeDiffers.empty()) << "the store differs: " << run.storeDiffers;
   EXPECT_TRUE(run.overlayDiffers.empty()) << "the overlay differs: " << run.overlayDiffers;
   EXPECT_TRUE(run.outOfOrder.empty()) << run.outOfOrder;
+  EXPECT_TRUE(run.overtaken.empty()) << run.overtaken;
   EXPECT_EQ(run.faultsUsed > 0, !GetParam().operations.empty()) << run.faultsUsed << " faults";
   EXPECT_GT(run.entries, static_cast<std::size_t>(kThreads)) << "the run changed nothing";
   if (run.failed() && !tracing) {

@@ -1,5 +1,6 @@
 #include "core/execution/BackendExecutor.h"
 
+#include "core/execution/CurrentReplay.h"
 #include "core/support/OverlayLog.h"
 
 #include <algorithm>
@@ -85,7 +86,11 @@ void BackendExecutor::runWorker() {
 bool BackendExecutor::runOne() {
   auto entry = queue_.take();
   if (!entry) return false;
-  if (!entry->internal) perform(*entry);
+  if (!entry->internal) {
+    // So that what the task calls (store wrappers, log lines) can tell which change it serves.
+    CurrentReplay replaying(entry->serial);
+    perform(*entry);
+  }
   // What the task holds goes before the entry counts as finished: a flush that returns once
   // it has must find the file's pending count already down.
   try {

@@ -1,5 +1,6 @@
 #include "core/execution/RunWithRetry.h"
 
+#include "core/execution/CurrentReplay.h"
 #include "core/support/OverlayLog.h"
 
 #include <foundation/storage/provider/Exception.h>
@@ -25,8 +26,11 @@ void logCaughtException() noexcept {
 
 void logUnexpectedException(const std::string& operationName, int retriesSoFar) noexcept {
   try {
+    // The queued change's serial ties the failure to the queue's other records of it.
+    const auto serial = CurrentReplay::serial();
     OVERLAY_LOG(foundation::log::error)
-        << "Unexpected exception in " << operationName << " (attempt " << retriesSoFar << ")";
+        << "Unexpected exception in " << operationName << " (attempt " << retriesSoFar << ")"
+        << (serial ? ", queued change #" + std::to_string(serial) : std::string());
   } catch (...) {
   }
   logCaughtException();
