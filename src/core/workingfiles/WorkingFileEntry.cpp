@@ -223,6 +223,15 @@ std::int64_t WorkingFileEntry::fetch(std::int64_t offset, char* buffer, std::int
   bool cacheable = false;
   {
     std::lock_guard lock(mutex_);
+    // Another reader's fetch, which this one waited for, may have brought the bytes: the
+    // kernel reads ahead on several threads at once, and asking the store again would fetch
+    // them twice and, on a stream that reads ahead, throw away what it has in flight.
+    if (offset < size_ && !bodyMayLackPendingWritesLocked()) {
+      if (const auto n = readCachedLocked(offset, buffer, std::min(count, size_ - offset)); n > 0) {
+        nextSequential_ = offset + n;
+        return n;
+      }
+    }
     window = fetchWindowLocked(offset, count);
     generation = generation_;
     cacheable = !resource_->hasFailed();
