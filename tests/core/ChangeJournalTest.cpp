@@ -178,21 +178,27 @@ TEST_F(ChangeJournalTest, ReadsTheRecoveringGenerationAgainUntilRecoveryFinishes
 
 // A sync flushes the bodies noted since the last one, once; one that cannot be flushed (a
 // pipe: fdatasync refuses it) fails the sync and stays noted for the next, with the bodies
-// after it.
-TEST_F(ChangeJournalTest, SyncsTheNotedBodiesOnceAndKeepsAFailedOneForTheNext) {
+// after it, until so many are noted that the whole file system is synced instead.
+TEST_F(ChangeJournalTest, SyncsTheNotedBodiesOnceKeepsAFailedOneAndSyncsTheFileSystemPastTheBound) {
   using boost::iostreams::file_descriptor;
   DurableBodies bodies;
   fs::create_directories(root);
   const auto body = std::make_shared<file_descriptor>((root / "body").string(), std::ios_base::out);
+  const int onFileSystem = body->handle();
   bodies.note(body);
-  EXPECT_TRUE(bodies.sync());
-  EXPECT_FALSE(bodies.sync());
+  EXPECT_TRUE(bodies.sync(onFileSystem));
+  EXPECT_FALSE(bodies.sync(onFileSystem));
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
   ::close(ends[1]);
   bodies.note(std::make_shared<file_descriptor>(ends[0], boost::iostreams::close_handle));
-  EXPECT_THROW(bodies.sync(), std::system_error);
-  EXPECT_THROW(bodies.sync(), std::system_error);
+  EXPECT_THROW(bodies.sync(onFileSystem), std::system_error);
+  EXPECT_THROW(bodies.sync(onFileSystem), std::system_error);
+  // Past the bound the file system is synced as a whole and the descriptors go, the pipe too.
+  for (std::size_t i = 0; i < DurableBodies::kMostBodies; ++i)
+    bodies.note(std::make_shared<file_descriptor>((root / "body").string(), std::ios_base::out));
+  EXPECT_TRUE(bodies.sync(onFileSystem));
+  EXPECT_FALSE(bodies.sync(onFileSystem));
 }
 
 }  // namespace

@@ -150,6 +150,12 @@ void SftpPoller::pollOnce() {
   std::vector<Event> found;
   std::vector<std::pair<StorageIRI, StorageIRI>> moves;  // (from, to) paired in this round
   for (const auto& folder : folders) {
+    {
+      // A round lists up to 64 folders, several round trips each: seconds on a distant
+      // server, which a stop (an unmount) must not wait for.
+      std::lock_guard lock(mutex_);
+      if (stopping_) return;
+    }
     std::optional<std::vector<RemoteEntry>> entries;
     try {
       entries = impl_->readFolder(folder);

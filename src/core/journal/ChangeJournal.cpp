@@ -484,26 +484,28 @@ void ChangeJournal::confirm(std::uint64_t sequence) {
 
 void ChangeJournal::sync() {
   MutexLock serial(syncMutex_);
-  std::shared_ptr<File> file;
+  std::shared_ptr<File> current;
   std::uint64_t target = 0;
+  bool recordsUnsynced = false;
   {
     MutexLock lock(mutex_);
     flushConfirmationsLocked();
     target = written_;
     if (!file_) return;  // an open that failed
-    if (synced_ < target) file = file_;
+    current = file_;
+    recordsUnsynced = synced_ < target;
   }
   // With the mutex released, so appends go on meanwhile. The bodies before the records, so
   // that a record never reaches the disk before the bytes it refers to; a body noted after the
   // target was taken belongs to a record not yet covered, or to one already synced (whose
   // write had not reached the body then), and is synced now or at the next sync.
-  const bool bodiesWritten = bodies_.sync();
-  if (!file && !bodiesWritten) return;
+  const bool bodiesWritten = bodies_.sync(current->fd);
+  if (!recordsUnsynced && !bodiesWritten) return;
   if (const auto folder = options_.folder / "V1.0"; fs::exists(folder)) syncFolder(folder);
-  if (!file) return;
+  if (!recordsUnsynced) return;
   // Should a compaction replace the file meanwhile, it has synced its new file itself;
   // syncing the old one is harmless.
-  if (::fdatasync(file->fd) != 0) throwIo(options_.folder / "journal", "fdatasync failed");
+  if (::fdatasync(current->fd) != 0) throwIo(options_.folder / "journal", "fdatasync failed");
   MutexLock lock(mutex_);
   synced_ = std::max(synced_, target);
 }
