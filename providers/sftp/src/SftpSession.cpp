@@ -15,6 +15,17 @@ namespace {
 constexpr std::uint32_t kMaxReplyBytes = 1u << 20;  // OpenSSH sends at most 256 KiB
 constexpr std::chrono::milliseconds kFirstBackoff{100};
 constexpr std::chrono::milliseconds kMaxBackoff{5000};
+constexpr const char* kAesFirstCiphers =
+    "aes128-gcm@openssh.com,aes256-gcm@openssh.com,chacha20-poly1305@openssh.com,aes128-ctr,"
+    "aes192-ctr,aes256-ctr";
+
+bool cpuHasAes() {
+#if defined(__x86_64__) || defined(__i386__)
+  return __builtin_cpu_supports("aes");
+#else
+  return false;
+#endif
+}
 
 }  // namespace
 
@@ -97,6 +108,14 @@ void SftpSession::connect() {
   int noDelay = 1;
   ssh_options_set(s, SSH_OPTIONS_NODELAY, &noDelay);
   if (!settings_.user.empty()) ssh_options_set(s, SSH_OPTIONS_USER, settings_.user.c_str());
+  // AES-GCM first where the processor has AES instructions: it costs both ends a fraction of
+  // what ChaCha20-Poly1305 (the usual first choice, safer without them) does, and a bulk
+  // transfer is bound by that on a small machine (the server's sshd used a third of two cores
+  // for a 256 MiB read). The client's order picks among what the server offers.
+  if (cpuHasAes()) {
+    ssh_options_set(s, SSH_OPTIONS_CIPHERS_C_S, kAesFirstCiphers);
+    ssh_options_set(s, SSH_OPTIONS_CIPHERS_S_C, kAesFirstCiphers);
+  }
   long seconds = settings_.connectTimeoutMs / 1000;
   long micros = (settings_.connectTimeoutMs % 1000) * 1000;
   ssh_options_set(s, SSH_OPTIONS_TIMEOUT, &seconds);
@@ -187,7 +206,7 @@ void SftpSession::connect() {
   firstIdOfConnection_ = nextId_;
   FOUNDATION_LOG(sftpLogger(), log::notice)
       << "Connected to " << settings_.host << ":" << settings_.port << " (SFTP, "
-      << extensions_.size() << " extensions)";
+      << extensions_.size() << " extensions, cipher " << ssh_get_cipher_in(ssh_->session) << ")";
 }
 
 void SftpSession::disconnect(const std::string& why) {
