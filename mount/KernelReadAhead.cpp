@@ -47,7 +47,6 @@ std::optional<std::string> mountedDevice(const std::string& mountinfo,
 }
 
 std::string setKernelReadAhead(const std::string& mountpoint, unsigned kibibytes) {
-  if (kibibytes == 0) return "kernel read-ahead left as the kernel set it";
   std::ifstream mountinfo("/proc/self/mountinfo");
   std::stringstream text;
   text << mountinfo.rdbuf();

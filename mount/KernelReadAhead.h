@@ -29,11 +29,11 @@ namespace storage::mount {
 std::optional<std::string> mountedDevice(const std::string& mountinfo,
                                          const std::string& mountpoint);
 
-// Sets the read-ahead of the mount at `mountpoint` to `kibibytes` (0: leaves the kernel's).
-// Returns what happened, for the mount's log.
+// Sets the read-ahead of the mount at `mountpoint` to `kibibytes`. Returns what happened, for
+// the mount's log.
 std::string setKernelReadAhead(const std::string& mountpoint, unsigned kibibytes);
 // Waits until the mount answers (a stat of its root; it fails once the mount is gone), then
-// sets its read-ahead and logs what happened.
+// sets its read-ahead and logs what happened; with 0 KiB does nothing (the kernel's stays).
 void setKernelReadAheadOnceServing(std::string mountpoint, unsigned kibibytes) noexcept;
 
 }  // namespace storage::mount

@@ -141,10 +141,7 @@ std::int64_t WorkingFileEntry::readAt(std::int64_t offset, char* buffer, std::in
       if (offset >= size_) return -1;
       count = std::min(count, size_ - offset);
       if (count <= 0) return 0;
-      if (const auto n = readCachedLocked(offset, buffer, count); n > 0) {
-        nextSequential_ = offset + n;
-        return n;
-      }
+      if (const auto n = serveCachedLocked(offset, buffer, count); n > 0) return n;
       if (!bodyMayLackPendingWritesLocked()) {
         // A change of this file that the store has not received yet (its creation, a move
         // onto it, a truncation) leaves older bytes or none there: the store catches up first.
@@ -166,6 +163,13 @@ void WorkingFileEntry::waitForEarlierChanges() {
   if (const auto executor = settings_.executor ? settings_.executor->load() : nullptr) {
     executor->waitForPendingToFinish();
   }
+}
+
+std::int64_t WorkingFileEntry::serveCachedLocked(std::int64_t offset, char* buffer,
+                                                 std::int64_t count) {
+  const auto n = readCachedLocked(offset, buffer, count);
+  if (n > 0) nextSequential_ = offset + n;
+  return n;
 }
 
 std::int64_t WorkingFileEntry::readCachedLocked(std::int64_t offset, char* buffer,
@@ -226,11 +230,9 @@ std::int64_t WorkingFileEntry::fetch(std::int64_t offset, char* buffer, std::int
     // Another reader's fetch, which this one waited for, may have brought the bytes: the
     // kernel reads ahead on several threads at once, and asking the store again would fetch
     // them twice and, on a stream that reads ahead, throw away what it has in flight.
-    if (offset < size_ && !bodyMayLackPendingWritesLocked()) {
-      if (const auto n = readCachedLocked(offset, buffer, std::min(count, size_ - offset)); n > 0) {
-        nextSequential_ = offset + n;
+    if (offset < size_) {
+      if (const auto n = serveCachedLocked(offset, buffer, std::min(count, size_ - offset)); n > 0)
         return n;
-      }
     }
     window = fetchWindowLocked(offset, count);
     generation = generation_;

@@ -197,6 +197,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void touch();
   std::uint64_t registerStream(bool writable);
   void openBodyLocked();
+  // readCachedLocked, and a sequential reader's next position when it served anything.
+  std::int64_t serveCachedLocked(std::int64_t offset, char* buffer, std::int64_t count);
   std::int64_t readCachedLocked(std::int64_t offset, char* buffer, std::int64_t count);
   bool bodyMayLackPendingWritesLocked() const;
   bool waitForPendingWrites();
