@@ -7,7 +7,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config
+  build-essential cmake ninja-build pkg-config ccache
   libgtest-dev libgmock-dev libbenchmark-dev
   libboost-dev libboost-log-dev libboost-date-time-dev libboost-iostreams-dev
   libboost-filesystem-dev libboost-thread-dev
