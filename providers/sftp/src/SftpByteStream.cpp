@@ -63,7 +63,7 @@ void SftpByteStream::resume() {
   if (append_) throw ConnectionLost("the connection was lost under a stream appending to the file");
   // Replies to what was asked on the old connection never come.
   reads_.clear();
-  buffer_.clear();
+  buffer_ = {};
   handle_ = session_->expectHandle(
       session_->send(fxp::kOpen, [&](OutPacket& p) { p.str(path_).u32(reopenFlags_).attrs({}); }));
   generation_ = session_->generation();
@@ -87,7 +87,7 @@ void SftpByteStream::dropReadAhead() {
     reads_.pop_front();
     session_->wait(id);
   }
-  buffer_.clear();
+  buffer_ = {};
 }
 
 void SftpByteStream::drainWrites() {
@@ -119,7 +119,7 @@ long SftpByteStream::read(char* out, long count) {
         position_ += n;
         continue;
       }
-      buffer_.clear();
+      buffer_ = {};
       if (!reads_.empty() && reads_.front().offset != position_) dropReadAhead();
       // Ask for what the call needs and, for a sequential reader, for more behind it.
       const std::uint64_t wanted = position_ + static_cast<std::uint64_t>(count - done) +
@@ -144,21 +144,20 @@ long SftpByteStream::read(char* out, long count) {
         break;
       }
       if (reply.type != fxp::kData) throw ConnectionLost("the server sent no data for a read");
-      buffer_ = reply.body.str();
-      bufferOffset_ = front.offset;
-      if (buffer_.size() < front.length) {
+      bufferPacket_ = std::move(reply.body);
+      const std::string_view data = bufferPacket_.strView();
+      if (data.size() < front.length) {
         // A short read: the file ends here (or changes); what was asked beyond is not kept.
-        const std::string keep = std::move(buffer_);
         dropReadAhead();
-        buffer_ = keep;
-        if (buffer_.empty()) atEnd = true;
-        const auto n = std::min<std::size_t>(buffer_.size(), count - done);
-        std::memcpy(out + done, buffer_.data(), n);
+        if (data.empty()) atEnd = true;
+        const auto n = std::min<std::size_t>(data.size(), count - done);
+        std::memcpy(out + done, data.data(), n);
         done += static_cast<long>(n);
         position_ += n;
-        buffer_.clear();
         break;
       }
+      buffer_ = data;
+      bufferOffset_ = front.offset;
     }
     lastReadEnd_ = position_;
     if (done == 0 && atEnd) return -1;

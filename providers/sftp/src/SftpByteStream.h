@@ -88,7 +88,9 @@ class SftpByteStream final : public ByteStream {
   std::function<void()> onWritten_;  // told once, at the close of a stream that wrote
   std::deque<PendingWrite> writes_;
   std::deque<PendingRead> reads_;
-  std::string buffer_;  // bytes read ahead, from bufferOffset_
+  // Bytes read ahead, from bufferOffset_: the data of the reply held in bufferPacket_, in place.
+  InPacket bufferPacket_;
+  std::string_view buffer_;
   std::uint64_t bufferOffset_ = 0;
   std::uint64_t readAheadWrites_ = 0;  // the session's writeCount when read-ahead was asked
   std::uint64_t lastReadEnd_ = ~std::uint64_t{0};

@@ -65,10 +65,12 @@ std::uint64_t InPacket::u64() {
   return (high << 32) | u32();
 }
 
-std::string InPacket::str() {
+std::string InPacket::str() { return std::string(strView()); }
+
+std::string_view InPacket::strView() {
   const std::uint32_t n = u32();
   need(n);
-  std::string v = data_.substr(pos_, n);
+  const std::string_view v(data_.data() + pos_, n);
   pos_ += n;
   return v;
 }

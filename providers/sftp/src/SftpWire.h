@@ -70,6 +70,8 @@ class InPacket {
   std::uint32_t u32();
   std::uint64_t u64();
   std::string str();
+  // The next string in place: valid while this packet lives and is not assigned to.
+  std::string_view strView();
   SftpAttributes attrs();
   bool atEnd() const { return pos_ >= data_.size(); }
 
