@@ -1,6 +1,8 @@
 // Streams: reading, writing, seeking, the open options, closing, and two streams on one file.
 #include "ProviderContract.h"
 
+#include <foundation/storage/provider/extensions/IWholeFileWrites.h>
+
 namespace contract {
 namespace {
 
@@ -182,6 +184,33 @@ TEST_P(ProviderContract, TwoStreamsOnOneFileSeeEachOther) {
   writer->close();
   reader->close();
   EXPECT_EQ("01AB456789tail", readFile(at(u"/f")));
+}
+
+// Offered by stores a network away (and by the local folder, for hosts that count calls).
+TEST_P(ProviderContract, WholeFileWritesReplaceContentAndStamp) {
+  const auto* whole = dynamic_cast<const fsp::extensions::IWholeFileWrites*>(&provider());
+  if (whole == nullptr) GTEST_SKIP() << "the provider offers no whole-file writes";
+  at(u"/dir").createFolder();
+  writeFile(u"/long", "a much longer body than the next one");
+  const auto when =
+      toSeconds(boost::posix_time::second_clock::universal_time()) - boost::posix_time::hours(30);
+  struct Case {
+    std::u16string path;
+    std::string bytes;
+  };
+  for (const auto& c : std::vector<Case>{
+           {u"/new", patternBytes(200000)}, {u"/long", "short"}, {u"/dir/empty", ""}}) {
+    whole->writeWholeFile(loc(c.path), c.bytes, when);
+    EXPECT_EQ(c.bytes, readFile(at(c.path)));
+    const auto attributes = at(c.path).getFileAttributes();
+    EXPECT_EQ(c.bytes.size(), attributes.getSize().value_or(0));
+    EXPECT_EQ(when, attributes.getLastModified());
+  }
+  expectError(ErrorCode::NotFound, std::nullopt,
+              [&] { whole->writeWholeFile(loc(u"/missing/f"), "x", when); });
+  expectError(ErrorCode::NotFound, std::nullopt,
+              [&] { whole->writeWholeFile(loc(u"/dir"), "x", when); });
+  EXPECT_TRUE(at(u"/dir").folderExists());
 }
 
 }  // namespace contract

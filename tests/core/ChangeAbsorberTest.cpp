@@ -49,7 +49,7 @@ QueuedTransaction entryFor(const std::string& text) {
 // A case: the queue (entries separated by ", "), the arriving change, and the verdict as
 // tokens: "-N" entry N withdrawn, "moot" the arrival moot, "+creates" the arrival takes over
 // the creation, ">N" entry N relocated to the arrival's destination, "!N" entry N takes over
-// the creation.
+// the creation, "*N" entry N becomes the file's whole content (and creates it).
 struct AbsorbCase {
   const char* name;
   const char* queued;
@@ -73,6 +73,8 @@ ChangeAbsorber::Verdict expected(const std::string& text) {
       verdict.relocated.push_back(at());
     } else if (token[0] == '!') {
       verdict.flagged.emplace_back(at(), ReplayChange::kCreatesFile);
+    } else if (token[0] == '*') {
+      verdict.flagged.emplace_back(at(), ReplayChange::kWholeFile | ReplayChange::kCreatesFile);
     }
   }
   return verdict;
@@ -155,7 +157,13 @@ INSTANTIATE_TEST_SUITE_P(
                    "rename /t>/f", ""},
         AbsorbCase{"WithoutTheStreamsRelocationStays", "open+ /t, close /t", "rename /t>/f", ""},
         AbsorbCase{"TheClosesOwnStampMakesTheOthersMoot",
-                   "create /a, stamp /a, write /a 0 4, stamp /a", "close /a", "-0 -1 -3 !2"},
+                   "create /a, stamp /a, write /a 0 4, stamp /a", "close /a", "-0 -1 -3 !2 *2"},
+        AbsorbCase{"OneWriteFromTheStartIsTheWholeFile", "write! /a 0 4", "close /a", "*0"},
+        AbsorbCase{"TheCreatingOpenGoesIntoTheWholeFile", "open+ /a, write /a 0 4, write /b 0 4",
+                   "close /a", "-0 *1"},
+        AbsorbCase{"AFileTheStoreHoldsIsWrittenInPlace", "write /a 0 4", "close /a", ""},
+        AbsorbCase{"TwoWritesStayWrites", "write! /a 0 4, write /a 4 4", "close /a", ""},
+        AbsorbCase{"AWriteAfterTheStartStays", "write! /a 4 4", "close /a", ""},
         AbsorbCase{"ATruncationStampsToo", "close /a, stamp /a, truncate /a", "close /a", "-1"},
         AbsorbCase{"ACloseWithoutWritesStampsNothing", "write /a 0 4, close /a, stamp /a",
                    "close /a", ""},

@@ -242,9 +242,10 @@ TEST(OverlayMutations, AStoreThatIsAwayCostsNoChangeWhenTheOverlayIsPatient) {
 }
 
 // With absorption, work that a later change makes moot never reaches the store: a file created
-// under one name and renamed reaches it under its final name, with no move, and bytes written
-// twice go once. The store answers slowly behind an unrelated creation queued first, so that
-// every change below is still queued when the next arrives.
+// under one name and renamed reaches it under its final name, with no move, bytes written
+// twice go once, and a new file written in one piece reaches it in one call with its time. The
+// store answers slowly behind an unrelated creation queued first, so that every change below is
+// still queued when the next arrives.
 TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
   using P = fsp::ReplacementPolicy;
   const auto write = [](OverlayOverMem& e, const std::u16string& path,
@@ -259,7 +260,7 @@ TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
   struct Case {
     const char* name;
     std::function<void(OverlayOverMem&)> work;
-    std::uint64_t moves, streamWrites;
+    std::uint64_t moves, streamWrites, wholeFiles;
     std::string final;  // what the store holds at /f
   };
   const Case cases[] = {
@@ -269,7 +270,7 @@ TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
          write(e, u"/t", {{0, "new"}});
          e.overlay->moveFile(e.at(u"/t"), e.at(u"/f"), P::Overwrite);
        },
-       0, 1, "new"},
+       0, 0, 1, "new"},
       {"renamed over a file the store holds",
        [&](auto& e) {
          e.overlay->createFile(e.at(u"/t"));
@@ -277,13 +278,19 @@ TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
          e.overlay->moveFile(e.at(u"/t"), e.at(u"/old"), P::Overwrite);
          e.overlay->moveFile(e.at(u"/old"), e.at(u"/f"), P::Overwrite);
        },
-       2, 1, "new"},
+       2, 0, 1, "new"},
       {"the same bytes written again",
        [&](auto& e) {
          e.overlay->createFile(e.at(u"/f"));
          write(e, u"/f", {{0, "abcdef"}, {2, "x"}, {0, "ABCDEF"}});
        },
-       0, 1, "ABCDEF"},
+       0, 0, 1, "ABCDEF"},
+      {"written in two places",
+       [&](auto& e) {
+         e.overlay->createFile(e.at(u"/f"));
+         write(e, u"/f", {{0, "ab"}, {4, "c"}});
+       },
+       0, 2, 0, std::string("ab\0\0c", 5)},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -302,6 +309,7 @@ TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
     };
     EXPECT_EQ(count("moveFile"), static_cast<long>(c.moves));
     EXPECT_EQ(count("streamWrite"), static_cast<long>(c.streamWrites));
+    EXPECT_EQ(count("writeWholeFile"), static_cast<long>(c.wholeFiles));
     EXPECT_EQ(env.stored(u"/f"), c.final);
     EXPECT_FALSE(env.mem->fileExists(memAt(u"/t")));
   }

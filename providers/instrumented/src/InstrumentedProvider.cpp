@@ -2,6 +2,8 @@
 
 #include "InstrumentedByteStream.h"
 
+#include <foundation/storage/provider/Exception.h>
+
 #include <stdexcept>
 
 namespace foundation::storage::provider::instrumented {
@@ -138,6 +140,27 @@ void InstrumentedProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t
   enter("truncateToSize", iri);
   inner_->truncateToSize(iri, size);
   logged("truncateToSize", iri);
+}
+
+void InstrumentedProvider::doWriteWholeFile(const StorageIRI& iri, std::string_view bytes,
+                                            const posix_time::ptime& lastModified) const {
+  const auto* whole = dynamic_cast<const extensions::IWholeFileWrites*>(inner_.get());
+  if (whole == nullptr) {
+    const auto stream = openStream(iri, ByteStreamOpenOptions::overwrite());
+    for (std::size_t done = 0; done < bytes.size();) {
+      const long n = stream->write(bytes.data() + done, static_cast<long>(bytes.size() - done));
+      if (n <= 0) throw Exception(ErrorCode::IOError, iri, "the stream took nothing");
+      done += static_cast<std::size_t>(n);
+    }
+    stream->close();
+    setLastModified(iri, lastModified);
+    return;
+  }
+  enter("writeWholeFile", iri);
+  whole->writeWholeFile(iri, bytes, lastModified);
+  if (instrumentation_->log.enabled()) {
+    instrumentation_->log.record({"writeWholeFile", iri.getPath(), std::u16string(), true});
+  }
 }
 
 bool InstrumentedProvider::doExists(const StorageIRI& iri) const {

@@ -6,6 +6,7 @@
 
 #include <foundation/storage/provider/Exception.h>
 
+#include <algorithm>
 #include <exception>
 
 namespace foundation::storage::provider::mem {
@@ -228,6 +229,28 @@ void MemProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t size) co
     node.lastModified = MemTree::now();
     return MemTree::Changes{tree.changeOf(Kind::Changed, node)};
   });
+}
+
+void MemProvider::doWriteWholeFile(const StorageIRI& iri, std::string_view bytes,
+                                   const posix_time::ptime& lastModified) const {
+  checkLocation(iri);
+  if (lastModified.is_special()) throw Exception(ErrorCode::OperationRefused, iri, "not a time");
+  std::lock_guard lock(store_->mutex);
+  MemTree& tree = store_->tree;
+  MemTree::Changes changes;
+  if (tree.find(iri) == nullptr) changes = tree.createFile(iri);
+  MemNode& node = tree.fileAt(iri);
+  // Refused like a stream's write past the capacity, which leaves the file created.
+  const bool fits = tree.fits(*node.content, bytes.size());
+  if (fits) {
+    tree.resize(*node.content, bytes.size());
+    std::copy(bytes.begin(), bytes.end(), node.content->bytes.begin());
+    node.lastModified = lastModified;
+    changes.push_back(tree.changeOf(Kind::Changed, node));
+  }
+  store_->publish(std::move(changes));
+  if (!fits)
+    throw Exception(ErrorCode::QuotaExceeded, iri, "the size exceeds the store's capacity");
 }
 
 void MemProvider::doSetWritable(const StorageIRI& iri, bool writable) const {

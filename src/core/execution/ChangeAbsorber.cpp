@@ -265,6 +265,45 @@ Verdict stampsMadeMootByClose(const QueueView& view, const ReplayChange& close,
   return verdict;
 }
 
+bool createsOrEmpties(const ReplayChange& change) {
+  return change.action == ChangeAction::CreateFile ||
+         (change.action == ChangeAction::OpenFile &&
+          (change.flags & (ReplayChange::kOpenCreates | ReplayChange::kOpenTruncates)));
+}
+
+// At a close: a file whose stream, since the file was created or emptied, wrote its bytes from
+// the start in one write (how most programs write a small file). That write becomes the
+// file's whole content (kWholeFile, creating: it replaces whatever the store holds), the
+// creation or emptying open before it goes, and the close finds nothing left to send. Adds to
+// the verdict of the close's other rule, whose withdrawals it leaves out of the session.
+void wholeFileAtClose(const QueueView& view, const ReplayChange& close, const std::u16string& key,
+                      Verdict& verdict) {
+  auto session = sinceLastClose(view, close.location.getPath(), key);
+  std::erase_if(session, [&](std::size_t position) {
+    return std::binary_search(verdict.withdrawn.begin(), verdict.withdrawn.end(), position);
+  });
+  std::reverse(session.begin(), session.end());
+  std::optional<std::size_t> start;
+  if (session.size() == 2 && createsOrEmpties(*view.queue[session.front()].change)) {
+    start = session.front();
+    session.erase(session.begin());
+  }
+  if (session.size() != 1) return;
+  const auto position = session.front();
+  const auto& write = *view.queue[position].change;
+  int flags = write.flags;
+  for (const auto& [flagged, added] : verdict.flagged) {
+    if (flagged == position) flags |= added;
+  }
+  if (write.action != ChangeAction::WriteRange || write.offset != 0) return;
+  if (!start && !(flags & ReplayChange::kCreatesFile)) return;
+  verdict.flagged.emplace_back(position, ReplayChange::kWholeFile | ReplayChange::kCreatesFile);
+  if (start) {
+    verdict.withdrawn.push_back(*start);
+    std::sort(verdict.withdrawn.begin(), verdict.withdrawn.end());
+  }
+}
+
 // A stamp arriving right after a close that will stamp the file anyway.
 Verdict stampAfterClose(const QueueView& view, const ReplayChange& stamp,
                         const std::u16string& key) {
@@ -300,8 +339,11 @@ Verdict ChangeAbsorber::judge(const std::deque<QueuedTransaction>& queue,
     }
     case ChangeAction::SetWritable:
       return sameAttributeAgain(view, change, key);
-    case ChangeAction::CloseFile:
-      return stampsMadeMootByClose(view, change, key);
+    case ChangeAction::CloseFile: {
+      auto verdict = stampsMadeMootByClose(view, change, key);
+      wholeFileAtClose(view, change, key, verdict);
+      return verdict;
+    }
     case ChangeAction::OpenFile:
       if (!(change.flags & ReplayChange::kOpenCreates)) return {};
       return creationMergedInto(view, change, key);

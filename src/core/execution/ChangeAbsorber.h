@@ -22,6 +22,10 @@
 //     the close stamps the time the file has when it runs, which is the last one set. A stamp
 //     arriving right after such a close is moot likewise. With the stamps gone, a creation
 //     followed by the file's first write or creating open is merged into it, as on arrival;
+//   - a file's close, when all its stream did since the file was created or emptied is one
+//     write from the start: that write becomes the file's whole content (kWholeFile), which
+//     the store may take in one call with the time stamp; the creation or emptying open
+//     before it goes, and the close finds nothing left to send;
 //   - a file removed while its creation is still queued: the creation, everything queued on the
 //     file since, and the removal itself cost the store nothing. Only changes of exactly that
 //     file may lie between (a move of it or of a folder above it stops the rule);

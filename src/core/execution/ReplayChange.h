@@ -99,6 +99,10 @@ struct ReplayChange {
   // store: the stream works at `location` (the move's destination) and the file's creation
   // there replaces whatever the store holds under that name.
   static constexpr int kFollowsMove = 8;
+  // A write that is all the file's stream wrote since the file was created or emptied, from
+  // its start: its replay makes its bytes the file's whole content (creating the file or
+  // emptying it first) and stamps the file's time, in one call where the store offers that.
+  static constexpr int kWholeFile = 16;
 
   // Known to the submitter, kept in memory only (never written down): a move's destination
   // held nothing when the move was made, so nothing there needs replacing but the file itself.

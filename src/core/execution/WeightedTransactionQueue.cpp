@@ -108,8 +108,9 @@ std::deque<QueuedTransaction> WeightedTransactionQueue::absorbLocked(QueuedTrans
     ++absorbed_;
     arriving.isMoot = true;
   }
-  if (verdict.withdrawn.empty()) return withdrawn;
+  // A verdict may only flag queued changes (a write that becomes a whole file).
   for (const auto& [position, flags] : verdict.flagged) entries_[position].change->flags |= flags;
+  if (verdict.withdrawn.empty()) return withdrawn;
   for (const auto position : verdict.relocated) {
     auto& entry = entries_[position];
     scopes_.remove(entry.serial, entry.scope);

@@ -534,13 +534,11 @@ void WorkingFileEntry::enqueueProviderWrite() {
 void WorkingFileEntry::submitWrites(const std::vector<std::shared_ptr<PendingWriteBlock>>& blocks) {
   for (const auto& block : blocks) {
     if (!block || block->size() == 0) continue;
-    submit(
-        [self = shared_from_this(), block](const ReplayChange& replayed) {
-          self->writeInner(block, (replayed.flags & ReplayChange::kCreatesFile) != 0);
-        },
-        [self = shared_from_this(), block] { self->forgetUnsent(block); },
-        change(FILE_WRITE, ChangeAction::WriteRange).range(block->start(), block->size()),
-        transactionWeight(settings_.minQueueItemWeight, block->size()));
+    submit([self = shared_from_this(),
+            block](const ReplayChange& replayed) { self->writeInner(block, replayed.flags); },
+           [self = shared_from_this(), block] { self->forgetUnsent(block); },
+           change(FILE_WRITE, ChangeAction::WriteRange).range(block->start(), block->size()),
+           transactionWeight(settings_.minQueueItemWeight, block->size()));
   }
 }
 

@@ -277,7 +277,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void ensureInnerStreamLocked(bool forWriting, bool creating = false);
   void seekInnerLocked(std::int64_t offset);
   std::int64_t readInnerLocked(char* buffer, std::int64_t count);
-  void writeInner(const std::shared_ptr<PendingWriteBlock>& block, bool creating);
+  // `flags`: the write's ReplayChange flags as the executor holds it (kCreatesFile,
+  // kWholeFile).
+  void writeInner(const std::shared_ptr<PendingWriteBlock>& block, int flags);
   // A queued block that will never be written (its file was removed before it was): the
   // body need no longer keep its bytes for it.
   void forgetUnsent(const std::shared_ptr<PendingWriteBlock>& block);
@@ -288,6 +290,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // The block's bytes, from memory or read from the body into innerBuffer_.
   const char* blockBytesLocked(const std::shared_ptr<PendingWriteBlock>& block);
   void writeInnerLocked(const std::shared_ptr<PendingWriteBlock>& block, bool creating);
+  // The block as the file's whole content, stamped with the file's time: one call where the
+  // store offers whole-file writes, otherwise a stream that empties the file and the write.
+  void writeWholeFileLocked(const std::shared_ptr<PendingWriteBlock>& block);
   void closeInnerLocked();
   void runOpen(const fsp::ByteStreamOpenOptions& options, const std::function<void()>& onOpened);
   void runClose();
@@ -297,7 +302,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // The store's half of a truncation: the inner stream is closed first (a stream may hold
   // bytes or a position that the truncation would contradict), then truncateToSize.
   void runTruncate(std::int64_t size);
-  void updateStoreAfterWrites(const boost::posix_time::ptime& lastModified);
+  // `stamped`: the store's copy already carries that time (a whole-file write set it).
+  void updateStoreAfterWrites(const boost::posix_time::ptime& lastModified, bool stamped);
   void relocateInner(const fsp::StorageIRI& location);
   // A change that the file's move took along before it replayed (ReplayChange::kFollowsMove):
   // the stream works at the move's destination from now on, and the creation there replaces
@@ -328,7 +334,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::int64_t innerPosition_ = -1;
   bool innerWritten_ = false;
   bool replaceOnCreation_ = false;  // see followMove
-  std::vector<char> innerBuffer_;   // body bytes on their way to the store
+  // The time a whole-file write gave the store's copy since the last close, if any.
+  std::optional<boost::posix_time::ptime> innerStampedAt_;
+  std::vector<char> innerBuffer_;  // body bytes on their way to the store
 
   mutable std::mutex mutex_;
   fsp::StorageIRI location_;

@@ -7,6 +7,7 @@
 
 #include <foundation/storage/provider/ByteStreamFailure.h>
 #include <foundation/storage/provider/Exception.h>
+#include <foundation/storage/provider/extensions/IWholeFileWrites.h>
 
 #include <stdexcept>
 
@@ -127,10 +128,43 @@ void WorkingFileEntry::writeInnerLocked(const std::shared_ptr<PendingWriteBlock>
   innerWritten_ = true;
 }
 
-void WorkingFileEntry::writeInner(const std::shared_ptr<PendingWriteBlock>& block, bool creating) {
+void WorkingFileEntry::writeWholeFileLocked(const std::shared_ptr<PendingWriteBlock>& block) {
+  const char* bytes = blockBytesLocked(block);
+  const auto item = innerItemLocked();
+  const auto* whole =
+      dynamic_cast<const fsp::extensions::IWholeFileWrites*>(item.getProvider().get());
+  closeInnerLocked();
+  const auto note = [&](ReplayedChange change) {
+    if (settings_.noteReplayedChange) settings_.noteReplayedChange(innerLocation_, change);
+  };
+  note(ReplayedChange::Created);
+  if (whole == nullptr) {
+    openInnerLocked(fsp::ByteStreamOpenOptions::overwrite());
+    writeInnerLocked(block, false);  // the close stamps the time
+    return;
+  }
+  note(ReplayedChange::Written);
+  note(ReplayedChange::AttributesSet);
+  const auto lastModified = record()->getLastModified();
+  whole->writeWholeFile(item.getLocation(),
+                        std::string_view(bytes, static_cast<std::size_t>(block->size())),
+                        lastModified);
+  replaceOnCreation_ = false;
+  innerWritten_ = true;
+  innerStampedAt_ = lastModified;
+}
+
+void WorkingFileEntry::writeInner(const std::shared_ptr<PendingWriteBlock>& block, int flags) {
   std::lock_guard inner(innerMutex_);
-  retryingInnerCall([&] { writeInnerLocked(block, creating); },
-                    "Unexpected exception during write operation");
+  retryingInnerCall(
+      [&] {
+        if (flags & ReplayChange::kWholeFile) {
+          writeWholeFileLocked(block);
+        } else {
+          writeInnerLocked(block, (flags & ReplayChange::kCreatesFile) != 0);
+        }
+      },
+      "Unexpected exception during write operation");
 }
 
 void WorkingFileEntry::forgetUnsent(const std::shared_ptr<PendingWriteBlock>& block) {
@@ -222,7 +256,9 @@ void WorkingFileEntry::runClose() {
         "Unexpected exception during close operation");
     written = innerWritten_;
     innerWritten_ = false;
-    if (written) updateStoreAfterWrites(record()->getLastModified());
+    const auto lastModified = record()->getLastModified();
+    if (written) updateStoreAfterWrites(lastModified, innerStampedAt_ == lastModified);
+    innerStampedAt_.reset();
   }
   finishClose();
 }
@@ -240,12 +276,15 @@ void WorkingFileEntry::finishClose() {
   }
 }
 
-void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& lastModified) {
+void WorkingFileEntry::updateStoreAfterWrites(const boost::posix_time::ptime& lastModified,
+                                              bool stamped) {
   const auto item = innerItemLocked();
-  if (settings_.noteReplayedChange)
-    settings_.noteReplayedChange(innerLocation_, ReplayedChange::AttributesSet);
-  retryingInnerCall([&] { item.setLastModified(lastModified); },
-                    "Exception during attempt to set last modified time");
+  if (!stamped) {
+    if (settings_.noteReplayedChange)
+      settings_.noteReplayedChange(innerLocation_, ReplayedChange::AttributesSet);
+    retryingInnerCall([&] { item.setLastModified(lastModified); },
+                      "Exception during attempt to set last modified time");
+  }
   if (settings_.readAttributesLazily) {
     record()->markExtendedAttributesUnread();
     return;

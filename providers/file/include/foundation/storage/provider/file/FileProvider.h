@@ -38,6 +38,7 @@
 
 #include <foundation/storage/provider/EventSubscriptions.h>
 #include <foundation/storage/provider/IProvider.h>
+#include <foundation/storage/provider/extensions/IWholeFileWrites.h>
 #include <foundation/storage/provider/file/InotifyWatcher.h>
 #include <foundation/storage/provider/file/LocalEntries.h>
 #include <foundation/storage/provider/file/LocalRoot.h>
@@ -47,7 +48,7 @@
 
 namespace foundation::storage::provider::file {
 
-class FileProvider : public IProvider {
+class FileProvider : public IProvider, public extensions::IWholeFileWrites {
  public:
   // `root` must be an existing directory (Exception(NotFound) naming it otherwise).
   explicit FileProvider(const std::filesystem::path& root);
@@ -84,6 +85,10 @@ class FileProvider : public IProvider {
   void doSetWritable(const StorageIRI&, bool) const override;
   // truncate(2) in place (sparse); a size the file system cannot hold is QuotaExceeded.
   void doTruncateToSize(const StorageIRI&, std::uint64_t size) const override;
+  // The stream and the time stamp it stands for, one after the other: a local disk has no
+  // round trips to save, but a host (or a wrapper that delays calls) sees one call.
+  void doWriteWholeFile(const StorageIRI&, std::string_view bytes,
+                        const posix_time::ptime& lastModified) const override;
   void doPublishFolderEventsFor(const StorageIRI&, const EventPublisher&,
                                 const std::vector<events::Kind>&,
                                 RecursiveFileWatching) const override;

@@ -6,15 +6,15 @@
 // Every slot is overridden, the framework's too, so each public operation is counted,
 // delayed and failed exactly once under its own name ("listAllRecursive" is one call, not
 // one per folder). The pattern and plain variants of a listing share its name ("listAll").
-// Streams it opens are wrapped so their calls are counted ("streamRead", "streamWrite",
-// "streamSeek", "streamClose") and delayed with the stream delay.
-// When its call log is enabled, every change the inner store has applied (creations, removals,
-// moves, copies, truncations, attribute changes, write opens and stream writes) is recorded
-// once the inner call has returned, in that order (see CallLog).
-// The delays stand for the network only. A real remote provider answers some queries from
-// what it holds in memory, so these are counted and can be failed but are never delayed:
-// hasFeature, getFilenameSensitivity, getPathComparator and getCanonicalLocation (fixed
-// capabilities and name rules, or computed from the location alone) and
+// Whole-file writes (IWholeFileWrites) are offered always, passed on as one call where the
+// inner provider has them. Streams it opens are wrapped so their calls are counted ("streamRead",
+// "streamWrite", "streamSeek", "streamClose") and delayed with the stream delay. When its call log
+// is enabled, every change the inner store has applied (creations, removals, moves, copies,
+// truncations, attribute changes, write opens and stream writes) is recorded once the inner call
+// has returned, in that order (see CallLog). The delays stand for the network only. A real remote
+// provider answers some queries from what it holds in memory, so these are counted and can be
+// failed but are never delayed: hasFeature, getFilenameSensitivity, getPathComparator and
+// getCanonicalLocation (fixed capabilities and name rules, or computed from the location alone) and
 // getProviderCacheUsage (its own local cache). Every other call but shutdown, configure
 // included, is delayed with the call delay.
 // shutdown is counted but never delayed or failed, so that the inner provider's threads
@@ -29,6 +29,7 @@
 
 #include <foundation/storage/provider/ErrorCode.h>
 #include <foundation/storage/provider/IConfigurableProvider.h>
+#include <foundation/storage/provider/extensions/IWholeFileWrites.h>
 #include <foundation/storage/provider/instrumented/Instrumentation.h>
 
 #include <chrono>
@@ -39,7 +40,8 @@
 
 namespace foundation::storage::provider::instrumented {
 
-class InstrumentedProvider final : public IConfigurableProvider {
+class InstrumentedProvider final : public IConfigurableProvider,
+                                   public extensions::IWholeFileWrites {
  public:
   // Throws std::invalid_argument when `inner` is null.
   explicit InstrumentedProvider(std::shared_ptr<IProvider> inner);
@@ -124,6 +126,10 @@ class InstrumentedProvider final : public IConfigurableProvider {
   ExtendedAttributes doGetExtendedAttributes(const StorageIRI&) const override;
   ProviderStorageInfo doGetProviderStorageInfo(const StorageIRI&) const override;
   void doTruncateToSize(const StorageIRI&, std::uint64_t size) const override;
+  // One call ("writeWholeFile", logged as a creation) where the inner provider offers it;
+  // otherwise the stream and the time stamp it stands for, each counted under its own name.
+  void doWriteWholeFile(const StorageIRI&, std::string_view bytes,
+                        const posix_time::ptime& lastModified) const override;
   ProviderCacheUsage doGetProviderCacheUsage(const StorageIRI&) const override;
   // Passes the configuration on when the inner provider is configurable; otherwise ignored.
   void doConfigure(boost::property_tree::ptree config) override;

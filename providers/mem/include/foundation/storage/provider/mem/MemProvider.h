@@ -23,6 +23,7 @@
 #pragma once
 
 #include <foundation/storage/provider/IProvider.h>
+#include <foundation/storage/provider/extensions/IWholeFileWrites.h>
 
 #include <cstdint>
 #include <memory>
@@ -33,7 +34,7 @@ namespace foundation::storage::provider::mem {
 
 struct MemStore;
 
-class MemProvider final : public IProvider {
+class MemProvider final : public IProvider, public extensions::IWholeFileWrites {
  public:
   struct Options {
     // CaseInsensitive: names compare by their ICU lower-case form, keep their case for display.
@@ -89,6 +90,9 @@ class MemProvider final : public IProvider {
   void doSetWritable(const StorageIRI&, bool) const override;
   // Resizes the file's node (growth reads as zeros); QuotaExceeded beyond the capacity.
   void doTruncateToSize(const StorageIRI&, std::uint64_t size) const override;
+  // One change of the tree: created or emptied, filled and stamped at once (one event).
+  void doWriteWholeFile(const StorageIRI&, std::string_view bytes,
+                        const posix_time::ptime& lastModified) const override;
   void doPublishFolderEventsFor(const StorageIRI&, const EventPublisher&,
                                 const std::vector<events::Kind>&,
                                 RecursiveFileWatching) const override;

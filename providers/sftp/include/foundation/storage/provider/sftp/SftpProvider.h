@@ -25,6 +25,7 @@
 #pragma once
 
 #include <foundation/storage/provider/IProvider.h>
+#include <foundation/storage/provider/extensions/IWholeFileWrites.h>
 
 #include <cstdint>
 #include <memory>
@@ -35,7 +36,7 @@ namespace foundation::storage::provider::sftp {
 class SftpPool;
 class SftpPoller;
 
-class SftpProvider final : public IProvider {
+class SftpProvider final : public IProvider, public extensions::IWholeFileWrites {
  public:
   struct Options {
     std::string host;
@@ -91,6 +92,10 @@ class SftpProvider final : public IProvider {
   void doSetWritable(const StorageIRI&, bool) const override;
   // A SETSTAT of the size: the server truncates or extends in place.
   void doTruncateToSize(const StorageIRI&, std::uint64_t size) const override;
+  // Two round trips: the OPEN (with a STAT beside it), then the WRITEs, an FSETSTAT of the
+  // time and the CLOSE, all in flight together (a stream and a time stamp take four).
+  void doWriteWholeFile(const StorageIRI&, std::string_view bytes,
+                        const posix_time::ptime& lastModified) const override;
   void doPublishFolderEventsFor(const StorageIRI&, const EventPublisher&,
                                 const std::vector<events::Kind>&,
                                 RecursiveFileWatching) const override;
