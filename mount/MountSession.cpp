@@ -82,6 +82,7 @@ bool flushAndReport(StoreStack& stores, std::ostream& out, QueueReporter& report
   out << "cachemount: the store holds every change; flush took " << std::fixed
       << std::setprecision(3) << took.count() << " s; store calls " << stores.storeCalls()
       << std::endl;
+  out << "cachemount: store calls by operation: " << stores.storeCallsByOperation() << std::endl;
   return true;
 }
 

@@ -91,6 +91,14 @@ std::string StoreStack::queueStatistics() const {
   return json;
 }
 
+std::string StoreStack::storeCallsByOperation() const {
+  std::string text;
+  for (const auto& [operation, count] : instrumented_->instrumentation().counters.snapshot()) {
+    text += (text.empty() ? "" : ", ") + operation + " " + std::to_string(count);
+  }
+  return text;
+}
+
 void StoreStack::shutdown() noexcept {
   if (shutDown_) return;
   shutDown_ = true;

@@ -52,6 +52,8 @@ class StoreStack {
   std::uint64_t storeCalls(const char* operation) const {
     return instrumented_->callCount(operation);
   }
+  // "openStream 20, streamWrite 20, ...": every operation that reached the store, by name.
+  std::string storeCallsByOperation() const;
   void shutdown() noexcept;
 
  private:

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <functional>
 #include <future>
+#include <sstream>
 #include <thread>
 
 namespace {
@@ -260,7 +261,7 @@ TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
   struct Case {
     const char* name;
     std::function<void(OverlayOverMem&)> work;
-    std::uint64_t moves, streamWrites, wholeFiles;
+    const char* calls;  // "operation count, ...": how often each named call reached the store
     std::string final;  // what the store holds at /f
   };
   const Case cases[] = {
@@ -270,7 +271,7 @@ TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
          write(e, u"/t", {{0, "new"}});
          e.overlay->moveFile(e.at(u"/t"), e.at(u"/f"), P::Overwrite);
        },
-       0, 0, 1, "new"},
+       "moveFile 0, streamWrite 0, writeWholeFile 1", "new"},
       {"renamed over a file the store holds",
        [&](auto& e) {
          e.overlay->createFile(e.at(u"/t"));
@@ -278,19 +279,33 @@ TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
          e.overlay->moveFile(e.at(u"/t"), e.at(u"/old"), P::Overwrite);
          e.overlay->moveFile(e.at(u"/old"), e.at(u"/f"), P::Overwrite);
        },
-       2, 0, 1, "new"},
+       "moveFile 2, streamWrite 0, writeWholeFile 1", "new"},
       {"the same bytes written again",
        [&](auto& e) {
          e.overlay->createFile(e.at(u"/f"));
          write(e, u"/f", {{0, "abcdef"}, {2, "x"}, {0, "ABCDEF"}});
        },
-       0, 0, 1, "ABCDEF"},
+       "streamWrite 0, writeWholeFile 1", "ABCDEF"},
       {"written in two places",
        [&](auto& e) {
          e.overlay->createFile(e.at(u"/f"));
          write(e, u"/f", {{0, "ab"}, {4, "c"}});
        },
-       0, 2, 0, std::string("ab\0\0c", 5)},
+       "streamWrite 2, writeWholeFile 0", std::string("ab\0\0c", 5)},
+      {"a mode restored as it was",
+       [&](auto& e) {
+         e.overlay->createFile(e.at(u"/f"));
+         write(e, u"/f", {{0, "x"}});
+         e.overlay->setWritable(e.at(u"/f"), true);
+       },
+       "setWritable 0, writeWholeFile 1", "x"},
+      {"made read-only",
+       [&](auto& e) {
+         e.overlay->createFile(e.at(u"/f"));
+         write(e, u"/f", {{0, "x"}});
+         e.overlay->setWritable(e.at(u"/f"), false);
+       },
+       "setWritable 1, writeWholeFile 1", "x"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -303,13 +318,13 @@ TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
     c.work(env);
     env.overlay->flushFilesystem();
     const auto calls = env.instrumented->instrumentation().log.calls();
-    const auto count = [&](const char* operation) {
-      return std::count_if(calls.begin(), calls.end(),
-                           [&](const auto& call) { return call.operation == operation; });
-    };
-    EXPECT_EQ(count("moveFile"), static_cast<long>(c.moves));
-    EXPECT_EQ(count("streamWrite"), static_cast<long>(c.streamWrites));
-    EXPECT_EQ(count("writeWholeFile"), static_cast<long>(c.wholeFiles));
+    std::istringstream expected(c.calls);
+    for (std::string operation, count; expected >> operation >> count;) {
+      EXPECT_EQ(std::count_if(calls.begin(), calls.end(),
+                              [&](const auto& call) { return call.operation == operation; }),
+                std::stol(count))
+          << operation;
+    }
     EXPECT_EQ(env.stored(u"/f"), c.final);
     EXPECT_FALSE(env.mem->fileExists(memAt(u"/t")));
   }

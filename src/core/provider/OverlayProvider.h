@@ -234,6 +234,10 @@ class OverlayProvider : public fsp::IConfigurableProvider,
                               fsp::ReplacementPolicy policy) const;
   // The shape of setLastModified and setWritable: the record changed in the cache, the inner
   // call replayed.
+  // With absorption: whether the file or folder at `iri` already has that writable flag (as
+  // the store will once the queue has drained), so that setting it again costs nothing. Tools
+  // that restore modes (tar x, cp -p) set it on everything they make.
+  bool alreadyWritableAs(const fsp::StorageIRI& iri, bool writable) const;
   void setAttribute(const fsp::StorageIRI& iri, ReplayChange change,
                     std::function<void(const fsp::StorageItem&)> innerCall,
                     const std::function<void(FileMetadata&)>& updateFile,

@@ -466,11 +466,25 @@ void OverlayProvider::doSetLastModified(const StorageIRI& iri,
 
 void OverlayProvider::doSetWritable(const StorageIRI& iri, bool writable) const {
   OVERLAY_OPERATION(iri);
+  if (alreadyWritableAs(iri, writable)) return;
   setAttribute(
       iri, ReplayChange(SET_WRITABLE, ChangeAction::SetWritable, iri).withFlags(writable ? 1 : 0),
       [writable](const StorageItem& item) { item.setWritable(writable); },
       [&](FileMetadata& file) { file.setWritable(writable); },
       [&](FolderMetadata& folder) { folder.setWritable(writable); });
+}
+
+bool OverlayProvider::alreadyWritableAs(const StorageIRI& iri, bool writable) const {
+  if (!absorbChanges_.load() || passThrough_) return false;
+  ensureReady();
+  const auto location = resolve(iri);
+  if (const auto file = metadataCache_->getFileMetadata(location)) {
+    return file->isWritable() == writable;
+  }
+  if (const auto folder = metadataCache_->getFolderMetadata(location)) {
+    return folder->isWritable() == writable;
+  }
+  return false;  // the change reports what is missing
 }
 
 void OverlayProvider::setAttribute(const StorageIRI& iri, ReplayChange change,
