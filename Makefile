@@ -32,7 +32,7 @@ test-tsan: deps
 		 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ./$$(basename $$test)) || exit 1; \
 	done
 
-# The randomized soak, long: 250,000 operations in each of its four plans.
+# The randomized soak, long: 250,000 operations in each of its eight plans.
 soak: build
 	OVERLAY_SOAK_OPS=$${OVERLAY_SOAK_OPS:-250000} ./build/default/tests/overlay/overlay_soak_tests
 
