@@ -190,15 +190,7 @@ void FileProvider::doTruncateToSize(const StorageIRI& location, std::uint64_t si
 
 void FileProvider::doWriteWholeFile(const StorageIRI& location, std::string_view bytes,
                                     const posix_time::ptime& lastModified) const {
-  const auto stream = doOpenStream(location, ByteStreamOpenOptions::overwrite());
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const long n = stream->write(bytes.data() + done, static_cast<long>(bytes.size() - done));
-    if (n <= 0) throw Exception(ErrorCode::IOError, location, "the file took nothing");
-    done += static_cast<std::size_t>(n);
-  }
-  stream->close();
-  doSetLastModified(location, lastModified);
+  extensions::writeWholeFileThroughStream(*this, location, bytes, lastModified);
 }
 
 void FileProvider::doSetWritable(const StorageIRI& location, bool writable) const {

@@ -2,8 +2,6 @@
 
 #include "InstrumentedByteStream.h"
 
-#include <foundation/storage/provider/Exception.h>
-
 #include <stdexcept>
 
 namespace foundation::storage::provider::instrumented {
@@ -146,14 +144,8 @@ void InstrumentedProvider::doWriteWholeFile(const StorageIRI& iri, std::string_v
                                             const posix_time::ptime& lastModified) const {
   const auto* whole = dynamic_cast<const extensions::IWholeFileWrites*>(inner_.get());
   if (whole == nullptr) {
-    const auto stream = openStream(iri, ByteStreamOpenOptions::overwrite());
-    for (std::size_t done = 0; done < bytes.size();) {
-      const long n = stream->write(bytes.data() + done, static_cast<long>(bytes.size() - done));
-      if (n <= 0) throw Exception(ErrorCode::IOError, iri, "the stream took nothing");
-      done += static_cast<std::size_t>(n);
-    }
-    stream->close();
-    setLastModified(iri, lastModified);
+    // Through this wrapper's own calls, so that each is counted, delayed and logged.
+    extensions::writeWholeFileThroughStream(*this, iri, bytes, lastModified);
     return;
   }
   enter("writeWholeFile", iri);

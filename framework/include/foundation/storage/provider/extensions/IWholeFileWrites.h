@@ -7,6 +7,7 @@
 // Threads: any thread, several at once, like every provider call.
 #pragma once
 
+#include <foundation/storage/provider/IProvider.h>
 #include <foundation/storage/provider/StorageIRI.h>
 
 #include <boost/date_time/posix_time/ptime.hpp>
@@ -34,5 +35,12 @@ class IWholeFileWrites {
   virtual void doWriteWholeFile(const StorageIRI& location, std::string_view bytes,
                                 const boost::posix_time::ptime& lastModified) const = 0;
 };
+
+// What a whole-file write stands for, through `provider`'s own public calls: a stream that
+// creates or empties the file, its bytes, the close, then the time stamp. For a provider that
+// has no cheaper way, and for a wrapper whose inner provider offers no whole-file writes.
+void writeWholeFileThroughStream(const IProvider& provider, const StorageIRI& location,
+                                 std::string_view bytes,
+                                 const boost::posix_time::ptime& lastModified);
 
 }  // namespace foundation::storage::provider::extensions
