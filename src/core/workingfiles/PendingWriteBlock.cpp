@@ -16,8 +16,9 @@ PendingWriteBlock::Answer PendingWriteBlock::append(std::int64_t offset, const c
                                                     std::int64_t count, bool inBody) {
   if (offset != nextOffset_) return NOT_CONTIGUOUS;
   // A block never grows past its capacity, except by one write that is larger on its own:
-  // that write is taken whole and handed over at once.
-  if (length_ + count >= capacity_ && count < capacity_) return NOT_CONTIGUOUS;
+  // that write is taken whole and handed over at once. A write that fills the block exactly
+  // is taken too, so that writes sized to divide the capacity reach the store in full blocks.
+  if (length_ + count > capacity_ && count < capacity_) return NOT_CONTIGUOUS;
   if (!inBody && refersToBody()) {
     throw std::logic_error("a block that refers to the body must be materialised first");
   }
@@ -31,7 +32,7 @@ PendingWriteBlock::Answer PendingWriteBlock::append(std::int64_t offset, const c
   }
   length_ += count;
   nextOffset_ = offset + count;
-  return count >= capacity_ ? APPENDED_HAND_OVER : APPENDED;
+  return length_ >= capacity_ ? APPENDED_HAND_OVER : APPENDED;
 }
 
 void PendingWriteBlock::materialise(const BodyReader& readBody) {

@@ -28,7 +28,7 @@ class PendingWriteBlock {
     APPENDED = 0,
     // Not taken: not contiguous with the block, or the block is full.
     NOT_CONTIGUOUS = 1,
-    // Taken, and the block should be handed over now (the write alone filled it).
+    // Taken, and the block should be handed over now (it is full).
     APPENDED_HAND_OVER = 2,
   };
   // Reads `count` body bytes at `position` into `buffer`; returns the bytes read.
