@@ -14,7 +14,8 @@
 //                    flushed, with an unbounded queue: the caller's time (open to close)
 //                    against writing a local file the same way (no fsync), and the drain time
 //                    (open to the flush's return) against writing the store directly in 4 MiB
-//                    requests.
+//                    requests; the drain with the library's defaults and with writes merged
+//                    as the mount has them (overlay.absorbChanges).
 //   write-memory     the peak resident memory of the same write, in a child process of its
 //                    own, with overlay.maxQueueWeight = 64 (64 MiB of queued writes); the
 //                    caller then runs at the store's pace once the bound is reached.
@@ -604,6 +605,34 @@ std::map<std::string, std::string> boundedQueue() {
   return {{"overlay.maxQueueWeight", std::to_string(kQueueBoundMiB)}};
 }
 
+struct Drain {
+  double callerSeconds;
+  double drainSeconds;
+  std::string callsText;
+};
+
+// 256 MiB written through a fresh overlay in caller-sized writes, closed, then flushed.
+Drain drainThroughOverlay(MemStore& store, const std::vector<char>& source, std::uint64_t seed,
+                          const std::map<std::string, std::string>& settings) {
+  const std::u16string path = u"/through-overlay.bin";
+  Overlay overlay(store.root(), settings);
+  store.remote().resetCounters();
+  const auto start = Clock::now();
+  {
+    auto stream = overlay.item(path).openStream(fsp::ByteStreamOpenOptions::overwrite());
+    for (std::uint64_t offset = 0; offset < kWriteBytes; offset += kAppWrite) {
+      writeExactly(*stream, source.data() + offset, kAppWrite);
+    }
+    stream->close();
+  }
+  const double callerSeconds = seconds(Clock::now() - start);
+  overlay.flush();
+  Drain drain{callerSeconds, seconds(Clock::now() - start), store.callsText()};
+  store.check(path, kWriteBytes, seed);
+  store.innerItem(path).removeFile();
+  return drain;
+}
+
 void write(Context& context) {
   constexpr std::uint64_t kSeed = 4;
   std::vector<char> source(kWriteBytes);
@@ -641,41 +670,32 @@ void write(Context& context) {
   store.check(directPath, kWriteBytes, kSeed);
   store.innerItem(directPath).removeFile();
 
-  const std::u16string path = u"/through-overlay.bin";
-  Overlay overlay(store.root(), {});
-  store.remote().resetCounters();
-  start = Clock::now();
-  {
-    auto stream = overlay.item(path).openStream(fsp::ByteStreamOpenOptions::overwrite());
-    for (std::uint64_t offset = 0; offset < kWriteBytes; offset += kAppWrite) {
-      writeExactly(*stream, source.data() + offset, kAppWrite);
-    }
-    stream->close();
-  }
-  const double callerSeconds = seconds(Clock::now() - start);
-  overlay.flush();
-  const double drainSeconds = seconds(Clock::now() - start);
-  const auto callsText = store.callsText();
-  store.check(path, kWriteBytes, kSeed);
-
-  const double callerRate = mibPerSecond(kWriteBytes, callerSeconds);
+  const auto defaults = drainThroughOverlay(store, source, kSeed, {});
+  const auto merging =
+      drainThroughOverlay(store, source, kSeed, {{"overlay.absorbChanges", "true"}});
+  const double callerRate = mibPerSecond(kWriteBytes, defaults.callerSeconds);
   const double localRate = mibPerSecond(kWriteBytes, localSeconds);
-  std::cout
-      << format("  caller (open to close): %.0f MiB/s   local file: %.0f MiB/s   ratio %.1f %%\n",
-                callerRate, localRate, 100 * callerRate / localRate)
-      << format(
-             "  drain (open to flush): %.3f s   store directly, 4 MiB requests: %.3f s   "
-             "ratio %.2fx\n",
-             drainSeconds, directSeconds, drainSeconds / directSeconds)
-      << "  store calls through the overlay: " << callsText << "\n";
+  std::cout << format(
+      "  caller (open to close): %.0f MiB/s   local file: %.0f MiB/s   ratio %.1f %%\n", callerRate,
+      localRate, 100 * callerRate / localRate);
+  for (const auto* drain : {&defaults, &merging}) {
+    std::cout << format(
+                     "  drain (open to flush), %s: %.3f s   store directly, 4 MiB requests: "
+                     "%.3f s   ratio %.2fx\n",
+                     drain == &defaults ? "library defaults" : "merging writes",
+                     drain->drainSeconds, directSeconds, drain->drainSeconds / directSeconds)
+              << "    store calls through the overlay: " << drain->callsText << "\n";
+  }
   context.summary.add({"write: caller throughput", format("%.0f MiB/s", callerRate),
                        format("%.0f MiB/s", localRate),
                        format("%.1f %%", 100 * callerRate / localRate), ">= 50 %",
                        callerRate >= 0.5 * localRate});
-  context.summary.add({"write: drain time", format("%.3f s", drainSeconds),
+  // The target is the mount's: blocks filled to the payload size need the merging that comes
+  // with absorption; the library's defaults send a block one caller write short of it.
+  context.summary.add({"write: drain time (merging)", format("%.3f s", merging.drainSeconds),
                        format("%.3f s", directSeconds),
-                       format("%.2fx", drainSeconds / directSeconds), "<= 1.1x",
-                       drainSeconds <= 1.1 * directSeconds});
+                       format("%.2fx", merging.drainSeconds / directSeconds), "<= 1.1x",
+                       merging.drainSeconds <= 1.1 * directSeconds});
 }
 
 // Runs in a child process of its own (a fresh heap, no other case's memory to reuse): the

@@ -286,10 +286,16 @@ TEST(OverlayMutations, WorkALaterChangeMakesMootNeverReachesTheStore) {
          write(e, u"/f", {{0, "abcdef"}, {2, "x"}, {0, "ABCDEF"}});
        },
        "streamWrite 0, writeWholeFile 1", "ABCDEF"},
-      {"written in two places",
+      {"written across a hole",
        [&](auto& e) {
          e.overlay->createFile(e.at(u"/f"));
          write(e, u"/f", {{0, "ab"}, {4, "c"}});
+       },
+       "streamWrite 0, writeWholeFile 1", std::string("ab\0\0c", 5)},
+      {"written in two places",
+       [&](auto& e) {
+         e.overlay->createFile(e.at(u"/f"));
+         write(e, u"/f", {{4, "c"}, {0, "ab"}});
        },
        "streamWrite 2, writeWholeFile 0", std::string("ab\0\0c", 5)},
       {"a mode restored as it was",

@@ -33,6 +33,7 @@ WorkingFileSettings OverlayProvider::workingFileSettings() const {
   settings.minQueueItemWeight = minQueueItemWeight_.load();
   settings.contentCacheDisabled = contentCacheDisabled_.load();
   settings.readAttributesLazily = absorbChanges_.load();
+  settings.mergeWrites = absorbChanges_.load();
   settings.storeKeepsExtendedAttributes = innerHasFeature(fsp::ExtendedFeature::ExtendedAttributes);
   settings.storeReportsCacheUsage = innerHasFeature(fsp::ExtendedFeature::CacheUsage);
   settings.noteReplayedChange = ReplayEchoes::noteThrough(echoes_);

@@ -16,9 +16,8 @@ PendingWriteBlock::Answer PendingWriteBlock::append(std::int64_t offset, const c
                                                     std::int64_t count, bool inBody) {
   if (offset != nextOffset_) return NOT_CONTIGUOUS;
   // A block never grows past its capacity, except by one write that is larger on its own:
-  // that write is taken whole and handed over at once. A write that fills the block exactly
-  // is taken too, so that writes sized to divide the capacity reach the store in full blocks.
-  if (length_ + count > capacity_ && count < capacity_) return NOT_CONTIGUOUS;
+  // that write is taken whole and handed over at once.
+  if (length_ + count >= capacity_ && count < capacity_) return NOT_CONTIGUOUS;
   if (!inBody && refersToBody()) {
     throw std::logic_error("a block that refers to the body must be materialised first");
   }
@@ -32,6 +31,25 @@ PendingWriteBlock::Answer PendingWriteBlock::append(std::int64_t offset, const c
   }
   length_ += count;
   nextOffset_ = offset + count;
+  return count >= capacity_ ? APPENDED_HAND_OVER : APPENDED;
+}
+
+PendingWriteBlock::Answer PendingWriteBlock::span(std::int64_t offset, const char* data,
+                                                  std::int64_t count, bool inBody,
+                                                  bool acrossHole) {
+  if (offset < start_ || (offset > nextOffset_ && !acrossHole)) return NOT_CONTIGUOUS;
+  const auto end = std::max(nextOffset_, offset + count);
+  // One write larger than the capacity on its own is still taken whole, by an empty block.
+  if (end - start_ > capacity_ && length_ > 0) return NOT_CONTIGUOUS;
+  if (!inBody && refersToBody()) {
+    throw std::logic_error("a block that refers to the body must be materialised first");
+  }
+  if (!inBody || !bytes_.empty()) {
+    bytes_.resize(static_cast<std::size_t>(end - start_));  // a hole reads as zeros
+    std::copy(data, data + count, bytes_.begin() + (offset - start_));
+  }
+  length_ = end - start_;
+  nextOffset_ = end;
   return length_ >= capacity_ ? APPENDED_HAND_OVER : APPENDED;
 }
 

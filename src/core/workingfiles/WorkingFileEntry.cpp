@@ -280,13 +280,23 @@ std::int64_t WorkingFileEntry::writeAt(std::int64_t offset, const char* data, st
   try {
     std::lock_guard lock(mutex_);
     checkGrowthLocked(offset + count);
+    const bool acrossHole = offset > size_ && spansHoleLocked(offset, count);
     if (offset > size_) {
-      // The gap is a hole, here and on the store: an extension, then the write.
+      // The gap is a hole, here and on the store: an extension, then the write; or, when the
+      // pending block takes the write across it, the block's bytes of the hole.
       truncateBodyLocked(offset);
-      resizeLocked(offset, beforeGap);
-      extendTo = offset;
+      if (acrossHole) {
+        accountSizeChangeLocked(size_, offset);
+        size_ = offset;
+      } else {
+        resizeLocked(offset, beforeGap);
+        // Merging, the write's own replay extends the store's file (a store's stream writes
+        // past its end with zeros between), which saves a truncation and a new stream; the
+        // kernel's writeback threads make such a write out of every late-arriving page.
+        if (!settings_.mergeWrites) extendTo = offset;
+      }
     }
-    writeLocked(offset, data, count, handOver);
+    writeLocked(offset, data, count, acrossHole, handOver);
   } catch (...) {
     retract(own);
     throw;
@@ -459,7 +469,13 @@ void WorkingFileEntry::checkGrowthLocked(std::int64_t end) const {
   }
 }
 
+bool WorkingFileEntry::spansHoleLocked(std::int64_t offset, std::int64_t count) const {
+  return settings_.mergeWrites && !settings_.contentCacheDisabled && pendingBlock_ &&
+         pendingBlock_->end() == size_ && pendingBlock_->reachesAcross(offset, count);
+}
+
 void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::int64_t count,
+                                   bool acrossHole,
                                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
   bool inBody = false;
   if (!resource_->hasFailed()) {
@@ -469,7 +485,7 @@ void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::i
     inBody = !resource_->hasFailed() && !settings_.contentCacheDisabled;
     if (inBody) noteBodyWrittenLocked();
   }
-  recordLocked(offset, data, count, inBody, handOver);
+  recordLocked(offset, data, count, inBody, acrossHole, handOver);
   accountSizeChangeLocked(size_, std::max(size_, offset + count));
   size_ = std::max(size_, offset + count);
   ++generation_;
@@ -477,18 +493,24 @@ void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::i
 }
 
 void WorkingFileEntry::recordLocked(std::int64_t offset, const char* data, std::int64_t count,
-                                    bool inBody,
+                                    bool inBody, bool acrossHole,
                                     std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
   const auto capacity = std::max<std::int64_t>(settings_.maxWritePayloadSize, 1);
+  const auto add = [&](PendingWriteBlock& block, bool hole) {
+    return settings_.mergeWrites ? block.span(offset, data, count, inBody, hole)
+                                 : block.append(offset, data, count, inBody);
+  };
   if (!pendingBlock_) pendingBlock_ = std::make_unique<PendingWriteBlock>(offset, capacity);
   if (!inBody) holdUnsentBytesLocked();
-  const auto answer = pendingBlock_->append(offset, data, count, inBody);
+  const auto answer = add(*pendingBlock_, acrossHole);
   if (answer == PendingWriteBlock::APPENDED && !settings_.contentCacheDisabled) return;
   handOverLocked(handOver);
   if (answer == PendingWriteBlock::NOT_CONTIGUOUS) {
     // The new bytes start a block of their own, which waits (also in write-through mode).
     pendingBlock_ = std::make_unique<PendingWriteBlock>(offset, capacity);
-    pendingBlock_->append(offset, data, count, inBody);
+    if (add(*pendingBlock_, false) == PendingWriteBlock::APPENDED_HAND_OVER &&
+        settings_.mergeWrites)
+      handOverLocked(handOver);
   }
 }
 

@@ -226,10 +226,13 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // `own`: its journal record, made before the body was cut; none for an extension, which the
   // write's record implies.
   void submitTruncation(std::int64_t size, std::optional<std::uint64_t> own);
-  void writeLocked(std::int64_t offset, const char* data, std::int64_t count,
+  // Whether the pending block takes a write at `offset`, past the file's end, across the hole
+  // between (merging only).
+  bool spansHoleLocked(std::int64_t offset, std::int64_t count) const;
+  void writeLocked(std::int64_t offset, const char* data, std::int64_t count, bool acrossHole,
                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
   void recordLocked(std::int64_t offset, const char* data, std::int64_t count, bool inBody,
-                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
+                    bool acrossHole, std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
   // Moves the pending block (if it holds anything) to `handOver`.
   void handOverLocked(std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
   // Reads body bytes straight from the body file (also after a failed body write), through

@@ -41,6 +41,10 @@ struct WorkingFileSettings {
   // when someone asks for them (the provider's getExtendedAttributes), not at every close:
   // one store call less a file. Goes with "overlay.absorbChanges".
   bool readAttributesLazily = false;
+  // Contiguous, overlapping and slightly out-of-order writes merge into full blocks
+  // (PendingWriteBlock::span); otherwise a block takes only contiguous writes that leave it
+  // below its capacity. Goes with "overlay.absorbChanges".
+  bool mergeWrites = false;
   // The store keeps extended attributes (ExtendedFeature::ExtendedAttributes, asked once by
   // the provider); one that keeps none is never asked for them.
   bool storeKeepsExtendedAttributes = true;
