@@ -53,6 +53,14 @@ TEST(OverlayBodies, WritesReachTheStoreInCoalescedBlocks) {
     std::string content;
   };
   const std::string h(100, 'h');
+  // 33 one-byte writes with a gap after each: one more than a file keeps pending blocks.
+  std::vector<std::pair<long, std::string>> scattered;
+  std::string scatteredContent;
+  for (int i = 0; i < 33; ++i) {
+    scattered.emplace_back(2 * i, std::string(1, static_cast<char>('A' + i)));
+    scatteredContent +=
+        std::string(1, static_cast<char>('A' + i)) + (i < 32 ? std::string(1, '\0') : "");
+  }
   const std::vector<Case> cases = {
       {"contiguous", {}, {{0, h}, {100, h}, {200, h}}, 1, h + h + h},
       {"overwrite elsewhere", {}, {{0, h}, {50, "xy"}}, 2, h.substr(0, 50) + "xy" + h.substr(52)},
@@ -77,16 +85,26 @@ TEST(OverlayBodies, WritesReachTheStoreInCoalescedBlocks) {
        {{0, h}, {50, "xy"}},
        1,
        h.substr(0, 50) + "xy" + h.substr(52)},
-      {"merging: a write past the end across a hole, then the hole's write",
+      {"merging: pages out of order join when the gap is filled",
        {{"overlay.absorbChanges", "true"}},
-       {{0, "ab"}, {4, "ef"}, {2, "cd"}},
+       {{0, "ab"}, {6, "gh"}, {4, "ef"}, {2, "cd"}},
        1,
-       "abcdef"},
-      {"merging: a hole that stays one is sent as zeros",
+       "abcdefgh"},
+      {"merging: a hole that stays one stays a hole",
        {{"overlay.absorbChanges", "true"}},
        {{0, "ab"}, {5, "c"}},
-       1,
+       2,
        std::string("ab\0\0\0c", 6)},
+      {"merging: more scattered writes than blocks are kept",
+       {{"overlay.absorbChanges", "true"}},
+       scattered,
+       33,
+       scatteredContent},
+      {"merging: blocks are cut at multiples of the payload size",
+       {{"overlay.absorbChanges", "true"}, {"overlay.maxWritePayloadSize", "4"}},
+       {{0, "ab"}, {2, "cdef"}, {8, "ij"}, {6, "gh"}, {10, "kl"}},
+       3,
+       "abcdefghijkl"},
       {"write-through",
        {{"overlay.disableContentCache", "true"}},
        {{0, h}, {100, h}, {200, h}},

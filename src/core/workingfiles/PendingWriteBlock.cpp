@@ -35,22 +35,34 @@ PendingWriteBlock::Answer PendingWriteBlock::append(std::int64_t offset, const c
 }
 
 PendingWriteBlock::Answer PendingWriteBlock::span(std::int64_t offset, const char* data,
-                                                  std::int64_t count, bool inBody,
-                                                  bool acrossHole) {
-  if (offset < start_ || (offset > nextOffset_ && !acrossHole)) return NOT_CONTIGUOUS;
+                                                  std::int64_t count, bool inBody) {
+  if (offset < start_ || offset > nextOffset_) return NOT_CONTIGUOUS;
   const auto end = std::max(nextOffset_, offset + count);
-  // One write larger than the capacity on its own is still taken whole, by an empty block.
   if (end - start_ > capacity_ && length_ > 0) return NOT_CONTIGUOUS;
   if (!inBody && refersToBody()) {
     throw std::logic_error("a block that refers to the body must be materialised first");
   }
   if (!inBody || !bytes_.empty()) {
-    bytes_.resize(static_cast<std::size_t>(end - start_));  // a hole reads as zeros
+    bytes_.resize(static_cast<std::size_t>(end - start_));
     std::copy(data, data + count, bytes_.begin() + (offset - start_));
   }
   length_ = end - start_;
   nextOffset_ = end;
   return length_ >= capacity_ ? APPENDED_HAND_OVER : APPENDED;
+}
+
+bool PendingWriteBlock::join(const PendingWriteBlock& next) {
+  if (next.start_ < start_ || next.start_ > nextOffset_ || length_ == 0) return false;
+  if (refersToBody() != next.refersToBody()) return false;
+  const auto end = std::max(nextOffset_, next.nextOffset_);
+  if (end - start_ > capacity_) return false;
+  if (!bytes_.empty() && end > nextOffset_) {
+    const auto kept = nextOffset_ - next.start_;  // bytes of `next` this block already has
+    bytes_.insert(bytes_.end(), next.bytes_.begin() + kept, next.bytes_.end());
+  }
+  length_ = end - start_;
+  nextOffset_ = end;
+  return true;
 }
 
 void PendingWriteBlock::materialise(const BodyReader& readBody) {

@@ -10,13 +10,8 @@
 // open, a failing body), the working file calls materialise, which copies them in; a
 // truncation that cuts the body under a block clips the block instead (clip).
 //
-// Merging (the working file's mergeWrites, which goes with "overlay.absorbChanges"): span
-// replaces append. A block then fills to its capacity exactly, takes writes that overlap it,
-// and, when the file's end is the block's end, takes a write past that end across the hole
-// between: the kernel's writeback sends one stream's pages from several threads, so they
-// arrive slightly out of order, and each would otherwise cut the block and cost the store a
-// truncation (to extend the file) and a new stream. A hole that no later write fills reaches
-// the store as zeros, at most a block's worth.
+// Merging (see PendingWrites): span replaces append, and blocks that come to touch are
+// joined.
 //
 // Ownership: a WorkingFileEntry holds at most one block still taking writes, and shares the
 // handed-over ones with the FILE_WRITE transactions that carry them.
@@ -47,17 +42,16 @@ class PendingWriteBlock {
   // `inBody`: the bytes are in the cached body as well, so only their range is recorded. A
   // block that refers to the body takes bytes that are not in it only after materialise.
   Answer append(std::int64_t offset, const char* data, std::int64_t count, bool inBody);
-  // Merging: takes the write when, with it, the block still starts at its start, holds no
-  // gap (unless `acrossHole`: the bytes between the block's end and `offset` are a hole of the
-  // file) and stays within its capacity. The block's range then covers the write; bytes it
-  // refers to are read from the body when it is replayed, so an overlapping write replaces
-  // them there, and a block holding its bytes copies them in (zeros for the hole).
-  Answer span(std::int64_t offset, const char* data, std::int64_t count, bool inBody,
-              bool acrossHole);
-  // Whether span would take a write at `offset` past the block's end, across a hole.
-  bool reachesAcross(std::int64_t offset, std::int64_t count) const {
-    return nextOffset_ >= start_ && offset > nextOffset_ && offset + count - start_ <= capacity_;
-  }
+  // Merging: takes the write when it starts within the block or at its end and the block,
+  // with it, stays within its capacity (a write larger than that on its own is taken by an
+  // empty block). The block's range then covers the write; bytes it refers to are read from
+  // the body when it is replayed, so an overlapping write replaces them there, and a block
+  // holding its bytes copies them in.
+  Answer span(std::int64_t offset, const char* data, std::int64_t count, bool inBody);
+  // Merging: takes the range of `next`, which starts within this block or at its end, when
+  // both hold their bytes the same way and the two fit the capacity. Where they overlap,
+  // this block's bytes are kept: the newest write went to it.
+  bool join(const PendingWriteBlock& next);
   std::int64_t end() const { return nextOffset_; }
   // Copies the bytes it refers to out of the body; throws std::runtime_error when the body
   // has fewer of them.

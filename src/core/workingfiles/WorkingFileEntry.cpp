@@ -110,7 +110,7 @@ std::shared_ptr<StreamRegistration> WorkingFileEntry::openReadWrite(
     holdUnsentBytesLocked();
     resource_->doRemove();
     openBodyLocked();
-    pendingBlock_.reset();
+    pendingWrites_.clear();
     size_ = 0;
     ++generation_;
     record_->setSize(0).setLastModified(resource_->lastModified());
@@ -186,7 +186,7 @@ bool WorkingFileEntry::bodyMayLackPendingWritesLocked() const {
   return bodyLost_ || resource_->hasFailed();
 }
 
-// Hands the pending block over and waits until this file's transactions have drained (or the
+// Hands the pending blocks over and waits until this file's transactions have drained (or the
 // entry is aborted). Returns whether there was anything to wait for, so the caller reads the
 // cache again before asking the store.
 bool WorkingFileEntry::waitForPendingWrites() {
@@ -280,23 +280,21 @@ std::int64_t WorkingFileEntry::writeAt(std::int64_t offset, const char* data, st
   try {
     std::lock_guard lock(mutex_);
     checkGrowthLocked(offset + count);
-    const bool acrossHole = offset > size_ && spansHoleLocked(offset, count);
     if (offset > size_) {
-      // The gap is a hole, here and on the store: an extension, then the write; or, when the
-      // pending block takes the write across it, the block's bytes of the hole.
+      // The gap is a hole, here and on the store: an extension, then the write. Merging, the
+      // write's own replay extends the store's file (a store's stream writes past its end
+      // with zeros between), which saves a truncation and a new stream, and the blocks before
+      // wait for the pages of the gap that the kernel's writeback threads send late.
       truncateBodyLocked(offset);
-      if (acrossHole) {
+      if (settings_.mergeWrites) {
         accountSizeChangeLocked(size_, offset);
         size_ = offset;
       } else {
         resizeLocked(offset, beforeGap);
-        // Merging, the write's own replay extends the store's file (a store's stream writes
-        // past its end with zeros between), which saves a truncation and a new stream; the
-        // kernel's writeback threads make such a write out of every late-arriving page.
-        if (!settings_.mergeWrites) extendTo = offset;
+        extendTo = offset;
       }
     }
-    writeLocked(offset, data, count, acrossHole, handOver);
+    writeLocked(offset, data, count, handOver);
   } catch (...) {
     retract(own);
     throw;
@@ -469,13 +467,7 @@ void WorkingFileEntry::checkGrowthLocked(std::int64_t end) const {
   }
 }
 
-bool WorkingFileEntry::spansHoleLocked(std::int64_t offset, std::int64_t count) const {
-  return settings_.mergeWrites && !settings_.contentCacheDisabled && pendingBlock_ &&
-         pendingBlock_->end() == size_ && pendingBlock_->reachesAcross(offset, count);
-}
-
 void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::int64_t count,
-                                   bool acrossHole,
                                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
   bool inBody = false;
   if (!resource_->hasFailed()) {
@@ -485,7 +477,7 @@ void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::i
     inBody = !resource_->hasFailed() && !settings_.contentCacheDisabled;
     if (inBody) noteBodyWrittenLocked();
   }
-  recordLocked(offset, data, count, inBody, acrossHole, handOver);
+  recordLocked(offset, data, count, inBody, handOver);
   accountSizeChangeLocked(size_, std::max(size_, offset + count));
   size_ = std::max(size_, offset + count);
   ++generation_;
@@ -493,33 +485,25 @@ void WorkingFileEntry::writeLocked(std::int64_t offset, const char* data, std::i
 }
 
 void WorkingFileEntry::recordLocked(std::int64_t offset, const char* data, std::int64_t count,
-                                    bool inBody, bool acrossHole,
+                                    bool inBody,
                                     std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
-  const auto capacity = std::max<std::int64_t>(settings_.maxWritePayloadSize, 1);
-  const auto add = [&](PendingWriteBlock& block, bool hole) {
-    return settings_.mergeWrites ? block.span(offset, data, count, inBody, hole)
-                                 : block.append(offset, data, count, inBody);
-  };
-  if (!pendingBlock_) pendingBlock_ = std::make_unique<PendingWriteBlock>(offset, capacity);
   if (!inBody) holdUnsentBytesLocked();
-  const auto answer = add(*pendingBlock_, acrossHole);
-  if (answer == PendingWriteBlock::APPENDED && !settings_.contentCacheDisabled) return;
-  handOverLocked(handOver);
-  if (answer == PendingWriteBlock::NOT_CONTIGUOUS) {
-    // The new bytes start a block of their own, which waits (also in write-through mode).
-    pendingBlock_ = std::make_unique<PendingWriteBlock>(offset, capacity);
-    if (add(*pendingBlock_, false) == PendingWriteBlock::APPENDED_HAND_OVER &&
-        settings_.mergeWrites)
-      handOverLocked(handOver);
-  }
+  const auto first = handOver.size();
+  pendingWrites_.record(offset, data, count, inBody, settings_.contentCacheDisabled, handOver);
+  noteHandedOverLocked(handOver, first);
 }
 
 void WorkingFileEntry::handOverLocked(std::vector<std::shared_ptr<PendingWriteBlock>>& handOver) {
-  std::shared_ptr<PendingWriteBlock> block = std::move(pendingBlock_);
-  pendingBlock_.reset();
-  if (!block || block->size() == 0) return;
-  if (block->refersToBody()) unsentBodyBlocks_.push_back(block);
-  handOver.push_back(std::move(block));
+  const auto first = handOver.size();
+  pendingWrites_.takeAll(handOver);
+  noteHandedOverLocked(handOver, first);
+}
+
+void WorkingFileEntry::noteHandedOverLocked(
+    const std::vector<std::shared_ptr<PendingWriteBlock>>& handOver, std::size_t first) {
+  for (auto i = first; i < handOver.size(); ++i) {
+    if (handOver[i]->refersToBody()) unsentBodyBlocks_.push_back(handOver[i]);
+  }
 }
 
 std::int64_t WorkingFileEntry::readBodyLocked(std::int64_t position, char* buffer,
@@ -540,7 +524,7 @@ void WorkingFileEntry::holdUnsentBytesLocked() {
   };
   for (const auto& block : unsentBodyBlocks_) materialise(*block);
   unsentBodyBlocks_.clear();
-  if (pendingBlock_) materialise(*pendingBlock_);
+  for (const auto& block : pendingWrites_.blocks()) materialise(*block);
 }
 
 void WorkingFileEntry::enqueueProviderWrite() {
@@ -708,7 +692,7 @@ bool WorkingFileEntry::isIdle() {
   if (pins_.load() > 0) return false;
   {
     std::lock_guard lock(mutex_);
-    if (!openStreams_.empty() || (pendingBlock_ && pendingBlock_->size() > 0)) return false;
+    if (!openStreams_.empty() || !pendingWrites_.empty()) return false;
   }
   std::lock_guard pending(pendingMutex_);
   return pendingTransactions_ == 0;

@@ -3,7 +3,7 @@
 // the executor, and the file's one stream on the inner store.
 //
 // Reads are served from the cached body. Writes land in the cached body at once, are
-// coalesced into a pending block of contiguous bytes, and reach the inner store as FILE_WRITE
+// coalesced into pending blocks (see PendingWrites), and reach the inner store as FILE_WRITE
 // transactions on the executor; the caller never waits for the store on a write. A block
 // refers to its bytes in the body rather than copying them (see PendingWriteBlock), so the
 // caller pays one local write; the bytes are copied out of the body before anything can take
@@ -60,7 +60,7 @@
 //  - Write-through mode (content caching disabled): every contiguous write is handed over at
 //    once, and reads go to the inner store after the file's pending writes have drained.
 //  - Streams are counted by id (StreamRegistration); a second close of one stream is harmless.
-//  - flushContentCache hands the pending block over and waits until no transaction of this
+//  - flushContentCache hands the pending blocks over and waits until no transaction of this
 //    file is pending.
 //
 // Ownership: made by the ContentCache (std::make_shared) and shared by the cache, every
@@ -77,7 +77,7 @@
 //
 // Locks, in order: submitMutex_ (serialises handing blocks to the executor, so that they
 // reach it in the order they were written), innerMutex_ (the inner stream and its position),
-// mutex_ (size, open streams, pending block, cached body), pendingMutex_ (count of queued
+// mutex_ (size, open streams, pending blocks, cached body), pendingMutex_ (count of queued
 // transactions). The ContentCache takes its own mutex and then mutex_; the entry calls into
 // the content cache only through settings_.cacheRoom, and then holds none of its locks. No
 // lock but innerMutex_ is held while the store is called.
@@ -92,6 +92,7 @@
 #include "core/execution/ReplayChange.h"
 #include "core/metadata/FileMetadata.h"
 #include "core/workingfiles/PendingWriteBlock.h"
+#include "core/workingfiles/PendingWrites.h"
 #include "core/workingfiles/StreamRegistration.h"
 #include "core/workingfiles/WorkingFileSettings.h"
 
@@ -145,9 +146,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // quota estimate (QuotaExceeded), before anything changes or is queued. With no stream
   // open, the closing transaction follows as after a stream's last close.
   void truncate(std::uint64_t size);
-  // Hands the pending block to the executor.
+  // Hands the pending blocks to the executor.
   void enqueueProviderWrite();
-  // Hands the pending block over and waits until no transaction of this file is pending.
+  // Hands the pending blocks over and waits until no transaction of this file is pending.
   void flushContentCache();
 
   // --- the content cache's view (called under the content cache's mutex) ---
@@ -217,7 +218,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // other failure.
   void noteBodyWrittenLocked();
   void truncateBodyLocked(std::int64_t size);
-  // After truncateBodyLocked: sets the size and the record to `size`, hands the pending block
+  // After truncateBodyLocked: sets the size and the record to `size`, hands the pending blocks
   // over and clips the blocks a shrink cuts; the caller queues the store's truncation right
   // after `handOver`.
   void resizeLocked(std::int64_t size, std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
@@ -226,14 +227,14 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // `own`: its journal record, made before the body was cut; none for an extension, which the
   // write's record implies.
   void submitTruncation(std::int64_t size, std::optional<std::uint64_t> own);
-  // Whether the pending block takes a write at `offset`, past the file's end, across the hole
-  // between (merging only).
-  bool spansHoleLocked(std::int64_t offset, std::int64_t count) const;
-  void writeLocked(std::int64_t offset, const char* data, std::int64_t count, bool acrossHole,
+  void writeLocked(std::int64_t offset, const char* data, std::int64_t count,
                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
   void recordLocked(std::int64_t offset, const char* data, std::int64_t count, bool inBody,
-                    bool acrossHole, std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
-  // Moves the pending block (if it holds anything) to `handOver`.
+                    std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
+  // Notes the blocks in `handOver` from `first` on as sent but not yet replayed.
+  void noteHandedOverLocked(const std::vector<std::shared_ptr<PendingWriteBlock>>& handOver,
+                            std::size_t first);
+  // Moves the pending blocks (those that hold anything) to `handOver`.
   void handOverLocked(std::vector<std::shared_ptr<PendingWriteBlock>>& handOver);
   // Reads body bytes straight from the body file (also after a failed body write), through
   // the descriptor that wrote them, so a body deleted from outside still gives them back.
@@ -350,7 +351,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   int state_ = 0;
   int closesQueued_ = 0;     // closing transactions submitted and not yet run
   bool writesHeld_ = false;  // this entry holds record_ frozen (see holdRecordLocked)
-  std::unique_ptr<PendingWriteBlock> pendingBlock_;
+  PendingWrites pendingWrites_{settings_.maxWritePayloadSize, settings_.mergeWrites};
   // Handed-over blocks whose bytes their transactions have not read from the body yet.
   std::vector<std::shared_ptr<PendingWriteBlock>> unsentBodyBlocks_;
   bool bodyLost_ = false;
