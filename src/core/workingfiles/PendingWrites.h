@@ -16,6 +16,11 @@
 // so their order among themselves does not matter; a block past the store's end extends the
 // store's file when written (a store's stream writes past its end with zeros between).
 //
+// Memory: blocks that refer to the body hold none; when the working file copies their bytes
+// out of a body it is about to lose (PendingWriteBlock::materialise), the pending blocks may
+// hold up to kMaxBlocks partial windows for as long as they wait, and new blocks that hold
+// their bytes are limited to kMaxBlocksHoldingBytes.
+//
 // Ownership: a member of its WorkingFileEntry. Locks: none; the entry calls it under its own
 // mutex only.
 #pragma once
