@@ -10,8 +10,6 @@ namespace storage::overlayprovider {
 
 namespace {
 
-constexpr int kMaxAttempts = 3;
-
 // Both helpers must be called from inside a catch block: they describe the exception being
 // handled. A failure to log is dropped, since runWithRetry must not throw and there is no
 // other place left to report it.
