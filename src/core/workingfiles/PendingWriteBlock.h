@@ -13,8 +13,9 @@
 // Merging (see PendingWrites): span replaces append, and blocks that come to touch are
 // joined.
 //
-// Ownership: a WorkingFileEntry holds at most one block still taking writes, and shares the
-// handed-over ones with the FILE_WRITE transactions that carry them.
+// Ownership: a WorkingFileEntry's PendingWrites holds the blocks still taking writes (one, or
+// with merging up to PendingWrites::kMaxBlocks), and shares the handed-over ones with the
+// FILE_WRITE transactions that carry them.
 // Locks: none; the entry uses its blocks under its own mutex only.
 #pragma once
 
@@ -52,7 +53,6 @@ class PendingWriteBlock {
   // both hold their bytes the same way and the two fit the capacity. Where they overlap,
   // this block's bytes are kept: the newest write went to it.
   bool join(const PendingWriteBlock& next);
-  std::int64_t end() const { return nextOffset_; }
   // Copies the bytes it refers to out of the body; throws std::runtime_error when the body
   // has fewer of them.
   void materialise(const BodyReader& readBody);
