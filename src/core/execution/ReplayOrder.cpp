@@ -41,6 +41,24 @@ std::optional<std::size_t> ReplayOrder::pickRunnable(
   return std::nullopt;
 }
 
+std::size_t ReplayOrder::countStartable(
+    const std::deque<QueuedTransaction>& queue, std::size_t enough,
+    const std::function<bool(const QueuedTransaction&)>& ripe) const {
+  if (runningBarriers_ > 0) return 0;
+  // The keys of every entry ahead, whether it waits or is counted as started.
+  std::set<std::u16string> ahead;
+  std::size_t count = 0;
+  const auto limit = std::min(queue.size(), kLookahead);
+  for (std::size_t index = 0; index < limit && count < enough; ++index) {
+    const auto& entry = queue[index];
+    if (entry.scope.empty()) return index == 0 && running_ == 0 ? 1 : count;
+    if (!ripe(entry)) break;
+    if (!overlapsAny(entry.scope, runningKeys_) && !overlapsAny(entry.scope, ahead)) ++count;
+    ahead.insert(entry.scope.begin(), entry.scope.end());
+  }
+  return count;
+}
+
 void ReplayOrder::started(const QueuedTransaction& entry) {
   ++running_;
   if (entry.scope.empty()) ++runningBarriers_;

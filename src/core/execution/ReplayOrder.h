@@ -24,6 +24,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -36,6 +37,10 @@ class ReplayOrder {
 
   // The index of the first entry of `queue` that may start now, if any.
   std::optional<std::size_t> pickRunnable(const std::deque<QueuedTransaction>& queue) const;
+  // How many entries of `queue`, at most `enough`, could start side by side now, counting
+  // only those `ripe` accepts; it stops at the first it does not (later ones ripen later).
+  std::size_t countStartable(const std::deque<QueuedTransaction>& queue, std::size_t enough,
+                             const std::function<bool(const QueuedTransaction&)>& ripe) const;
   void started(const QueuedTransaction& entry);
   void finished(const QueuedTransaction& entry);
   std::size_t running() const { return running_; }

@@ -67,6 +67,7 @@ WeightedTransactionQueue::WeightedTransactionQueue(double maxWeight)
 bool WeightedTransactionQueue::push(QueuedTransaction entry) {
   // Entries a change absorbed, destroyed once the mutex is released.
   std::deque<QueuedTransaction> withdrawn;
+  bool wake = true;
   {
     std::unique_lock lock(mutex_);
     if (workerEnded_ || (closed_ && !entry.internal)) {
@@ -74,13 +75,14 @@ bool WeightedTransactionQueue::push(QueuedTransaction entry) {
     }
     entry.accountedWeight = 0.0;
     if (!entry.internal) {
-      if (maxWeight_.load() > 0.0) {
-        ++heldBack_;
-        workAvailable_.notify_all();  // a held-back submitter cuts the absorption window short
-        spaceAvailable_.wait(lock, [this] {
-          const double bound = maxWeight_.load();
-          return closed_ || bound <= 0.0 || currentWeight_ <= bound;
-        });
+      const auto hasSpace = [this] {
+        const double bound = maxWeight_.load();
+        return closed_ || bound <= 0.0 || currentWeight_ <= bound;
+      };
+      if (!hasSpace()) {
+        // The first held-back submitter cuts the absorption window short for every entry.
+        if (++heldBack_ == 1) workAvailable_.notify_all();
+        spaceAvailable_.wait(lock, hasSpace);
         --heldBack_;
         if (cancelled_ || workerEnded_) {
           lock.unlock();
@@ -96,8 +98,9 @@ bool WeightedTransactionQueue::push(QueuedTransaction entry) {
     }
     if (absorbing_.load() && entry.change) withdrawn = absorbLocked(entry);
     appendLocked(std::move(entry));
+    wake = needsAnotherWorkerLocked();
   }
-  workAvailable_.notify_all();
+  if (wake) workAvailable_.notify_one();
   return true;
 }
 
@@ -181,7 +184,7 @@ std::optional<QueuedTransaction> WeightedTransactionQueue::take() {
     // The first runnable entry is the oldest that may start: none behind it is riper.
     const auto ripe = ripensAtLocked(entries_[*runnable]);
     if (!ripe || Clock::now() >= *ripe) break;
-    workAvailable_.wait_until(lock, *ripe);
+    waitForRipening(lock, *ripe);
   }
   const auto position = entries_.begin() + static_cast<std::ptrdiff_t>(*runnable);
   QueuedTransaction entry = std::move(*position);
@@ -195,10 +198,35 @@ std::optional<QueuedTransaction> WeightedTransactionQueue::take() {
   if (!entry.internal) {
     accountTaken(entry);
   }
+  const bool wake = needsAnotherWorkerLocked();
   lock.unlock();
+  if (wake) workAvailable_.notify_one();
   queueChanged_.notify_all();
   spaceAvailable_.notify_all();
   return entry;
+}
+
+void WeightedTransactionQueue::waitForRipening(std::unique_lock<std::mutex>& lock,
+                                               Clock::time_point ripe) {
+  if (timerKept_) {
+    workAvailable_.wait(lock);
+    return;
+  }
+  timerKept_ = true;
+  workAvailable_.wait_until(lock, ripe);
+  timerKept_ = false;
+}
+
+bool WeightedTransactionQueue::needsAnotherWorkerLocked() const {
+  const auto running = order_.running();
+  const auto now = Clock::now();
+  const auto ripe = [&](const QueuedTransaction& entry) {
+    const auto at = ripensAtLocked(entry);
+    return !at || now >= *at;
+  };
+  if (order_.countStartable(entries_, running + 1, ripe) > running) return true;
+  // Nobody running comes back to wait for the oldest entry to ripen.
+  return running == 0 && !timerKept_ && order_.pickRunnable(entries_).has_value();
 }
 
 void WeightedTransactionQueue::finished(const QueuedTransaction& entry) {
@@ -206,8 +234,8 @@ void WeightedTransactionQueue::finished(const QueuedTransaction& entry) {
     std::lock_guard lock(mutex_);
     order_.finished(entry);
   }
-  // Changes that waited for this one may start now, on any worker.
-  workAvailable_.notify_all();
+  // No worker is woken: the one that ran this entry takes the next itself, and take() wakes
+  // more if what may start now outnumbers the workers running.
   queueChanged_.notify_all();
 }
 

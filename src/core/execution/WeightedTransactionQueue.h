@@ -28,6 +28,16 @@
 // moot itself, and then costs the store nothing either. Withdrawn entries give their weight
 // back and leave the "now" counters; "absorbed" counts them.
 //
+// Wake-ups: an idle worker is woken only when more ripe entries could start side by side than
+// there are workers running, since each of those comes back for the next entry as soon as its
+// own has finished (a worker calls take() again after finished()). A fast store is so replayed
+// by one worker that never sleeps, a slow one by as many as the backlog keeps busy. While the
+// oldest runnable entry waits out the absorption window, one idle worker keeps its timer and
+// the others sleep until woken. Eight workers each waking at every push, every finish and every
+// ripening to find one entry between them spent more of the daemon's time switching threads
+// than replaying. What must hurry every worker (a flush, a drain, the first held-back
+// submitter, a close, a new setting) still wakes them all.
+//
 // Statistics (on unless QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE is exactly "true"): per-kind
 // counters of what is waiting now and of all that was ever pushed, the weight waiting, queue
 // times, and how long the queue took to drain. They are written as compact JSON records at severity
@@ -124,6 +134,10 @@ class WeightedTransactionQueue {
   std::deque<QueuedTransaction> discardLocked();
   // When `entry` may be taken, if it must wait for the absorption window.
   std::optional<Clock::time_point> ripensAtLocked(const QueuedTransaction& entry) const;
+  // Whether an idle worker must be woken to start an entry or keep the timer.
+  bool needsAnotherWorkerLocked() const;
+  // Sleeps until `ripe` if no other worker keeps that timer, else until woken.
+  void waitForRipening(std::unique_lock<std::mutex>& lock, Clock::time_point ripe);
   void countPushed(ObservableTransactionType type);
   void accountTaken(const QueuedTransaction& entry);
   void recordQueueTime(const QueuedTransaction& entry);
@@ -159,7 +173,8 @@ class WeightedTransactionQueue {
   bool cancelled_ = false;
   bool workerEnded_ = false;
   bool workersStopping_ = false;
-  ReplayOrder order_;  // which entries are running, and which may start
+  bool timerKept_ = false;  // an idle worker waits for the oldest runnable entry to ripen
+  ReplayOrder order_;       // which entries are running, and which may start
   std::mutex mutex_;
   std::condition_variable workAvailable_;
   std::condition_variable queueChanged_;
