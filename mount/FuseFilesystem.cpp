@@ -81,6 +81,7 @@ fuse_operations FuseFilesystem::operations() {
   ops.open = &FuseFilesystem::open;
   ops.create = &FuseFilesystem::create;
   ops.read = &FuseFilesystem::read;
+  ops.read_buf = &FuseFilesystem::readBuf;
   ops.write = &FuseFilesystem::write;
   ops.truncate = &FuseFilesystem::truncate;
   ops.flush = &FuseFilesystem::flush;
@@ -148,6 +149,8 @@ void* FuseFilesystem::init(fuse_conn_info* conn, fuse_config* cfg) {
       conn->want |= FUSE_CAP_WRITEBACK_CACHE;
     }
     fs->writebackCache_ = (conn->want & FUSE_CAP_WRITEBACK_CACHE) != 0;
+    // Reads answered from a cached body's descriptor are spliced, not copied (readBuf).
+    if ((conn->capable & FUSE_CAP_SPLICE_WRITE) != 0) conn->want |= FUSE_CAP_SPLICE_WRITE;
     MOUNT_LOG(foundation::log::notice)
         << "FUSE session: writeback cache " << (fs->writebackCache_ ? "on" : "off")
         << ", max_write " << conn->max_write << ", max_readahead " << conn->max_readahead;

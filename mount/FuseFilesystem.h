@@ -108,6 +108,11 @@ class FuseFilesystem {
   static int open(const char* path, fuse_file_info* fi);
   static int create(const char* path, mode_t mode, fuse_file_info* fi);
   static int read(const char* path, char* buf, size_t size, off_t offset, fuse_file_info* fi);
+  // Bytes the overlay holds in a cached body are answered as that body's descriptor, which
+  // libfuse splices into the kernel without copying them through this process; the rest
+  // come through read().
+  static int readBuf(const char* path, fuse_bufvec** out, size_t size, off_t offset,
+                     fuse_file_info* fi);
   static int write(const char* path, const char* data, size_t size, off_t offset,
                    fuse_file_info* fi);
   static int truncate(const char* path, off_t size, fuse_file_info* fi);

@@ -6,7 +6,10 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <memory>
 #include <system_error>
 
 namespace storage::mount {
@@ -60,6 +63,34 @@ int FuseFilesystem::read(const char*, char* buf, size_t size, off_t offset, fuse
     if (offset < 0) return -EINVAL;
     return static_cast<int>(
         self().openFile(fi)->read(static_cast<std::uint64_t>(offset), buf, size));
+  });
+}
+
+int FuseFilesystem::readBuf(const char*, fuse_bufvec** out, size_t size, off_t offset,
+                            fuse_file_info* fi) {
+  return guarded("read", [&] {
+    if (offset < 0) return -EINVAL;
+    const auto file = self().openFile(fi);
+    // libfuse frees the vector, and the memory of a buffer that is not a descriptor.
+    auto vector = std::unique_ptr<fuse_bufvec, decltype(&std::free)>(
+        static_cast<fuse_bufvec*>(std::malloc(sizeof(fuse_bufvec))), &std::free);
+    if (!vector) return -ENOMEM;
+    *vector = FUSE_BUFVEC_INIT(0);
+    const auto local = file->readLocally(static_cast<std::uint64_t>(offset), size);
+    if (local && local->count > 0) {
+      vector->buf[0].size = static_cast<std::size_t>(local->count);
+      vector->buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
+      vector->buf[0].fd = local->descriptor;
+      vector->buf[0].pos = local->offset;
+    } else if (!local) {
+      auto memory = std::unique_ptr<char, decltype(&std::free)>(
+          static_cast<char*>(std::malloc(std::max<size_t>(size, 1))), &std::free);
+      if (!memory) return -ENOMEM;
+      vector->buf[0].size = file->read(static_cast<std::uint64_t>(offset), memory.get(), size);
+      vector->buf[0].mem = memory.release();
+    }
+    *out = vector.release();
+    return 0;
   });
 }
 

@@ -2,6 +2,7 @@
 
 #include "MountLog.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ios>
 #include <limits>
@@ -50,6 +51,22 @@ std::size_t OpenFile::read(std::uint64_t offset, char* buffer, std::size_t size)
     done += static_cast<std::size_t>(got);
   }
   return done;
+}
+
+std::optional<fsp::extensions::LocalBytes> OpenFile::readLocally(std::uint64_t offset,
+                                                                 std::size_t size) {
+  std::lock_guard lock(mutex_);
+  if (orphan_) return std::nullopt;
+  if (!stream_) throw std::system_error(EBADF, std::generic_category());
+  auto* local = dynamic_cast<fsp::extensions::ILocalReads*>(stream_.get());
+  if (local == nullptr) return std::nullopt;
+  stream_->seek(static_cast<long>(offset), std::ios_base::beg);
+  auto located = local->readLocally(asStreamCount(size));
+  if (located && located->keepsOpen &&
+      std::find(keptOpen_.begin(), keptOpen_.end(), located->keepsOpen) == keptOpen_.end()) {
+    keptOpen_.push_back(located->keepsOpen);
+  }
+  return located;
 }
 
 void OpenFile::write(std::uint64_t offset, const char* data, std::size_t size) {

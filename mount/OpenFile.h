@@ -17,10 +17,14 @@
 
 #include <foundation/storage/provider/ByteStream.h>
 #include <foundation/storage/provider/StorageItem.h>
+#include <foundation/storage/provider/extensions/ILocalReads.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
+#include <optional>
+#include <vector>
 
 namespace storage::mount {
 
@@ -39,6 +43,12 @@ class OpenFile {
 
   // Up to `size` bytes from `offset`; fewer only at the end of the file.
   std::size_t read(std::uint64_t offset, char* buffer, std::size_t size);
+  // Where the `size` bytes from `offset` (fewer only at the end of the file) lie in a local
+  // file, when the stream can say (ILocalReads); empty otherwise, and then read() serves
+  // them. The descriptor stays open until this file is destroyed: the caller's reply is sent
+  // after it returns, and FUSE releases a file only once its reads are answered.
+  std::optional<foundation::storage::provider::extensions::LocalBytes> readLocally(
+      std::uint64_t offset, std::size_t size);
   void write(std::uint64_t offset, const char* data, std::size_t size);
   // Closes the stream, reporting its failure (the destructor only logs one).
   void close();
@@ -63,6 +73,9 @@ class OpenFile {
   foundation::storage::provider::StorageItem file_;
   foundation::storage::provider::ByteStreamPtr stream_;
   std::shared_ptr<OrphanFile> orphan_;
+  // What keeps open the descriptors readLocally handed out (one each, as a body is
+  // replaced only when the file's cache entry goes).
+  std::vector<std::shared_ptr<const void>> keptOpen_;
   bool appendOnly_;
 };
 

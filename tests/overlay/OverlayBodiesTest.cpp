@@ -6,11 +6,15 @@
 #include <foundation/log/LogCapture.h>
 #include <foundation/storage/provider/ByteStreamFailure.h>
 #include <foundation/storage/provider/Exception.h>
+#include <foundation/storage/provider/extensions/ILocalReads.h>
 
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/ptree.hpp>
 
+#include <unistd.h>
+
 #include <future>
+#include <optional>
 #include <string>
 
 using namespace overlaytest;
@@ -143,6 +147,24 @@ TEST(OverlayBodies, ColdReadsFetchWhatTheyNeedOnce) {
   EXPECT_EQ(env.innerCalls("streamRead"), 1u) << "the end of a large file, not its body";
   EXPECT_EQ(stream->read(tail.data(), 1), -1) << "at the end";
 
+  // Only what the body holds is handed out as a local file, and only all of it.
+  auto& local = dynamic_cast<fsp::extensions::ILocalReads&>(*stream);
+  const auto locatedBytes = [&](long offset, long count) -> std::optional<std::string> {
+    stream->seek(offset, std::ios_base::beg);
+    const auto located = local.readLocally(count);
+    if (!located) return std::nullopt;
+    EXPECT_EQ(stream->seek(0, std::ios_base::cur), offset + located->count);
+    std::string bytes(static_cast<std::size_t>(located->count), '\0');
+    if (bytes.empty()) return bytes;
+    EXPECT_EQ(::pread(located->descriptor, bytes.data(), bytes.size(), located->offset),
+              static_cast<ssize_t>(bytes.size()));
+    return bytes;
+  };
+  EXPECT_EQ(locatedBytes((1 << 20) - 4096, 8192), body.substr(body.size() - 4096));
+  EXPECT_EQ(locatedBytes(1 << 20, 10), std::string()) << "at the end";
+  EXPECT_EQ(locatedBytes(0, 4096), std::nullopt) << "not fetched yet";
+  EXPECT_EQ(locatedBytes((1 << 20) - 8192, 8192), std::nullopt) << "half fetched";
+
   // A sequential reader in small reads is served in few, growing store requests.
   stream->seek(0, std::ios_base::beg);
   std::string all;
@@ -154,6 +176,7 @@ TEST(OverlayBodies, ColdReadsFetchWhatTheyNeedOnce) {
   stream->seek(0, std::ios_base::beg);
   EXPECT_EQ(body, readAll(*stream));
   EXPECT_EQ(env.innerCalls("streamRead"), reads) << "a cached body is read locally";
+  EXPECT_EQ(locatedBytes(0, 1 << 20), body);
   stream->close();
 }
 

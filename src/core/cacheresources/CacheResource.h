@@ -17,11 +17,13 @@
 #include "core/cacheresources/RangeQuery.h"
 
 #include <foundation/storage/provider/StorageIRI.h>
+#include <foundation/storage/provider/extensions/ILocalReads.h>
 
 #include <boost/date_time/posix_time/ptime.hpp>
 #include <boost/filesystem/path.hpp>
 #include <cstdint>
 #include <ios>
+#include <optional>
 
 namespace storage::overlayprovider {
 
@@ -44,6 +46,12 @@ class CacheResource {
   // Reads up to `count` bytes at `position` into `buffer`; 0 when nothing can be read.
   // Does not consult the cached ranges: callers ask queryRange first.
   virtual std::int64_t read(std::int64_t position, char* buffer, std::int64_t count) = 0;
+  // Where the `count` bytes at `position` lie in a local file that a reader may read itself,
+  // when the resource keeps one; like read(), it does not consult the cached ranges.
+  virtual std::optional<foundation::storage::provider::extensions::LocalBytes> localBytes(
+      std::int64_t /*position*/, std::int64_t /*count*/) {
+    return std::nullopt;
+  }
   // Writes `count` bytes at `position` and records the range as cached.
   virtual void write(std::int64_t position, const char* data, std::int64_t count) = 0;
   // Moves the local file's position; returns the new position, or -1.

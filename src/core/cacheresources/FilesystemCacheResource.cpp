@@ -234,6 +234,19 @@ std::int64_t FilesystemCacheResource::read(std::int64_t position, char* buffer,
   }
 }
 
+std::optional<foundation::storage::provider::extensions::LocalBytes>
+FilesystemCacheResource::localBytes(std::int64_t position, std::int64_t count) {
+  if (failed_) return std::nullopt;
+  try {
+    const int fd = handle();
+    return foundation::storage::provider::extensions::LocalBytes{
+        fd, position, static_cast<long>(count), descriptor_};
+  } catch (...) {
+    logFailure(foundation::log::error, "error", "Failure in local cache reading", true);
+    return std::nullopt;
+  }
+}
+
 void FilesystemCacheResource::write(std::int64_t position, const char* data, std::int64_t count) {
   try {
     const int fd = handle();

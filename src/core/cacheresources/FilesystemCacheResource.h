@@ -68,6 +68,10 @@ class FilesystemCacheResource : public CacheResource {
   RangeQuery queryRange(std::int64_t position, std::int64_t length) const override;
   // One pread on the body (after opening it if needed); 0 after a failed write or on error.
   std::int64_t read(std::int64_t position, char* buffer, std::int64_t count) override;
+  // The body's descriptor (opened if needed), held open by the answer; nothing after a failed
+  // write or when the body cannot be opened.
+  std::optional<foundation::storage::provider::extensions::LocalBytes> localBytes(
+      std::int64_t position, std::int64_t count) override;
   // The bytes the body file holds at `position`, also after a failed write: through the open
   // descriptor when there is one, so that bytes written through it can still be read after
   // the body's name (or its whole folder) was deleted from outside; by the path otherwise.

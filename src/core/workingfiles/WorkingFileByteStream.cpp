@@ -44,6 +44,14 @@ long WorkingFileByteStream::read(char* buffer, long count) {
   return static_cast<long>(n);
 }
 
+std::optional<fsp::extensions::LocalBytes> WorkingFileByteStream::doReadLocally(long count) {
+  const auto offset = static_cast<std::int64_t>(position_);
+  auto located =
+      guarded<fsp::ByteStreamReadFailure>([&] { return entry_->locateAt(offset, count); });
+  if (located) position_ += located->count;
+  return located;
+}
+
 long WorkingFileByteStream::write(const char* buffer, long count) {
   if (!writable_) throw fsp::ByteStreamWriteFailure(fsp::ErrorCode::OperationRefused);
   if (append_) {

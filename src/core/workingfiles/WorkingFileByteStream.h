@@ -18,12 +18,14 @@
 #include "core/workingfiles/WorkingFileEntry.h"
 
 #include <foundation/storage/provider/ByteStream.h>
+#include <foundation/storage/provider/extensions/ILocalReads.h>
 
 #include <memory>
 
 namespace storage::overlayprovider {
 
-class WorkingFileByteStream final : public foundation::storage::provider::ByteStream {
+class WorkingFileByteStream final : public foundation::storage::provider::ByteStream,
+                                    public foundation::storage::provider::extensions::ILocalReads {
  public:
   // A stream opened read-only (writable false) refuses every write with OperationRefused.
   WorkingFileByteStream(std::shared_ptr<WorkingFileEntry> entry,
@@ -39,6 +41,11 @@ class WorkingFileByteStream final : public foundation::storage::provider::ByteSt
   // returns -1 and changes nothing. Seeking past the end writes nothing.
   long seek(long offset, std::ios_base::seekdir direction) override;
   void close() override;
+
+ protected:
+  // The cached bytes at the position, in the file's body (WorkingFileEntry::locateAt).
+  std::optional<foundation::storage::provider::extensions::LocalBytes> doReadLocally(
+      long count) override;
 
  private:
   // Declared first, destroyed last: the registration still finds its entry when it goes.

@@ -159,6 +159,19 @@ std::int64_t WorkingFileEntry::readAt(std::int64_t offset, char* buffer, std::in
   return fetch(offset, buffer, count);
 }
 
+std::optional<fsp::extensions::LocalBytes> WorkingFileEntry::locateAt(std::int64_t offset,
+                                                                      std::int64_t count) {
+  touch();
+  if (offset < 0) throw Exception(ErrorCode::IOError, location(), "negative read position");
+  std::lock_guard lock(mutex_);
+  if (offset >= size_) return fsp::extensions::LocalBytes{};
+  count = std::min(count, size_ - offset);
+  if (resource_->queryRange(offset, count).status != RangeStatus::FULLY_CACHED) return std::nullopt;
+  auto located = resource_->localBytes(offset, count);
+  if (located) nextSequential_ = offset + count;
+  return located;
+}
+
 void WorkingFileEntry::waitForEarlierChanges() {
   if (const auto executor = settings_.executor ? settings_.executor->load() : nullptr) {
     executor->waitForPendingToFinish();

@@ -131,6 +131,10 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
                                                     std::function<void()> onOpened);
   // Bytes read into `buffer`, or -1 at or past the end of the file.
   std::int64_t readAt(std::int64_t offset, char* buffer, std::int64_t count);
+  // Where the `count` bytes at `offset` (fewer only at the end of the file, none past it) lie
+  // in the body, so that the caller may read them itself. Empty unless the body holds all of
+  // them: readAt serves them then, fetching what is missing.
+  std::optional<fsp::extensions::LocalBytes> locateAt(std::int64_t offset, std::int64_t count);
   // A write beyond the end first extends the file as truncate does (a hole, no zeros written).
   std::int64_t writeAt(std::int64_t offset, const char* data, std::int64_t count);
   std::int64_t append(const char* data, std::int64_t count);
