@@ -75,9 +75,10 @@ bool WeightedTransactionQueue::push(QueuedTransaction entry) {
     }
     entry.accountedWeight = 0.0;
     if (!entry.internal) {
+      // A bound that is not above 0 (NaN included) holds nobody back.
       const auto hasSpace = [this] {
         const double bound = maxWeight_.load();
-        return closed_ || bound <= 0.0 || currentWeight_ <= bound;
+        return closed_ || !(bound > 0.0) || currentWeight_ <= bound;
       };
       if (!hasSpace()) {
         // The first held-back submitter cuts the absorption window short for every entry.
