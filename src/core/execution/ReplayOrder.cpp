@@ -24,39 +24,45 @@ bool overlapsAny(const std::vector<std::u16string>& scope, const Keys& keys) {
 
 std::optional<std::size_t> ReplayOrder::pickRunnable(
     const std::deque<QueuedTransaction>& queue) const {
-  if (runningBarriers_ > 0) return std::nullopt;
-  std::set<std::u16string> waitingBefore;
-  const auto limit = std::min(queue.size(), kLookahead);
-  for (std::size_t index = 0; index < limit; ++index) {
-    const auto& entry = queue[index];
-    if (entry.scope.empty()) {
-      if (index == 0 && running_ == 0) return index;
-      return std::nullopt;  // nothing passes a barrier
-    }
-    if (!overlapsAny(entry.scope, runningKeys_) && !overlapsAny(entry.scope, waitingBefore)) {
-      return index;
-    }
-    waitingBefore.insert(entry.scope.begin(), entry.scope.end());
-  }
-  return std::nullopt;
+  std::optional<std::size_t> first;
+  visitStartable(
+      queue, [](const QueuedTransaction&) { return true; },
+      [&](std::size_t index) {
+        first = index;
+        return false;
+      });
+  return first;
 }
 
 std::size_t ReplayOrder::countStartable(
     const std::deque<QueuedTransaction>& queue, std::size_t enough,
     const std::function<bool(const QueuedTransaction&)>& ripe) const {
-  if (runningBarriers_ > 0) return 0;
-  // The keys of every entry ahead, whether it waits or is counted as started.
-  std::set<std::u16string> ahead;
   std::size_t count = 0;
+  if (enough == 0) return count;
+  visitStartable(queue, ripe, [&](std::size_t) { return ++count < enough; });
+  return count;
+}
+
+template <class Ripe, class Visit>
+void ReplayOrder::visitStartable(const std::deque<QueuedTransaction>& queue, const Ripe& ripe,
+                                 const Visit& visit) const {
+  if (runningBarriers_ > 0) return;
+  // The keys of every entry ahead, whether it waits or was visited (counts as started).
+  std::set<std::u16string> ahead;
   const auto limit = std::min(queue.size(), kLookahead);
-  for (std::size_t index = 0; index < limit && count < enough; ++index) {
+  for (std::size_t index = 0; index < limit; ++index) {
     const auto& entry = queue[index];
-    if (entry.scope.empty()) return index == 0 && running_ == 0 ? 1 : count;
-    if (!ripe(entry)) break;
-    if (!overlapsAny(entry.scope, runningKeys_) && !overlapsAny(entry.scope, ahead)) ++count;
+    if (entry.scope.empty()) {
+      if (index == 0 && running_ == 0) visit(index);
+      return;  // nothing passes a barrier
+    }
+    if (!ripe(entry)) return;  // later entries ripen later
+    if (!overlapsAny(entry.scope, runningKeys_) && !overlapsAny(entry.scope, ahead) &&
+        !visit(index)) {
+      return;
+    }
     ahead.insert(entry.scope.begin(), entry.scope.end());
   }
-  return count;
 }
 
 void ReplayOrder::started(const QueuedTransaction& entry) {

@@ -46,6 +46,13 @@ class ReplayOrder {
   std::size_t running() const { return running_; }
 
  private:
+  // Calls visit(index) for each entry of `queue`, front to back, that may start now alongside
+  // those visited before it, while visit returns true. Stops at a barrier (visited only when
+  // it may start) and at the first entry `ripe` rejects.
+  template <class Ripe, class Visit>
+  void visitStartable(const std::deque<QueuedTransaction>& queue, const Ripe& ripe,
+                      const Visit& visit) const;
+
   std::multiset<std::u16string> runningKeys_;
   std::size_t running_ = 0;
   std::size_t runningBarriers_ = 0;
