@@ -80,7 +80,6 @@ fuse_operations FuseFilesystem::operations() {
   ops.statfs = &FuseFilesystem::statfs;
   ops.open = &FuseFilesystem::open;
   ops.create = &FuseFilesystem::create;
-  ops.read = &FuseFilesystem::read;
   ops.read_buf = &FuseFilesystem::readBuf;
   ops.write = &FuseFilesystem::write;
   ops.truncate = &FuseFilesystem::truncate;

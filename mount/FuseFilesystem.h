@@ -6,7 +6,8 @@
 //   readdir          listAll (attributes handed to the kernel with readdirplus)
 //   create, open     openStream (O_CREAT|O_EXCL: createFile first, so an existing name is
 //                    EEXIST); O_TRUNC and O_APPEND as stream options
-//   read, write      the open file's stream at the request's offset (OpenFile)
+//   read, write      the open file's stream at the request's offset (OpenFile); cached bytes
+//                    are read as the body's descriptor, which libfuse splices (read_buf)
 //   truncate         truncateToSize (in place: open streams stay on the file); a size beyond
 //                    what the local file system or the store can hold is EFBIG before
 //                    anything is written
@@ -107,10 +108,9 @@ class FuseFilesystem {
   static int statfs(const char* path, struct statvfs* st);
   static int open(const char* path, fuse_file_info* fi);
   static int create(const char* path, mode_t mode, fuse_file_info* fi);
-  static int read(const char* path, char* buf, size_t size, off_t offset, fuse_file_info* fi);
   // Bytes the overlay holds in a cached body are answered as that body's descriptor, which
-  // libfuse splices into the kernel without copying them through this process; the rest
-  // come through read().
+  // libfuse splices into the kernel without copying them through this process; the rest are
+  // read into a buffer (libfuse calls this instead of a plain read).
   static int readBuf(const char* path, fuse_bufvec** out, size_t size, off_t offset,
                      fuse_file_info* fi);
   static int write(const char* path, const char* data, size_t size, off_t offset,

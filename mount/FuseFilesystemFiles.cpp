@@ -58,14 +58,6 @@ int FuseFilesystem::create(const char* path, mode_t, fuse_file_info* fi) {
   });
 }
 
-int FuseFilesystem::read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) {
-  return guarded("read", [&] {
-    if (offset < 0) return -EINVAL;
-    return static_cast<int>(
-        self().openFile(fi)->read(static_cast<std::uint64_t>(offset), buf, size));
-  });
-}
-
 int FuseFilesystem::readBuf(const char*, fuse_bufvec** out, size_t size, off_t offset,
                             fuse_file_info* fi) {
   return guarded("read", [&] {
