@@ -7,12 +7,16 @@
 #include "OverlayTestSupport.h"
 
 #include "CoreTestSupport.h"
+#include "core/cacheresources/CacheResourceLog.h"
+#include "core/journal/ChangeJournal.h"
 
 #include <foundation/text/Unicode.h>
 
 #include <boost/date_time/posix_time/conversion.hpp>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <sstream>
@@ -239,6 +243,81 @@ TEST(OverlayMutations, AStoreThatIsAwayCostsNoChangeWhenTheOverlayIsPatient) {
     second.configure(settings);
     second.overlay->flushFilesystem();
     EXPECT_TRUE(store->fileExists(memAt(u"/a")));
+  }
+}
+
+// A provider killed with changes pending leaves them in the journal; the next one over the root
+// makes them again, and the store may already hold some of them. Each case is the journal a
+// crash left (the bytes of its writes in the body of the file's final location), the store as
+// the crash left it, and what the store must hold once the next provider has flushed.
+TEST(OverlayMutations, TheNextProviderFinishesWhatTheJournalHoldsAndRepeatsNothing) {
+  using storage::overlayprovider::ChangeAction;
+  using storage::overlayprovider::ReplayChange;
+  using namespace storage::overlayprovider;  // the transaction kinds
+  using storage::overlayprovider::cacheFileName;
+  const auto recorded = [](const std::u16string& path) { return StorageIRI(u"overlay", path); };
+  const auto write = [&](const std::u16string& path, std::int64_t offset, std::int64_t length) {
+    return ReplayChange(FILE_WRITE, ChangeAction::WriteRange, recorded(path)).range(offset, length);
+  };
+  const auto close = [&](const std::u16string& path) {
+    return ReplayChange(FILE_CLOSE, ChangeAction::CloseFile, recorded(path));
+  };
+  const auto move = [&](const std::u16string& from, const std::u16string& to) {
+    return ReplayChange(FILE_MOVE, ChangeAction::MoveFile, recorded(from))
+        .to(recorded(to))
+        .withFlags(fsp::ReplacementPolicy::Fail);
+  };
+  const auto create = [&](const std::u16string& path) {
+    return ReplayChange(FILE_CREATION, ChangeAction::CreateFile, recorded(path));
+  };
+  struct Case {
+    const char* name;
+    std::map<std::u16string, std::string> storeBefore;
+    std::vector<ReplayChange> pending;
+    std::pair<std::u16string, std::string> finalBody;  // the final location's cached bytes
+    std::map<std::u16string, std::string> storeAfter;
+  };
+  const Case cases[] = {
+      {"a write, then a move, both on the store: the bytes no record names stay",
+       {{u"/b", "01xy456789"}},
+       {write(u"/a", 2, 2), close(u"/a"), move(u"/a", u"/b")},
+       {u"/b", "01xy456789"},
+       {{u"/b", "01xy456789"}}},
+      {"a write, then a move, neither on the store",
+       {{u"/a", "0123456789"}},
+       {write(u"/a", 2, 2), close(u"/a"), move(u"/a", u"/b")},
+       {u"/b", "01xy456789"},
+       {{u"/b", "01xy456789"}}},
+      {"a new file moved, its replay at the destination done",
+       {{u"/b", "new"}},
+       {create(u"/a"), write(u"/a", 0, 3), close(u"/a"), move(u"/a", u"/b")},
+       {u"/b", "new"},
+       {{u"/b", "new"}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fsp::test::TempDir directory;
+    {
+      ChangeJournal::Options options;
+      options.folder = directory.path().string();
+      const auto journal = ChangeJournal::open(options);
+      for (const auto& change : c.pending) journal->append(change);
+    }  // as a crash leaves it: nothing confirmed
+    const auto body = directory.path() / "V1.0" / cacheFileName(recorded(c.finalBody.first));
+    std::filesystem::create_directories(body.parent_path());
+    std::ofstream(body.string(), std::ios::binary) << c.finalBody.second;
+    const auto store = std::make_shared<fsp::mem::MemProvider>();
+    OverlayOverMem next(store);
+    for (const auto& [path, bytes] : c.storeBefore) next.put(path, bytes);
+    next.configure({{"overlay.cacheRoot", directory.path().string()},
+                    {"overlay.persistContentCache", "true"},
+                    {"overlay.journal", "true"}});
+    next.overlay->flushFilesystem();
+    std::map<std::u16string, std::string> storeAfter;
+    for (const auto& name : store->listAllNamesOnly(memAt(u"/"))) {
+      storeAfter[u"/" + name] = next.stored(u"/" + name);
+    }
+    EXPECT_EQ(storeAfter, c.storeAfter);
   }
 }
 

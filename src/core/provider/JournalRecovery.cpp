@@ -232,8 +232,14 @@ void JournalRecovery::applyStreamChange(const ReplayChange& change, std::size_t 
 void JournalRecovery::writeRange(const ReplayChange& change, std::size_t index) {
   const auto at = overlayLocation(change.location);
   if (!stream_) {
-    // Its creation may have been merged into the write: the record then made the file.
-    openRecoveredStream(at, fsp::ByteStreamOpenOptions::readWriteCreate());
+    // A file that a later change moves or removes (it or a folder above it) and that is gone
+    // went before the crash with this write done: the store's file elsewhere holds it, and
+    // bytes that no pending record names. Opened without creating, the refusal ends the write
+    // as done; made again here, the later move would carry a file of this write's bytes alone
+    // over the store's. Any other file missing is made again, so that the bytes are not lost.
+    openRecoveredStream(at, movedOrRemovedLater(index)
+                                ? fsp::ByteStreamOpenOptions::readWrite()
+                                : fsp::ByteStreamOpenOptions::readWriteCreate());
   }
   // The bytes of the file's final body; none when a later change removes the file (they
   // would never be seen) or the body is shorter (a later truncation cuts them).

@@ -3,7 +3,9 @@
 // and checks that the folder holds exactly what the changes acknowledged before the kill made,
 // or that plus the one in flight, or that plus a part of the write in flight (see
 // tornInFlight). OVERLAY_CRASH_KILLS sets how many kills (default 20);
-// `make crash-test` runs 500 and prints the counts.
+// `make crash-test` runs 500 and prints the counts. OVERLAY_CRASH_AGAIN="SEED TARGET" makes
+// every kill draw the workload from SEED and kill after TARGET changes, to chase a failure that
+// a kill reported (its seed; the target is at most the changes it acknowledged).
 #include "CrashWorkload.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +14,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdlib>
 #include <fstream>
@@ -126,7 +129,13 @@ std::string differences(const Model& store, const Model& model) {
     if (found == store.files.end()) {
       out << "\n  missing file " << path;
     } else if (found->second != bytes) {
-      out << "\n  " << path << ": " << found->second.size() << " bytes, expected " << bytes.size();
+      const auto& held = found->second;
+      const auto first = std::mismatch(held.begin(), held.end(), bytes.begin(), bytes.end());
+      out << "\n  " << path << ": " << held.size() << " bytes, expected " << bytes.size()
+          << "; they differ from byte " << (first.first - held.begin());
+      if (first.first != held.end() && first.second != bytes.end()) {
+        out << " ('" << *first.first << "' for '" << *first.second << "')";
+      }
     }
   }
   for (const auto& [path, bytes] : store.files) {
@@ -156,8 +165,11 @@ TEST(OverlayCrash, KilledAtRandomMomentsLosesNoAcknowledgedChange) {
   for (long kill = 0; kill < kills; ++kill) {
     const auto root = bfs::temp_directory_path() / bfs::unique_path("overlay-crash-%%%%-%%%%");
     bfs::create_directories(root / "store");
-    const auto seed = random();
-    const auto target = std::uniform_int_distribution<std::int64_t>(1, 400)(random);
+    auto seed = random();
+    auto target = std::uniform_int_distribution<std::int64_t>(1, 400)(random);
+    if (const char* again = std::getenv("OVERLAY_CRASH_AGAIN")) {
+      std::istringstream(again) >> seed >> target;
+    }
     const auto acknowledged = workAndKill(root, seed, target);
 
     const auto recovery = spawn(
@@ -173,7 +185,7 @@ TEST(OverlayCrash, KilledAtRandomMomentsLosesNoAcknowledgedChange) {
     const bool plusOne = !exact && store == modelAfter(seed, acknowledged + 1);
     const bool torn = !exact && !plusOne && tornInFlight(store, seed, acknowledged);
     EXPECT_TRUE(exact || plusOne || torn)
-        << "kill " << kill << " (seed " << seed << "): the store is not "
+        << "kill " << kill << " (seed " << seed << ", target " << target << "): the store is not "
         << "the state after " << acknowledged
         << " changes, nor after one more:" << differences(store, modelAfter(seed, acknowledged))
         << "\n  and from the state after one more:"
