@@ -2,8 +2,9 @@
 // was, removal of open files by the store's capabilities, the one move that is never
 // replayed, nothing queued after shutdown, and a burst of creates whose echoes from the
 // store cost one relisting, mutations that the caches can answer alone leave every store
-// call to the replay, a store that goes away costs no change when the overlay is patient, and
-// work that later changes make moot never reaches the store.
+// call to the replay, a store that goes away costs no change when the overlay is patient, the
+// next provider over a crashed one's cache root finishes its journal without undoing what the
+// store holds, and work that later changes make moot never reaches the store.
 #include "OverlayTestSupport.h"
 
 #include "CoreTestSupport.h"
@@ -288,6 +289,17 @@ TEST(OverlayMutations, TheNextProviderFinishesWhatTheJournalHoldsAndRepeatsNothi
        {write(u"/a", 2, 2), close(u"/a"), move(u"/a", u"/b")},
        {u"/b", "01xy456789"},
        {{u"/b", "01xy456789"}}},
+      {"a new file moved before its replay, which began at the destination",
+       {{u"/b", "01"}},
+       {write(u"/a", 2, 2), close(u"/a"), move(u"/a", u"/b")},
+       {u"/b", "01xy"},
+       {{u"/b", "01xy"}}},
+      {"a write, then a removal that reached the store",
+       {},
+       {write(u"/a", 2, 2), close(u"/a"),
+        ReplayChange(FILE_REMOVAL, ChangeAction::RemoveFile, recorded(u"/a"))},
+       {u"/a", "01xy"},
+       {}},
       {"a new file moved, its replay at the destination done",
        {{u"/b", "new"}},
        {create(u"/a"), write(u"/a", 0, 3), close(u"/a"), move(u"/a", u"/b")},

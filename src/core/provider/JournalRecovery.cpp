@@ -69,6 +69,17 @@ fsp::ReplacementPolicy replacing(fsp::ReplacementPolicy policy) {
   return policy == fsp::ReplacementPolicy::Fail ? fsp::ReplacementPolicy::Overwrite : policy;
 }
 
+bool isMove(ChangeAction action) {
+  return action == ChangeAction::MoveFile || action == ChangeAction::MoveFolder;
+}
+
+// The changes of a file's bytes and attributes: those that a move of a new file takes along to
+// its destination before they replay.
+bool followsMoves(ChangeAction action) {
+  return action == ChangeAction::WriteRange || action == ChangeAction::Truncate ||
+         action == ChangeAction::SetLastModified || action == ChangeAction::SetWritable;
+}
+
 bool writesBytes(ChangeAction action) {
   return action == ChangeAction::WriteRange || action == ChangeAction::OpenFile ||
          action == ChangeAction::Truncate;
@@ -132,8 +143,9 @@ void JournalRecovery::setBodiesAside() {
   fs::rename(filling, folder);
 }
 
-void JournalRecovery::apply(std::size_t index) {
-  const auto& change = changes_[index];
+void JournalRecovery::apply(std::size_t index) { applyAs(changes_[index], index); }
+
+void JournalRecovery::applyAs(const ReplayChange& change, std::size_t index) {
   const auto at = overlayLocation(change.location);
   try {
     const bool sameStream = streamLocation_ && streamLocation_->getPath() == at.getPath();
@@ -187,26 +199,62 @@ void JournalRecovery::apply(std::size_t index) {
     }
     ++outcome_.applied;
     noteMade(change);
+    if (isMove(change.action)) releaseHeld(change, index);
   } catch (const fsp::Exception& refusal) {
     stream_.reset();
     streamLocation_.reset();
     const auto code = refusal.getErrorCode();
     if (alreadyDone(change.action, code)) {
       ++outcome_.alreadyDone;
-      if (change.action == ChangeAction::MoveFile || change.action == ChangeAction::MoveFolder) {
+      if (isMove(change.action)) {
         undoCreation(change.location);
+        releaseHeld(change, index);
       }
       return;
     }
-    if (code == ErrorCode::NotFound && movedOrRemovedLater(index)) {
-      // The file went before the crash: what later changes did with it is already there.
-      ++outcome_.alreadyDone;
-      return;
+    if (code == ErrorCode::NotFound) {
+      if (const auto went = firstMoveOrRemovalAfter(change.location.getPath(), index)) {
+        // The file went before the crash. A removal ends it; a move may have taken this change
+        // along (a new file's changes follow its move before they replay), so it is made
+        // again at the destination once the move is.
+        if (followsMoves(change.action) && isMove(changes_[*went].action)) {
+          held_[*went].emplace_back(change, index);
+        } else {
+          ++outcome_.alreadyDone;
+        }
+        return;
+      }
     }
-    ++outcome_.refused;
-    OVERLAY_LOG(log::warning) << "journal: could not re-apply " << actionName(change.action)
-                              << " of " << change.location.toString() << ": " << refusal.what();
-    keepAside(index);
+    refuse(change, index, refusal.what());
+  }
+}
+
+void JournalRecovery::refuse(const ReplayChange& change, std::size_t index, const char* why) {
+  ++outcome_.refused;
+  OVERLAY_LOG(log::warning) << "journal: could not re-apply " << actionName(change.action) << " of "
+                            << change.location.toString() << ": " << why;
+  keepAside(index);
+  // What waited for this move cannot follow it either.
+  const auto found = held_.find(index);
+  if (found == held_.end()) return;
+  const auto held = std::move(found->second);
+  held_.erase(found);
+  for (const auto& [heldChange, heldIndex] : held) {
+    refuse(heldChange, heldIndex, "the move that took its file away could not be re-applied");
+  }
+}
+
+void JournalRecovery::releaseHeld(const ReplayChange& move, std::size_t index) {
+  const auto found = held_.find(index);
+  if (found == held_.end() || !move.destination) return;
+  auto held = std::move(found->second);
+  held_.erase(found);
+  const auto& from = move.location.getPath();
+  const auto& to = move.destination->getPath();
+  for (auto& [change, recordIndex] : held) {
+    const auto& path = change.location.getPath();
+    change.location = fsp::StorageIRI(change.location.getScheme(), to + path.substr(from.size()));
+    applyAs(change, recordIndex);
   }
 }
 
@@ -233,11 +281,11 @@ void JournalRecovery::writeRange(const ReplayChange& change, std::size_t index) 
   const auto at = overlayLocation(change.location);
   if (!stream_) {
     // A file that a later change moves or removes (it or a folder above it) and that is gone
-    // went before the crash with this write done: the store's file elsewhere holds it, and
-    // bytes that no pending record names. Opened without creating, the refusal ends the write
-    // as done; made again here, the later move would carry a file of this write's bytes alone
-    // over the store's. Any other file missing is made again, so that the bytes are not lost.
-    openRecoveredStream(at, movedOrRemovedLater(index)
+    // went before the crash: the store's file, elsewhere, holds bytes that no pending record
+    // names. Opened without creating, the refusal sends the write after the file (see apply);
+    // made again here, the later move would carry a file of the recorded bytes alone over the
+    // store's. Any other file missing is made again, so that the bytes are not lost.
+    openRecoveredStream(at, firstMoveOrRemovalAfter(change.location.getPath(), index)
                                 ? fsp::ByteStreamOpenOptions::readWrite()
                                 : fsp::ByteStreamOpenOptions::readWriteCreate());
   }
@@ -300,13 +348,13 @@ bool JournalRecovery::madeHere(const std::u16string& path) const {
                      [&](const auto& madePath) { return contains(madePath, path); });
 }
 
-bool JournalRecovery::movedOrRemovedLater(std::size_t index) const {
-  const auto& path = changes_[index].location.getPath();
+std::optional<std::size_t> JournalRecovery::firstMoveOrRemovalAfter(const std::u16string& path,
+                                                                    std::size_t index) const {
   for (auto later = index + 1; later < changes_.size(); ++later) {
     const auto& change = changes_[later];
-    if (isMoveOrRemoval(change.action) && contains(change.location.getPath(), path)) return true;
+    if (isMoveOrRemoval(change.action) && contains(change.location.getPath(), path)) return later;
   }
-  return false;
+  return std::nullopt;
 }
 
 void JournalRecovery::undoCreation(const fsp::StorageIRI& source) {

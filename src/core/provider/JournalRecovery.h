@@ -16,10 +16,15 @@
 // changes (they reached it before the crash, unconfirmed). A change whose result is already
 // there is skipped: a creation of what exists, a removal of what is gone, a move whose source
 // is gone or whose destination is already there (the overlay accepted it only where nothing
-// was, or where it may replace), a change of a file that a later change moves or removes and
-// that is gone. A creation re-applied although it had reached the store, because a later move
-// took it away, is undone when that move turns out done. Writes and truncations are simply
-// made again: the same bytes at the same place leave the same file.
+// was, or where it may replace), a change of a file that a later change removes and that is
+// gone. A change of a file's bytes or attributes whose file is gone and that a later change
+// moves is held until that move is re-applied or found done, then made at the destination:
+// the move may have reached the store after it, or may have taken it along before it replayed
+// (a new file moved before its replay is created at the destination, and its queued changes
+// follow it there; their records still name the source). A creation re-applied although it
+// had reached the store, because a later move took it away, is undone when that move turns
+// out done. Writes and truncations are simply made again: the same bytes at the same place
+// leave the same file.
 //
 // A change the overlay now refuses for good (its folder was removed by someone else, say) is
 // logged with its location, and the bytes of a file it would have written are kept in
@@ -37,6 +42,7 @@
 
 #include <boost/filesystem/path.hpp>
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -66,6 +72,13 @@ class JournalRecovery {
  private:
   void setBodiesAside();
   void apply(std::size_t index);
+  // Re-applies `change`, record `index` or that record sent after its file's move.
+  void applyAs(const ReplayChange& change, std::size_t index);
+  // Re-applies, at the destination of `move` (record `index`), the changes held for it.
+  void releaseHeld(const ReplayChange& move, std::size_t index);
+  // Counts and logs a change the overlay refuses for good, keeps its bytes in lost+found, and
+  // does the same for the changes held for it.
+  void refuse(const ReplayChange& change, std::size_t index, const char* why);
   void applyStreamChange(const ReplayChange& change, std::size_t index);
   void writeRange(const ReplayChange& change, std::size_t index);
   // Opens the stream that the following writes of the file use; a file it creates counts as
@@ -73,9 +86,9 @@ class JournalRecovery {
   void openRecoveredStream(const foundation::storage::provider::StorageIRI& at,
                            const foundation::storage::provider::ByteStreamOpenOptions& options);
   void closeStream();
-  // Whether a later change moves or removes the location of change `index` or a folder
-  // above it.
-  bool movedOrRemovedLater(std::size_t index) const;
+  // The first change after record `index` that moves or removes `path` or a folder above it.
+  std::optional<std::size_t> firstMoveOrRemovalAfter(const std::u16string& path,
+                                                     std::size_t index) const;
   void undoCreation(const foundation::storage::provider::StorageIRI& source);
   void noteMade(const ReplayChange& applied);
   bool madeHere(const std::u16string& path) const;
@@ -93,6 +106,9 @@ class JournalRecovery {
   // Paths where this recovery made something that was not there (by a creation, or a move of
   // something it made), with everything below them.
   std::set<std::u16string> made_;
+  // Changes of a file that was gone, held until the move that took the file away (by its
+  // record's index) is re-applied: each with the index of its own record.
+  std::map<std::size_t, std::vector<std::pair<ReplayChange, std::size_t>>> held_;
   Outcome outcome_;
 };
 

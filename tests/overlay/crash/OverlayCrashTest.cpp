@@ -5,7 +5,8 @@
 // tornInFlight). OVERLAY_CRASH_KILLS sets how many kills (default 20);
 // `make crash-test` runs 500 and prints the counts. OVERLAY_CRASH_AGAIN="SEED TARGET" makes
 // every kill draw the workload from SEED and kill after TARGET changes, to chase a failure that
-// a kill reported (its seed; the target is at most the changes it acknowledged).
+// a kill reported (its seed; the target is at most the changes it acknowledged), and
+// OVERLAY_CRASH_KEEP=1 keeps what each kill left before its recovery (see keepAsKilled).
 #include "CrashWorkload.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -150,6 +152,15 @@ std::string differences(const Model& store, const Model& model) {
   return out.str();
 }
 
+// The store and the cache root as the kill left them, beside them ("store.killed",
+// "cache.killed"), for a look at what the recovery started from; a failing kill's root stays.
+void keepAsKilled(const bfs::path& root) {
+  for (const std::string name : {"store", "cache"}) {
+    std::filesystem::copy((root / name).string(), (root / (name + ".killed")).string(),
+                          std::filesystem::copy_options::recursive);
+  }
+}
+
 long envOr(const char* name, long otherwise) {
   const char* text = std::getenv(name);
   return text ? std::stol(text) : otherwise;
@@ -172,6 +183,7 @@ TEST(OverlayCrash, KilledAtRandomMomentsLosesNoAcknowledgedChange) {
     }
     const auto acknowledged = workAndKill(root, seed, target);
 
+    if (std::getenv("OVERLAY_CRASH_KEEP")) keepAsKilled(root);
     const auto recovery = spawn(
         {OVERLAY_CRASH_CHILD, "recover", (root / "store").string(), (root / "cache").string()});
     char text[32] = {};
