@@ -1,6 +1,7 @@
 #include "core/contentcache/BodyDisposal.h"
 
 #include "core/support/OverlayLog.h"
+#include "core/support/ThreadName.h"
 
 #include <boost/filesystem/operations.hpp>
 #include <boost/uuid/random_generator.hpp>
@@ -76,6 +77,7 @@ void BodyDisposal::handOver(fs::path discarded) {
 }
 
 void BodyDisposal::runDeletions() noexcept {
+  nameThisThread("ovl disposal");
   try {
     std::unique_lock lock(mutex_);
     while (true) {

@@ -2,6 +2,7 @@
 
 #include "core/execution/CurrentReplay.h"
 #include "core/support/OverlayLog.h"
+#include "core/support/ThreadName.h"
 
 #include <algorithm>
 #include <exception>
@@ -67,6 +68,7 @@ void BackendExecutor::logRefused(ObservableTransactionType type) {
 }
 
 void BackendExecutor::runWorker() {
+  nameThisThread("ovl replay");
   try {
     while (runOne()) {
     }

@@ -1,6 +1,7 @@
 #include "core/execution/TimedLatch.h"
 
 #include "core/support/OverlayLog.h"
+#include "core/support/ThreadName.h"
 
 #include <boost/exception/diagnostic_information.hpp>
 #include <utility>
@@ -54,6 +55,7 @@ void TimedLatch::trigger() {
 }
 
 void TimedLatch::runCountdowns() {
+  nameThisThread("ovl latch");
   try {
     std::unique_lock lock(mutex_);
     while (!closed_) {

@@ -1,6 +1,7 @@
 #include "core/journal/ChangeJournal.h"
 
 #include "core/support/OverlayLog.h"
+#include "core/support/ThreadName.h"
 
 #include <foundation/storage/provider/Exception.h>
 #include <foundation/text/Unicode.h>
@@ -408,6 +409,7 @@ ChangeJournal::~ChangeJournal() {
 }
 
 void ChangeJournal::syncLoop() noexcept {
+  nameThisThread("ovl journal");
   const auto interval = std::max(options_.syncInterval, std::chrono::milliseconds(1));
   for (;;) {
     try {

@@ -1,6 +1,7 @@
 #include "core/metadata/ListingPool.h"
 
 #include "core/support/OverlayLog.h"
+#include "core/support/ThreadName.h"
 
 namespace storage::overlayprovider {
 
@@ -94,6 +95,7 @@ std::shared_ptr<ListingTask> ListingPool::submit(std::function<void()> work) {
 }
 
 void ListingPool::workerLoop(const std::shared_ptr<Shared>& shared) {
+  nameThisThread("ovl listing");
   try {
     std::unique_lock lock(shared->mutex);
     for (;;) {

@@ -2,6 +2,7 @@
 
 #include "core/metadata/MetadataCache.h"
 #include "core/support/OverlayLog.h"
+#include "core/support/ThreadName.h"
 
 #include <foundation/storage/provider/Exception.h>
 
@@ -172,6 +173,7 @@ void QuotaAccountant::createAndStartPollThread() {
 
 // Thread boundary: nothing may escape, or the process would end.
 void QuotaAccountant::runPollLoop() {
+  nameThisThread("ovl quota");
   FOUNDATION_TRACE_SCOPE(overlayLogger(), kTraceFile);
   try {
     pollUntilStopped();
