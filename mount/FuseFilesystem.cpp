@@ -101,7 +101,16 @@ fuse_operations FuseFilesystem::operations() {
 }
 
 FuseFilesystem& FuseFilesystem::self() {
-  return *static_cast<FuseFilesystem*>(fuse_get_context()->private_data);
+  auto& fs = *static_cast<FuseFilesystem*>(fuse_get_context()->private_data);
+  if (!fs.served_.load(std::memory_order_relaxed) && !fs.served_.exchange(true) &&
+      fs.firstRequestHook_) {
+    try {
+      fs.firstRequestHook_();
+    } catch (...) {
+      logCaughtException("the mount's first request");
+    }
+  }
+  return fs;
 }
 
 fsp::StorageItem FuseFilesystem::item(const char* path) const {

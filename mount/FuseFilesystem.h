@@ -57,6 +57,7 @@
 #include <fuse.h>
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -75,6 +76,9 @@ class FuseFilesystem {
   // The stores to serve; called once, before the session loop starts (no callback comes
   // earlier). The stores must outlive the loop.
   void attach(const StoreStack& stores);
+  // Runs `hook` once, on the FUSE thread that takes the first request after the session's
+  // start (the kernel has then applied what the session offered). Set before the loop starts.
+  void onFirstRequest(std::function<void()> hook) { firstRequestHook_ = std::move(hook); }
   // The callbacks; private_data must be this object.
   static fuse_operations operations();
   // After the session loop has ended: closes what the kernel left open and lets go of the
@@ -137,6 +141,8 @@ class FuseFilesystem {
   const bool userWritebackCache_;
   // Set by init: whether the kernel caches writes (it then resolves O_APPEND offsets).
   std::atomic<bool> writebackCache_{false};
+  std::function<void()> firstRequestHook_;
+  std::atomic<bool> served_{false};  // a request has come
   const uid_t uid_;
   const gid_t gid_;
   const std::string scratchDirectory_;

@@ -2,8 +2,6 @@
 
 #include "MountLog.h"
 
-#include <sys/stat.h>
-
 #include <fstream>
 #include <sstream>
 
@@ -59,12 +57,12 @@ std::string setKernelReadAhead(const std::string& mountpoint, unsigned kibibytes
   return "kernel read-ahead " + std::to_string(kibibytes) + " KiB";
 }
 
-void setKernelReadAheadOnceServing(std::string mountpoint, unsigned kibibytes) noexcept {
+void setKernelReadAheadLogged(const std::string& mountpoint, unsigned kibibytes) noexcept {
   try {
     if (kibibytes == 0) return;
-    struct stat root {};
-    if (::stat(mountpoint.c_str(), &root) != 0) return;  // never served: nothing to tune
-    MOUNT_LOG(foundation::log::notice) << setKernelReadAhead(mountpoint, kibibytes);
+    // Set first: a log record whose severity is masked never evaluates what it streams.
+    const auto outcome = setKernelReadAhead(mountpoint, kibibytes);
+    MOUNT_LOG(foundation::log::notice) << outcome;
   } catch (...) {
     logCaughtException("setting the kernel's read-ahead");
   }

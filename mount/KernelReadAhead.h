@@ -9,12 +9,11 @@
 // The setting lives in sysfs, in the mount's backing device
 // (/sys/class/bdi/MAJOR:MINOR/read_ahead_kb), which only root may write; the device is read
 // from /proc/self/mountinfo. The kernel sets a FUSE mount's read-ahead itself when the session
-// starts (to at most what it offered, 128 KiB), over any earlier setting, so it is set once
-// the mount has answered a first request. Where it cannot be set the kernel's default stays
+// starts (to at most what it offered, 128 KiB), over any earlier setting, so the session sets
+// it when the mount takes its first request. Where it cannot be set the kernel's default stays
 // and a notice says so: a slower read, never a failed mount.
 //
-// Ownership: none; functions. Threads: setKernelReadAheadOnceServing runs on a thread of its
-// own that the session starts before serving and joins after unmounting; it catches and logs
+// Ownership: none; functions. Threads: any; setKernelReadAheadLogged catches and logs
 // everything.
 #pragma once
 
@@ -32,8 +31,7 @@ std::optional<std::string> mountedDevice(const std::string& mountinfo,
 // Sets the read-ahead of the mount at `mountpoint` to `kibibytes`. Returns what happened, for
 // the mount's log.
 std::string setKernelReadAhead(const std::string& mountpoint, unsigned kibibytes);
-// Waits until the mount answers (a stat of its root; it fails once the mount is gone), then
-// sets its read-ahead and logs what happened; with 0 KiB does nothing (the kernel's stays).
-void setKernelReadAheadOnceServing(std::string mountpoint, unsigned kibibytes) noexcept;
+// Sets the read-ahead and logs what happened; with 0 KiB does nothing (the kernel's stays).
+void setKernelReadAheadLogged(const std::string& mountpoint, unsigned kibibytes) noexcept;
 
 }  // namespace storage::mount

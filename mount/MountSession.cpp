@@ -16,7 +16,6 @@
 #include <iomanip>
 #include <iostream>
 #include <memory>
-#include <thread>
 
 namespace storage::mount {
 
@@ -178,11 +177,14 @@ int MountSession::run() {
       options_.overlayConfig.get<double>("overlay.minQueueItemWeight", 0.0);
   QueueReporter reporter(*stores, options_.statsInterval, out_, minItemWeight, terminal);
   reporter.start();
-  std::thread readAhead(setKernelReadAheadOnceServing, options_.mountpoint, options_.readAheadKiB);
+  // Not a stat through the mount from a thread of ours: until the loop answered it, it would
+  // keep the mount busy, and an unmount right after mounting would fail.
+  filesystem.onFirstRequest([mountpoint = options_.mountpoint, kibibytes = options_.readAheadKiB] {
+    setKernelReadAheadLogged(mountpoint, kibibytes);
+  });
   const int loopStatus = serve(handle.get(), options_.maxThreads);
   fuse_remove_signal_handlers(fuse_get_session(handle.get()));
   fuse_unmount(handle.get());
-  readAhead.join();  // its wait for the mount ends with the mount
   filesystem.detach();
   const bool flushed = flushAndReport(*stores, out_, reporter);
   handle.reset();

@@ -5,7 +5,8 @@
 # SIGINT); after unmounting, the folder behind the overlay holds exactly what the plain
 # folder holds. The errno checks and a random read/write/truncate check against a model run
 # on the same mounts, and so do the checks of what POSIX programs expect of files removed while
-# open, change times, link counts and impossible sizes.
+# open, change times, link counts and impossible sizes. As root, each mount's kernel read-ahead
+# must be the one the mount sets.
 #   shell_test.sh CACHEMOUNT MOUNT_CHECK [RANDOM_OPERATIONS]
 CACHEMOUNT=$1
 MOUNT_CHECK=$2
@@ -32,6 +33,12 @@ check_mount() {
   mount_store "$store" "$mp" "$log" "$@" || fail "cannot mount $name"
   transcript "$mp" "$WORK/$name.txt"
   diff -u "$WORK/plain.txt" "$WORK/$name.txt" || fail "$name: transcript differs from a plain folder"
+  if [ "$(id -u)" -eq 0 ]; then  # only root may set it
+    local device
+    device=$(awk -v mp="$mp" '$5 == mp { print $3 }' /proc/self/mountinfo | tail -1)
+    [ "$(cat "/sys/class/bdi/$device/read_ahead_kb")" -eq 1024 ] ||
+      fail "$name: the kernel's read-ahead is not the 1,024 KiB the mount sets"
+  fi
   mkdir "$mp/errnos"
   "$MOUNT_CHECK" errnos "$mp/errnos" || fail "$name: errnos"
   mkdir "$mp/posix"
