@@ -268,6 +268,9 @@ TEST(OverlayMutations, TheNextProviderFinishesWhatTheJournalHoldsAndRepeatsNothi
         .to(recorded(to))
         .withFlags(fsp::ReplacementPolicy::Fail);
   };
+  const auto remove = [&](const std::u16string& path) {
+    return ReplayChange(FILE_REMOVAL, ChangeAction::RemoveFile, recorded(path));
+  };
   const auto create = [&](const std::u16string& path) {
     return ReplayChange(FILE_CREATION, ChangeAction::CreateFile, recorded(path));
   };
@@ -294,10 +297,14 @@ TEST(OverlayMutations, TheNextProviderFinishesWhatTheJournalHoldsAndRepeatsNothi
        {write(u"/a", 2, 2), close(u"/a"), move(u"/a", u"/b")},
        {u"/b", "01xy"},
        {{u"/b", "01xy"}}},
+      {"a new file moved twice, over a name that was removed, before its replay",
+       {{u"/c", "01"}},
+       {write(u"/a", 2, 2), close(u"/a"), remove(u"/b"), move(u"/a", u"/b"), move(u"/b", u"/c")},
+       {u"/c", "01xy"},
+       {{u"/c", "01xy"}}},
       {"a write, then a removal that reached the store",
        {},
-       {write(u"/a", 2, 2), close(u"/a"),
-        ReplayChange(FILE_REMOVAL, ChangeAction::RemoveFile, recorded(u"/a"))},
+       {write(u"/a", 2, 2), close(u"/a"), remove(u"/a")},
        {u"/a", "01xy"},
        {}},
       {"a new file moved, its replay at the destination done",

@@ -143,9 +143,9 @@ void JournalRecovery::setBodiesAside() {
   fs::rename(filling, folder);
 }
 
-void JournalRecovery::apply(std::size_t index) { applyAs(changes_[index], index); }
+void JournalRecovery::apply(std::size_t index) { applyAs(changes_[index], index, index); }
 
-void JournalRecovery::applyAs(const ReplayChange& change, std::size_t index) {
+void JournalRecovery::applyAs(const ReplayChange& change, std::size_t index, std::size_t position) {
   const auto at = overlayLocation(change.location);
   try {
     const bool sameStream = streamLocation_ && streamLocation_->getPath() == at.getPath();
@@ -189,7 +189,7 @@ void JournalRecovery::applyAs(const ReplayChange& change, std::size_t index) {
       case ChangeAction::OpenFile:
       case ChangeAction::WriteRange:
       case ChangeAction::Truncate:
-        applyStreamChange(change, index);
+        applyStreamChange(change, index, position);
         break;
       case ChangeAction::CloseFile:
       case ChangeAction::Relocate:
@@ -213,7 +213,7 @@ void JournalRecovery::applyAs(const ReplayChange& change, std::size_t index) {
       return;
     }
     if (code == ErrorCode::NotFound) {
-      if (const auto went = firstMoveOrRemovalAfter(change.location.getPath(), index)) {
+      if (const auto went = firstMoveOrRemovalAfter(change.location.getPath(), position)) {
         // The file went before the crash. A removal ends it; a move may have taken this change
         // along (a new file's changes follow its move before they replay), so it is made
         // again at the destination once the move is.
@@ -254,11 +254,12 @@ void JournalRecovery::releaseHeld(const ReplayChange& move, std::size_t index) {
   for (auto& [change, recordIndex] : held) {
     const auto& path = change.location.getPath();
     change.location = fsp::StorageIRI(change.location.getScheme(), to + path.substr(from.size()));
-    applyAs(change, recordIndex);
+    applyAs(change, recordIndex, index);
   }
 }
 
-void JournalRecovery::applyStreamChange(const ReplayChange& change, std::size_t index) {
+void JournalRecovery::applyStreamChange(const ReplayChange& change, std::size_t index,
+                                        std::size_t position) {
   const auto at = overlayLocation(change.location);
   if (change.action == ChangeAction::Truncate) {
     overlay_.truncateToSize(at, static_cast<std::uint64_t>(change.length));
@@ -274,10 +275,11 @@ void JournalRecovery::applyStreamChange(const ReplayChange& change, std::size_t 
     openRecoveredStream(at, options);
     return;
   }
-  writeRange(change, index);
+  writeRange(change, index, position);
 }
 
-void JournalRecovery::writeRange(const ReplayChange& change, std::size_t index) {
+void JournalRecovery::writeRange(const ReplayChange& change, std::size_t index,
+                                 std::size_t position) {
   const auto at = overlayLocation(change.location);
   if (!stream_) {
     // A file that a later change moves or removes (it or a folder above it) and that is gone
@@ -285,7 +287,7 @@ void JournalRecovery::writeRange(const ReplayChange& change, std::size_t index) 
     // names. Opened without creating, the refusal sends the write after the file (see apply);
     // made again here, the later move would carry a file of the recorded bytes alone over the
     // store's. Any other file missing is made again, so that the bytes are not lost.
-    openRecoveredStream(at, firstMoveOrRemovalAfter(change.location.getPath(), index)
+    openRecoveredStream(at, firstMoveOrRemovalAfter(change.location.getPath(), position)
                                 ? fsp::ByteStreamOpenOptions::readWrite()
                                 : fsp::ByteStreamOpenOptions::readWriteCreate());
   }

@@ -72,15 +72,17 @@ class JournalRecovery {
  private:
   void setBodiesAside();
   void apply(std::size_t index);
-  // Re-applies `change`, record `index` or that record sent after its file's move.
-  void applyAs(const ReplayChange& change, std::size_t index);
+  // Re-applies `change`: record `index`, or that record sent after its file's move. `position`
+  // is where in the journal it is made (the record's own index, or the move's): later changes
+  // are looked for after it.
+  void applyAs(const ReplayChange& change, std::size_t index, std::size_t position);
   // Re-applies, at the destination of `move` (record `index`), the changes held for it.
   void releaseHeld(const ReplayChange& move, std::size_t index);
   // Counts and logs a change the overlay refuses for good, keeps its bytes in lost+found, and
   // does the same for the changes held for it.
   void refuse(const ReplayChange& change, std::size_t index, const char* why);
-  void applyStreamChange(const ReplayChange& change, std::size_t index);
-  void writeRange(const ReplayChange& change, std::size_t index);
+  void applyStreamChange(const ReplayChange& change, std::size_t index, std::size_t position);
+  void writeRange(const ReplayChange& change, std::size_t index, std::size_t position);
   // Opens the stream that the following writes of the file use; a file it creates counts as
   // made by this recovery.
   void openRecoveredStream(const foundation::storage::provider::StorageIRI& at,
