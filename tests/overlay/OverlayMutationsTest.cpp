@@ -274,6 +274,9 @@ TEST(OverlayMutations, TheNextProviderFinishesWhatTheJournalHoldsAndRepeatsNothi
   const auto create = [&](const std::u16string& path) {
     return ReplayChange(FILE_CREATION, ChangeAction::CreateFile, recorded(path));
   };
+  // The journal most cases start from: a write of /a, its close, /a moved to /b.
+  const std::vector<ReplayChange> writeThenMove = {write(u"/a", 2, 2), close(u"/a"),
+                                                   move(u"/a", u"/b")};
   struct Case {
     const char* name;
     std::map<std::u16string, std::string> storeBefore;
@@ -284,17 +287,17 @@ TEST(OverlayMutations, TheNextProviderFinishesWhatTheJournalHoldsAndRepeatsNothi
   const Case cases[] = {
       {"a write, then a move, both on the store: the bytes no record names stay",
        {{u"/b", "01xy456789"}},
-       {write(u"/a", 2, 2), close(u"/a"), move(u"/a", u"/b")},
+       writeThenMove,
        {u"/b", "01xy456789"},
        {{u"/b", "01xy456789"}}},
       {"a write, then a move, neither on the store",
        {{u"/a", "0123456789"}},
-       {write(u"/a", 2, 2), close(u"/a"), move(u"/a", u"/b")},
+       writeThenMove,
        {u"/b", "01xy456789"},
        {{u"/b", "01xy456789"}}},
       {"a new file moved before its replay, which began at the destination",
        {{u"/b", "01"}},
-       {write(u"/a", 2, 2), close(u"/a"), move(u"/a", u"/b")},
+       writeThenMove,
        {u"/b", "01xy"},
        {{u"/b", "01xy"}}},
       {"a new file moved twice, over a name that was removed, before its replay",
