@@ -30,13 +30,14 @@ TEST(MountOptions, OverlayKeysReachTheConfiguration) {
     std::map<std::string, std::string> keys;  // "" : the key must be absent
   };
   const std::vector<Case> cases = {
-      {{}, {{"overlay.maxQueueWeight", "64"}, {"overlay.synchronous", ""}}},
+      {{}, {{"overlay.maxQueueWeight", "1024"}, {"overlay.synchronous", ""}}},
       {{"--max-queue-weight", "8", "--min-queue-item-weight", "0.5"},
        {{"overlay.maxQueueWeight", "8"}, {"overlay.minQueueItemWeight", "0.5"}}},
       {{"--synchronous", "--disable-content-cache", "--persist-content-cache",
         "--backslash-to-forward-slash"},
        {{"overlay.synchronous", "true"},
         {"overlay.disableContentCache", "true"},
+        {"overlay.maxQueueWeight", "64"},
         {"overlay.persistContentCache", "true"},
         {"overlay.backslashToForwardSlash", "true"}}},
       {{"--max-read-payload-size", "1048576", "--max-write-payload-size", "4096"},
