@@ -30,7 +30,13 @@ std::optional<FaultInjector::Fault> FaultInjector::take(std::string_view operati
   if (it == armed_.end()) return std::nullopt;
   Fault fault = it->second.fault;
   if (--it->second.remaining == 0) armed_.erase(it);
+  ++taken_;
   return fault;
+}
+
+std::uint64_t FaultInjector::taken() const {
+  std::lock_guard lock(mutex_);
+  return taken_;
 }
 
 }  // namespace foundation::storage::provider::instrumented

@@ -4,7 +4,7 @@
 // failNext(op, n, code) makes the next n calls of `op` fail with `code`;
 // throwNextUnexpected(op, n) makes them throw an exception foreign to the framework. Arming
 // an operation replaces what was still armed for it. take() is asked once per call and
-// consumes one armed failure.
+// consumes one armed failure; taken() counts them.
 //
 // Ownership: held by Instrumentation, shared by the provider and its streams.
 // Locks: one mutex of its own, held only inside each call. Thread safety: any thread; with
@@ -13,6 +13,7 @@
 
 #include <foundation/storage/provider/ErrorCode.h>
 
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -35,6 +36,8 @@ class FaultInjector {
   void clear();
   // The failure armed for this call of `operation`, if any (consumed).
   std::optional<Fault> take(std::string_view operation);
+  // How many armed failures calls have met since construction.
+  std::uint64_t taken() const;
 
  private:
   struct Armed {
@@ -43,8 +46,9 @@ class FaultInjector {
   };
   void arm(const std::string& operation, unsigned count, Fault fault);
 
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::map<std::string, Armed, std::less<>> armed_;
+  std::uint64_t taken_ = 0;
 };
 
 }  // namespace foundation::storage::provider::instrumented
