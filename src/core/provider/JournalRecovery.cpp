@@ -286,10 +286,13 @@ void JournalRecovery::writeRange(const ReplayChange& change, std::size_t index,
     // went before the crash: the store's file, elsewhere, holds bytes that no pending record
     // names. Opened without creating, the refusal sends the write after the file (see apply);
     // made again here, the later move would carry a file of the recorded bytes alone over the
-    // store's. Any other file missing is made again, so that the bytes are not lost.
-    openRecoveredStream(at, firstMoveOrRemovalAfter(change.location.getPath(), position)
-                                ? fsp::ByteStreamOpenOptions::readWrite()
-                                : fsp::ByteStreamOpenOptions::readWriteCreate());
+    // store's. Any other file missing is made again, so that the bytes are not lost. (Only a
+    // missing file looks ahead in the journal: that walk, for every write, would make a long
+    // recovery quadratic.)
+    const bool makeAgain =
+        !overlay_.fileExists(at) && !firstMoveOrRemovalAfter(change.location.getPath(), position);
+    openRecoveredStream(at, makeAgain ? fsp::ByteStreamOpenOptions::readWriteCreate()
+                                      : fsp::ByteStreamOpenOptions::readWrite());
   }
   // The bytes of the file's final body; none when a later change removes the file (they
   // would never be seen) or the body is shorter (a later truncation cuts them).
