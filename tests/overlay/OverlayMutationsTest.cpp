@@ -252,10 +252,7 @@ TEST(OverlayMutations, AStoreThatIsAwayCostsNoChangeWhenTheOverlayIsPatient) {
 // crash left (the bytes of its writes in the body of the file's final location), the store as
 // the crash left it, and what the store must hold once the next provider has flushed.
 TEST(OverlayMutations, TheNextProviderFinishesWhatTheJournalHoldsAndRepeatsNothing) {
-  using storage::overlayprovider::ChangeAction;
-  using storage::overlayprovider::ReplayChange;
-  using namespace storage::overlayprovider;  // the transaction kinds
-  using storage::overlayprovider::cacheFileName;
+  using namespace storage::overlayprovider;  // the journal's changes and the transaction kinds
   const auto recorded = [](const std::u16string& path) { return StorageIRI(u"overlay", path); };
   const auto write = [&](const std::u16string& path, std::int64_t offset, std::int64_t length) {
     return ReplayChange(FILE_WRITE, ChangeAction::WriteRange, recorded(path)).range(offset, length);
